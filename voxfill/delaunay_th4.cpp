@@ -1,0 +1,53 @@
+// The engine of one run: clearing, settings in order, progress tree, dispatch on the mode.
+#include "voxfill/delaunay_th4.h"
+
+#include "voxfill/refine/refine_context.h"
+
+namespace kelvo::voxfill {
+
+const double* phase_weights(unsigned mode) noexcept {
+  static constexpr double kWeights[4][6] = {
+      {0.01, 0.09, 0.1, 0.55, 0.25, 0.0},  // mesh generation
+      {0.1, 0.0, 0.0, 0.0, 0.9, 0.0},      // regularisation
+      {0.1, 0.9, 0.0, 0.0, 0.0, 0.0},      // Delaunay of the hull
+      {0.0, 0.0, 0.0, 0.0, 0.0, 0.0},      // any other mode
+  };
+  return kWeights[mode < 3 ? mode : 3];
+}
+
+void th4_engine::clear() {}
+
+void th4_engine::run(mesher::data_type& data, refine_context& context) {
+  const mesher::settings_type kept = settings;
+  data.clear_data_out();
+  clear();
+
+  if (settings.front_as_background) settings.target_size = 0.0;
+  if (!data.background_mesh.empty()) settings.target_size = 0.0;
+  if (settings.mode == 0 && !settings.refine) settings.optim_node_insertion = false;
+  if (settings.mode == 2) settings.compute_Qh = false;
+
+  Ptr<progress_bar> root(new progress_bar(settings.progress_offset, settings.progress_scale));
+  root->add_phase_bars(phase_weights(settings.mode), 6);
+  tasks = new task_type(&settings, root.get(), &data.error_code, &data.warning_code, data.msg_title,
+                        data.msg_text);
+
+  switch (settings.mode) {
+    case 0: run_mesh_generation(data, context); break;
+    case 1: run_regularization(data); break;
+    case 2: run_delaunay(data); break;
+    default: break;
+  }
+
+  // The handlers come from the caller's settings, which the run does not change.
+  settings = kept;
+  root->finish();
+  if (settings.interrupt_hdl) settings.interrupt_hdl(settings.pass_thru, root->value());
+  tasks = nullptr;
+}
+
+void th4_engine::run_mesh_generation(mesher::data_type&, refine_context&) {}
+void th4_engine::run_regularization(mesher::data_type&) {}
+void th4_engine::run_delaunay(mesher::data_type&) {}
+
+}  // namespace kelvo::voxfill
