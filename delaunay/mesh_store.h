@@ -1,0 +1,102 @@
+// The in-memory tetrahedral mesh: node and tet tables with O(1) row reuse, parallel per-row
+// arrays, hard entity sets, visit marks, scratch lists and the run's random sources.
+#pragma once
+
+#include "delaunay/cavity_record.h"
+#include "delaunay/entity_set.h"
+#include "delaunay/node_locator.h"
+#include "delaunay/node_octree.h"
+#include "delaunay/random_source.h"
+#include "delaunay/vector_fast.h"
+
+namespace kelvo::voxfill {
+
+class mesh_store {
+ public:
+  entity_set hard_set;
+  entity_set unenforced_set;
+  slot_table<double> nodes{3};
+  slot_table<unsigned> tets{4};
+  slot_table<unsigned> neighbors{4};
+  dense1D<unsigned> ancestors;
+  dense1D<unsigned> colors;
+  dense1D<double> node_sizes;
+  dense1D<double> tet_qualities;
+  dense1D<unsigned> tet_stamps;
+  unsigned tet_clock = 0;
+  dense1D<unsigned> marks;
+  unsigned mark_value = 1;
+  unsigned mark_step = 1;
+  node_octree exclusion_octree;
+  unsigned exclusion_count = 0;
+  dense1D<unsigned> work_stack;
+  dense1D<unsigned> work_list_b;
+  vector_fast face_link_table;
+  unsigned open_face[3] = {NONE, NONE, NONE};
+  dense2D<unsigned> star_tets;
+  dense2D<unsigned> star_neighbors;
+  unsigned kernel_mode = 0;
+  dense1D<unsigned> box_nodes;
+  double box_min[3] = {0.0, 0.0, 0.0};
+  double box_max[3] = {0.0, 0.0, 0.0};
+  node_locator locator;
+  cavity_record cavity;
+  edge_set scratch_edges;
+  random_source_type random_source{1u};
+  bit_source bits;
+
+  mesh_store();
+  mesh_store(const mesh_store&) = delete;
+  mesh_store& operator=(const mesh_store&) = delete;
+
+  // A node at (x, y, z) with wanted size h: its index, or NONE when memory ran out (store unchanged).
+  unsigned new_node(double x, double y, double z, double h) noexcept;
+  // Takes the node out of the locator's octree if it is there, and frees its row.
+  void release_node(unsigned n) noexcept;
+  // A tet with neighbours NONE, colour and quality as given: its index, or NONE (store unchanged).
+  unsigned new_tet(unsigned n0, unsigned n1, unsigned n2, unsigned n3, unsigned color,
+                   double quality) noexcept;
+  // Frees the rows; nodes and neighbours stay readable until the rows are reused.
+  void release_tet(unsigned t) noexcept;
+  void release_tets(const unsigned* list, unsigned count) noexcept;
+  void set_tet_nodes(unsigned t, const unsigned n[4]) noexcept {
+    unsigned* r = tets.row(t);
+    r[0] = n[0], r[1] = n[1], r[2] = n[2], r[3] = n[3];
+  }
+  // Appends one node per column of `points`; columns beyond `sizes` get size 0.0.
+  bool load_nodes(const dense2D<double>& points, const dense1D<double>& sizes) noexcept;
+  // Appends one tet per column of `t4`, with colour `color` and quality 0.0.
+  bool load_tets(const dense2D<unsigned>& t4, unsigned color) noexcept;
+  // Room for that many nodes and tets in every parallel array; false when memory ran out.
+  bool reserve(unsigned node_count, unsigned tet_count) noexcept;
+
+  // A fresh generation of visit marks, without clearing (but at the wrap of the counter).
+  unsigned bump_marks() noexcept;
+  bool marked(unsigned i) const noexcept { return i < marks.size && marks[i] == mark_value; }
+  void mark(unsigned i) noexcept { marks[i] = mark_value; }
+  // Makes `marks` cover index i (new entries 0). False when memory ran out.
+  bool cover_marks(unsigned i) noexcept {
+    return i < marks.size || marks.resize(i + 1 > 2 * marks.size ? i + 1 : 2 * marks.size, 0u);
+  }
+
+  // Local face of a opposite b, 4 when b is not a neighbour of a.
+  unsigned neighbor_index(unsigned a, unsigned b) const noexcept {
+    const unsigned* nb = neighbors.row(a);
+    for (unsigned f = 0; f < 4; ++f)
+      if (nb[f] == b) return f;
+    return 4;
+  }
+  bool tet_live(unsigned t) const noexcept { return colors[t] != DELETED; }
+  bool tet_in_domain(unsigned t) const noexcept { return colors[t] < DELETED; }
+
+  // Recomputes every quality (only classified tets when asked); the smallest, 1.0 when no tet,
+  // 0.0 at a non-finite value.
+  double recompute_qualities(bool only_classified) noexcept;
+  // ancestors[node] = tet for each node of each tet of [first, last); the last write wins.
+  void set_ancestors(unsigned first, unsigned last) noexcept;
+
+  // Lets go of every table, empties the sets, re-seeds the generators.
+  void clear();
+};
+
+}  // namespace kelvo::voxfill

@@ -1,0 +1,90 @@
+// A table of fixed-height rows that are acquired, released and reused in O(1).
+#pragma once
+
+#include "delaunay/bit_set.h"
+#include "numcore/dense2D.h"
+
+namespace kelvo::voxfill {
+
+constexpr unsigned NONE = 0xFFFFFFFFu;     // no node, no tet, no neighbour; colour: not classified
+constexpr unsigned DELETED = 0xFFFFFFFEu;  // colour of a deleted tet row; a search that must end
+
+// Column j of `data` is row j. The column count is the high-water mark; a released row keeps its
+// content until it is reused, so a holder of a stale index can still read it.
+template <class T>
+struct slot_table {
+  dense2D<T> data;
+  bit_set free_bits;
+  dense1D<unsigned> free_stack;
+  unsigned height = 0;  // words per row
+
+  explicit slot_table(unsigned h = 1) : height(h) { data.resize(h, 0); }
+
+  unsigned cols() const noexcept { return data.cols; }
+  bool is_free(unsigned i) const noexcept { return free_bits.test(i); }
+  T* row(unsigned i) noexcept { return data.col(i); }
+  const T* row(unsigned i) const noexcept { return data.col(i); }
+  T& operator()(unsigned k, unsigned i) noexcept { return data(k, i); }
+  const T& operator()(unsigned k, unsigned i) const noexcept { return data(k, i); }
+
+  // Takes a free row, or a new column at the end (the table doubles, from 8 columns). The row's
+  // content is left to the caller. NONE when memory ran out.
+  unsigned acquire() noexcept {
+    const unsigned n = data.cols;
+    unsigned i = n;
+    while (free_stack.size) {
+      const unsigned top = free_stack.back();
+      free_stack.pop_back();
+      if (top < n) {
+        i = top;
+        break;
+      }
+    }
+    free_bits.reset(i);
+    if (i == n) {
+      if (n >= data.capacity_cols()) {
+        const unsigned want = n ? 2 * n : 8;
+        if (!data.reserve(height, want < 8 ? 8 : want, 1)) return NONE;
+      }
+      data.resize(height, n + 1);
+    }
+    return i;
+  }
+
+  // Marks row i free; its content stays. False when the free list could not grow.
+  bool release(unsigned i) noexcept {
+    const unsigned before = free_stack.size;
+    free_stack.push_back(i);
+    if (free_stack.size == before) return false;
+    if (!free_bits.set(i)) {
+      free_stack.pop_back();
+      return false;
+    }
+    return true;
+  }
+
+  // Undoes an acquire after a failure elsewhere: the table is cut back to `old_cols` columns and
+  // the row goes back on the free list.
+  void give_back(unsigned i, unsigned old_cols) noexcept {
+    if (data.cols > old_cols) data.resize(height, old_cols);
+    release(i);
+  }
+
+  bool reserve(unsigned n) noexcept { return data.reserve(height, n, 1); }
+
+  // Empties the table and lets its memory go.
+  void clear_hard() {
+    data.clear_hard();
+    data.resize(height, 0);
+    free_bits.clear_hard();
+    free_stack.clear_hard();
+  }
+  // Cuts the table to n columns and forgets the free rows (after a compaction).
+  void set_columns(unsigned n) noexcept {
+    data.resize(height, n);
+    free_bits.clear();
+    free_stack.clear();
+  }
+};
+
+}  // namespace kelvo::voxfill
