@@ -112,3 +112,35 @@ TEST(MesherRun, ThrowingHandlerIsInternalError) {
   EXPECT_STREQ(d.msg_text, "\nFile = voxfill/mesher_th4.cpp, line = 124.\n");
   EXPECT_EQ(m.settings.mode, 0u);
 }
+
+// Two meshers on two records on two threads give what sequential runs give: no shared state.
+TEST(MesherThreads, TwoRunsAtOnce) {
+  auto make = [](unsigned seed) {
+    dense2D<double> pos(3, 200);
+    unsigned x = seed;
+    for (unsigned j = 0; j < 200; ++j)
+      for (unsigned i = 0; i < 3; ++i) {
+        x = x * 1664525u + 1013904223u;
+        pos(i, j) = (x >> 8) / double(1u << 24);
+      }
+    data_type d(pos, dense2D<unsigned>());
+    for (unsigned j = 0; j < 200; ++j) d.isolated_nodes.push_back(j);
+    return d;
+  };
+  mesher m;
+  m.settings.mode = 2;
+  data_type s1 = make(1), s2 = make(2);
+  m.run(s1);
+  m.run(s2);
+  data_type p1 = make(1), p2 = make(2);
+  std::thread t1([&] { m.run(p1); });
+  std::thread t2([&] { m.run(p2); });
+  t1.join();
+  t2.join();
+  for (auto [a, b] : {std::pair{&s1, &p1}, std::pair{&s2, &p2}}) {
+    EXPECT_EQ(a->error_code, b->error_code);
+    ASSERT_EQ(a->connectM.cols, b->connectM.cols);
+    for (unsigned j = 0; j < a->connectM.cols; ++j)
+      for (unsigned i = 0; i < 4; ++i) EXPECT_EQ(a->connectM(i, j), b->connectM(i, j));
+  }
+}
