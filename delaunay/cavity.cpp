@@ -1,0 +1,551 @@
+// Cavity of a node insertion: collection, correction (hard faces, hard edges, surface test, victim
+// pick) and star filling.
+#include "delaunay/cavity.h"
+
+#include <cmath>
+
+#include "delaunay/keys.h"
+#include "delaunay/tet_tables.h"
+
+#ifdef VOXFILL_CHECKS
+#include <cstdlib>
+#define VOXFILL_CAVITY_CHECK(cond) \
+  do {                             \
+    if (!(cond)) std::abort();     \
+  } while (0)
+#else
+#define VOXFILL_CAVITY_CHECK(cond) \
+  do {                             \
+  } while (0)
+#endif
+
+namespace kelvo::voxfill {
+namespace {
+
+// Raw views of the tables that the cavity routines read in their loops. The node and tet tables
+// are packed (3 and 4 words per column), so a row is a plain offset. Valid until a table grows.
+struct mesh_view {
+  const double* xyz;
+  unsigned* nodes;
+  unsigned* nbrs;
+  unsigned* marks;
+  unsigned mark;
+
+  explicit mesh_view(mesh_store& m) noexcept
+      : xyz(m.nodes.data.vec->data + m.nodes.data.offset),
+        nodes(m.tets.data.vec->data + m.tets.data.offset),
+        nbrs(m.neighbors.data.vec->data + m.neighbors.data.offset),
+        marks(m.marks.data()),
+        mark(m.mark_value) {
+    VOXFILL_CAVITY_CHECK(m.nodes.data.cols == 0 || m.nodes.data.ld == 3);
+    VOXFILL_CAVITY_CHECK(m.tets.data.cols == 0 || m.tets.data.ld == 4);
+    VOXFILL_CAVITY_CHECK(m.neighbors.data.cols == 0 || m.neighbors.data.ld == 4);
+  }
+  const double* point(unsigned n) const noexcept { return xyz + 3 * std::size_t(n); }
+  unsigned* tet(unsigned t) const noexcept { return nodes + 4 * std::size_t(t); }
+  unsigned* nb(unsigned t) const noexcept { return nbrs + 4 * std::size_t(t); }
+  // Tets and nodes are below the length of `marks` (new rows cover it).
+  bool marked(unsigned i) const noexcept { return marks[i] == mark; }
+  void set(unsigned i) const noexcept { marks[i] = mark; }
+  // Mark values are never 0, so 0 reads as "not visited" in every generation.
+  void unset(unsigned i) const noexcept { marks[i] = 0; }
+  // Local face of a that leads to b, 4 when none.
+  unsigned back_face(unsigned a, unsigned b) const noexcept {
+    const unsigned* r = nb(a);
+    return r[0] == b ? 0 : r[1] == b ? 1 : r[2] == b ? 2 : r[3] == b ? 3 : 4;
+  }
+  // Quality of the tet (P, nodes of face i of t in table order): positive when P lies on the side
+  // of the node opposite the face.
+  double face_quality(const double* P, unsigned code) const noexcept {
+    const unsigned* n = tet(code >> 2);
+    const unsigned* f = tet_face_nodes[code & 3];
+    return tet_quality(P, point(n[f[0]]), point(n[f[1]]), point(n[f[2]]));
+  }
+};
+
+// Empties an edge set without letting its buckets shrink back, so that a warm set does not
+// rehash (and allocate) again: only the buckets that held entries are reset.
+void reset_edges(edge_set& s) noexcept {
+  const unsigned mask = s.heads.size - 1;
+  for (unsigned e = 0; e < s.keys.size; ++e) s.heads[key_hash(s.keys[e]) & mask] = NONE;
+  s.keys.clear();
+  s.next.clear();
+  s.count = 0;
+}
+
+unsigned faces_of_tet(const cavity_record& cav, unsigned t) noexcept {
+  unsigned c = 0;
+  for (unsigned k = 0; k < cav.faces.size; ++k) c += (cav.faces[k] >> 2) == t;
+  return c;
+}
+
+// Both sides of every hard face that runs through the cavity become boundary faces. The far side
+// of P gets a non-positive quality and leaves at the next sweep; P on the face sends both away.
+void add_hard_faces(const mesh_view& v, cavity_record& cav, const entity_set& hard,
+                    const double* P) noexcept {
+  if (cav.tets.size < 2) return;
+  const unsigned T = cav.tets.size;
+  for (unsigned k = 0; k < T; ++k) {
+    const unsigned t = cav.tets[k];
+    const unsigned* n = v.tet(t);
+    bool h[4];
+    unsigned count = 0;
+    for (unsigned i = 0; i < 4; ++i) count += (h[i] = hard.has_node(n[i]));
+    if (count < 3) continue;
+    for (unsigned i = 0; i < 4; ++i) {
+      const unsigned nb = v.nb(t)[i];
+      if (nb > t) continue;  // each pair once, from the higher index; hull faces too
+      if (count - h[i] < 3) continue;
+      if (!v.marked(nb)) continue;
+      const unsigned* f = tet_face_nodes[i];
+      if (!hard.has_face(n[f[0]], n[f[1]], n[f[2]])) continue;
+      const unsigned j = v.back_face(nb, t);
+      const unsigned c1 = 4 * t + i, c2 = 4 * nb + j;
+      double q1 = v.face_quality(P, c1), q2 = -q1;
+      if (q1 != 0.0) {
+        q2 = v.face_quality(P, c2);
+        if (q2 == 0.0) q1 = 0.0;
+      }
+      cav.faces.push_back(c1);
+      cav.faces.push_back(c2);
+      cav.hard_faces.push_back(c1);
+      cav.hard_faces.push_back(c2);
+      cav.face_qualities.push_back(q1);
+      cav.face_qualities.push_back(q2);
+    }
+  }
+}
+
+// After marks were cleared: drops the faces of the tets that left, and the tets themselves, and
+// opens the faces of the remaining tets towards them (but for the hard faces already listed).
+void rebuild(const mesh_view& v, cavity_record& cav, const double* P) noexcept {
+  unsigned w = 0;
+  for (unsigned k = 0; k < cav.faces.size; ++k) {
+    if (!v.marked(cav.faces[k] >> 2)) continue;
+    cav.faces[w] = cav.faces[k];
+    cav.face_qualities[w] = cav.face_qualities[k];
+    ++w;
+  }
+  cav.faces.size = cav.face_qualities.size = w;
+  w = 0;
+  for (unsigned k = 0; k < cav.hard_faces.size; ++k)
+    if (v.marked(cav.hard_faces[k] >> 2)) cav.hard_faces[w++] = cav.hard_faces[k];
+  cav.hard_faces.size = w;
+
+  w = 0;
+  const unsigned T = cav.tets.size;
+  for (unsigned k = 0; k < T; ++k) {
+    const unsigned t = cav.tets[k];
+    if (v.marked(t)) {
+      cav.tets[w++] = t;
+      continue;
+    }
+    const unsigned* nbs = v.nb(t);
+    for (unsigned i = 0; i < 4; ++i) {
+      const unsigned nb = nbs[i];
+      if (nb == NONE || !v.marked(nb)) continue;
+      const unsigned code = 4 * nb + v.back_face(nb, t);
+      bool listed = false;
+      for (unsigned h = 0; h < cav.hard_faces.size && !listed; ++h)
+        listed = cav.hard_faces[h] == code;
+      if (listed) continue;
+      cav.faces.push_back(code);
+      cav.face_qualities.push_back(v.face_quality(P, code));
+    }
+  }
+  cav.tets.size = w;
+}
+
+// A hard edge that lies inside the cavity: on no boundary face. Candidates are the hard edges
+// between two inner faces of a tet; the boundary faces then strike theirs out. The smallest left,
+// by (first node, second node) as stored; false when none.
+bool hard_edge_inside(mesh_store& m, const mesh_view& v, const cavity_record& cav,
+                      const entity_set& hard, edge_key& found) noexcept {
+  const unsigned T = cav.tets.size, F = cav.faces.size;
+  if (F + 4 > 4 * T) return false;
+  edge_set& edges = m.scratch_edges;
+  for (unsigned k = 1; k < T; ++k) {
+    const unsigned t = cav.tets[k];
+    const unsigned* n = v.tet(t);
+    bool h[4];
+    unsigned count = 0;
+    for (unsigned i = 0; i < 4; ++i) count += (h[i] = hard.has_node(n[i]));
+    if (count < 2) continue;
+    unsigned inner[4], ni = 0;
+    for (unsigned u = 0; u < 4; ++u) {
+      if (count - h[u] < 2) continue;
+      const unsigned nb = v.nb(t)[u];
+      if (nb == NONE || !v.marked(nb)) continue;
+      for (unsigned s = 0; s < ni; ++s) {
+        const unsigned w = inner[s];
+        const unsigned a = unsigned(tet_face_pair_node[u][w]), b = 6 - u - w - a;
+        if (!h[a] || !h[b]) continue;
+        const edge_key e{{n[a], n[b]}};
+        if (hard.edges.contains(e)) edges.insert(e);
+      }
+      inner[ni++] = u;
+    }
+  }
+  if (edges.count == 0) return false;
+  for (unsigned k = 1; k < F && edges.count; ++k) {
+    const unsigned code = cav.faces[k];
+    const unsigned* n = v.tet(code >> 2);
+    const unsigned* f = tet_face_nodes[code & 3];
+    edges.erase(edge_key{{n[f[0]], n[f[1]]}});
+    edges.erase(edge_key{{n[f[1]], n[f[2]]}});
+    edges.erase(edge_key{{n[f[2]], n[f[0]]}});
+  }
+  bool any = false;
+  for (unsigned e = 0; e < edges.keys.size; ++e) {
+    if (!edges.live(e)) continue;
+    const edge_key& k = edges.keys[e];
+    if (!any || k.n[0] < found.n[0] || (k.n[0] == found.n[0] && k.n[1] < found.n[1])) found = k;
+    any = true;
+  }
+  reset_edges(edges);
+  return any;
+}
+
+enum class surface { ok, node, failure };
+
+// Whether the boundary is a topological sphere that holds every cavity node. Marks hold nodes
+// meanwhile; the cavity's tets are marked again in a fresh generation before returning.
+surface surface_test(mesh_store& m, const cavity_record& cav, unsigned& inner_node) noexcept {
+  const unsigned T = cav.tets.size, F = cav.faces.size;
+  if (4 * T < F + 6) return surface::ok;  // fewer than three inner faces: nothing to check
+  if (F > 3 * T + 1 || F > 2 * T + 2 || (F & 1)) return surface::failure;
+  m.bump_marks();
+  const mesh_view v(m);
+  unsigned V = 0;
+  for (unsigned k = 1; k < F; ++k) {
+    const unsigned code = cav.faces[k];
+    const unsigned* n = v.tet(code >> 2);
+    const unsigned* f = tet_face_nodes[code & 3];
+    for (unsigned s = 0; s < 3; ++s) {
+      const unsigned x = n[f[s]];
+      if (!v.marked(x)) {
+        v.set(x);
+        ++V;
+      }
+    }
+  }
+  surface result = surface::ok;
+  if (2 * V != F + 4) {  // Euler's formula for a sphere of triangles
+    result = surface::failure;
+  } else {
+    for (unsigned k = 1; k < T && result == surface::ok; ++k) {
+      const unsigned* n = v.tet(cav.tets[k]);
+      for (unsigned i = 0; i < 4; ++i) {
+        if (v.marked(n[i])) continue;
+        inner_node = n[i];
+        result = surface::node;
+      }
+    }
+    if (result == surface::ok) {
+      double qmin = cav.face_qualities[0];
+      for (unsigned k = 1; k < F; ++k)
+        if (cav.face_qualities[k] < qmin) qmin = cav.face_qualities[k];
+      if (qmin < FLAT_TOL) {
+        // Nearly flat new tets: the counts above may hide a pinched surface; a closed
+        // two-manifold of F triangles has exactly 3 F / 2 edges.
+        edge_set& edges = m.scratch_edges;
+        for (unsigned k = 1; k < F; ++k) {
+          const unsigned code = cav.faces[k];
+          const unsigned* n = v.tet(code >> 2);
+          const unsigned* f = tet_face_nodes[code & 3];
+          edges.insert(edge_key{{n[f[0]], n[f[1]]}});
+          edges.insert(edge_key{{n[f[1]], n[f[2]]}});
+          edges.insert(edge_key{{n[f[2]], n[f[0]]}});
+        }
+        if (2 * edges.count != 3 * F) result = surface::failure;
+        reset_edges(edges);
+      }
+    }
+  }
+  m.bump_marks();
+  const mesh_view w(m);
+  for (unsigned k = 0; k < T; ++k) w.set(cav.tets[k]);
+  return result;
+}
+
+// The cavity tet to give up so that a node (b NONE) or the edge (a, b) comes back to the boundary:
+// the one holding it with the most boundary faces, then the one of smallest quality, scanning from
+// a random start. NONE when no tet holds it.
+unsigned pick_victim(mesh_store& m, const mesh_view& v, const cavity_record& cav, unsigned a,
+                     unsigned b) noexcept {
+  const unsigned T = cav.tets.size;
+  const unsigned start = T >= 2 ? unsigned(m.random_source() % T) : 0;
+  unsigned best_count = 0, best = NONE;
+  double best_quality = 1.0;
+  for (unsigned s = 0; s < T; ++s) {
+    const unsigned t = cav.tets[(start + s) % T];
+    const unsigned* n = v.tet(t);
+    const bool has_a = n[0] == a || n[1] == a || n[2] == a || n[3] == a;
+    const bool has_b = b == NONE || n[0] == b || n[1] == b || n[2] == b || n[3] == b;
+    if (!has_a || !has_b) continue;
+    const unsigned c = faces_of_tet(cav, t);
+    if (c < best_count) continue;
+    double q = tet_quality(v.point(n[0]), v.point(n[1]), v.point(n[2]), v.point(n[3]));
+    if (std::fabs(q) < TET_PICK_TOL) q = 0.0;
+    if (c > best_count || q < best_quality) {
+      best_count = c;
+      best_quality = q;
+      best = t;
+    }
+  }
+  return best;
+}
+
+void abandon(cavity_record& cav) noexcept {
+  cav.node = NONE;
+  cav.tets.clear();
+  cav.faces.clear();
+  cav.hard_faces.clear();
+  cav.face_qualities.clear();
+}
+
+}  // namespace
+
+void collect_cavity(mesh_store& m, unsigned p, dense1D<unsigned>& seeds, cavity_record& cav,
+                    double tol) noexcept {
+  cav.node = p;
+  cav.tets.clear();
+  cav.faces.clear();
+  cav.hard_faces.clear();
+  cav.face_qualities.clear();
+  for (unsigned k = 0; k < seeds.size; ++k) cav.tets.push_back(seeds[k]);
+  m.bump_marks();
+  const mesh_view v(m);
+  for (unsigned k = 0; k < seeds.size; ++k) v.set(seeds[k]);
+  const double* P = v.point(p);
+  const double limit = 1.0 + tol;
+  while (seeds.size) {
+    const unsigned t = seeds.back();
+    seeds.pop_back();
+    const unsigned* nbs = v.nb(t);
+    for (unsigned i = 0; i < 4; ++i) {
+      const unsigned nb = nbs[i];
+      if (nb == NONE || v.marked(nb)) continue;
+      v.set(nb);
+      const unsigned* n = v.tet(nb);
+      if (circumsphere_ratio(v.point(n[0]), v.point(n[1]), v.point(n[2]), v.point(n[3]), P) <
+          limit) {
+        cav.tets.push_back(nb);
+        seeds.push_back(nb);
+      }
+    }
+  }
+}
+
+void correct_cavity(mesh_store& m, cavity_record& cav, unsigned kernel_mode,
+                    const entity_set& hard_set) noexcept {
+  if (cav.tets.size == 0) return;
+  bool edge_check = kernel_mode == 2;
+  m.bump_marks();
+  const mesh_view v(m);
+  const double* P = v.point(cav.node);
+
+  unsigned w = 0;
+  for (unsigned k = 0; k < cav.tets.size; ++k) {
+    const unsigned t = cav.tets[k];
+    if (v.marked(t)) continue;
+    v.set(t);
+    cav.tets[w++] = t;
+  }
+  cav.tets.size = w;
+
+  cav.faces.clear();
+  cav.hard_faces.clear();
+  cav.face_qualities.clear();
+  for (unsigned k = 0; k < cav.tets.size; ++k) {
+    const unsigned t = cav.tets[k];
+    const unsigned* nbs = v.nb(t);
+    for (unsigned i = 0; i < 4; ++i)
+      if (nbs[i] == NONE || !v.marked(nbs[i])) cav.faces.push_back(4 * t + i);
+  }
+  for (unsigned k = 0; k < cav.faces.size; ++k)
+    cav.face_qualities.push_back(v.face_quality(P, cav.faces[k]));
+  if (kernel_mode != 0 && hard_set.faces.size() > 0) add_hard_faces(v, cav, hard_set, P);
+
+  for (;;) {
+    // Every new tet must be positive: a face that P does not see from inside drops its tet.
+    while (cav.faces.size) {
+      const mesh_view u(m);
+      bool removed = false;
+      for (unsigned k = 0; k < cav.faces.size; ++k) {
+        if (cav.face_qualities[k] > STAR_TOL) continue;
+        const unsigned t = cav.faces[k] >> 2;
+        if (u.marked(t)) {
+          u.unset(t);
+          removed = true;
+        }
+      }
+      if (!removed) break;
+      rebuild(u, cav, P);
+    }
+
+    unsigned victim = NONE;
+    bool decided = false;
+    if (edge_check) {
+      const mesh_view u(m);
+      edge_key e{{NONE, NONE}};
+      if (hard_edge_inside(m, u, cav, hard_set, e)) {
+        victim = pick_victim(m, u, cav, e.n[0], e.n[1]);
+        decided = true;
+      } else {
+        edge_check = false;  // this cavity is not checked for hard edges again
+      }
+    }
+    if (!decided) {
+      unsigned node = NONE;
+      const surface s = surface_test(m, cav, node);
+      if (s == surface::ok) return;
+      if (s == surface::node) victim = pick_victim(m, mesh_view(m), cav, node, NONE);
+    }
+    if (victim == NONE) {
+      abandon(cav);
+      return;
+    }
+    const mesh_view u(m);
+    u.unset(victim);
+    rebuild(u, cav, P);
+    if (cav.tets.size == 0) return;
+  }
+}
+
+bool fill_star(mesh_store& m, cavity_record& cav, dense1D<unsigned>& out) noexcept {
+  out.clear();
+  const unsigned T = cav.tets.size, F = cav.faces.size;
+  const unsigned reused = T < F ? T : F;
+  if (T + F == 0) return true;
+  if (T == 0) return false;
+  const unsigned color = m.colors[cav.tets[0]];
+  const unsigned p = cav.node;
+
+  if (!m.star_tets.resize(4, F) || !m.star_neighbors.resize(4, F, NONE)) {
+    m.star_tets.clear();
+    m.star_neighbors.clear();
+    return false;
+  }
+  unsigned* star = m.star_tets.col(0);
+  unsigned* link = m.star_neighbors.col(0);
+  {
+    const mesh_view v(m);
+    for (unsigned k = 0; k < F; ++k) {
+      const unsigned code = cav.faces[k];
+      const unsigned t = code >> 2, i = code & 3;
+      const unsigned* n = v.tet(t);
+      const unsigned* f = tet_face_nodes[i];
+      // Node p in the place of the node opposite the face: an even order, so the new tet is
+      // positive when p sees the face from inside, and its face 0 is the cavity face.
+      unsigned* s = star + 4 * std::size_t(k);
+      s[0] = p;
+      s[1] = n[f[0]];
+      s[2] = n[f[1]];
+      s[3] = n[f[2]];
+      const unsigned nb = v.nb(t)[i];
+      cav.faces[k] = nb == NONE ? NONE : 4 * nb + v.back_face(nb, t);
+    }
+  }
+
+  // Faces 1 to 3 of the new tets hold p; each must meet exactly one reversed twin.
+  m.open_face[0] = m.open_face[1] = m.open_face[2] = NONE;
+  vector_fast& table = m.face_link_table;
+  auto fail = [&]() {
+    m.star_tets.clear();
+    m.star_neighbors.clear();
+    return false;
+  };
+  if (!table.build(3 * F)) return fail();
+  for (unsigned k = 0; k < F; ++k) {
+    const unsigned* s = star + 4 * std::size_t(k);
+    for (unsigned f = 1; f < 4; ++f) {
+      const unsigned* l = tet_face_nodes[f];
+      const unsigned key[3] = {s[l[0]], s[l[1]], s[l[2]]};
+      if (!table.insert(4 * k + f, key_hash(key, 3))) return fail();
+    }
+  }
+  {
+    const unsigned* store = table.store.data();
+    auto face_of = [&](unsigned value) {
+      const unsigned* s = star + 4 * std::size_t(value >> 2);
+      const unsigned* l = tet_face_nodes[value & 3];
+      return face_key{{s[l[0]], s[l[1]], s[l[2]]}};
+    };
+    for (unsigned b = 0; b < table.buckets; ++b) {
+      for (unsigned p1 = 2 * b;; p1 += store[p1 + 1]) {
+        const unsigned v1 = store[p1];
+        if (v1 != NONE) {
+          const face_key k1 = face_of(v1);
+          unsigned& l1 = link[4 * std::size_t(v1 >> 2) + (v1 & 3)];
+          for (unsigned p2 = p1; store[p2 + 1] != NONE;) {
+            p2 += store[p2 + 1];
+            const unsigned v2 = store[p2];
+            if (v2 == NONE) continue;
+            const int c = compare_keys(k1, face_of(v2));
+            if (c == 0) continue;
+            unsigned& l2 = link[4 * std::size_t(v2 >> 2) + (v2 & 3)];
+            if (c > 0 || l1 != NONE || l2 != NONE) return fail();
+            l1 = v2 >> 2;
+            l2 = v1 >> 2;
+          }
+        }
+        if (store[p1 + 1] == NONE) break;
+      }
+    }
+  }
+
+  // Room for every new row before the mesh is touched, so that nothing can fail half-way.
+  if (F > T) {
+    const unsigned extra = F - T;
+    const unsigned cols = m.tets.cols();
+    const unsigned spare = m.tets.free_stack.size;
+    if (extra > spare) {
+      const unsigned need = cols + (extra - spare);
+      const bool short_of_room = m.tets.data.capacity_cols() < need ||
+                                 m.neighbors.data.capacity_cols() < need ||
+                                 m.colors.capacity() < need || m.tet_qualities.capacity() < need ||
+                                 m.tet_stamps.capacity() < need;
+      if (short_of_room && !m.reserve(m.nodes.cols(), need > 2 * cols ? need : 2 * cols))
+        return fail();
+      if (!m.cover_marks(need - 1)) return fail();
+    }
+  }
+  if (!out.reserve(F)) return fail();
+
+  for (unsigned k = 0; k < reused; ++k) {
+    const unsigned t = cav.tets[k];
+    m.set_tet_nodes(t, star + 4 * std::size_t(k));
+    m.tet_qualities[t] = cav.face_qualities[k];
+    m.tet_stamps[t] = m.tet_clock;
+    out.push_back(t);
+  }
+  for (unsigned k = reused; k < F; ++k) {
+    const unsigned* s = star + 4 * std::size_t(k);
+    const unsigned t = m.new_tet(s[0], s[1], s[2], s[3], color, cav.face_qualities[k]);
+    VOXFILL_CAVITY_CHECK(t != NONE);
+    out.push_back(t);
+  }
+  for (unsigned k = reused; k < T; ++k) m.release_tet(cav.tets[k]);
+
+  const mesh_view v(m);
+  for (unsigned k = 0; k < F; ++k) {
+    const unsigned t = out[k];
+    unsigned* nbs = v.nb(t);
+    const unsigned outside = cav.faces[k];
+    nbs[0] = outside == NONE ? NONE : outside >> 2;
+    const unsigned* l = link + 4 * std::size_t(k);
+    for (unsigned f = 1; f < 4; ++f) nbs[f] = l[f] == NONE ? NONE : out[l[f]];
+    if (outside != NONE) v.nb(outside >> 2)[outside & 3] = t;
+  }
+  unsigned* anc = m.ancestors.data();
+  for (unsigned k = 0; k < F; ++k) {
+    const unsigned* n = v.tet(out[k]);
+    for (unsigned i = 0; i < 4; ++i) anc[n[i]] = out[k];
+  }
+  m.star_tets.clear();
+  m.star_neighbors.clear();
+  return true;
+}
+
+}  // namespace kelvo::voxfill

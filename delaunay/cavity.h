@@ -1,0 +1,62 @@
+// The cavity of a node insertion: collection by the circumsphere test, correction until it can be
+// starred from the node, and the replacement of the cavity by its star.
+#pragma once
+
+#include "delaunay/geometry.h"
+#include "delaunay/mesh_store.h"
+
+namespace kelvo::voxfill {
+
+// Relative tolerance of the circumsphere test that every caller gives (added to 1).
+inline constexpr double CAVITY_TOL = 1e-12;
+// A new tet's quality must be above this.
+inline constexpr double STAR_TOL = 1e-12;
+// Below this smallest star quality the cavity's surface also has to pass the edge count.
+inline constexpr double FLAT_TOL = 1e-10;
+// Qualities of smaller magnitude count as 0.0 when a tet is picked for removal.
+inline constexpr double TET_PICK_TOL = 1e-12;
+
+// |P - centre|^2 / r^2 for the circumsphere of the tet (p0, p1, p2, p3), the sphere being built
+// from the circumcircle of the face (p1, p2, p3) lifted along its normal towards p0. 0.0 when the
+// tet is flat or turned (so that it always joins a cavity), NO_VALUE for a sphere of radius 0.
+inline double circumsphere_ratio(const double* p0, const double* p1, const double* p2,
+                                 const double* p3, const double* P) noexcept {
+  double N[3], C[3];
+  const double R2 = circumcircle<3>(p1, p2, p3, C);
+  if (R2 == NO_VALUE) return 0.0;
+  face_normal(p1, p2, p3, N);
+  const double d[3] = {p0[0] - C[0], p0[1] - C[1], p0[2] - C[2]};
+  const double s = d[0] * N[0] + d[1] * N[1] + d[2] * N[2];
+  if (s <= 0.0) return 0.0;
+  // The centre lies on the line through C along N, at equal distance from p0 and the face nodes.
+  const double dd = d[0] * d[0] + d[1] * d[1] + d[2] * d[2];
+  const double nn = N[0] * N[0] + N[1] * N[1] + N[2] * N[2];
+  const double t = (dd - R2) / (2.0 * s);
+  const double r2 = R2 + t * t * nn;
+  if (r2 == 0.0) return NO_VALUE;
+  const double e[3] = {P[0] - (C[0] + t * N[0]), P[1] - (C[1] + t * N[1]),
+                       P[2] - (C[2] + t * N[2])};
+  return (e[0] * e[0] + e[1] * e[1] + e[2] * e[2]) / r2;
+}
+
+// Grows the cavity of node p from `seeds` (taken unconditionally) through the neighbours whose
+// circumsphere holds the node, ratio below 1 + tol. Fills `cav.tets` (seeds first) and sets
+// `cav.node`; empties the other lists. `seeds` is used as the stack and comes back empty. Marks
+// hold the tets tested or taken.
+void collect_cavity(mesh_store& m, unsigned p, dense1D<unsigned>& seeds, cavity_record& cav,
+                    double tol) noexcept;
+
+// Removes tets from the cavity until it can be starred from its node: every new tet above
+// STAR_TOL, the boundary a sphere holding every cavity node, and with kernel_mode 1 or 2 no hard
+// face crossed (2: no hard edge inside either). Fills `faces`, `hard_faces` and `face_qualities`.
+// Leaves a valid cavity, an empty one, or abandons (node NONE, all lists empty). On return marks
+// hold the cavity's tets.
+void correct_cavity(mesh_store& m, cavity_record& cav, unsigned kernel_mode,
+                    const entity_set& hard_set) noexcept;
+
+// Replaces a corrected cavity by one new tet per boundary face, reusing the cavity's rows first.
+// `out` gets the tets of the star, in the order of the faces. False when the new faces do not
+// match up or memory ran out: the mesh is then untouched (but `cav.faces` holds outside codes).
+bool fill_star(mesh_store& m, cavity_record& cav, dense1D<unsigned>& out) noexcept;
+
+}  // namespace kelvo::voxfill

@@ -1,0 +1,425 @@
+// Delaunay kernel: meshes of hard clouds, errors of the start, hard faces and edges, determinism,
+// interruption and insertion order.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <cstring>
+#include <map>
+#include <random>
+#include <vector>
+
+#include "delaunay/delaunay_mgr.h"
+#include "delaunay/mesh_walks.h"
+
+using namespace kelvo::voxfill;
+using kelvo::dense1D;
+using kelvo::Ptr;
+
+namespace {
+
+using point = std::array<double, 3>;
+
+// A store with its nodes loaded, a task on the Delaunay phase bar, and the start call.
+struct kernel_run {
+  mesher::settings_type settings;
+  mesher::data_type data;
+  Ptr<progress_bar> root;
+  Ptr<task_type> task;
+  mesh_store m;
+  dense1D<unsigned> list;
+  unsigned polls = 0, stop_at_poll = 0;  // the handler answers true from this poll on (0: never)
+
+  kernel_run() {
+    settings.pass_thru = this;
+    root = new progress_bar(0.0, 1.0);
+    root->add_phase_bars(phase_weights(2), 6);
+    task = new task_type(&settings, root.get(), &data.error_code, &data.warning_code,
+                         data.msg_title, data.msg_text);
+  }
+  void interrupt_from(unsigned poll) {
+    stop_at_poll = poll;
+    settings.interrupt_hdl = [](void* p, double) {
+      auto* r = static_cast<kernel_run*>(p);
+      return ++r->polls >= r->stop_at_poll;
+    };
+  }
+  void load(const std::vector<point>& pts) {
+    for (const point& p : pts) list.push_back(m.new_node(p[0], p[1], p[2], 0.0));
+  }
+  void start(double box_factor = 10.0, double shell_ratio = 0.0) {
+    double lo[3] = {0, 0, 0}, hi[3] = {0, 0, 0};
+    for (unsigned k = 0; k < list.size; ++k)
+      for (unsigned i = 0; i < 3; ++i) {
+        const double x = m.nodes(i, list[k]);
+        lo[i] = k ? std::min(lo[i], x) : x;
+        hi[i] = k ? std::max(hi[i], x) : x;
+      }
+    Ptr<task_type> phase = task->phase_task(phase_delaunay);
+    start_delaunay(m, list, lo, hi, box_factor, shell_ratio, *phase);
+  }
+  bool inserted(unsigned n) const { return m.ancestors[n] != NONE; }
+};
+
+std::vector<point> uniform(unsigned n, unsigned seed) {
+  std::mt19937 g(seed);
+  std::uniform_real_distribution<double> u(0.0, 1.0);
+  std::vector<point> pts(n);
+  for (point& p : pts) p = {u(g), u(g), u(g)};
+  return pts;
+}
+
+std::array<unsigned, 3> sorted_face(const unsigned* n, unsigned i) {
+  std::array<unsigned, 3> f = {n[tet_face_nodes[i][0]], n[tet_face_nodes[i][1]],
+                               n[tet_face_nodes[i][2]]};
+  std::sort(f.begin(), f.end());
+  return f;
+}
+
+// Validity and the empty-sphere property of the whole mesh; also that every node of the list is
+// either in the mesh or unenforced, never both.
+void check_mesh(const kernel_run& r, bool delaunay = true) {
+  const mesh_store& m = r.m;
+  const auto& xyz = m.nodes.data;
+  std::map<std::array<unsigned, 3>, unsigned> faces;
+  long double volume = 0.0L;
+  unsigned hull = 0, live = 0;
+  for (unsigned t = 0; t < m.tets.cols(); ++t) {
+    if (!m.tet_live(t)) continue;
+    ++live;
+    const unsigned* n = m.tets.row(t);
+    const double q = tet_quality(xyz, n[0], n[1], n[2], n[3]);
+    ASSERT_GT(q, 0.0) << "tet " << t;
+    ASSERT_EQ(q, m.tet_qualities[t]) << "stored quality of tet " << t;
+    volume += orient_det(xyz, n[0], n[1], n[2], n[3]) / 6.0L;
+    for (unsigned i = 0; i < 4; ++i) {
+      ++faces[sorted_face(n, i)];
+      const unsigned nb = m.neighbors(i, t);
+      if (nb == NONE) {
+        ++hull;
+        continue;
+      }
+      ASSERT_TRUE(m.tet_live(nb));
+      const unsigned j = m.neighbor_index(nb, t);
+      ASSERT_LT(j, 4u) << "neighbours not symmetric at tet " << t;
+      const unsigned* o = m.tets.row(nb);
+      const face_key a{{n[tet_face_nodes[i][0]], n[tet_face_nodes[i][1]], n[tet_face_nodes[i][2]]}};
+      const face_key b{{o[tet_face_nodes[j][0]], o[tet_face_nodes[j][1]], o[tet_face_nodes[j][2]]}};
+      ASSERT_EQ(compare_keys(a, b), -1) << "neighbours do not share the face reversed";
+    }
+  }
+  unsigned single = 0;
+  for (const auto& f : faces) {
+    ASSERT_LE(f.second, 2u);
+    single += f.second == 1;
+  }
+  EXPECT_EQ(single, hull) << "a face of one tet that is not on the hull";
+  EXPECT_EQ(hull, 12u);  // the cube's six sides, two triangles each
+  const long double side = m.box_max[0] - m.box_min[0];
+  EXPECT_NEAR(double(volume / (side * side * side)), 1.0, 1e-12);
+
+  std::vector<unsigned> in_mesh;
+  for (unsigned n = 0; n < m.nodes.cols(); ++n) {
+    if (m.ancestors[n] == NONE) continue;
+    in_mesh.push_back(n);
+    const unsigned* row = m.tets.row(m.ancestors[n]);
+    ASSERT_TRUE(m.tet_live(m.ancestors[n]));
+    ASSERT_TRUE(row[0] == n || row[1] == n || row[2] == n || row[3] == n) << "ancestor of " << n;
+  }
+  for (unsigned k = 0; k < r.list.size; ++k)
+    EXPECT_NE(r.inserted(r.list[k]), m.unenforced_set.has_node(r.list[k])) << r.list[k];
+  if (!delaunay) return;
+  for (unsigned t = 0; t < m.tets.cols(); ++t) {
+    if (!m.tet_live(t)) continue;
+    const unsigned* n = m.tets.row(t);
+    // Circumcentre from p3 in long double: solve 2 (pi - p3) . c = |pi - p3|^2.
+    long double a[3][3], rhs[3];
+    for (unsigned i = 0; i < 3; ++i) {
+      rhs[i] = 0;
+      for (unsigned k = 0; k < 3; ++k) {
+        a[i][k] = (long double)xyz(k, n[i]) - xyz(k, n[3]);
+        rhs[i] += a[i][k] * a[i][k] / 2;
+      }
+    }
+    auto det = [](long double m3[3][3]) {
+      return m3[0][0] * (m3[1][1] * m3[2][2] - m3[1][2] * m3[2][1]) -
+             m3[0][1] * (m3[1][0] * m3[2][2] - m3[1][2] * m3[2][0]) +
+             m3[0][2] * (m3[1][0] * m3[2][1] - m3[1][1] * m3[2][0]);
+    };
+    const long double d = det(a);
+    long double c[3], r2 = 0;
+    for (unsigned k = 0; k < 3; ++k) {
+      long double b[3][3];
+      std::memcpy(b, a, sizeof b);
+      for (unsigned i = 0; i < 3; ++i) b[i][k] = rhs[i];
+      c[k] = det(b) / d;
+      r2 += c[k] * c[k];
+    }
+    for (unsigned x : in_mesh) {
+      long double d2 = 0;
+      for (unsigned k = 0; k < 3; ++k) {
+        const long double e = (long double)xyz(k, x) - xyz(k, n[3]) - c[k];
+        d2 += e * e;
+      }
+      ASSERT_GE(d2, r2 * (1 - 1e-9L)) << "node " << x << " inside the sphere of tet " << t;
+    }
+  }
+}
+
+}  // namespace
+
+// Broken cavities, stars or neighbour links on clouds that stress the kernel: cospherical, graded,
+// flat, lattice and duplicated nodes, with and without shell nodes.
+TEST(DelaunayKernel, CloudsGiveValidDelaunayMeshes) {
+  std::vector<std::vector<point>> clouds;
+  clouds.push_back(uniform(1500, 7));
+  {
+    std::vector<point> s;
+    for (const point& p : uniform(800, 8)) {
+      const double z = 2 * p[0] - 1, phi = 6.283185307179586 * p[1], r = std::sqrt(1 - z * z);
+      s.push_back({r * std::cos(phi), r * std::sin(phi), z});
+    }
+    clouds.push_back(s);
+  }
+  {
+    std::vector<point> s;
+    for (const point& p : uniform(1000, 9)) {
+      const double scale = std::pow(10.0, -6.0 * p[0]);
+      s.push_back({0.3 + scale * (p[1] - 0.5), 0.3 + scale * (p[2] - 0.5),
+                   0.3 + scale * (p[1] * p[2] - 0.25)});
+    }
+    clouds.push_back(s);
+  }
+  {
+    std::vector<point> s = uniform(1000, 10);
+    for (point& p : s) p[2] *= 1e-6;
+    clouds.push_back(s);
+  }
+  {
+    std::vector<point> s;
+    for (unsigned k = 0; k < 512; ++k)
+      s.push_back({double(k & 7), double((k >> 3) & 7), double(k >> 6)});
+    clouds.push_back(s);
+  }
+  for (unsigned c = 0; c < clouds.size(); ++c) {
+    for (double shell : {0.0, 0.01}) {
+      SCOPED_TRACE(testing::Message() << "cloud " << c << " shell " << shell);
+      kernel_run r;
+      r.load(clouds[c]);
+      r.start(shell > 0 ? 3.0 : 10.0, shell);
+      EXPECT_EQ(r.data.error_code, 0);
+      EXPECT_EQ(r.m.kernel_mode, 0u);
+      EXPECT_EQ(r.m.cavity.node, NONE);
+      EXPECT_EQ(r.m.unenforced_set.node_count, 0u);
+      check_mesh(r);
+    }
+  }
+}
+
+// A duplicate must fail in both passes without touching the mesh, and end unenforced.
+TEST(DelaunayKernel, DuplicatesAreUnenforcedAndLeaveTheMeshAlone) {
+  std::vector<point> pts = uniform(300, 11);
+  for (unsigned k = 0; k < 60; ++k) pts.push_back(pts[5 * k]);
+  kernel_run r;
+  r.load(pts);
+  r.start();
+  EXPECT_EQ(r.data.error_code, 0);
+  EXPECT_EQ(r.m.unenforced_set.node_count, 60u);
+  for (unsigned k = 0; k < 60; ++k)
+    EXPECT_NE(r.inserted(5 * k), r.inserted(300 + k)) << "exactly one of each pair stays";
+  check_mesh(r);
+
+  const auto tets = r.m.tets.data.as_vector(), nbs = r.m.neighbors.data.as_vector();
+  const std::vector<unsigned> t0(tets.begin(), tets.end()), n0(nbs.begin(), nbs.end());
+  const unsigned dup = r.m.new_node(pts[7][0], pts[7][1], pts[7][2], 0.0);
+  EXPECT_FALSE(insert_node(r.m, dup, r.m.work_stack, CAVITY_TOL));
+  EXPECT_EQ(std::vector<unsigned>(tets.begin(), tets.end()), t0);
+  EXPECT_EQ(std::vector<unsigned>(nbs.begin(), nbs.end()), n0);
+}
+
+// Exact errors and texts of the start, and its edge cases: empty list, flat and oblique planes,
+// non-finite boxes, a degenerate cube, the regular tet.
+TEST(DelaunayKernel, StartChecksTheBox) {
+  {
+    kernel_run r;
+    r.start();
+    EXPECT_EQ(r.data.error_code, 0);
+    EXPECT_EQ(r.m.tets.cols(), 0u);
+  }
+  {
+    kernel_run r;
+    std::vector<point> pts = uniform(50, 12);
+    for (point& p : pts) p[2] = 0.25;
+    r.load(pts);
+    r.start();
+    EXPECT_EQ(r.data.error_code, -107);
+    EXPECT_STREQ(r.data.msg_title, "BOUNDARY ERROR");
+    EXPECT_STREQ(r.data.msg_text,
+                 "Aligned nodes.\nFile = delaunay/delaunay_mgr.cpp, line = 474.\n");
+    EXPECT_EQ(r.m.tets.cols(), 0u);
+  }
+  {
+    kernel_run r;
+    std::vector<point> pts = uniform(200, 13);
+    for (point& p : pts) p[2] = -p[0] - p[1];
+    r.load(pts);
+    r.start();
+    EXPECT_EQ(r.data.error_code, 0);
+    EXPECT_EQ(r.m.unenforced_set.node_count, 0u);
+    check_mesh(r);
+  }
+  for (double bad : {double(NAN), double(INFINITY), 1.7976931348623157e308}) {
+    kernel_run r;
+    r.load({{0, 0, 0}, {1, 1, 1}});
+    const double lo[3] = {0, 0, 0}, hi[3] = {1, bad, 1};
+    start_delaunay(r.m, r.list, lo, hi, 10.0, 0.0, *r.task);
+    EXPECT_EQ(r.data.error_code, -102);
+    EXPECT_STREQ(r.data.msg_text,
+                 "Illegal coordinates.\nFile = delaunay/delaunay_mgr.cpp, line = 469.\n");
+  }
+  {
+    kernel_run r;
+    r.load({{0, 0, 0}, {1, 1, 1}});
+    r.start(0.0);  // a cube of side 0: every box tet is flat
+    EXPECT_EQ(r.data.error_code, -107);
+    EXPECT_NE(std::strstr(r.data.msg_text, "line = 489."), nullptr);
+  }
+  {
+    kernel_run r;
+    r.load({{1, 1, 1}, {1, -1, -1}, {-1, 1, -1}, {-1, -1, 1}});
+    r.start(10.0, 0.0);
+    EXPECT_EQ(r.m.nodes.cols(), 12u);
+    for (unsigned k = 0; k < 4; ++k) EXPECT_TRUE(r.inserted(k));
+    EXPECT_EQ(r.m.box_max[0] - r.m.box_min[0], 20.0);
+    check_mesh(r);
+  }
+}
+
+// Mode 1 must keep the far tet of a hard face out of a cavity whose sphere test takes it; mode 0
+// must not.
+TEST(DelaunayKernel, HardFaceBoundsTheCavity) {
+  for (unsigned mode : {0u, 1u}) {
+    kernel_run r;
+    r.load({{0, 0, 0}, {1, 0, 0}, {0, 1, 0}, {0.3, 0.3, 1}, {0.3, 0.3, -1}});
+    r.m.hard_set.add_face(0, 1, 2);
+    r.start();
+    dense1D<unsigned> shell;
+    tets_of_face(r.m, 0, 1, 2, shell);
+    ASSERT_EQ(shell.size, 2u);
+    const unsigned p = r.m.new_node(0.3, 0.3, 0.01, 0.0);
+    r.m.kernel_mode = mode;
+    EXPECT_TRUE(insert_node(r.m, p, r.m.work_stack, CAVITY_TOL));
+    tets_of_face(r.m, 0, 1, 2, shell);
+    EXPECT_EQ(shell.size, mode == 1 ? 2u : 0u) << "mode " << mode;
+    check_mesh(r, mode == 0);
+  }
+}
+
+// Mode 2 must leave a tet around a hard edge whose whole shell holds the node in its spheres.
+TEST(DelaunayKernel, HardEdgeKeepsATet) {
+  for (unsigned mode : {0u, 2u}) {
+    kernel_run r;
+    std::vector<point> pts = {{0, 0, 0}, {1, 0, 0}};
+    for (unsigned k = 0; k < 5; ++k)
+      pts.push_back({0.5, std::cos(1.2566 * k + 0.1), std::sin(1.2566 * k + 0.1)});
+    r.load(pts);
+    r.m.hard_set.add_edge(0, 1);
+    r.start();
+    ASSERT_NE(edge_tet(r.m, 0, 1), NONE);
+    const unsigned p = r.m.new_node(0.5, 0.01, 0.02, 0.0);
+    r.m.kernel_mode = mode;
+    const bool ok = insert_node(r.m, p, r.m.work_stack, CAVITY_TOL);
+    EXPECT_EQ(edge_tet(r.m, 0, 1) != NONE, mode == 2) << "mode " << mode;
+    if (mode == 0) {
+      EXPECT_TRUE(ok);
+    }
+    check_mesh(r, mode == 0);
+  }
+}
+
+// A node exactly on a face must seed both tets of the face and give no flat tet.
+TEST(DelaunayKernel, NodeOnAFaceSeedsBothTets) {
+  kernel_run r;
+  r.load({{0, 0, 0}, {3, 0, 0}, {0, 3, 0}, {1.5, 1.5, 3}, {1.5, 1.5, -3}});
+  r.start();
+  dense1D<unsigned> two;
+  tets_of_face(r.m, 0, 1, 2, two);
+  ASSERT_EQ(two.size, 2u);
+  const unsigned a = two[0], b = two[1];
+  const unsigned p = r.m.new_node(1, 1, 0, 0.0);
+  r.m.kernel_mode = 0;
+  ASSERT_TRUE(insert_node(r.m, p, r.m.work_stack, CAVITY_TOL));
+  const auto& cav = r.m.cavity.tets;
+  EXPECT_NE(std::find(cav.begin(), cav.end(), a), cav.end());
+  EXPECT_NE(std::find(cav.begin(), cav.end(), b), cav.end());
+  check_mesh(r);
+}
+
+// Equal runs must give equal tables, bit for bit, shell nodes and retries included.
+TEST(DelaunayKernel, EqualRunsGiveEqualTables) {
+  std::vector<point> pts = uniform(2000, 14);
+  for (unsigned k = 0; k < 20; ++k) pts.push_back(pts[k]);
+  kernel_run a, b;
+  a.load(pts);
+  b.load(pts);
+  a.start(3.0, 0.01);
+  b.start(3.0, 0.01);
+  auto same = [](const auto& x, const auto& y) {
+    return x.size == y.size && std::equal(x.begin(), x.end(), y.begin());
+  };
+  EXPECT_TRUE(same(a.m.tets.data.as_vector(), b.m.tets.data.as_vector()));
+  EXPECT_TRUE(same(a.m.neighbors.data.as_vector(), b.m.neighbors.data.as_vector()));
+  EXPECT_TRUE(same(a.m.nodes.data.as_vector(), b.m.nodes.data.as_vector()));
+  EXPECT_TRUE(same(a.m.ancestors, b.m.ancestors));
+  EXPECT_TRUE(same(a.m.tet_qualities, b.m.tet_qualities));
+  EXPECT_EQ(a.m.nodes.cols(), 2020u + 8u + 20u);
+}
+
+// The list must stop at the first poll after the handler says so, and the retry pass must not
+// run then.
+TEST(DelaunayKernel, InterruptionStopsTheList) {
+  kernel_run r;
+  std::vector<point> pts = uniform(25000, 15);
+  r.load(pts);
+  r.interrupt_from(2);
+  r.start();
+  EXPECT_EQ(r.data.warning_code, -10);
+  EXPECT_STREQ(r.data.msg_title, "INTERRUPTION RAISED");
+  EXPECT_EQ(r.polls, 2u);
+  unsigned in = 0;
+  for (unsigned k = 0; k < r.list.size; ++k) in += r.inserted(r.list[k]);
+  EXPECT_EQ(in, 19999u);
+  EXPECT_EQ(r.m.unenforced_set.node_count, 0u);
+  EXPECT_TRUE(r.root->children[phase_delaunay].bar->children.empty());
+}
+
+// Up to 8 nodes go in as listed, more in the order of the seeded shuffle: the later of two equal
+// nodes is the one refused.
+TEST(DelaunayKernel, ShuffleOnlyAboveEightNodes) {
+  for (unsigned n : {8u, 9u}) {
+    std::vector<unsigned> pos(n);
+    for (unsigned k = 0; k < n; ++k) pos[k] = k;
+    if (n > 8) {
+      std::vector<unsigned> order = pos;
+      std::mt19937 g(1);
+      for (unsigned i = 1; i < n; ++i) std::swap(order[i], order[g() % (i + 1)]);
+      for (unsigned k = 0; k < n; ++k) pos[order[k]] = k;
+    }
+    // Nodes i < j listed, j inserted first when the shuffle turned them round.
+    unsigned i = 0, j = n - 1;
+    for (unsigned a = 0; a < n && n > 8; ++a)
+      for (unsigned b = a + 1; b < n; ++b)
+        if (pos[b] < pos[a]) i = a, j = b;
+    std::vector<point> pts = uniform(n, 16);
+    pts[j] = pts[i];
+    kernel_run r;
+    r.load(pts);
+    r.start();
+    EXPECT_TRUE(r.m.unenforced_set.has_node(pos[i] < pos[j] ? j : i)) << n;
+    EXPECT_EQ(r.m.unenforced_set.node_count, 1u);
+    if (n > 8) {
+      EXPECT_GT(pos[i], pos[j]);
+    }
+  }
+}
