@@ -6,11 +6,11 @@
 namespace kelvo::voxfill {
 
 struct cavity_record {
-  unsigned node = NONE;             // the node being inserted; NONE when there is no cavity
-  dense1D<unsigned> tets;           // tets of the cavity
-  dense1D<unsigned> faces;          // boundary faces, coded 4 t + i with t in `tets`, seen from inside
-  dense1D<unsigned> hard_faces;     // those of `faces` on a hard face with cavity tets on both sides
-  dense1D<double> face_qualities;   // quality of the new tet on each face
+  unsigned node = NONE;          // the node being inserted; NONE when there is no cavity
+  dense1D<unsigned> tets;        // tets of the cavity
+  dense1D<unsigned> faces;       // boundary faces, coded 4 t + i with t in `tets`, seen from inside
+  dense1D<unsigned> hard_faces;  // those of `faces` on a hard face with cavity tets on both sides
+  dense1D<double> face_qualities;  // quality of the new tet on each face
 
   void clear() noexcept {
     node = NONE;

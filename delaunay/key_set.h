@@ -12,7 +12,7 @@ template <class K>
 struct key_set {
   dense1D<unsigned> heads;  // bucket -> first entry, NONE when empty
   dense1D<K> keys;
-  dense1D<unsigned> next;   // entry -> next in chain, NONE at the end, DELETED when erased
+  dense1D<unsigned> next;  // entry -> next in chain, NONE at the end, DELETED when erased
   unsigned count = 0;
 
   key_set() { rehash(8); }
@@ -33,7 +33,7 @@ struct key_set {
   }
   bool contains(const K& k) const noexcept { return find(k) != NONE; }
 
-  // Inserts k unless an equal key is there. Returns 1 when inserted, otherwise the comparison of
+  // Inserts k unless an equal key is there. Returns 2 when inserted, otherwise the comparison of
   // the stored key with k (+1 same direction, -1 reversed); 0 when memory ran out.
   int insert(const K& k) noexcept {
     int dir = 0;
@@ -50,7 +50,7 @@ struct key_set {
     next[e] = head;
     head = e;
     ++count;
-    return 1;
+    return 2;
   }
 
   bool erase(const K& k) noexcept {
@@ -101,5 +101,6 @@ struct key_set {
 
 using edge_set = key_set<edge_key>;
 using face_set = key_set<face_key>;
+using index_set = key_set<index_key>;
 
 }  // namespace kelvo::voxfill

@@ -11,6 +11,10 @@ struct edge_key {
 struct face_key {
   unsigned n[3];
 };
+// A single index (a tet, a node) for sets of plain indices.
+struct index_key {
+  unsigned n[1];
+};
 
 // Sum of per-word terms: the same for every order of the nodes, so a face finds its mirror image.
 inline unsigned key_hash(const unsigned* v, unsigned count) noexcept {
@@ -18,8 +22,18 @@ inline unsigned key_hash(const unsigned* v, unsigned count) noexcept {
   for (unsigned k = 0; k < count; ++k) h += (v[k] ^ 0x811C9DC5u) * 16777619u;
   return h;
 }
-inline unsigned key_hash(const edge_key& e) noexcept { return key_hash(e.n, 2); }
-inline unsigned key_hash(const face_key& f) noexcept { return key_hash(f.n, 3); }
+inline unsigned key_hash(const edge_key& e) noexcept {
+  return key_hash(e.n, 2);
+}
+inline unsigned key_hash(const face_key& f) noexcept {
+  return key_hash(f.n, 3);
+}
+inline unsigned key_hash(const index_key& k) noexcept {
+  return key_hash(k.n, 1);
+}
+inline int compare_keys(const index_key& a, const index_key& b) noexcept {
+  return a.n[0] == b.n[0];
+}
 
 // +1: the same edge in the same direction, -1: reversed, 0: another edge.
 inline int compare_keys(const edge_key& a, const edge_key& b) noexcept {

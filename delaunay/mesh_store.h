@@ -49,7 +49,8 @@ class mesh_store {
   mesh_store(const mesh_store&) = delete;
   mesh_store& operator=(const mesh_store&) = delete;
 
-  // A node at (x, y, z) with wanted size h: its index, or NONE when memory ran out (store unchanged).
+  // A node at (x, y, z) with wanted size h: its index, or NONE when memory ran out (store
+  // unchanged).
   unsigned new_node(double x, double y, double z, double h) noexcept;
   // Takes the node out of the locator's octree if it is there, and frees its row.
   void release_node(unsigned n) noexcept;

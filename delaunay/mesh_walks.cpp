@@ -1,0 +1,298 @@
+// Local topology queries by short walks over neighbours.
+#include "delaunay/mesh_walks.h"
+
+#include <algorithm>
+#include <cmath>
+
+#include "delaunay/geometry.h"
+#include "delaunay/tet_tables.h"
+
+namespace kelvo::voxfill {
+namespace {
+
+unsigned local_index(const unsigned* tet, unsigned node) noexcept {
+  for (unsigned k = 0; k < 4; ++k)
+    if (tet[k] == node) return k;
+  return 4;
+}
+
+bool holds(const unsigned* tet, unsigned node) noexcept {
+  return local_index(tet, node) < 4;
+}
+
+// One shell walk; `ring` may be null.
+bool walk_shell(mesh_store& m, unsigned a, unsigned b, unsigned start, dense1D<unsigned>& out,
+                dense1D<unsigned>* ring) noexcept {
+  out.clear();
+  if (start == NONE && a < m.ancestors.size) start = m.ancestors[a];
+  if (start == NONE) return false;
+  start = find_edge_tet(m, a, b, start);
+  if (start == NONE) return false;
+  // In each tet the two other local nodes are c (table value for the faces of a and b) and d;
+  // crossing face d turns one way around the edge, crossing face c the other way.
+  auto others = [&](unsigned t, unsigned& c, unsigned& d) {
+    const unsigned* n = m.tets.row(t);
+    const unsigned ia = local_index(n, a), ib = local_index(n, b);
+    c = unsigned(tet_face_pair_node[ia][ib]);
+    d = 6 - c - ia - ib;
+  };
+  unsigned t = start, pass = 0;
+  for (;;) {
+    unsigned c, d;
+    others(t, c, d);
+    out.push_back(t);
+    if (ring) ring->push_back(m.tets(d, t));
+    const unsigned next = m.neighbors(pass == 0 ? d : c, t);
+    if (next == start) return true;
+    if (next != NONE) {
+      t = next;
+      continue;
+    }
+    if (pass == 1) {
+      if (ring) ring->push_back(m.tets(d, t));
+      return false;
+    }
+    if (ring) ring->push_back(m.tets(c, t));
+    unsigned cs, ds;
+    others(start, cs, ds);
+    t = m.neighbors(cs, start);
+    pass = 1;
+    if (t == NONE) return false;
+  }
+}
+
+}  // namespace
+
+bool ball_of_node(mesh_store& m, unsigned node, unsigned start, dense1D<unsigned>& out) noexcept {
+  out.clear();
+  if (start == NONE && node < m.ancestors.size) start = m.ancestors[node];
+  if (start == NONE) return false;
+  bool closed = true;
+  dense1D<unsigned>& stack = m.work_stack;
+  stack.clear();
+  m.bump_marks();
+  m.mark(start);
+  stack.push_back(start);
+  while (stack.size) {
+    const unsigned t = stack.back();
+    stack.pop_back();
+    const unsigned* n = m.tets.row(t);
+    unsigned faces[4], count = 0;
+    for (unsigned i = 0; i < 4; ++i)
+      if (n[i] != node) faces[count++] = i;
+    out.push_back(t);
+    for (unsigned k = count; k-- > 0;) {
+      const unsigned nb = m.neighbors(faces[k], t);
+      if (nb == NONE) {
+        closed = false;
+      } else if (!m.marked(nb)) {
+        m.mark(nb);
+        stack.push_back(nb);
+      }
+    }
+  }
+  return closed;
+}
+
+bool ball_of_node_unmarked(const mesh_store& m, unsigned node, unsigned start,
+                           dense1D<unsigned>& out, dense1D<unsigned>& stack,
+                           index_set& seen) noexcept {
+  out.clear();
+  stack.clear();
+  seen.clear();
+  if (start == NONE && node < m.ancestors.size) start = m.ancestors[node];
+  if (start == NONE) return false;
+  bool closed = true;
+  seen.insert(index_key{{start}});
+  stack.push_back(start);
+  while (stack.size) {
+    const unsigned t = stack.back();
+    stack.pop_back();
+    const unsigned* n = m.tets.row(t);
+    unsigned faces[4], count = 0;
+    for (unsigned i = 0; i < 4; ++i)
+      if (n[i] != node) faces[count++] = i;
+    out.push_back(t);
+    for (unsigned k = count; k-- > 0;) {
+      const unsigned nb = m.neighbors(faces[k], t);
+      if (nb == NONE)
+        closed = false;
+      else if (seen.insert(index_key{{nb}}) == 2)
+        stack.push_back(nb);
+    }
+  }
+  return closed;
+}
+
+unsigned find_edge_tet(mesh_store& m, unsigned a, unsigned b, unsigned& start) noexcept {
+  dense1D<unsigned>& stack = m.work_stack;
+  stack.clear();
+  unsigned result = NONE;
+  if (start != NONE) {
+    m.bump_marks();
+    m.mark(start);
+    stack.push_back(start);
+  }
+  while (stack.size) {
+    const unsigned t = stack.back();
+    stack.pop_back();
+    const unsigned* n = m.tets.row(t);
+    if (holds(n, b)) {
+      result = t;
+      stack.clear();
+      break;
+    }
+    const unsigned ia = local_index(n, a);
+    for (unsigned i = 0; i < 4; ++i) {
+      if (i == ia) continue;
+      const unsigned nb = m.neighbors(i, t);
+      if (nb != NONE && !m.marked(nb)) {
+        m.mark(nb);
+        stack.push_back(nb);
+      }
+    }
+  }
+  start = result;
+  return result;
+}
+
+unsigned edge_tet(mesh_store& m, unsigned a, unsigned b) noexcept {
+  if (a >= m.ancestors.size || b >= m.ancestors.size) return NONE;
+  unsigned t = m.ancestors[a];
+  if (t == NONE) return NONE;
+  if (m.ancestors[b] == t) return t;
+  return find_edge_tet(m, a, b, t);
+}
+
+bool shell_of_edge(mesh_store& m, unsigned a, unsigned b, unsigned start,
+                   dense1D<unsigned>& out) noexcept {
+  return walk_shell(m, a, b, start, out, nullptr);
+}
+
+bool shell_with_ring(mesh_store& m, unsigned a, unsigned b, unsigned start, dense1D<unsigned>& out,
+                     dense1D<unsigned>& ring) noexcept {
+  return walk_shell(m, a, b, start, out, &ring);
+}
+
+unsigned find_face_tet(mesh_store& m, unsigned n0, unsigned n1, unsigned n2,
+                       dense1D<unsigned>& out) noexcept {
+  out.clear();
+  const unsigned count = m.ancestors.size;
+  if (n0 >= count || n1 >= count || n2 >= count) return NONE;
+  if (n0 != n1)
+    shell_of_edge(m, n0, n1, m.ancestors[n0], out);
+  else
+    ball_of_node(m, n0, m.ancestors[n0], out);
+  for (unsigned k = 0; k < out.size; ++k)
+    if (holds(m.tets.row(out[k]), n2)) return out[k];
+  return NONE;
+}
+
+void tets_of_face(mesh_store& m, unsigned n0, unsigned n1, unsigned n2,
+                  dense1D<unsigned>& out) noexcept {
+  out.clear();
+  if (n1 >= m.ancestors.size) return;
+  shell_of_edge(m, n1, n2, m.ancestors[n1], out);
+  // A tet has the face when its node sum less node i equals the face's sum, with the same
+  // smallest and largest node: cheap, and exact for three distinct indices.
+  const unsigned long long sum = 0ull + n0 + n1 + n2;
+  const unsigned lo = std::min({n0, n1, n2}), hi = std::max({n0, n1, n2});
+  unsigned kept = 0;
+  for (unsigned k = 0; k < out.size; ++k) {
+    const unsigned* n = m.tets.row(out[k]);
+    const unsigned long long all = 0ull + n[0] + n[1] + n[2] + n[3];
+    for (unsigned i = 0; i < 4; ++i) {
+      if (all - n[i] != sum) continue;
+      const unsigned* f = tet_face_nodes[i];
+      const unsigned a = n[f[0]], b = n[f[1]], c = n[f[2]];
+      if (std::min({a, b, c}) == lo && std::max({a, b, c}) == hi) {
+        out[kept++] = out[k];
+        break;
+      }
+    }
+  }
+  out.size = kept;
+}
+
+int locate_side(const dense2D<double>& xyz, const double* P, const unsigned* tet, double tol,
+                unsigned start) noexcept {
+  const double V = orient_det(xyz, tet[0], tet[1], tet[2], tet[3]);
+  if (!(V > 0.0) || !std::isfinite(V)) return -2;
+  const double limit = V * tol;
+  for (unsigned k = 1; k <= 4; ++k) {
+    const unsigned f = (start + k) & 3;
+    const double* x = xyz.col(tet[tet_face_nodes[f][0]]);
+    const double* y = xyz.col(tet[tet_face_nodes[f][1]]);
+    const double* z = xyz.col(tet[tet_face_nodes[f][2]]);
+    const double xp[3] = {x[0] - P[0], x[1] - P[1], x[2] - P[2]};
+    const double yp[3] = {y[0] - P[0], y[1] - P[1], y[2] - P[2]};
+    const double zp[3] = {z[0] - P[0], z[1] - P[1], z[2] - P[2]};
+    // Positive when P lies beyond the plane of face f: the face turns negatively seen from P.
+    const double D = xp[0] * (yp[1] * zp[2] - yp[2] * zp[1]) +
+                     xp[1] * (yp[2] * zp[0] - yp[0] * zp[2]) +
+                     xp[2] * (yp[0] * zp[1] - yp[1] * zp[0]);
+    if (D > limit) return int(f);
+  }
+  return -1;
+}
+
+int walk_to_point(const mesh_store& m, const double* P, unsigned& t, double tol,
+                  bit_source& bits) noexcept {
+  const dense2D<double>& xyz = m.nodes.data;
+  unsigned steps = m.tets.cols();
+  while (t != NONE && steps) {
+    --steps;
+    unsigned start = bits.next();
+    const unsigned* n = m.tets.row(t);
+    int s = locate_side(xyz, P, n, tol, start);
+    if (s == -1) return 1;
+    if (s == -2) {
+      t = NONE;
+      return -1;
+    }
+    unsigned nb = m.neighbors(unsigned(s), t);
+    // Beyond a hull face: a point beyond two faces leaves by the one that is not on the hull.
+    for (unsigned r = 0; nb == NONE && r < 3; ++r) {
+      start = (start + 1) & 3;
+      s = locate_side(xyz, P, n, tol, start);
+      if (s >= 0) nb = m.neighbors(unsigned(s), t);
+    }
+    t = nb;
+  }
+  if (t == NONE) return 0;
+  t = NONE;
+  return -2;
+}
+
+bool locate_tet(mesh_store& m, const double* P, unsigned& t, double tol) noexcept {
+  if (t == NONE) {
+    const unsigned node = m.locator.near_node(P);
+    if (node == NONE || node >= m.ancestors.size) return false;
+    t = m.ancestors[node];
+    if (t == NONE) return false;
+  }
+  if (walk_to_point(m, P, t, tol, m.bits) == 1) return true;
+  t = NONE;
+  return false;
+}
+
+bool locate_tet_in_domain(mesh_store& m, const double* P, unsigned& t, double tol, bool retry,
+                          dense1D<unsigned>& ball, dense1D<unsigned>& stack,
+                          index_set& seen) noexcept {
+  if (locate_tet(m, P, t, tol) && m.colors[t] < DELETED) return true;
+  t = NONE;
+  if (!retry) return false;
+  const unsigned node = m.locator.nearest_node(P);
+  if (node == NONE) return false;
+  ball_of_node_unmarked(m, node, NONE, ball, stack, seen);
+  for (unsigned k = 0; k < ball.size; ++k) {
+    unsigned s = ball[k];
+    if (walk_to_point(m, P, s, tol, m.bits) == 1 && m.colors[s] < DELETED) {
+      t = s;
+      return true;
+    }
+  }
+  return false;
+}
+
+}  // namespace kelvo::voxfill

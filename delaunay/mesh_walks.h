@@ -1,0 +1,72 @@
+// Local topology queries by short walks over neighbours: balls of nodes, shells of edges, the
+// tets holding an edge or a face, and point location.
+#pragma once
+
+#include "delaunay/key_set.h"
+#include "delaunay/mesh_store.h"
+
+namespace kelvo::voxfill {
+
+// Relative tolerances of the point-in-tet test.
+inline constexpr double LOCATE_TOL = 1e-12;
+inline constexpr double LOCATE_TOL_WIDE = 1e-6;
+
+// Clears `out` and fills it with the tets around `node`, depth first from the start tet
+// (ancestors[node] when start is NONE). Returns `closed`: false when the ball reaches the hull or
+// there is no start tet. Uses `work_stack` and `marks`.
+bool ball_of_node(mesh_store& m, unsigned node, unsigned start, dense1D<unsigned>& out) noexcept;
+
+// The same ball without touching `marks`: visits go into the caller's `seen` set (cleared here)
+// and the caller's `stack`.
+bool ball_of_node_unmarked(const mesh_store& m, unsigned node, unsigned start,
+                           dense1D<unsigned>& out, dense1D<unsigned>& stack,
+                           index_set& seen) noexcept;
+
+// A tet holding a and b, searched over the ball of a from `start` (which holds a); NONE when there
+// is none. `start` receives the result.
+unsigned find_edge_tet(mesh_store& m, unsigned a, unsigned b, unsigned& start) noexcept;
+
+// A tet holding a and b: ancestors[a] when it also holds b, else a search of the ball of a.
+unsigned edge_tet(mesh_store& m, unsigned a, unsigned b) noexcept;
+
+// Clears `out` and fills it with the tets around edge (a, b) in rotation order. Returns `closed`:
+// true when the shell goes all the way round. An open shell holds the run from the start in one
+// direction, then the run in the other direction, with hull faces at both ends.
+bool shell_of_edge(mesh_store& m, unsigned a, unsigned b, unsigned start,
+                   dense1D<unsigned>& out) noexcept;
+
+// The shell, and appended to `ring` the node at local position d of each tet; an open shell
+// appends one more node where each run stops at the hull.
+bool shell_with_ring(mesh_store& m, unsigned a, unsigned b, unsigned start, dense1D<unsigned>& out,
+                     dense1D<unsigned>& ring) noexcept;
+
+// First tet holding n0, n1 and n2, or NONE; `out` holds the shell (or ball) that was searched.
+unsigned find_face_tet(mesh_store& m, unsigned n0, unsigned n1, unsigned n2,
+                       dense1D<unsigned>& out) noexcept;
+
+// Fills `out` with the tets that have exactly the face (n0, n1, n2): 0, 1 or 2 entries.
+void tets_of_face(mesh_store& m, unsigned n0, unsigned n1, unsigned n2,
+                  dense1D<unsigned>& out) noexcept;
+
+// First face, in the cyclic scan from start + 1, beyond whose plane P lies by more than the
+// tolerance relative to the tet's determinant; -1 when P is in the tet; -2 for a tet of
+// non-positive or non-finite volume.
+int locate_side(const dense2D<double>& xyz, const double* P, const unsigned* tet, double tol,
+                unsigned start) noexcept;
+
+// Walks from tet t towards P. 1 found (t holds it), 0 walked out of the mesh, -1 met a bad tet,
+// -2 out of steps; t is NONE on every result but 1.
+int walk_to_point(const mesh_store& m, const double* P, unsigned& t, double tol,
+                  bit_source& bits) noexcept;
+
+// The tet holding P, from `t` or, when t is NONE, from the tet of the node nearest to P found by
+// the locator's octree. False (t = NONE) when not found.
+bool locate_tet(mesh_store& m, const double* P, unsigned& t, double tol) noexcept;
+
+// As locate_tet, but the tet must be classified; with `retry`, walks again from each tet of the
+// ball of the nearest node until a walk ends in a classified tet.
+bool locate_tet_in_domain(mesh_store& m, const double* P, unsigned& t, double tol, bool retry,
+                          dense1D<unsigned>& ball, dense1D<unsigned>& stack,
+                          index_set& seen) noexcept;
+
+}  // namespace kelvo::voxfill

@@ -1,0 +1,73 @@
+// Small hand-built meshes for the tests: loaded into a mesh store with neighbours and ancestors.
+#pragma once
+
+#include <algorithm>
+#include <array>
+#include <map>
+#include <vector>
+
+#include "delaunay/geometry.h"
+#include "delaunay/mesh_store.h"
+#include "delaunay/tet_tables.h"
+
+namespace fixtures {
+
+using kelvo::voxfill::mesh_store;
+using kelvo::voxfill::NONE;
+
+// Loads points and tets (turned positive), builds neighbours by face matching and ancestors.
+inline void load_mesh(mesh_store& m, const std::vector<std::array<double, 3>>& pts,
+                      std::vector<std::array<unsigned, 4>> tets) {
+  for (const auto& p : pts) m.new_node(p[0], p[1], p[2], 0.0);
+  std::map<std::array<unsigned, 3>, std::pair<unsigned, unsigned>> open;
+  for (auto& t : tets) {
+    if (kelvo::voxfill::orient_det(m.nodes.data, t[0], t[1], t[2], t[3]) < 0) std::swap(t[1], t[2]);
+    const unsigned id = m.new_tet(t[0], t[1], t[2], t[3], 0, 0.0);
+    for (unsigned i = 0; i < 4; ++i) {
+      std::array<unsigned, 3> f;
+      for (unsigned k = 0; k < 3; ++k) f[k] = t[kelvo::voxfill::tet_face_nodes[i][k]];
+      std::sort(f.begin(), f.end());
+      auto it = open.find(f);
+      if (it == open.end()) {
+        open[f] = {id, i};
+      } else {
+        m.neighbors(i, id) = it->second.first;
+        m.neighbors(it->second.second, it->second.first) = id;
+        open.erase(it);
+      }
+    }
+  }
+  m.set_ancestors(0, m.tets.cols());
+}
+
+// Unit cube, node x + 2y + 4z, split into six tets around the diagonal 0-7.
+inline void kuhn_cube(mesh_store& m) {
+  std::vector<std::array<double, 3>> pts;
+  for (unsigned j = 0; j < 8; ++j)
+    pts.push_back({double(j & 1), double((j >> 1) & 1), double((j >> 2) & 1)});
+  std::vector<std::array<unsigned, 4>> tets;
+  unsigned axes[3] = {1, 2, 4};
+  std::sort(axes, axes + 3);
+  do {
+    tets.push_back({0, axes[0], axes[0] + axes[1], 7});
+  } while (std::next_permutation(axes, axes + 3));
+  load_mesh(m, pts, tets);
+}
+
+// The same cube with a centre node 8 joined to two triangles per side: a closed ball of 12 tets.
+inline void centred_cube(mesh_store& m) {
+  std::vector<std::array<double, 3>> pts;
+  for (unsigned j = 0; j < 8; ++j)
+    pts.push_back({double(j & 1), double((j >> 1) & 1), double((j >> 2) & 1)});
+  pts.push_back({0.5, 0.5, 0.5});
+  const unsigned sides[6][4] = {{0, 1, 3, 2}, {4, 5, 7, 6}, {0, 1, 5, 4},
+                                {2, 3, 7, 6}, {0, 2, 6, 4}, {1, 3, 7, 5}};
+  std::vector<std::array<unsigned, 4>> tets;
+  for (const auto& s : sides) {
+    tets.push_back({s[0], s[1], s[2], 8});
+    tets.push_back({s[0], s[2], s[3], 8});
+  }
+  load_mesh(m, pts, tets);
+}
+
+}  // namespace fixtures
