@@ -66,9 +66,9 @@ struct key_set {
     return false;
   }
 
+  // Empties the set, keeping its buckets and storage so that refilling allocates nothing.
   void clear() noexcept {
-    heads.clear();
-    heads.resize(8, NONE);
+    heads = NONE;
     keys.clear();
     next.clear();
     count = 0;

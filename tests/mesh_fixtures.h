@@ -70,4 +70,26 @@ inline void centred_cube(mesh_store& m) {
   load_mesh(m, pts, tets);
 }
 
+// An n x n x n block of unit cubes, each split as kuhn_cube; the splits match across cubes.
+inline void kuhn_lattice(mesh_store& m, unsigned n) {
+  const unsigned s = n + 1;
+  std::vector<std::array<double, 3>> pts;
+  for (unsigned k = 0; k < s; ++k)
+    for (unsigned j = 0; j < s; ++j)
+      for (unsigned i = 0; i < s; ++i) pts.push_back({double(i), double(j), double(k)});
+  std::vector<std::array<unsigned, 4>> tets;
+  const unsigned step[3] = {1, s, s * s};
+  for (unsigned k = 0; k < n; ++k)
+    for (unsigned j = 0; j < n; ++j)
+      for (unsigned i = 0; i < n; ++i) {
+        const unsigned o = i + s * j + s * s * k;
+        unsigned axes[3] = {0, 1, 2};
+        do {
+          const unsigned a = o + step[axes[0]], b = a + step[axes[1]];
+          tets.push_back({o, a, b, o + step[0] + step[1] + step[2]});
+        } while (std::next_permutation(axes, axes + 3));
+      }
+  load_mesh(m, pts, tets);
+}
+
 }  // namespace fixtures
