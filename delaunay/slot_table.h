@@ -1,6 +1,8 @@
 // A table of fixed-height rows that are acquired, released and reused in O(1).
 #pragma once
 
+#include <algorithm>
+
 #include "delaunay/bit_set.h"
 #include "numcore/dense2D.h"
 
@@ -79,6 +81,36 @@ struct slot_table {
     free_bits.clear_hard();
     free_stack.clear_hard();
   }
+  // Closes the holes: live rows move down in order. `map` takes each old row to its new index,
+  // NONE for a free row. Returns the new column count. Without free rows nothing moves.
+  unsigned compact(dense1D<unsigned>& map) {
+    const unsigned c = data.cols;
+    unsigned dead = 0;
+    for (unsigned k = 0; k < free_stack.size; ++k) dead += free_stack[k] < c;
+    map.clear();
+    map.resize(c, NONE);
+    if (dead == 0) {
+      for (unsigned i = 0; i < c; ++i) map[i] = i;
+      return c;
+    }
+    if (dead == c) {
+      set_columns(0);
+      return 0;
+    }
+    std::sort(free_stack.begin(), free_stack.end());
+    free_stack.push_back(NONE);
+    unsigned w = 0, f = 0;
+    for (unsigned row = 0; row < c; ++row) {
+      while (free_stack[f] < row) ++f;
+      if (free_stack[f] == row) continue;
+      if (w < row)
+        for (unsigned k = 0; k < height; ++k) data(k, w) = data(k, row);
+      map[row] = w++;
+    }
+    set_columns(w);
+    return w;
+  }
+
   // Cuts the table to n columns and forgets the free rows (after a compaction).
   void set_columns(unsigned n) noexcept {
     data.resize(height, n);

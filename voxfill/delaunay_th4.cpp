@@ -15,7 +15,9 @@ const double* phase_weights(unsigned mode) noexcept {
   return kWeights[mode < 3 ? mode : 3];
 }
 
-void th4_engine::clear() {}
+void th4_engine::clear() {
+  mesh_store::clear();
+}
 
 void th4_engine::run(mesher::data_type& data, refine_context& context) {
   const mesher::settings_type kept = settings;
@@ -33,10 +35,17 @@ void th4_engine::run(mesher::data_type& data, refine_context& context) {
                         data.msg_text);
 
   switch (settings.mode) {
-    case 0: run_mesh_generation(data, context); break;
-    case 1: run_regularization(data); break;
-    case 2: run_delaunay(data); break;
-    default: break;
+    case 0:
+      run_mesh_generation(data, context);
+      break;
+    case 1:
+      run_regularization(data);
+      break;
+    case 2:
+      run_delaunay(data);
+      break;
+    default:
+      break;
   }
 
   // The handlers come from the caller's settings, which the run does not change.
@@ -48,6 +57,5 @@ void th4_engine::run(mesher::data_type& data, refine_context& context) {
 
 void th4_engine::run_mesh_generation(mesher::data_type&, refine_context&) {}
 void th4_engine::run_regularization(mesher::data_type&) {}
-void th4_engine::run_delaunay(mesher::data_type&) {}
 
 }  // namespace kelvo::voxfill

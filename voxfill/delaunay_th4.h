@@ -1,14 +1,14 @@
-// The engine of one run: all its state, the dispatch on the mode, and the steps the pipelines share.
+// The engine of one run: all its state, the dispatch on the mode, and the steps the pipelines
+// share.
 #pragma once
 
+#include "delaunay/mesh_store.h"
 #include "voxfill/mesher_th4.h"
 #include "voxfill/task_mgr.h"
 
 namespace kelvo::voxfill {
 
 struct refine_context;
-
-using task_type = task_mgr<mesher::settings_type, mesher::data_type>;
 
 // Phase bars of the root: weights per mode for the six sections.
 enum phase_index : unsigned {
@@ -20,7 +20,8 @@ enum phase_index : unsigned {
   phase_none = 5
 };
 
-class th4_engine {
+// All state of one run. The mesh store's tables are the engine's own fields.
+class th4_engine : public mesh_store {
  public:
   mesher::settings_type settings;  // the run's copy; the run may change it
   Ptr<task_type> tasks;            // null outside of a run
@@ -40,6 +41,38 @@ class th4_engine {
   void run_mesh_generation(mesher::data_type& data, refine_context& context);
   void run_regularization(mesher::data_type& data);
   void run_delaunay(mesher::data_type& data);
+
+  // Output stage.
+  // Removes the outside tets, then the nodes from `first_node` on that no tet uses, and compacts.
+  void drop_outside(unsigned first_node);
+  // Close the holes of the tet (node) tables; `map` takes old rows to new ones, NONE for dropped
+  // rows. Return the new count.
+  unsigned compact_tets(dense1D<unsigned>& map);
+  unsigned compact_nodes(dense1D<unsigned>& map);
+  // Removes all tets; the nodes stay.
+  void empty_mesh();
+  // Reverses every tet by swapping its local nodes 1 and 2 (and neighbours 1 and 2).
+  void turn_all_tets();
+  // Hands the tables to `data` by sharing and sets the counts and the quality histogram. False
+  // when the new columns of `pos` could not be appended (everything else is set all the same).
+  bool write_output(mesher::data_type& data, unsigned first_node);
+  // Keeps in the missing lists only what the final mesh really lacks, and sets the hard counts.
+  void update_missing_lists(mesher::data_type& data);
+  // Smallest quality of the tets in the domain; 0.0 when there is none.
+  double min_quality() const;
+  // Sum of the signed volumes of the tets in the domain.
+  double domain_volume() const;
+  // ancestors from the tets in the domain only.
+  void set_domain_ancestors();
+
+  // Raises through the run's task, when there is one.
+  void raise_error(msg id) const {
+    if (tasks) tasks->raise_error(id);
+  }
+  bool must_stop() const { return tasks && tasks->must_stop(); }
+  void display(const char* text) const {
+    if (tasks) tasks->display(text);
+  }
 };
 
 // Weights of the six phase bars for a mode; all zero for an unknown mode.

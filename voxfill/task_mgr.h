@@ -2,6 +2,7 @@
 #pragma once
 
 #include "numcore/ref_counted.h"
+#include "voxfill/mesher_th4.h"
 #include "voxfill/messages.h"
 #include "voxfill/progress_bar.h"
 
@@ -22,12 +23,22 @@ class task_mgr : public kelvo::ref_counted {
   char* msg_text = nullptr;
 
   task_mgr(const settings_type* s, progress_bar* root, int* ec, int* wc, char* title, char* text)
-      : settings(s), bar(root), root_bar(root), error_code(ec), warning_code(wc), msg_title(title),
+      : settings(s),
+        bar(root),
+        root_bar(root),
+        error_code(ec),
+        warning_code(wc),
+        msg_title(title),
         msg_text(text) {}
   task_mgr(const task_mgr& parent, progress_bar* child)
-      : settings(parent.settings), bar(child), parent_bar(parent.bar), root_bar(parent.root_bar),
-        error_code(parent.error_code), warning_code(parent.warning_code),
-        msg_title(parent.msg_title), msg_text(parent.msg_text) {}
+      : settings(parent.settings),
+        bar(child),
+        parent_bar(parent.bar),
+        root_bar(parent.root_bar),
+        error_code(parent.error_code),
+        warning_code(parent.warning_code),
+        msg_title(parent.msg_title),
+        msg_text(parent.msg_text) {}
 
   // A sub-task on phase bar `index` of this task's bar.
   Ptr<task_mgr> phase_task(unsigned index) const {
@@ -66,8 +77,12 @@ class task_mgr : public kelvo::ref_counted {
       Ptr<progress_bar> phase = root_bar->children[k].bar;
       phase->finish();
     }
-    if (settings->interrupt_hdl && root_bar) settings->interrupt_hdl(settings->pass_thru, root_bar->value());
+    if (settings->interrupt_hdl && root_bar)
+      settings->interrupt_hdl(settings->pass_thru, root_bar->value());
   }
 };
+
+// The task manager of the mesher's records.
+using task_type = task_mgr<mesher::settings_type, mesher::data_type>;
 
 }  // namespace kelvo::voxfill

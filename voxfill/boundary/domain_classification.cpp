@@ -1,0 +1,222 @@
+// Sorting tets into subdomains and outside by floods that stop at hard faces, and the report of
+// the hard entities the mesh could not hold.
+#include "voxfill/boundary/domain_classification.h"
+
+#include <deque>
+
+#include "delaunay/mesh_walks.h"
+#include "delaunay/tet_tables.h"
+
+namespace kelvo::voxfill {
+namespace {
+
+unsigned start_tet(const mesh_store& m) {
+  if (m.box_nodes.empty()) return NONE;
+  const unsigned corner = m.box_nodes[0];
+  return corner < m.ancestors.size ? m.ancestors[corner] : NONE;
+}
+
+bool is_hard_face(const mesh_store& m, unsigned t, unsigned f) {
+  const unsigned* n = m.tets.row(t);
+  const unsigned* l = tet_face_nodes[f];
+  return m.hard_set.has_face(n[l[0]], n[l[1]], n[l[2]]);
+}
+
+}  // namespace
+
+unsigned flood_colors(mesh_store& m) {
+  const unsigned count = m.tets.cols();
+  if (count == 0 || count == m.tets.free_stack.size) return 0;
+  m.bump_marks();
+  for (unsigned t = 0; t < count; ++t)
+    if (!m.tet_live(t)) m.mark(t);
+  unsigned c = NONE;
+  unsigned next = 0;  // scan position for the next unmarked tet
+  unsigned seed = start_tet(m);
+  dense1D<unsigned>& stack = m.work_stack;
+  stack.clear();
+  for (;;) {
+    if (seed == NONE || m.marked(seed)) {
+      while (next < count && m.marked(next)) ++next;
+      if (next == count) break;
+      seed = next;
+      ++c;
+    }
+    stack.push_back(seed);
+    seed = NONE;
+    while (stack.size) {
+      const unsigned t = stack.back();
+      stack.pop_back();
+      m.colors[t] = c;
+      m.mark(t);
+      for (unsigned f = 0; f < 4; ++f) {
+        const unsigned nb = m.neighbors(f, t);
+        if (nb != NONE && !m.marked(nb) && !is_hard_face(m, t, f)) stack.push_back(nb);
+      }
+    }
+  }
+  return c + 1;
+}
+
+void order_subdomains(mesh_store& m, unsigned& count, unsigned subdomain_rule, int& boundary_sign) {
+  const unsigned start = start_tet(m);
+  if (m.tets.cols() == 0 || count == 0 || start == NONE) return;
+  dense1D<unsigned> region_map(count, DELETED);
+  std::deque<unsigned> queue[2];
+  std::vector<unsigned> pending;
+  queue[0].push_back(start);
+  unsigned number = NONE;  // last subdomain number given; NONE: none yet
+  int sign = 0;
+  unsigned current = 0;
+  bool consistent = true;
+  m.bump_marks();
+  const entity_set& hard = m.hard_set;
+  for (;;) {
+    while (!queue[current].empty()) {
+      const unsigned t = queue[current].front();
+      queue[current].pop_front();
+      if (m.marked(t)) continue;
+      m.mark(t);
+      const unsigned c = m.colors[t];
+      if (c != NONE && c < count && region_map[c] == DELETED)
+        region_map[c] = current == 0 ? NONE : ++number;
+      const unsigned* n = m.tets.row(t);
+      for (unsigned f = 0; f < 4; ++f) {
+        const unsigned nb = m.neighbors(f, t);
+        if (nb == NONE || m.marked(nb)) continue;
+        if (m.colors[nb] == c) {
+          queue[current].push_back(nb);
+          continue;
+        }
+        const unsigned* l = tet_face_nodes[f];
+        const face_key key{{n[l[0]], n[l[1]], n[l[2]]}};
+        int dir = 0;
+        int o = 0;
+        if (hard.faces.find(key, &dir) != NONE && !hard.two_way_faces.contains(key)) o = -dir;
+        if (number == NONE && (o == 0 || (sign != 0 && sign != o))) consistent = false;
+        if (o == 0) {
+          pending.push_back(nb);
+          continue;
+        }
+        if (sign == 0) sign = o;
+        unsigned k = subdomain_rule == 0 ? (o == sign ? 1u : 0u) : subdomain_rule == 1 ? 1u : 0u;
+        if (number == NONE) k = 1;
+        queue[k].push_back(nb);
+      }
+    }
+    current ^= 1u;
+    if (!queue[current].empty()) continue;
+    if (!pending.empty()) {
+      current = 1;
+      queue[1].insert(queue[1].end(), pending.begin(), pending.end());
+      pending.clear();
+      continue;
+    }
+    break;
+  }
+  boundary_sign = consistent ? sign : 0;
+  for (unsigned t = 0; t < m.colors.size; ++t) {
+    const unsigned c = m.colors[t];
+    if (c < DELETED) m.colors[t] = c < count ? region_map[c] : DELETED;
+  }
+  count = number + 1;
+}
+
+void single_domain_colors(mesh_store& m) {
+  const unsigned count = m.tets.cols();
+  if (count == 0 || count == m.tets.free_stack.size) return;
+  for (unsigned t = 0; t < count; ++t)
+    if (m.tet_live(t)) m.colors[t] = 0;
+  dense1D<unsigned>& ball = m.work_list_b;
+  for (unsigned k = 0; k < m.box_nodes.size; ++k) {
+    ball_of_node(m, m.box_nodes[k], NONE, ball);
+    for (unsigned t : ball) m.colors[t] = NONE;
+  }
+}
+
+void propagate_unenforced(mesh_store& m) {
+  entity_set& u = m.unenforced_set;
+  const entity_set& h = m.hard_set;
+  if (u.node_count != 0)
+    for (unsigned e = 0; e < h.edges.keys.size; ++e) {
+      if (!h.edges.live(e)) continue;
+      const edge_key& k = h.edges.keys[e];
+      if (u.has_node(k.n[0]) || u.has_node(k.n[1])) u.add_edge(k.n[0], k.n[1]);
+    }
+  if (u.edges.size() != 0)
+    for (unsigned f = 0; f < h.faces.keys.size; ++f) {
+      if (!h.faces.live(f)) continue;
+      const face_key& k = h.faces.keys[f];
+      const unsigned a = k.n[0], b = k.n[1], c = k.n[2];
+      if (u.edges.contains(edge_key{{a, b}}) || u.edges.contains(edge_key{{b, c}}) ||
+          u.edges.contains(edge_key{{c, a}}))
+        u.add_face(a, b, c);
+    }
+}
+
+void report_hard_entities(mesh_store& m, mesher::data_type& data, bool strict_constraints,
+                          const task_type& task) {
+  const int err = data.error_code;
+  if (err == -101 || err == -102 || err == -199) return;
+  data.missing_faces.clear();
+  data.missing_edges.clear();
+  data.missing_nodes.clear();
+  data.conflicting_faces.clear();
+  const entity_set& u = m.unenforced_set;
+  unsigned lost = 0;
+  dense1D<unsigned>& list = m.work_list_b;
+  auto any_in_domain = [&](const dense1D<unsigned>& tets) {
+    for (unsigned t : tets)
+      if (t < m.colors.size && m.colors[t] < DELETED) return true;
+    return false;
+  };
+  const dense2D<unsigned>& B = data.connectB;
+  if (!B.empty())
+    for (unsigned i = 0; i < B.cols; ++i) {
+      const unsigned a = B(0, i), b = B(1, i), c = B(2, i);
+      if (a == b || b == c || a == c) continue;
+      tets_of_face(m, a, b, c, list);
+      const bool unenforced = u.has_face(a, b, c);
+      if (!any_in_domain(list)) {
+        data.missing_faces.push_back(i);
+        if (list.size == 0 && !unenforced) ++lost;
+      }
+      if (unenforced) data.conflicting_faces.push_back(i);
+    }
+  const dense2D<unsigned>& E = data.connectE;
+  if (!E.empty())
+    for (unsigned j = 0; j < E.cols; ++j) {
+      const unsigned a = E(0, j), b = E(1, j);
+      if (a == b) continue;
+      shell_of_edge(m, a, b, NONE, list);
+      if (!any_in_domain(list)) data.missing_edges.push_back(j);
+    }
+  const bit_set& bits = m.hard_set.node_bits;
+  for (unsigned n = 0; n < bits.length; ++n) {
+    if (!bits.test(n)) continue;
+    const unsigned t = n < m.ancestors.size ? m.ancestors[n] : NONE;
+    if (t == NONE || t >= m.colors.size || m.colors[t] >= DELETED) data.missing_nodes.push_back(n);
+  }
+
+  if (strict_constraints) {
+    if (u.node_count != 0) task.raise_error(msg::node_error);
+    if (u.edges.size() != 0) task.raise_error(msg::edge_error);
+    if (u.faces.size() != 0) task.raise_error(msg::face_error);
+  }
+  if (u.node_count != 0) task.raise_warning(msg::node_warning_conflict);
+  if (u.edges.size() != 0) task.raise_warning(msg::edge_warning_conflict);
+  if (u.faces.size() != 0) task.raise_warning(msg::face_warning_conflict);
+  if (lost == 0) {
+    if (!B.empty() && data.volume == 0.0) task.raise_warning(msg::not_watertight);
+    if (!data.missing_faces.empty()) task.raise_warning(msg::face_warning_outside);
+    if (!data.missing_edges.empty()) task.raise_warning(msg::edge_warning_outside);
+    if (!data.missing_nodes.empty()) task.raise_warning(msg::node_warning_outside);
+  } else {
+    if (!data.missing_faces.empty()) task.raise_warning(msg::face_warning_not_enforced);
+    if (!data.missing_edges.empty()) task.raise_warning(msg::edge_warning_not_enforced);
+    if (!data.missing_nodes.empty()) task.raise_warning(msg::node_warning_not_enforced);
+  }
+  if (!B.empty() && data.boundary_sign == 0) task.raise_warning(msg::poorly_oriented);
+}
+
+}  // namespace kelvo::voxfill

@@ -1,0 +1,88 @@
+// Hard entities of the input: registration in the hard set, and the list of those the mesh lacks.
+#include "voxfill/boundary/hard_entities.h"
+
+#include <algorithm>
+
+#include "delaunay/mesh_walks.h"
+
+namespace kelvo::voxfill {
+
+void register_hard_entities(mesh_store& m, mesher::data_type& data, bool keep_two_way,
+                            const task_type& task) {
+  if (*task.error_code != 0 || *task.warning_code == -10) return;
+  entity_set& h = m.hard_set;
+  h.clear_hard();
+  const dense2D<unsigned>& B = data.connectB;
+  const dense2D<unsigned>& E = data.connectE;
+  const dense1D<unsigned>& iso = data.isolated_nodes;
+  const unsigned nB = B.empty() ? 0 : B.cols, nE = E.empty() ? 0 : E.cols;
+
+  // About 1.5 sides per triangle on a closed surface; the face table gets a bucket per face.
+  unsigned buckets = 8;
+  while (buckets < (3 * nB / 2 + nE)) buckets <<= 1;
+  h.edges.rehash(buckets);
+  buckets = 8;
+  while (buckets < nB) buckets <<= 1;
+  h.faces.rehash(buckets);
+
+  unsigned top = 0;
+  for (unsigned k = 0; k < iso.size; ++k) top = iso[k] > top ? iso[k] : top;
+  for (unsigned j = 0; j < nE; ++j) top = std::max({top, E(0, j), E(1, j)});
+  h.node_bits.grow(top + 1);
+
+  for (unsigned k = 0; k < iso.size; ++k) h.add_node(iso[k]);
+  for (unsigned j = 0; j < nE; ++j) h.add_edge(E(0, j), E(1, j), keep_two_way);
+  for (unsigned j = 0; j < nB; ++j) h.add_face(B(0, j), B(1, j), B(2, j), keep_two_way);
+
+  data.hard_nodes_in = h.node_count;
+  data.hard_edges_in = h.edges.size();
+  data.hard_faces_in = h.faces.size();
+  if (task.settings->nodes_limit < h.node_count) task.raise_error(msg::insufficient_nodes_limit);
+}
+
+void collect_missing(mesh_store& m, const dense2D<unsigned>& connectB,
+                     const dense2D<unsigned>& connectE, const dense1D<unsigned>& isolated_nodes,
+                     bool with_entity_nodes, std::vector<std::array<unsigned, 3>>& absent_faces,
+                     std::vector<std::array<unsigned, 2>>& absent_edges,
+                     dense1D<unsigned>& absent_nodes) {
+  absent_faces.clear();
+  absent_edges.clear();
+  absent_nodes.clear();
+  const unsigned count = m.ancestors.size;
+  dense1D<unsigned>& list = m.work_list_b;
+  if (!connectB.empty())
+    for (unsigned j = 0; j < connectB.cols; ++j) {
+      const unsigned a = connectB(0, j), b = connectB(1, j), c = connectB(2, j);
+      if (find_face_tet(m, a, b, c, list) == NONE) absent_faces.push_back({a, b, c});
+    }
+  if (!connectE.empty())
+    for (unsigned j = 0; j < connectE.cols; ++j) {
+      const unsigned a = connectE(0, j), b = connectE(1, j);
+      if (edge_tet(m, a, b) == NONE) absent_edges.push_back({a, b});
+    }
+  auto missing = [&](unsigned n) { return n >= count || m.ancestors[n] == NONE; };
+  for (unsigned k = 0; k < isolated_nodes.size; ++k)
+    if (missing(isolated_nodes[k])) absent_nodes.push_back(isolated_nodes[k]);
+  if (with_entity_nodes) {
+    for (const auto& f : absent_faces)
+      for (unsigned n : f)
+        if (missing(n)) absent_nodes.push_back(n);
+    for (const auto& e : absent_edges)
+      for (unsigned n : e)
+        if (missing(n)) absent_nodes.push_back(n);
+  }
+  // Drop repeats, keeping first occurrences; marks are indexed by node here.
+  m.bump_marks();
+  unsigned kept = 0;
+  for (unsigned k = 0; k < absent_nodes.size; ++k) {
+    const unsigned n = absent_nodes[k];
+    if (n < m.marks.size) {
+      if (m.marked(n)) continue;
+      m.mark(n);
+    }
+    absent_nodes[kept++] = n;
+  }
+  absent_nodes.size = kept;
+}
+
+}  // namespace kelvo::voxfill

@@ -1,0 +1,27 @@
+// Hard entities of the input: registration in the hard set, and the list of those the mesh lacks.
+#pragma once
+
+#include <array>
+#include <vector>
+
+#include "delaunay/mesh_store.h"
+#include "voxfill/task_mgr.h"
+
+namespace kelvo::voxfill {
+
+// Fills `hard_set` from connectB, connectE and isolated_nodes (first occurrence keeps direction
+// and orientation; with `keep_two_way`, entities given both ways also go to the two-way sets),
+// stores the counts hard_*_in in `data`, and raises -103 when `nodes_limit` cannot hold the hard
+// nodes. Does nothing while an error or an interruption stands.
+void register_hard_entities(mesh_store& m, mesher::data_type& data, bool keep_two_way,
+                            const task_type& task);
+
+// Lists the faces, edges and nodes of the input that the mesh lacks (each node once, first
+// occurrence kept). With `with_entity_nodes`, the nodes of absent faces and edges are checked too.
+void collect_missing(mesh_store& m, const dense2D<unsigned>& connectB,
+                     const dense2D<unsigned>& connectE, const dense1D<unsigned>& isolated_nodes,
+                     bool with_entity_nodes, std::vector<std::array<unsigned, 3>>& absent_faces,
+                     std::vector<std::array<unsigned, 2>>& absent_edges,
+                     dense1D<unsigned>& absent_nodes);
+
+}  // namespace kelvo::voxfill

@@ -1,0 +1,82 @@
+// Mode 2: the Delaunay mesh of the convex hull of the hard nodes.
+#include <algorithm>
+#include <chrono>
+
+#include "delaunay/delaunay_mgr.h"
+#include "voxfill/boundary/domain_classification.h"
+#include "voxfill/boundary/hard_entities.h"
+#include "voxfill/delaunay_th4.h"
+
+namespace kelvo::voxfill {
+namespace {
+
+double clock_now() {
+  using namespace std::chrono;
+  const auto ms = duration_cast<milliseconds>(system_clock::now().time_since_epoch()).count();
+  return double(ms / 1000) + 0.001 * double(ms % 1000);
+}
+
+// The nodes of the hard set in increasing order, and their bounding box.
+void hard_node_list(const mesh_store& m, dense1D<unsigned>& list, double lo[3], double hi[3]) {
+  list.clear();
+  const bit_set& bits = m.hard_set.node_bits;
+  list.reserve(m.hard_set.node_count);
+  for (unsigned n = 0; n < bits.length && n < m.nodes.cols(); ++n)
+    if (bits.test(n)) list.push_back(n);
+  for (unsigned k = 0; k < 3; ++k) {
+    lo[k] = list.size ? m.nodes(k, list[0]) : 0.0;
+    hi[k] = lo[k];
+  }
+  for (unsigned n : list)
+    for (unsigned k = 0; k < 3; ++k) {
+      lo[k] = std::min(lo[k], m.nodes(k, n));
+      hi[k] = std::max(hi[k], m.nodes(k, n));
+    }
+}
+
+}  // namespace
+
+void th4_engine::run_delaunay(mesher::data_type& data) {
+  const unsigned n = data.pos.cols;
+  double T = clock_now();
+  if (!load_nodes(data.pos, dense1D<double>())) raise_error(msg::memory_node_loading);
+  register_hard_entities(*this, data, false, *tasks);
+  tasks->close_phase(phase_init);
+
+  if (!must_stop()) {
+    dense1D<unsigned> list;
+    double lo[3], hi[3];
+    hard_node_list(*this, list, lo, hi);
+    for (unsigned k = 0; k < 3; ++k) {
+      data.hard_box_min[k] = lo[k];
+      data.hard_box_max[k] = hi[k];
+    }
+    Ptr<task_type> phase = tasks->phase_task(phase_delaunay);
+    start_delaunay(*this, list, lo, hi, 10.0, 0.0, *phase);
+  }
+
+  single_domain_colors(*this);
+  data.volume = domain_volume();
+  set_domain_ancestors();
+  report_hard_entities(*this, data, settings.strict_constraints, *tasks);
+  if (data.error_code == -104 || data.error_code == -105) {
+    data.error_code = 0;
+    data.msg_title[0] = data.msg_text[0] = '\0';
+  }
+  data.front_time = clock_now() - T;
+  tasks->close_phase(phase_delaunay);
+  T = clock_now();
+  if (settings.optim_level != 0 && !must_stop()) display("Regularize mesh.\n");
+  tasks->close_phase(phase_regularize);
+  data.optim_time = clock_now() - T;
+  if (data.error_code == 0) display("Finalize mesh.\n");
+  if (data.error_code != 0) {
+    empty_mesh();
+    data.volume = 0.0;
+  }
+  drop_outside(n);
+  data.min_quality = min_quality();
+  if (!write_output(data, n)) raise_error(msg::memory_output_mode2);
+}
+
+}  // namespace kelvo::voxfill

@@ -1,0 +1,247 @@
+// The output stage: outside tets and unused nodes go, the tables close up, and the record comes
+// to share them, with counts, histogram and the final lists of missing entities.
+#include <algorithm>
+#include <cfloat>
+
+#include "delaunay/geometry.h"
+#include "voxfill/delaunay_th4.h"
+
+namespace kelvo::voxfill {
+
+void th4_engine::drop_outside(unsigned first_node) {
+  bool released = false;
+  const unsigned count = tets.cols();
+  for (unsigned t = 0; t < count; ++t) {
+    if (colors[t] != NONE) continue;
+    for (unsigned i = 0; i < 4; ++i) {
+      const unsigned u = neighbors(i, t);
+      if (u == NONE || colors[u] >= DELETED) continue;
+      const unsigned j = neighbor_index(u, t);
+      if (j < 4) neighbors(j, u) = NONE;  // the face is on the hull from now on
+    }
+    release_tet(t);
+    released = true;
+  }
+  if (released) {
+    ancestors.clear();
+    ancestors.resize(nodes.cols(), NONE);
+    for (unsigned t = 0; t < count; ++t)
+      if (colors[t] != DELETED) set_ancestors(t, t + 1);
+  }
+  for (unsigned n = first_node; n < nodes.cols(); ++n) {
+    if (ancestors[n] != NONE || nodes.is_free(n)) continue;
+    release_node(n);  // also takes it out of the locator's octree
+  }
+  box_nodes.clear();
+  dense1D<unsigned> map;
+  compact_tets(map);
+  compact_nodes(map);
+}
+
+unsigned th4_engine::compact_tets(dense1D<unsigned>& map) {
+  const unsigned old = tets.cols();
+  const unsigned count = tets.compact(map);
+  if (count == old) return count;
+  dense1D<unsigned> same;
+  neighbors.compact(same);
+  const unsigned m = map.size;
+  auto remap = [&](unsigned& e) {
+    if (e < m) e = map[e];
+  };
+  for (unsigned t = 0; t < count; ++t)
+    for (unsigned i = 0; i < 4; ++i) remap(neighbors(i, t));
+  for (unsigned& a : ancestors) remap(a);
+  for (unsigned i = 0; i < old; ++i) {
+    const unsigned k = map[i];
+    if (k == NONE) continue;
+    colors[k] = colors[i];
+    tet_stamps[k] = tet_stamps[i];
+    tet_qualities[k] = tet_qualities[i];
+  }
+  colors.resize(count);
+  tet_stamps.resize(count);
+  tet_qualities.resize(count);
+  return count;
+}
+
+unsigned th4_engine::compact_nodes(dense1D<unsigned>& map) {
+  const unsigned old = nodes.cols();
+  const unsigned count = nodes.compact(map);
+  if (count == old) return count;
+  const unsigned m = map.size;
+  for (unsigned t = 0; t < tets.cols(); ++t)
+    for (unsigned i = 0; i < 4; ++i) {
+      unsigned& e = tets(i, t);
+      if (e < m) e = map[e];
+    }
+  for (unsigned i = 0; i < old; ++i) {
+    const unsigned k = map[i];
+    if (k == NONE) continue;
+    ancestors[k] = ancestors[i];
+    if (!node_sizes.empty()) node_sizes[k] = node_sizes[i];
+  }
+  ancestors.resize(count);
+  if (!node_sizes.empty()) node_sizes.resize(count);
+  return count;
+}
+
+void th4_engine::empty_mesh() {
+  tets.clear_hard();
+  neighbors.clear_hard();
+  tet_qualities.clear_hard();
+  colors.clear_hard();
+  tet_stamps.clear_hard();
+  ancestors = NONE;
+}
+
+void th4_engine::turn_all_tets() {
+  for (unsigned t = 0; t < tets.cols(); ++t) {
+    std::swap(tets(1, t), tets(2, t));
+    std::swap(neighbors(1, t), neighbors(2, t));
+  }
+}
+
+bool th4_engine::write_output(mesher::data_type& data, unsigned first_node) {
+  bool ok = data.pos.resize(3, first_node);
+  if (ok && nodes.cols() > first_node)
+    ok = append(data.pos, nodes.data.sub_matrix(0, first_node, 3, nodes.cols() - first_node));
+  data.metrics = node_sizes;
+  data.connectM = tets.data;
+  data.neighbors = neighbors.data;
+  data.shape_qualities = tet_qualities;
+  data.ancestors = ancestors;
+  data.colors = colors;
+  data.hard_nodes_out = hard_set.node_count;
+  data.hard_edges_out = hard_set.edges.size();
+  data.hard_faces_out = hard_set.faces.size();
+  unsigned unused = 0;
+  for (unsigned a : data.ancestors) unused += a == NONE;
+  data.total_node_count = data.pos.cols;
+  data.used_node_count = data.pos.cols > unused ? data.pos.cols - unused : 0;
+  data.tet_count = data.connectM.cols;
+  if (!data.colors.empty()) {
+    unsigned top = 0;
+    for (unsigned c : data.colors) top = std::max(top, c);
+    data.subdomains = top + 1;
+  }
+  data.histo_Qs.clear_hits();
+  data.histo_Qs.process(data.shape_qualities);
+  return ok;
+}
+
+void th4_engine::update_missing_lists(mesher::data_type& data) {
+  data.hard_nodes_out = data.hard_edges_out = data.hard_faces_out = 0;
+  if (data.connectM.empty()) return;
+  // Tets per node, only for the nodes that the lists name: two sorted lists meet in a merge.
+  auto tets_per_node = [&](const dense2D<unsigned>& table, const dense1D<unsigned>& columns,
+                           std::vector<std::vector<unsigned>>& per_node,
+                           std::vector<unsigned>& slot) {
+    slot.assign(nodes.cols(), NONE);
+    per_node.clear();
+    for (unsigned e : columns)
+      for (unsigned k = 0; k < table.rows; ++k) {
+        const unsigned n = table(k, e);
+        if (n < slot.size() && slot[n] == NONE) {
+          slot[n] = unsigned(per_node.size());
+          per_node.emplace_back();
+        }
+      }
+    for (unsigned t = 0; t < tets.cols(); ++t) {
+      if (colors[t] == DELETED) continue;
+      for (unsigned k = 0; k < 4; ++k) {
+        const unsigned n = tets(k, t);
+        if (n < slot.size() && slot[n] != NONE) per_node[slot[n]].push_back(t);
+      }
+    }
+  };
+  auto common = [](const std::vector<unsigned>& a, const std::vector<unsigned>& b) {
+    for (size_t i = 0, j = 0; i < a.size() && j < b.size();) {
+      if (a[i] == b[j]) return true;
+      a[i] < b[j] ? ++i : ++j;
+    }
+    return false;
+  };
+  std::vector<std::vector<unsigned>> per_node;
+  std::vector<unsigned> slot;
+  auto edge_in_mesh = [&](unsigned a, unsigned b) {
+    if (a >= ancestors.size || b >= ancestors.size || ancestors[a] == NONE || ancestors[b] == NONE)
+      return false;
+    if (a >= slot.size() || b >= slot.size() || slot[a] == NONE || slot[b] == NONE) return false;
+    return common(per_node[slot[a]], per_node[slot[b]]);
+  };
+  if (!data.missing_edges.empty()) {
+    tets_per_node(data.connectE, data.missing_edges, per_node, slot);
+    unsigned kept = 0;
+    for (unsigned e : data.missing_edges) {
+      const unsigned a = data.connectE(0, e), b = data.connectE(1, e);
+      if (edge_in_mesh(a, b)) continue;
+      hard_set.edges.erase(edge_key{{a, b}});
+      hard_set.two_way_edges.erase(edge_key{{a, b}});
+      data.missing_edges[kept++] = e;
+    }
+    data.missing_edges.size = kept;
+  }
+  if (!data.missing_faces.empty()) {
+    tets_per_node(data.connectB, data.missing_faces, per_node, slot);
+    unsigned kept = 0;
+    for (unsigned e : data.missing_faces) {
+      const unsigned a = data.connectB(0, e), b = data.connectB(1, e), c = data.connectB(2, e);
+      bool present = false;
+      if (a < slot.size() && b < slot.size() && c < slot.size() && slot[a] != NONE &&
+          slot[b] != NONE && slot[c] != NONE) {
+        // A tet in all three sorted lists.
+        const auto &la = per_node[slot[a]], &lb = per_node[slot[b]], &lc = per_node[slot[c]];
+        for (unsigned t : la)
+          if (std::binary_search(lb.begin(), lb.end(), t) &&
+              std::binary_search(lc.begin(), lc.end(), t)) {
+            present = true;
+            break;
+          }
+      }
+      if (present) continue;
+      hard_set.faces.erase(face_key{{a, b, c}});
+      hard_set.two_way_faces.erase(face_key{{a, b, c}});
+      const unsigned side[3][2] = {{b, c}, {c, a}, {a, b}};
+      for (const auto& s : side)
+        if (!edge_in_mesh(s[0], s[1])) {
+          hard_set.edges.erase(edge_key{{s[0], s[1]}});
+          hard_set.two_way_edges.erase(edge_key{{s[0], s[1]}});
+        }
+      data.missing_faces[kept++] = e;
+    }
+    data.missing_faces.size = kept;
+  }
+  data.hard_nodes_out = hard_set.node_count > data.missing_nodes.size
+                            ? hard_set.node_count - data.missing_nodes.size
+                            : 0;
+  data.hard_edges_out = hard_set.edges.size() + hard_set.two_way_edges.size();
+  data.hard_faces_out = hard_set.faces.size() + hard_set.two_way_faces.size();
+}
+
+double th4_engine::min_quality() const {
+  double q = DBL_MAX;
+  bool any = false;
+  for (unsigned t = 0; t < tets.cols(); ++t) {
+    if (colors[t] >= DELETED || tet_qualities[t] == -DBL_MAX) continue;
+    q = std::min(q, tet_qualities[t]);
+    any = true;
+  }
+  return any ? q : 0.0;
+}
+
+double th4_engine::domain_volume() const {
+  double v = 0.0;
+  for (unsigned t = 0; t < tets.cols(); ++t) {
+    if (colors[t] >= DELETED) continue;
+    const unsigned* n = tets.row(t);
+    v += orient_det(nodes.data, n[0], n[1], n[2], n[3]);
+  }
+  return v / 6.0;
+}
+
+void th4_engine::set_domain_ancestors() {
+  for (unsigned t = 0; t < tets.cols(); ++t)
+    if (colors[t] < DELETED) set_ancestors(t, t + 1);
+}
+
+}  // namespace kelvo::voxfill
