@@ -1,6 +1,7 @@
 // Mode 2: the Delaunay mesh of the convex hull of the hard nodes.
 #include <algorithm>
 #include <chrono>
+#include <cmath>
 
 #include "delaunay/delaunay_mgr.h"
 #include "voxfill/boundary/domain_classification.h"
@@ -29,8 +30,14 @@ void hard_node_list(const mesh_store& m, dense1D<unsigned>& list, double lo[3], 
   }
   for (unsigned n : list)
     for (unsigned k = 0; k < 3; ++k) {
-      lo[k] = std::min(lo[k], m.nodes(k, n));
-      hi[k] = std::max(hi[k], m.nodes(k, n));
+      const double x = m.nodes(k, n);
+      if (!std::isfinite(x)) {
+        // A box that cannot be made: the kernel refuses it with its own error.
+        lo[0] = lo[1] = lo[2] = hi[0] = hi[1] = hi[2] = std::nan("");
+        return;
+      }
+      lo[k] = std::min(lo[k], x);
+      hi[k] = std::max(hi[k], x);
     }
 }
 
@@ -43,7 +50,7 @@ void th4_engine::run_delaunay(mesher::data_type& data) {
   register_hard_entities(*this, data, false, *tasks);
   tasks->close_phase(phase_init);
 
-  if (!must_stop()) {
+  {
     dense1D<unsigned> list;
     double lo[3], hi[3];
     hard_node_list(*this, list, lo, hi);

@@ -1,0 +1,255 @@
+// The Delaunay mesh of a point cloud through the public interface: validity of the mesh, the
+// statistics, duplicates, bad input, interruption and determinism.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <map>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "voxfill/mesher_th4.h"
+
+using kelvo::dense2D;
+using kelvo::voxfill::mesher;
+using data_type = mesher::data_type;
+
+namespace {
+
+constexpr unsigned NONE = 0xFFFFFFFFu;
+
+data_type cloud(const std::vector<std::array<double, 3>>& pts) {
+  dense2D<double> pos(3, unsigned(pts.size()));
+  for (unsigned j = 0; j < pts.size(); ++j)
+    for (unsigned i = 0; i < 3; ++i) pos(i, j) = pts[j][i];
+  data_type d(pos, dense2D<unsigned>());
+  for (unsigned j = 0; j < pts.size(); ++j) d.isolated_nodes.push_back(j);
+  return d;
+}
+
+std::vector<std::array<double, 3>> random_points(unsigned n, unsigned seed) {
+  std::mt19937 rng(seed);
+  std::uniform_real_distribution<double> U(-1.0, 1.0);
+  std::vector<std::array<double, 3>> p(n);
+  for (auto& q : p) q = {U(rng), U(rng), U(rng)};
+  return p;
+}
+
+double det(const data_type& d, unsigned t) {
+  const double* p[4];
+  for (unsigned k = 0; k < 4; ++k) p[k] = d.pos.col(d.connectM(k, t));
+  double a[3], b[3], c[3];
+  for (unsigned i = 0; i < 3; ++i)
+    a[i] = p[0][i] - p[3][i], b[i] = p[1][i] - p[3][i], c[i] = p[2][i] - p[3][i];
+  return a[0] * (b[1] * c[2] - b[2] * c[1]) + a[1] * (b[2] * c[0] - b[0] * c[2]) +
+         a[2] * (b[0] * c[1] - b[1] * c[0]);
+}
+
+constexpr unsigned FACE[4][3] = {{1, 2, 3}, {2, 0, 3}, {1, 3, 0}, {2, 1, 0}};
+
+// Orientation, neighbour symmetry by face nodes, faces in at most two tets, ancestors, volume.
+void expect_valid_mesh(const data_type& d, double orientation = 1.0) {
+  const unsigned m = d.connectM.cols;
+  ASSERT_EQ(d.tet_count, m);
+  ASSERT_EQ(d.neighbors.cols, m);
+  ASSERT_EQ(d.colors.size, m);
+  ASSERT_EQ(d.shape_qualities.size, m);
+  double volume = 0.0;
+  std::map<std::array<unsigned, 3>, unsigned> faces;
+  for (unsigned t = 0; t < m; ++t) {
+    const double v = det(d, t) * orientation;
+    EXPECT_GT(v, 0.0) << "tet " << t;
+    volume += v / 6.0;
+    for (unsigned f = 0; f < 4; ++f) {
+      std::array<unsigned, 3> key;
+      for (unsigned k = 0; k < 3; ++k) key[k] = d.connectM(FACE[f][k], t);
+      std::sort(key.begin(), key.end());
+      EXPECT_LE(++faces[key], 2u);
+      const unsigned nb = d.neighbors(f, t);
+      if (nb == NONE) continue;
+      unsigned back = 0, shared = 0;
+      for (unsigned g = 0; g < 4; ++g) back += d.neighbors(g, nb) == t;
+      for (unsigned a = 0; a < 4; ++a)
+        for (unsigned b = 0; b < 4; ++b) shared += d.connectM(a, t) == d.connectM(b, nb);
+      EXPECT_EQ(back, 1u);
+      EXPECT_EQ(shared, 3u);
+      for (unsigned k = 0; k < 3; ++k) {  // the neighbour holds the face opposite node f
+        const unsigned n = d.connectM(FACE[f][k], t);
+        bool has = false;
+        for (unsigned a = 0; a < 4; ++a) has |= d.connectM(a, nb) == n;
+        EXPECT_TRUE(has);
+      }
+    }
+  }
+  EXPECT_NEAR(d.volume, volume, 1e-12 * std::max(1.0, std::abs(volume)));
+  ASSERT_EQ(d.ancestors.size, d.pos.cols);
+  for (unsigned n = 0; n < d.ancestors.size; ++n) {
+    const unsigned t = d.ancestors[n];
+    if (t == NONE) continue;
+    ASSERT_LT(t, m);
+    bool has = false;
+    for (unsigned a = 0; a < 4; ++a) has |= d.connectM(a, t) == n;
+    EXPECT_TRUE(has);
+  }
+  EXPECT_EQ(d.histo_Qs.total_hits() + d.histo_Qs.smaller() + d.histo_Qs.larger(), m);
+}
+
+struct message_log {
+  std::string all;
+  static void hdl(void* p, unsigned level, const char* text) {
+    EXPECT_EQ(level, 0u);
+    static_cast<message_log*>(p)->all += text;
+  }
+};
+
+}  // namespace
+
+// Four nodes of a regular tet: one tet of quality 1, no initialisation message.
+TEST(DelaunayPipeline, RegularTet) {
+  const double s = 1.0 / std::sqrt(2.0);
+  data_type d = cloud({{1, 0, -s}, {-1, 0, -s}, {0, 1, s}, {0, -1, s}});
+  message_log log;
+  mesher m;
+  m.settings.mode = 2;
+  m.settings.display_hdl = message_log::hdl;
+  m.settings.pass_thru = &log;
+  m.run(d);
+  EXPECT_EQ(d.error_code, 0);
+  EXPECT_EQ(d.warning_code, 0);
+  ASSERT_EQ(d.tet_count, 1u);
+  EXPECT_NEAR(d.min_quality, 1.0, 1e-12);
+  EXPECT_EQ(log.all, "Regularize mesh.\nFinalize mesh.\n");
+  EXPECT_EQ(d.pos.cols, 4u);  // the corners of the enclosing box are gone
+  EXPECT_EQ(d.used_node_count, 4u);
+  EXPECT_EQ(d.subdomains, 1u);
+  expect_valid_mesh(d);
+}
+
+// A random cloud: a valid mesh, empty circumspheres, colours 0, unused nodes kept as columns;
+// positive_orientation is not read in this mode; equal runs give equal meshes.
+TEST(DelaunayPipeline, RandomCloud) {
+  auto pts = random_points(600, 5);
+  pts.push_back({5, 5, 5});  // a node that no hard set names: its column stays, unused
+  data_type d = cloud(pts);
+  d.isolated_nodes.pop_back();
+  mesher m;
+  m.settings.mode = 2;
+  m.settings.positive_orientation = false;
+  m.run(d);
+  ASSERT_EQ(d.error_code, 0);
+  expect_valid_mesh(d);
+  EXPECT_EQ(d.pos.cols, 601u);
+  EXPECT_EQ(d.used_node_count, 600u);
+  EXPECT_EQ(d.total_node_count, 601u);
+  EXPECT_EQ(d.ancestors[600], NONE);
+  EXPECT_EQ(d.hard_nodes_out, 600u);
+  for (unsigned c : d.colors) EXPECT_EQ(c, 0u);
+  // No node strictly inside the circumsphere of any tet.
+  for (unsigned t = 0; t < d.tet_count; ++t) {
+    double A[3][3], r[3];
+    const double* p0 = d.pos.col(d.connectM(0, t));
+    for (unsigned k = 1; k < 4; ++k) {
+      const double* p = d.pos.col(d.connectM(k, t));
+      for (unsigned i = 0; i < 3; ++i) A[k - 1][i] = p[i] - p0[i];
+      r[k - 1] =
+          0.5 * (A[k - 1][0] * A[k - 1][0] + A[k - 1][1] * A[k - 1][1] + A[k - 1][2] * A[k - 1][2]);
+    }
+    const double D = A[0][0] * (A[1][1] * A[2][2] - A[1][2] * A[2][1]) -
+                     A[0][1] * (A[1][0] * A[2][2] - A[1][2] * A[2][0]) +
+                     A[0][2] * (A[1][0] * A[2][1] - A[1][1] * A[2][0]);
+    double c[3];
+    for (unsigned i = 0; i < 3; ++i) {
+      double M[3][3];
+      for (unsigned a = 0; a < 3; ++a)
+        for (unsigned b = 0; b < 3; ++b) M[a][b] = b == i ? r[a] : A[a][b];
+      c[i] = (M[0][0] * (M[1][1] * M[2][2] - M[1][2] * M[2][1]) -
+              M[0][1] * (M[1][0] * M[2][2] - M[1][2] * M[2][0]) +
+              M[0][2] * (M[1][0] * M[2][1] - M[1][1] * M[2][0])) /
+             D;
+    }
+    const double R2 = c[0] * c[0] + c[1] * c[1] + c[2] * c[2];
+    for (unsigned n = 0; n < 600; ++n) {
+      const double* q = d.pos.col(n);
+      const double x = q[0] - p0[0] - c[0], y = q[1] - p0[1] - c[1], z = q[2] - p0[2] - c[2];
+      EXPECT_GE(x * x + y * y + z * z, R2 * (1 - 1e-9)) << "tet " << t << " node " << n;
+    }
+  }
+  data_type again = cloud(pts);
+  again.isolated_nodes.pop_back();
+  m.run(again);
+  ASSERT_EQ(again.tet_count, d.tet_count);
+  for (unsigned t = 0; t < d.tet_count; ++t)
+    for (unsigned k = 0; k < 4; ++k) EXPECT_EQ(again.connectM(k, t), d.connectM(k, t));
+}
+
+// A duplicated node is missing: strict runs withdraw the conflict error and raise nothing;
+// non-strict runs warn.
+TEST(DelaunayPipeline, DuplicatedNodes) {
+  auto pts = random_points(50, 9);
+  pts.push_back(pts[7]);
+  for (bool strict : {true, false}) {
+    data_type d = cloud(pts);
+    mesher m;
+    m.settings.mode = 2;
+    m.settings.strict_constraints = strict;
+    m.run(d);
+    EXPECT_EQ(d.error_code, 0);
+    ASSERT_EQ(d.missing_nodes.size, 1u);
+    EXPECT_EQ(d.missing_nodes[0], 50u);
+    EXPECT_EQ(d.hard_nodes_in, 51u);
+    expect_valid_mesh(d);
+    if (strict) {
+      EXPECT_EQ(d.warning_code, 0);
+    } else {
+      EXPECT_EQ(d.warning_code, -12);
+      EXPECT_STREQ(d.msg_title, "NODE WARNING");
+      EXPECT_STREQ(d.msg_text,
+                   "Hard node(s) in hard entity (node, edge or face).\nFile = "
+                   "voxfill/delaunay_th4.cpp, line = 1021.\n");
+    }
+  }
+}
+
+// Flat input and non-finite coordinates: their errors, no tets, the input columns of pos back.
+TEST(DelaunayPipeline, BadInput) {
+  auto flat = random_points(30, 3);
+  for (auto& p : flat) p[2] = 0.25;
+  data_type d = cloud(flat);
+  mesher m;
+  m.settings.mode = 2;
+  m.run(d);
+  EXPECT_EQ(d.error_code, -107);
+  EXPECT_STREQ(d.msg_title, "BOUNDARY ERROR");
+  EXPECT_STREQ(d.msg_text, "Aligned nodes.\nFile = delaunay/delaunay_mgr.cpp, line = 474.\n");
+  EXPECT_EQ(d.tet_count, 0u);
+  EXPECT_EQ(d.pos.cols, 30u);
+  EXPECT_EQ(d.volume, 0.0);
+
+  auto bad = random_points(30, 4);
+  bad[3][1] = std::nan("");
+  data_type e = cloud(bad);
+  m.run(e);
+  EXPECT_EQ(e.error_code, -102);
+  EXPECT_STREQ(e.msg_text, "Illegal coordinates.\nFile = delaunay/delaunay_mgr.cpp, line = 469.\n");
+  EXPECT_EQ(e.tet_count, 0u);
+  EXPECT_EQ(e.pos.cols, 30u);
+
+  data_type empty;
+  m.run(empty);
+  EXPECT_EQ(empty.error_code, 0);
+  EXPECT_EQ(empty.tet_count, 0u);
+}
+
+// An interruption at the first poll still hands over a valid mesh of the nodes inserted so far.
+TEST(DelaunayPipeline, InterruptedRunGivesValidMesh) {
+  data_type d = cloud(random_points(25000, 11));
+  mesher m;
+  m.settings.mode = 2;
+  m.settings.interrupt_hdl = [](void*, double) { return true; };
+  m.run(d);
+  EXPECT_EQ(d.warning_code, -10);
+  EXPECT_STREQ(d.msg_title, "INTERRUPTION RAISED");
+  EXPECT_GT(d.tet_count, 0u);
+  EXPECT_LT(d.used_node_count, 25000u);
+  expect_valid_mesh(d);
+}
