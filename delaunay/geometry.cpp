@@ -118,7 +118,7 @@ double tet_barycentric(const double* p0, const double* p1, const double* p2, con
 
 double tet_barycentric(const dense2D<double>& coords, unsigned n0, unsigned n1, unsigned n2,
                        unsigned n3, const double* p, double* w) noexcept {
-  VOXFILL_GEOMETRY_CHECK(coords.rows == 3);
+  VOXFILL_ASSERT(coords.rows == 3);
   return tet_barycentric(coords.col(n0), coords.col(n1), coords.col(n2), coords.col(n3), p, w);
 }
 
@@ -254,7 +254,7 @@ double point_plane_distance2(const double* p0, const double* p1, const double* p
 
 double point_plane_distance2(const dense2D<double>& coords, unsigned n0, unsigned n1, unsigned n2,
                              const double* p) noexcept {
-  VOXFILL_GEOMETRY_CHECK(coords.rows == 3);
+  VOXFILL_ASSERT(coords.rows == 3);
   return point_plane_distance2(coords.col(n0), coords.col(n1), coords.col(n2), p);
 }
 
@@ -297,7 +297,7 @@ double segment_plane_parameter(const double* p0, const double* p1, const double*
 double segment_plane_parameter(const dense2D<double>& coords, unsigned n0, unsigned n1, unsigned n2,
                                const double* P, const double* Q, double scale2,
                                double& gap2) noexcept {
-  VOXFILL_GEOMETRY_CHECK(coords.rows == 3);
+  VOXFILL_ASSERT(coords.rows == 3);
   return segment_plane_parameter(coords.col(n0), coords.col(n1), coords.col(n2), P, Q, scale2,
                                  gap2);
 }

@@ -6,19 +6,8 @@
 #include <cstddef>
 
 #include "delaunay/tet_tables.h"
+#include "numcore/debug_check.h"
 #include "numcore/dense2D.h"
-
-#ifdef VOXFILL_CHECKS
-#include <cstdlib>
-#define VOXFILL_GEOMETRY_CHECK(cond) \
-  do {                               \
-    if (!(cond)) std::abort();       \
-  } while (0)
-#else
-#define VOXFILL_GEOMETRY_CHECK(cond) \
-  do {                               \
-  } while (0)
-#endif
 
 namespace kelvo::voxfill {
 
@@ -76,7 +65,7 @@ inline double orient_det(const double* p0, const double* p1, const double* p2,
 }
 inline double orient_det(const dense2D<double>& coords, unsigned n0, unsigned n1, unsigned n2,
                          unsigned n3) noexcept {
-  VOXFILL_GEOMETRY_CHECK(coords.rows == 3);
+  VOXFILL_ASSERT(coords.rows == 3);
   return orient_det(coords.col(n0), coords.col(n1), coords.col(n2), coords.col(n3));
 }
 inline double orient_det(const double* xyz, unsigned n0, unsigned n1, unsigned n2,
@@ -145,7 +134,7 @@ inline double tet_quality(const double* p0, const double* p1, const double* p2,
 // Nodes from a 3-row coordinate table.
 inline double tet_quality(const dense2D<double>& coords, unsigned n0, unsigned n1, unsigned n2,
                           unsigned n3) noexcept {
-  VOXFILL_GEOMETRY_CHECK(coords.rows == 3);
+  VOXFILL_ASSERT(coords.rows == 3);
   return tet_quality(coords.col(n0), coords.col(n1), coords.col(n2), coords.col(n3));
 }
 // Three nodes of a flat xyz array and a trial point in the place of the fourth node.
@@ -182,7 +171,7 @@ inline void face_normal(const double* p0, const double* p1, const double* p2,
 }
 inline void face_normal(const dense2D<double>& coords, unsigned n0, unsigned n1, unsigned n2,
                         double* normal) noexcept {
-  VOXFILL_GEOMETRY_CHECK(coords.rows == 3);
+  VOXFILL_ASSERT(coords.rows == 3);
   face_normal(coords.col(n0), coords.col(n1), coords.col(n2), normal);
 }
 inline void face_normal(const double* xyz, unsigned n0, unsigned n1, unsigned n2,
