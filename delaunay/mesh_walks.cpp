@@ -63,47 +63,15 @@ bool walk_shell(mesh_store& m, unsigned a, unsigned b, unsigned start, dense1D<u
 
 }  // namespace
 
-bool ball_of_node(mesh_store& m, unsigned node, unsigned start, dense1D<unsigned>& out) noexcept {
-  out.clear();
-  if (start == NONE && node < m.ancestors.size) start = m.ancestors[node];
-  if (start == NONE) return false;
-  bool closed = true;
-  dense1D<unsigned>& stack = m.work_stack;
-  stack.clear();
-  m.bump_marks();
-  m.mark(start);
-  stack.push_back(start);
-  while (stack.size) {
-    const unsigned t = stack.back();
-    stack.pop_back();
-    const unsigned* n = m.tets.row(t);
-    unsigned faces[4], count = 0;
-    for (unsigned i = 0; i < 4; ++i)
-      if (n[i] != node) faces[count++] = i;
-    out.push_back(t);
-    for (unsigned k = count; k-- > 0;) {
-      const unsigned nb = m.neighbors(faces[k], t);
-      if (nb == NONE) {
-        closed = false;
-      } else if (!m.marked(nb)) {
-        m.mark(nb);
-        stack.push_back(nb);
-      }
-    }
-  }
-  return closed;
-}
+namespace {
 
-bool ball_of_node_unmarked(const mesh_store& m, unsigned node, unsigned start,
-                           dense1D<unsigned>& out, dense1D<unsigned>& stack,
-                           index_set& seen) noexcept {
-  out.clear();
-  stack.clear();
-  seen.clear();
-  if (start == NONE && node < m.ancestors.size) start = m.ancestors[node];
-  if (start == NONE) return false;
+// Depth-first walk over the tets around `node`; `visit(t)` is true the first time t is seen.
+template <class Visit>
+bool walk_ball(const mesh_store& m, unsigned node, unsigned start, dense1D<unsigned>& out,
+               dense1D<unsigned>& stack, Visit visit) noexcept {
   bool closed = true;
-  seen.insert(index_key{{start}});
+  stack.clear();
+  visit(start);
   stack.push_back(start);
   while (stack.size) {
     const unsigned t = stack.back();
@@ -117,11 +85,37 @@ bool ball_of_node_unmarked(const mesh_store& m, unsigned node, unsigned start,
       const unsigned nb = m.neighbors(faces[k], t);
       if (nb == NONE)
         closed = false;
-      else if (seen.insert(index_key{{nb}}) == 2)
+      else if (visit(nb))
         stack.push_back(nb);
     }
   }
   return closed;
+}
+
+}  // namespace
+
+bool ball_of_node(mesh_store& m, unsigned node, unsigned start, dense1D<unsigned>& out) noexcept {
+  out.clear();
+  if (start == NONE && node < m.ancestors.size) start = m.ancestors[node];
+  if (start == NONE) return false;
+  m.bump_marks();
+  return walk_ball(m, node, start, out, m.work_stack, [&m](unsigned t) {
+    if (m.marked(t)) return false;
+    m.mark(t);
+    return true;
+  });
+}
+
+bool ball_of_node_unmarked(const mesh_store& m, unsigned node, unsigned start,
+                           dense1D<unsigned>& out, dense1D<unsigned>& stack,
+                           index_set& seen) noexcept {
+  out.clear();
+  stack.clear();
+  seen.clear();
+  if (start == NONE && node < m.ancestors.size) start = m.ancestors[node];
+  if (start == NONE) return false;
+  return walk_ball(m, node, start, out, stack,
+                   [&seen](unsigned t) { return seen.insert(index_key{{t}}) == 2; });
 }
 
 unsigned find_edge_tet(mesh_store& m, unsigned a, unsigned b, unsigned& start) noexcept {
