@@ -2,7 +2,10 @@
 // pick) and star filling.
 #include "delaunay/cavity.h"
 
+#include <algorithm>
 #include <cmath>
+#include <cstdint>
+#include <cstring>
 
 #include "delaunay/keys.h"
 #include "delaunay/tet_tables.h"
@@ -21,6 +24,22 @@
 
 namespace kelvo::voxfill {
 namespace {
+
+// Hints that the cache line of p will be read, or written, soon; no effect on results.
+inline void prefetch(const void* p) noexcept {
+#if defined(__GNUC__) || defined(__clang__)
+  __builtin_prefetch(p);
+#else
+  (void)p;
+#endif
+}
+inline void prefetch_for_write(const void* p) noexcept {
+#if defined(__GNUC__) || defined(__clang__)
+  __builtin_prefetch(p, 1);
+#else
+  (void)p;
+#endif
+}
 
 // Raw views of the tables that the cavity routines read in their loops. The node and tet tables
 // are packed (3 and 4 words per column), so a row is a plain offset. Valid until a table grows.
@@ -71,6 +90,22 @@ void reset_edges(edge_set& s) noexcept {
   s.keys.clear();
   s.next.clear();
   s.count = 0;
+}
+
+// The face link table made ready for n items, as vector_fast::build does (buckets: the smallest
+// power of two not below 2 n; room for twice the larger of the bucket words and 2 n), with the
+// empty buckets written in one sweep.
+bool build_link_table(vector_fast& t, unsigned n) noexcept {
+  unsigned b = 1;
+  while (b < 2 * n) b <<= 1;
+  t.buckets = b;
+  t.mask = b - 1;
+  t.items = 0;
+  t.store.clear();
+  const unsigned words = 2 * b > 2 * n ? 2 * b : 2 * n;
+  if (!t.store.reserve(2 * words) || !t.store.resize(2 * b)) return false;
+  std::fill_n(t.store.data(), 2 * std::size_t(b), NONE);
+  return true;
 }
 
 unsigned faces_of_tet(const cavity_record& cav, unsigned t) noexcept {
@@ -316,7 +351,26 @@ void collect_cavity(mesh_store& m, unsigned p, dense1D<unsigned>& seeds, cavity_
   for (unsigned k = 0; k < seeds.size; ++k) cav.tets.push_back(seeds[k]);
   m.bump_marks();
   const mesh_view v(m);
-  for (unsigned k = 0; k < seeds.size; ++k) v.set(seeds[k]);
+  // The rows of a cavity are far apart in memory. Each tet taken asks at once for the rows of its
+  // neighbours, which are tested when it comes off the stack; and before the tests, for the node
+  // each neighbour adds. So the misses of a level overlap instead of coming one by one.
+  auto ask_around = [&v](unsigned t) {
+    const unsigned* nbs = v.nb(t);
+    for (unsigned i = 0; i < 4; ++i) {
+      const unsigned nb = nbs[i];
+      if (nb == NONE) continue;
+      prefetch(v.marks + nb);
+      prefetch(v.tet(nb));
+      prefetch(v.nb(nb));
+    }
+  };
+  for (unsigned k = 0; k < seeds.size; ++k) {
+    v.set(seeds[k]);
+    ask_around(seeds[k]);
+    prefetch_for_write(m.tet_qualities.data() + seeds[k]);
+    prefetch_for_write(m.tet_stamps.data() + seeds[k]);
+  }
+  if (seeds.size) prefetch(m.colors.data() + seeds[0]);
   const double* P = v.point(p);
   const double limit = 1.0 + tol;
   while (seeds.size) {
@@ -326,12 +380,25 @@ void collect_cavity(mesh_store& m, unsigned p, dense1D<unsigned>& seeds, cavity_
     for (unsigned i = 0; i < 4; ++i) {
       const unsigned nb = nbs[i];
       if (nb == NONE || v.marked(nb)) continue;
+      const unsigned* n = v.tet(nb);
+      prefetch(v.point(n[0]));
+      prefetch(v.point(n[1]));
+      prefetch(v.point(n[2]));
+      prefetch(v.point(n[3]));
+    }
+    for (unsigned i = 0; i < 4; ++i) {
+      const unsigned nb = nbs[i];
+      if (nb == NONE || v.marked(nb)) continue;
       v.set(nb);
       const unsigned* n = v.tet(nb);
       if (circumsphere_ratio(v.point(n[0]), v.point(n[1]), v.point(n[2]), v.point(n[3]), P) <
           limit) {
         cav.tets.push_back(nb);
         seeds.push_back(nb);
+        ask_around(nb);
+        // Its row is likely to be rewritten by the star.
+        prefetch_for_write(m.tet_qualities.data() + nb);
+        prefetch_for_write(m.tet_stamps.data() + nb);
       }
     }
   }
@@ -422,13 +489,14 @@ bool fill_star(mesh_store& m, cavity_record& cav, dense1D<unsigned>& out) noexce
   const unsigned color = m.colors[cav.tets[0]];
   const unsigned p = cav.node;
 
-  if (!m.star_tets.resize(4, F) || !m.star_neighbors.resize(4, F, NONE)) {
+  if (!m.star_tets.resize(4, F) || !m.star_neighbors.resize(4, F)) {
     m.star_tets.clear();
     m.star_neighbors.clear();
     return false;
   }
   unsigned* star = m.star_tets.col(0);
   unsigned* link = m.star_neighbors.col(0);
+  std::fill_n(link, 4 * std::size_t(F), NONE);
   {
     const mesh_view v(m);
     for (unsigned k = 0; k < F; ++k) {
@@ -443,6 +511,7 @@ bool fill_star(mesh_store& m, cavity_record& cav, dense1D<unsigned>& out) noexce
       s[1] = n[f[0]];
       s[2] = n[f[1]];
       s[3] = n[f[2]];
+      prefetch_for_write(m.ancestors.data() + s[1]);
       const unsigned nb = v.nb(t)[i];
       cav.faces[k] = nb == NONE ? NONE : 4 * nb + v.back_face(nb, t);
     }
@@ -456,14 +525,16 @@ bool fill_star(mesh_store& m, cavity_record& cav, dense1D<unsigned>& out) noexce
     m.star_neighbors.clear();
     return false;
   };
-  if (!table.build(3 * F)) return fail();
+  if (!build_link_table(table, 3 * F)) return fail();
+  // The hash is a sum of per-node terms: with p in every face, each face's hash is p's term plus
+  // those of its two other nodes (faces 1, 2, 3 leave out s1, s2, s3 in turn).
+  const unsigned hp = key_hash(&p, 1);
   for (unsigned k = 0; k < F; ++k) {
     const unsigned* s = star + 4 * std::size_t(k);
-    for (unsigned f = 1; f < 4; ++f) {
-      const unsigned* l = tet_face_nodes[f];
-      const unsigned key[3] = {s[l[0]], s[l[1]], s[l[2]]};
-      if (!table.insert(4 * k + f, key_hash(key, 3))) return fail();
-    }
+    const unsigned h1 = key_hash(s + 1, 1), h2 = key_hash(s + 2, 1), h3 = key_hash(s + 3, 1);
+    if (!table.insert(4 * k + 1, hp + h2 + h3) || !table.insert(4 * k + 2, hp + h1 + h3) ||
+        !table.insert(4 * k + 3, hp + h1 + h2))
+      return fail();
   }
   {
     const unsigned* store = table.store.data();
@@ -472,17 +543,33 @@ bool fill_star(mesh_store& m, cavity_record& cav, dense1D<unsigned>& out) noexce
       const unsigned* l = tet_face_nodes[value & 3];
       return face_key{{s[l[0]], s[l[1]], s[l[2]]}};
     };
+    // Face f of a star row, turned so that p comes first, is (p, s[after[f]], s[then[f]]). With
+    // three distinct nodes, the rotation-free comparison of two such faces reduces to that of
+    // their two other nodes; anything degenerate goes through compare_keys.
+    static constexpr unsigned after[4] = {0, 3, 1, 2}, then[4] = {0, 2, 3, 1};
+    auto compare_faces = [&](unsigned v1, unsigned v2) {
+      const unsigned* s1 = star + 4 * std::size_t(v1 >> 2);
+      const unsigned* s2 = star + 4 * std::size_t(v2 >> 2);
+      const unsigned a = s1[after[v1 & 3]], b = s1[then[v1 & 3]];
+      const unsigned c = s2[after[v2 & 3]], d = s2[then[v2 & 3]];
+      if (a + b != c + d) return 0;  // other node sets
+      if (a == b || c == d || a == p || b == p || c == p || d == p)
+        return compare_keys(face_of(v1), face_of(v2));
+      return a == c && b == d ? 1 : (a == d && b == c ? -1 : 0);
+    };
     for (unsigned b = 0; b < table.buckets; ++b) {
+      std::uint64_t pair;  // (value, link) of the bucket: all ones when it is empty
+      std::memcpy(&pair, store + 2 * std::size_t(b), sizeof pair);
+      if (pair == ~std::uint64_t(0)) continue;
       for (unsigned p1 = 2 * b;; p1 += store[p1 + 1]) {
         const unsigned v1 = store[p1];
         if (v1 != NONE) {
-          const face_key k1 = face_of(v1);
           unsigned& l1 = link[4 * std::size_t(v1 >> 2) + (v1 & 3)];
           for (unsigned p2 = p1; store[p2 + 1] != NONE;) {
             p2 += store[p2 + 1];
             const unsigned v2 = store[p2];
             if (v2 == NONE) continue;
-            const int c = compare_keys(k1, face_of(v2));
+            const int c = compare_faces(v1, v2);
             if (c == 0) continue;
             unsigned& l2 = link[4 * std::size_t(v2 >> 2) + (v2 & 3)];
             if (c > 0 || l1 != NONE || l2 != NONE) return fail();
