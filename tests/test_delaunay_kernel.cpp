@@ -77,46 +77,34 @@ std::array<unsigned, 3> sorted_face(const unsigned* n, unsigned i) {
   return f;
 }
 
+// Determinant of three rows; with Abs, the same expansion over absolute values (its magnitude).
+template <bool Abs>
+long double det3(const long double (*r)[4], const unsigned* c) {
+  auto e = [&](unsigned i, unsigned k) { return Abs ? std::fabs(r[i][c[k]]) : r[i][c[k]]; };
+  const long double s = Abs ? 1 : -1;
+  return e(0, 0) * (e(1, 1) * e(2, 2) + s * e(1, 2) * e(2, 1)) +
+         s * e(0, 1) * (e(1, 0) * e(2, 2) + s * e(1, 2) * e(2, 0)) +
+         e(0, 2) * (e(1, 0) * e(2, 1) + s * e(1, 1) * e(2, 0));
+}
+
 // Determinant of the rows (pi - x, |pi - x|^2), positive when x is inside the sphere of the
-// positive tet n, divided by the same expansion in absolute values.
+// positive tet n, over the magnitude of its terms.
 long double insphere_relative(const kelvo::dense2D<double>& xyz, const unsigned* n, unsigned x) {
-  long double a[4][4], b[4][4];
+  long double a[4][4];
   for (unsigned i = 0; i < 4; ++i) {
     a[i][3] = 0;
     for (unsigned k = 0; k < 3; ++k) {
       a[i][k] = (long double)xyz(k, n[i]) - xyz(k, x);
       a[i][3] += a[i][k] * a[i][k];
     }
-    for (unsigned k = 0; k < 4; ++k) b[i][k] = std::fabs(a[i][k]);
   }
-  auto det4 = [](long double m[4][4]) {
-    long double d = 0;
-    for (unsigned c = 0; c < 4; ++c) {
-      long double s[3][3];
-      for (unsigned i = 1; i < 4; ++i)
-        for (unsigned k = 0, j = 0; k < 4; ++k)
-          if (k != c) s[i - 1][j++] = m[i][k];
-      const long double minor = s[0][0] * (s[1][1] * s[2][2] - s[1][2] * s[2][1]) -
-                                s[0][1] * (s[1][0] * s[2][2] - s[1][2] * s[2][0]) +
-                                s[0][2] * (s[1][0] * s[2][1] - s[1][1] * s[2][0]);
-      d += (c & 1 ? -1 : 1) * m[0][c] * minor;
-    }
-    return d;
-  };
-  auto perm4 = [](long double m[4][4]) {
-    long double d = 0;
-    for (unsigned c = 0; c < 4; ++c) {
-      long double s[3][3];
-      for (unsigned i = 1; i < 4; ++i)
-        for (unsigned k = 0, j = 0; k < 4; ++k)
-          if (k != c) s[i - 1][j++] = m[i][k];
-      d += m[0][c] * (s[0][0] * (s[1][1] * s[2][2] + s[1][2] * s[2][1]) +
-                      s[0][1] * (s[1][0] * s[2][2] + s[1][2] * s[2][0]) +
-                      s[0][2] * (s[1][0] * s[2][1] + s[1][1] * s[2][0]));
-    }
-    return d;
-  };
-  return det4(a) / perm4(b);
+  static constexpr unsigned minors[4][3] = {{1, 2, 3}, {0, 2, 3}, {0, 1, 3}, {0, 1, 2}};
+  long double d = 0, size = 0;
+  for (unsigned c = 0; c < 4; ++c) {
+    d += (c & 1 ? -1 : 1) * a[0][c] * det3<false>(a + 1, minors[c]);
+    size += std::fabs(a[0][c]) * det3<true>(a + 1, minors[c]);
+  }
+  return d / size;
 }
 
 // Validity and the empty-sphere property of the whole mesh; also that every node of the list is
@@ -175,27 +163,18 @@ void check_mesh(const kernel_run& r, bool delaunay = true) {
   for (unsigned t = 0; t < m.tets.cols(); ++t) {
     if (!m.tet_live(t)) continue;
     const unsigned* n = m.tets.row(t);
-    // Circumcentre from p3 in long double: solve 2 (pi - p3) . c = |pi - p3|^2.
-    long double a[3][3], rhs[3];
+    // Circumcentre from p3 in long double: solve 2 (pi - p3) . c = |pi - p3|^2 by Cramer.
+    long double a[3][4], c[3], r2 = 0;
     for (unsigned i = 0; i < 3; ++i) {
-      rhs[i] = 0;
+      a[i][3] = 0;
       for (unsigned k = 0; k < 3; ++k) {
         a[i][k] = (long double)xyz(k, n[i]) - xyz(k, n[3]);
-        rhs[i] += a[i][k] * a[i][k] / 2;
+        a[i][3] += a[i][k] * a[i][k] / 2;
       }
     }
-    auto det = [](long double m3[3][3]) {
-      return m3[0][0] * (m3[1][1] * m3[2][2] - m3[1][2] * m3[2][1]) -
-             m3[0][1] * (m3[1][0] * m3[2][2] - m3[1][2] * m3[2][0]) +
-             m3[0][2] * (m3[1][0] * m3[2][1] - m3[1][1] * m3[2][0]);
-    };
-    const long double d = det(a);
-    long double c[3], r2 = 0;
+    static constexpr unsigned cols[4][3] = {{0, 1, 2}, {3, 1, 2}, {0, 3, 2}, {0, 1, 3}};
     for (unsigned k = 0; k < 3; ++k) {
-      long double b[3][3];
-      std::memcpy(b, a, sizeof b);
-      for (unsigned i = 0; i < 3; ++i) b[i][k] = rhs[i];
-      c[k] = det(b) / d;
+      c[k] = det3<false>(a, cols[k + 1]) / det3<false>(a, cols[0]);
       r2 += c[k] * c[k];
     }
     for (unsigned x : in_mesh) {
