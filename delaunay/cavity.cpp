@@ -367,8 +367,6 @@ void collect_cavity(mesh_store& m, unsigned p, dense1D<unsigned>& seeds, cavity_
   for (unsigned k = 0; k < seeds.size; ++k) {
     v.set(seeds[k]);
     ask_around(seeds[k]);
-    prefetch_for_write(m.tet_qualities.data() + seeds[k]);
-    prefetch_for_write(m.tet_stamps.data() + seeds[k]);
   }
   if (seeds.size) prefetch(m.colors.data() + seeds[0]);
   const double* P = v.point(p);
@@ -396,9 +394,6 @@ void collect_cavity(mesh_store& m, unsigned p, dense1D<unsigned>& seeds, cavity_
         cav.tets.push_back(nb);
         seeds.push_back(nb);
         ask_around(nb);
-        // Its row is likely to be rewritten by the star.
-        prefetch_for_write(m.tet_qualities.data() + nb);
-        prefetch_for_write(m.tet_stamps.data() + nb);
       }
     }
   }
@@ -429,6 +424,10 @@ void correct_cavity(mesh_store& m, cavity_record& cav, unsigned kernel_mode,
     const unsigned* nbs = v.nb(t);
     for (unsigned i = 0; i < 4; ++i)
       if (nbs[i] == NONE || !v.marked(nbs[i])) cav.faces.push_back(4 * t + i);
+  }
+  for (unsigned k = 0; k < cav.tets.size; ++k) {  // rows that the star will mostly rewrite
+    prefetch_for_write(m.tet_qualities.data() + cav.tets[k]);
+    prefetch_for_write(m.tet_stamps.data() + cav.tets[k]);
   }
   for (unsigned k = 0; k < cav.faces.size; ++k)
     cav.face_qualities.push_back(v.face_quality(P, cav.faces[k]));
