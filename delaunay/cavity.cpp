@@ -9,18 +9,7 @@
 
 #include "delaunay/keys.h"
 #include "delaunay/tet_tables.h"
-
-#ifdef VOXFILL_CHECKS
-#include <cstdlib>
-#define VOXFILL_CAVITY_CHECK(cond) \
-  do {                             \
-    if (!(cond)) std::abort();     \
-  } while (0)
-#else
-#define VOXFILL_CAVITY_CHECK(cond) \
-  do {                             \
-  } while (0)
-#endif
+#include "numcore/debug_check.h"
 
 namespace kelvo::voxfill {
 namespace {
@@ -56,9 +45,9 @@ struct mesh_view {
         nbrs(m.neighbors.data.vec->data + m.neighbors.data.offset),
         marks(m.marks.data()),
         mark(m.mark_value) {
-    VOXFILL_CAVITY_CHECK(m.nodes.data.cols == 0 || m.nodes.data.ld == 3);
-    VOXFILL_CAVITY_CHECK(m.tets.data.cols == 0 || m.tets.data.ld == 4);
-    VOXFILL_CAVITY_CHECK(m.neighbors.data.cols == 0 || m.neighbors.data.ld == 4);
+    VOXFILL_ASSERT(m.nodes.data.cols == 0 || m.nodes.data.ld == 3);
+    VOXFILL_ASSERT(m.tets.data.cols == 0 || m.tets.data.ld == 4);
+    VOXFILL_ASSERT(m.neighbors.data.cols == 0 || m.neighbors.data.ld == 4);
   }
   const double* point(unsigned n) const noexcept { return xyz + 3 * std::size_t(n); }
   unsigned* tet(unsigned t) const noexcept { return nodes + 4 * std::size_t(t); }
@@ -609,7 +598,7 @@ bool fill_star(mesh_store& m, cavity_record& cav, dense1D<unsigned>& out) noexce
   for (unsigned k = reused; k < F; ++k) {
     const unsigned* s = star + 4 * std::size_t(k);
     const unsigned t = m.new_tet(s[0], s[1], s[2], s[3], color, cav.face_qualities[k]);
-    VOXFILL_CAVITY_CHECK(t != NONE);
+    VOXFILL_ASSERT(t != NONE);
     out.push_back(t);
   }
   for (unsigned k = reused; k < T; ++k) m.release_tet(cav.tets[k]);
