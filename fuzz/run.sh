@@ -1,17 +1,29 @@
 #!/usr/bin/env bash
-# Builds the fuzz preset and runs every fuzz target for the given number of seconds (default 60).
-# Each target grows its working corpus under build/fuzz/, starting from the committed seeds.
+# Builds the fuzz preset and runs every fuzz target: the case file loader for the given number of
+# seconds (default 60), each mesh file reader for the second number (default 30). Each target
+# grows its working corpus under build/fuzz/, starting from the committed seeds.
 set -euo pipefail
-seconds="${1:-60}"
+load_seconds="${1:-60}"
+read_seconds="${2:-30}"
 cd "$(dirname "$0")/.."
 cmake --preset fuzz
 cmake --build --preset fuzz
-for src in fuzz/fuzz_*.cpp; do
-  name="$(basename "$src" .cpp)"
-  corpus="build/fuzz/corpus/$name"
-  mkdir -p "$corpus" build/fuzz/artifacts
-  cp fuzz/corpus_seed/* "$corpus"/
+mkdir -p build/fuzz/artifacts
+
+# run NAME SECONDS SEED_FOLDER
+run() {
+  local corpus="build/fuzz/corpus/$1"
+  mkdir -p "$corpus"
+  cp "$3"/* "$corpus"/
   # Inputs of 4 KiB hold several sections; longer ones only slow the search down.
-  "build/fuzz/fuzz/$name" -max_total_time="$seconds" -max_len=4096 -timeout=10 \
+  "build/fuzz/fuzz/$1" -max_total_time="$2" -max_len=4096 -timeout=10 \
     -artifact_prefix=build/fuzz/artifacts/ "$corpus"
+}
+
+for src in fuzz/fuzz_*.cpp; do
+  run "$(basename "$src" .cpp)" "$load_seconds" fuzz/corpus_seed
+done
+for seeds in fuzz/corpus_read/*/; do
+  format="$(basename "$seeds")"
+  run "fuzz_read_$format" "$read_seconds" "$seeds"
 done

@@ -1,0 +1,371 @@
+// The voxfill command run as a user runs it: exit codes, messages, outputs, replay, the demo
+// and Ctrl-C.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <charconv>
+#include <cmath>
+#include <filesystem>
+#include <fstream>
+#include <random>
+#include <sstream>
+#include <string>
+
+#include "mesh_io/medit.h"
+#include "mesh_io/mesh_file.h"
+#include "voxfill/mesher_th4.h"
+
+namespace {
+
+using namespace kelvo::mesh_io;
+namespace fs = std::filesystem;
+
+const fs::path& folder() {
+  static const fs::path p = [] {
+    const fs::path q = fs::temp_directory_path() / ("voxfill_cli_" + std::to_string(getpid()));
+    fs::create_directories(q);
+    return q;
+  }();
+  return p;
+}
+
+std::string in_folder(const std::string& name) {
+  return (folder() / name).string();
+}
+
+struct result {
+  int status = -1;
+  std::string out, err;
+};
+
+std::string slurp(const std::string& path) {
+  std::ifstream f(path, std::ios::binary);
+  std::stringstream s;
+  s << f.rdbuf();
+  return s.str();
+}
+
+// Runs the built tool with `args`, stdout and stderr caught.
+result voxfill(const std::string& args) {
+  const std::string out = in_folder("stdout.txt"), err = in_folder("stderr.txt");
+  const std::string cmd = std::string(VOXFILL_BIN) + " " + args + " >" + out + " 2>" + err;
+  const int s = std::system(cmd.c_str());
+  result r;
+  r.status = WIFEXITED(s) ? WEXITSTATUS(s) : -1;
+  r.out = slurp(out);
+  r.err = slurp(err);
+  return r;
+}
+
+void write_text(const std::string& path, const std::string& text) {
+  std::ofstream(path, std::ios::binary) << text;
+}
+
+// A jittered n x n x n lattice as .xyz: no five points on a sphere, a known hull.
+std::string lattice_xyz(const std::string& name, unsigned n) {
+  std::string text;
+  std::mt19937 rng(7);
+  std::uniform_real_distribution<double> jitter(-0.05, 0.05);
+  for (unsigned k = 0; k < n * n * n; ++k) {
+    const unsigned i[3] = {k % n, k / n % n, k / n / n};
+    for (unsigned c = 0; c < 3; ++c) {
+      const bool inner = i[c] > 0 && i[c] + 1 < n;
+      text += std::to_string(i[c] + (inner ? jitter(rng) : 0.0)) + (c < 2 ? " " : "\n");
+    }
+  }
+  const std::string path = in_folder(name);
+  write_text(path, text);
+  return path;
+}
+
+// Catches bad command lines and unreadable inputs that do not exit with 3 and a message.
+TEST(VoxfillCli, BadCommandLinesExitWith3) {
+  const std::string cloud = lattice_xyz("small.xyz", 3);
+  EXPECT_EQ(voxfill("").status, 3);
+  EXPECT_EQ(voxfill("delaunay").status, 3);
+  EXPECT_EQ(voxfill("delaunay " + cloud + " -o " + in_folder("x.mesh") + " --bogus").status, 3);
+  EXPECT_EQ(voxfill("delaunay " + cloud + " -o x.mesh --optim-level many").status, 3);
+  EXPECT_EQ(voxfill("--help").status, 0);
+  result r = voxfill("--version");
+  EXPECT_EQ(r.status, 0);
+  EXPECT_EQ(r.out, std::string("voxfill ") + kelvo::voxfill::version() + "\n");
+
+  struct bad_case {
+    std::string args, message;
+  };
+  const std::string bad = in_folder("bad.xyz");
+  write_text(bad, "0 0 0\n1 1\n");
+  const std::string sol = in_folder("two.sol");
+  write_text(sol, "MeshVersionFormatted 2\nDimension 3\nSolAtVertices\n2\n1 1\n0.5\n0.5\nEnd\n");
+  const bad_case cases[] = {
+      {"delaunay /nonexistent.xyz -o x.mesh",
+       "voxfill: cannot read /nonexistent.xyz: No such file or directory\n"},
+      {"delaunay " + bad + " -o x.mesh",
+       "voxfill: " + bad + ":2: expected 3 coordinates, found end of line\n"},
+      {"delaunay " + cloud + " -o x.stl",
+       "voxfill: cannot write x.stl: expected the extension .mesh, .vtu or .msh\n"},
+      {"delaunay " + cloud + " -o /nonexistent/x.vtu",
+       "voxfill: cannot write /nonexistent/x.vtu: no folder /nonexistent\n"},
+      {"mesh " + cloud + " -o x.mesh",
+       "voxfill: " + cloud + ": expected triangles: 'mesh' fills the volume a surface bounds\n"},
+      {"regularize " + cloud + " -o x.mesh",
+       "voxfill: " + cloud + ": expected tetrahedra: 'regularize' improves a tet mesh\n"},
+      {"delaunay " + cloud + " -o x.mesh --metrics " + sol,
+       "voxfill: " + sol + ": expected 27 sizes (one per node of " + cloud + "), found 2\n"},
+      {"info " + bad, "voxfill: " + bad + ":2: expected 3 coordinates, found end of line\n"},
+      {"replay " + bad, "voxfill: cannot read " + bad + ": expected a usable pos section\n"},
+  };
+  for (const bad_case& c : cases) {
+    r = voxfill(c.args);
+    EXPECT_EQ(r.status, 3) << c.args;
+    EXPECT_EQ(r.err, c.message);
+  }
+}
+
+// Catches library errors that do not exit with 2 and the code, title and words on stderr.
+TEST(VoxfillCli, LibraryErrorsExitWith2) {
+  const std::string flat = in_folder("flat.xyz");
+  write_text(flat, "0 0 0\n1 0 0\n0 1 0\n1 1 0\n2 3 0\n");
+  result r = voxfill("delaunay " + flat + " -o " + in_folder("flat.mesh"));
+  EXPECT_EQ(r.status, 2);
+  EXPECT_EQ(r.err.rfind("voxfill: error -107 (BOUNDARY ERROR): Aligned nodes.\nFile = ", 0), 0u)
+      << r.err;
+  EXPECT_NE(r.out.find("Error: -107 (BOUNDARY ERROR)."), std::string::npos);
+  EXPECT_FALSE(fs::exists(in_folder("flat.mesh")));  // nothing came back to write
+
+  // A setting out of range reaches the library, which refuses it.
+  r = voxfill("delaunay " + lattice_xyz("small.xyz", 3) + " -o " + in_folder("w.mesh") +
+              " --shape-weight 1.5");
+  EXPECT_EQ(r.status, 2);
+  EXPECT_EQ(r.err.rfind("voxfill: error -101 (MODE ERROR): \nFile = ", 0), 0u) << r.err;
+}
+
+// Catches outputs that disagree with each other or with the report, flags that do not reach
+// the settings, and runs that are not repeatable bit for bit.
+TEST(VoxfillCli, DelaunayEndToEnd) {
+  const std::string cloud = lattice_xyz("cloud.xyz", 5);
+  const std::string args = "delaunay " + cloud + " -o " + in_folder("d.");
+  mesh_file first;
+  for (const char* ext : {"vtu", "mesh", "msh"}) {
+    const result r = voxfill(args + ext + " --optim-level 0");
+    ASSERT_EQ(r.status, 0) << r.err;
+    mesh_file m;
+    std::string e;
+    ASSERT_TRUE(read_mesh_file(in_folder("d.") + ext, m, e)) << e;
+    EXPECT_NE(r.out.find("Tets            : " + std::to_string(m.tet_count()) + "\n"),
+              std::string::npos);
+    if (std::string(ext) == "mesh") {
+      EXPECT_EQ(m.triangle_count(), 6u * 2 * 16);  // the hull
+    }
+    if (first.pos.empty()) first = m;
+    EXPECT_EQ(m.pos, first.pos);
+    EXPECT_EQ(m.tets, first.tets);
+  }
+  EXPECT_EQ(first.node_count(), 125u);
+  double volume = 0.0, qmin = 1.0;
+  for (double q : shape_qualities(first)) qmin = std::min(qmin, q);
+  for (unsigned t = 0; t < first.tet_count(); ++t) {
+    const unsigned* v = &first.tets[4 * t];
+    volume += tet_volume(&first.pos[3 * v[0]], &first.pos[3 * v[1]], &first.pos[3 * v[2]],
+                         &first.pos[3 * v[3]]);
+  }
+  EXPECT_GT(qmin, 0.0);
+  EXPECT_NEAR(volume, 64.0, 1e-9);  // the lattice's corners and faces are not jittered
+
+  const std::string vtu = slurp(in_folder("d.vtu"));
+  ASSERT_EQ(voxfill(args + "vtu --optim-level 0").status, 0);
+  EXPECT_EQ(slurp(in_folder("d.vtu")), vtu);
+}
+
+// Catches a flag bound to the wrong field of the settings, or one that does not reach the run.
+TEST(VoxfillCli, EveryFlagReachesItsSetting) {
+  const std::string flags =
+      "--no-strict-constraints --subdomain-rule 2 --no-refine --front-as-background "
+      "--no-optim-node-smoothing --no-optim-node-insertion --no-optim-node-removal "
+      "--no-optim-shell-reconnection --optim-hard-links --no-positive-orientation --compute-qh "
+      "--nodes-limit 9 --optim-level 4 --target-size 0.25 --size-gradation 0.75 --shape-weight 0.5 "
+      "--max-edge-length 2 --progress-offset 1 --progress-scale 3";
+  const std::string base =
+      "delaunay " + lattice_xyz("flags.xyz", 3) + " -o " + in_folder("f.mesh") + " ";
+  result r = voxfill(base + flags);
+  EXPECT_NE(r.out.find("Settings: " + flags + "\n"), std::string::npos) << r.out;
+  EXPECT_EQ(r.status, 2);  // 27 hard nodes above a limit of 9
+  EXPECT_NE(r.err.find("error -103 (INSUFFICIENT NODES LIMIT)"), std::string::npos);
+  r = voxfill(base + "--no-strict --strict-constraints --no-strict");
+  EXPECT_NE(r.out.find("Settings: --no-strict-constraints\n"), std::string::npos) << r.out;
+}
+
+// Catches inputs that do not reach the record as the mode needs them: faces, edges, hard nodes,
+// tets with colours, sizes, and a background mesh after the input's nodes.
+TEST(VoxfillCli, InputsReachTheRecord) {
+  const std::string surface = in_folder("box.mesh");
+  write_text(surface,
+             "MeshVersionFormatted 2\nDimension 3\nVertices\n6\n0 0 0 0\n1 0 0 0\n0 1 0 0\n"
+             "0 0 1 0\n0.2 0.2 0.2 0\n0.1 0.1 0.3 0\nEdges\n1\n1 5 0\nTriangles\n4\n1 3 2 0\n"
+             "1 2 4 0\n1 4 3 0\n2 3 4 0\nTetrahedra\n2\n1 2 3 5 4\n1 2 5 4 6\n"
+             "RequiredVertices\n2\n1 6\nEnd\n");
+  const std::string sizes = in_folder("box.sol");
+  write_text(sizes,
+             "MeshVersionFormatted 2\nDimension 3\nSolAtVertices\n6\n1 1\n1\n2\n3\n4\n5\n6\nEnd\n");
+  const std::string bg = in_folder("bg.mesh");
+  write_text(bg,
+             "MeshVersionFormatted 2\nVertices\n4\n0 0 0 0\n2 0 0 0\n0 2 0 0\n0 0 2 0\n"
+             "Tetrahedra\n1\n1 2 3 4 0\nEnd\n");
+  write_text(in_folder("bg.sol"), "MeshVersionFormatted 2\nSolAtVertices\n4\n1 1\n9 9 9 9\nEnd\n");
+  using data_type = kelvo::voxfill::mesher::data_type;
+  for (const char* job : {"mesh", "regularize", "delaunay"}) {
+    SCOPED_TRACE(job);
+    const std::string c = in_folder(std::string(job) + ".case");
+    const result r =
+        voxfill(std::string(job) + " " + surface + " -o " + in_folder("o.mesh") + " -q --metrics " +
+                sizes + " --background " + bg + " --optim-level 0 --save-case " + c);
+    EXPECT_LE(r.status, 2) << r.err;
+    data_type d;
+    ASSERT_GE(d.load(c.c_str()), 0);
+    EXPECT_EQ(d.pos.cols, 10u);
+    EXPECT_EQ(d.pos(0, 7), 2.0);
+    EXPECT_EQ(d.connectB.cols, 4u);
+    EXPECT_EQ(d.connectB(0, 3), 1u);
+    EXPECT_EQ(d.connectE.cols, 1u);
+    EXPECT_EQ(d.connectE(1, 0), 4u);
+    // Node 0 is held by faces, node 5 by nothing: the one isolated hard node of every mode (mode
+    // 2 takes each node that no face or edge holds; the background's nodes are not meshed).
+    const std::vector<unsigned> isolated(d.isolated_nodes.begin(), d.isolated_nodes.end());
+    EXPECT_EQ(isolated, std::vector<unsigned>{5});
+    EXPECT_EQ(d.connectM.cols, std::string(job) == "regularize" ? 2u : 0u);
+    if (std::string(job) == "regularize") {
+      EXPECT_EQ(d.colors.size, 2u);
+      EXPECT_EQ(d.colors[0], 4u);
+    }
+    ASSERT_EQ(d.metrics.size, 10u);
+    EXPECT_EQ(d.metrics[5], 6.0);
+    EXPECT_EQ(d.metrics[6], 9.0);
+    ASSERT_EQ(d.background_mesh.cols, 1u);
+    EXPECT_EQ(d.background_mesh(3, 0), 9u);
+  }
+}
+
+// Catches a saved case that does not replay to the same mesh, bit for bit.
+TEST(VoxfillCli, SaveCaseAndReplay) {
+  const std::string cloud = lattice_xyz("replay.xyz", 4), c = in_folder("replay.case");
+  ASSERT_EQ(
+      voxfill("delaunay " + cloud + " -o " + in_folder("direct.msh") + " --save-case " + c).status,
+      0);
+  const result r = voxfill("replay " + c + " -o " + in_folder("again.msh"));
+  ASSERT_EQ(r.status, 0) << r.err;
+  EXPECT_NE(r.out.find("Mode 2 taken from the case"), std::string::npos);
+  EXPECT_EQ(slurp(in_folder("again.msh")), slurp(in_folder("direct.msh")));
+}
+
+// Catches a demo that fails, writes nothing, or hides that it shows the Delaunay mesh; and
+// an info that misreads what was written.
+TEST(VoxfillCli, DemoAndInfo) {
+  const result r = voxfill("demo -o " + in_folder("demo"));
+  ASSERT_EQ(r.status, 0) << r.err;
+  EXPECT_NE(r.out.find("this is the Delaunay mesh (mode 2) of the geometry's nodes"),
+            std::string::npos);
+  EXPECT_NE(r.out.find("*    Kelvo Voxfill(R) Iso ("), std::string::npos);
+  mesh_file m, v;
+  std::string e;
+  ASSERT_TRUE(read_mesh_file(in_folder("demo/demo.mesh"), m, e)) << e;
+  ASSERT_TRUE(read_mesh_file(in_folder("demo/demo.vtu"), v, e)) << e;
+  EXPECT_EQ(m.tets, v.tets);
+  EXPECT_GT(m.tet_count(), 2000u);
+  const result i = voxfill("info " + in_folder("demo/demo.mesh"));
+  EXPECT_EQ(i.status, 0);
+  EXPECT_NE(i.out.find("Tets            : " + std::to_string(m.tet_count()) + "\n"),
+            std::string::npos);
+  EXPECT_NE(i.out.find("below 0 (inverted)          0\n"), std::string::npos);
+}
+
+// Catches a Ctrl-C that kills the run, loses the mesh, or does not end with warning -10 and
+// status 1.
+TEST(VoxfillCli, InterruptWritesTheMeshSoFar) {
+  // Two million points: the run is still working when the signal comes.
+  const std::string cloud = in_folder("big.xyz"), out = in_folder("big.mesh");
+  {
+    std::string text;
+    text.reserve(2000000 * 27);
+    std::mt19937 rng(3);
+    char buf[32];
+    for (unsigned i = 0; i < 3 * 2000000u; ++i) {
+      const auto r = std::to_chars(buf, buf + sizeof buf, double(rng() % 1000000) * 1e-6,
+                                   std::chars_format::fixed, 6);
+      text.append(buf, r.ptr);
+      text += i % 3 == 2 ? '\n' : ' ';
+    }
+    write_text(cloud, text);
+  }
+  int pipe_fd[2];
+  ASSERT_EQ(pipe(pipe_fd), 0);
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_adddup2(&actions, pipe_fd[1], STDOUT_FILENO);
+  posix_spawn_file_actions_addclose(&actions, pipe_fd[0]);
+  posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
+  std::string bin = VOXFILL_BIN, sub = "delaunay", o = "-o";
+  char* argv[] = {bin.data(),
+                  sub.data(),
+                  const_cast<char*>(cloud.c_str()),
+                  o.data(),
+                  const_cast<char*>(out.c_str()),
+                  nullptr};
+  pid_t pid;
+  ASSERT_EQ(posix_spawn(&pid, VOXFILL_BIN, &actions, nullptr, argv, environ), 0);
+  posix_spawn_file_actions_destroy(&actions);
+  close(pipe_fd[1]);
+  // The tool prints the line "Mode 2 ..." just before the run starts.
+  std::string text;
+  char buf[4096];
+  bool sent = false;
+  ssize_t n;
+  while ((n = read(pipe_fd[0], buf, sizeof buf)) > 0) {
+    text.append(buf, std::size_t(n));
+    if (!sent && text.find("Mode 2 (") != std::string::npos) {
+      kill(pid, SIGINT);
+      sent = true;
+    }
+  }
+  close(pipe_fd[0]);
+  int status = 0;
+  waitpid(pid, &status, 0);
+  ASSERT_TRUE(sent);
+  ASSERT_TRUE(WIFEXITED(status));
+  EXPECT_EQ(WEXITSTATUS(status), 1);
+  EXPECT_NE(text.find("Warning: -10 (INTERRUPTION RAISED)."), std::string::npos);
+  mesh_file m;
+  std::string e;
+  ASSERT_TRUE(read_mesh_file(out, m, e)) << e;
+  EXPECT_LT(m.node_count(), 2000000u);
+  EXPECT_NE(text.find("Wrote " + out + ": " + std::to_string(m.node_count()) + " nodes"),
+            std::string::npos);
+  fs::remove(cloud);
+}
+
+// Catches the OFF reader or the surface report failing on real surfaces users bring.
+TEST(VoxfillCli, RealSurfaces) {
+  const fs::path data = VOXFILL_SHARED_DATA;
+  if (!fs::is_directory(data)) GTEST_SKIP() << "no folder " << data << " of real surfaces";
+  for (const char* name : {"cube.off", "rotor.off", "handle.off", "fandisk.off", "bunny00.off"}) {
+    SCOPED_TRACE(name);
+    const result r = voxfill("info " + (data / name).string());
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_NE(r.out.find("Open edges      : 0\n"), std::string::npos);
+    EXPECT_NE(r.out.find("Enclosed volume : "), std::string::npos);
+    EXPECT_EQ(r.out.find("Enclosed volume : -"), std::string::npos);
+  }
+  const result r = voxfill("info " + (data / "cube.off").string());
+  EXPECT_NE(r.out.find("Enclosed volume : 8.000000E+00"), std::string::npos);
+}
+
+class cleanup : public ::testing::Environment {
+ public:
+  void TearDown() override { fs::remove_all(folder()); }
+};
+const auto* const registered = ::testing::AddGlobalTestEnvironment(new cleanup);
+
+}  // namespace
