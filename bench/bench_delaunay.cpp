@@ -10,27 +10,15 @@
 
 #include "delaunay/delaunay_mgr.h"
 #include "peers/cloud_points.h"
+#include "process_memory.h"
 
 using namespace kelvo::voxfill;
 using kelvo::Ptr;
 
 namespace {
 
-// A field of /proc/self/status in bytes (VmHWM, VmRSS), 0 when unknown.
-double status_bytes(const char* field) {
-  std::ifstream f("/proc/self/status");
-  std::string line;
-  const std::size_t len = std::string(field).size();
-  while (std::getline(f, line))
-    if (line.compare(0, len, field) == 0) return std::atof(line.c_str() + len + 1) * 1024.0;
-  return 0.0;
-}
-
-// Lets the peak resident set start again from the current one (Linux 4.0 and later).
-void reset_peak() {
-  std::ofstream f("/proc/self/clear_refs");
-  f << "5";
-}
+using bench_memory::reset_peak;
+using bench_memory::status_bytes;
 
 // Meshes the cloud with the settings of the Delaunay pipeline (cube of 10 times the extent, no
 // shell nodes) and reports tets per second and peak bytes per tet of the whole process.
