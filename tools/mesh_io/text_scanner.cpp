@@ -82,8 +82,18 @@ std::string_view text_scanner::rest_of_line() {
 }
 
 bool text_scanner::fail_at(unsigned at_line, std::string_view token, std::string_view what) const {
-  *error = std::string(name) + ":" + std::to_string(at_line) + ": expected " + std::string(what) +
-           ", found " + (token.empty() ? std::string("end of file") : "'" + quoted(token) + "'");
+  // Built by appending: gcc 12 warns falsely (-Wrestrict) on "literal" + std::string.
+  std::string& e = *error;
+  e.assign(name);
+  e.append(":")
+      .append(std::to_string(at_line))
+      .append(": expected ")
+      .append(what)
+      .append(", found ");
+  if (token.empty())
+    e.append("end of file");
+  else
+    e.append("'").append(quoted(token)).append("'");
   return false;
 }
 
@@ -109,8 +119,16 @@ bool text_scanner::read_double(double& v, std::string_view what) {
   return (next() && parse_double(tok, v)) || fail(what);
 }
 
+namespace {
+std::string quote_word(std::string_view word) {
+  std::string q(1, '\'');
+  q.append(word).append(1, '\'');
+  return q;
+}
+}  // namespace
+
 bool text_scanner::expect(std::string_view word) {
-  return (next() && same_word(tok, word)) || fail("'" + std::string(word) + "'");
+  return (next() && same_word(tok, word)) || fail(quote_word(word));
 }
 
 bool parse_uint(std::string_view s, unsigned& v) {

@@ -55,7 +55,9 @@ bool next_tag(text_scanner& s, xml_tag& tag) {
       if (e == std::string_view::npos) {
         s.tok_line = s.line;
         s.tok = {};
-        return s.fail(std::string("'") + std::string(end) + "'");
+        std::string quoted(1, '\'');
+        quoted.append(end).append(1, '\'');
+        return s.fail(quoted);
       }
       advance(s, e + end.size());
       continue;
