@@ -10,25 +10,13 @@
 #include "delaunay/keys.h"
 #include "delaunay/tet_tables.h"
 #include "numcore/debug_check.h"
+#include "numcore/prefetch.h"
 
 namespace kelvo::voxfill {
 namespace {
 
-// Hints that the cache line of p will be read, or written, soon; no effect on results.
-inline void prefetch(const void* p) noexcept {
-#if defined(__GNUC__) || defined(__clang__)
-  __builtin_prefetch(p);
-#else
-  (void)p;
-#endif
-}
-inline void prefetch_for_write(const void* p) noexcept {
-#if defined(__GNUC__) || defined(__clang__)
-  __builtin_prefetch(p, 1);
-#else
-  (void)p;
-#endif
-}
+using numcore::prefetch;
+using numcore::prefetch_for_write;
 
 // Raw views of the tables that the cavity routines read in their loops. The node and tet tables
 // are packed (3 and 4 words per column), so a row is a plain offset. Valid until a table grows.

@@ -5,18 +5,12 @@
 #include <cmath>
 
 #include "delaunay/mesh_walks.h"
+#include "numcore/prefetch.h"
 
 namespace kelvo::voxfill {
 namespace {
 
-// A hint that the cache line of p will be read soon; no effect on results.
-inline void prefetch(const void* p) noexcept {
-#if defined(__GNUC__) || defined(__clang__)
-  __builtin_prefetch(p);
-#else
-  (void)p;
-#endif
-}
+using numcore::prefetch;
 
 // An error or an interruption already stands; no poll of the caller.
 bool stop_pending(const task_type& task) noexcept {
