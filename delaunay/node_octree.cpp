@@ -7,17 +7,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#ifdef VOXFILL_CHECKS
-#include <cstdlib>
-#define VOXFILL_OCTREE_CHECK(cond) \
-  do {                             \
-    if (!(cond)) std::abort();     \
-  } while (0)
-#else
-#define VOXFILL_OCTREE_CHECK(cond) \
-  do {                             \
-  } while (0)
-#endif
+#include "numcore/debug_check.h"
 
 namespace kelvo::voxfill {
 namespace {
@@ -36,7 +26,7 @@ inline unsigned octant(const unsigned c[3], unsigned level) noexcept {
 
 // Writes n into a leaf that has room, keeping the indices ascending.
 inline void insert_sorted(unsigned* w, unsigned n) noexcept {
-  VOXFILL_OCTREE_CHECK(w[0] < node_octree::LEAF_SIZE);
+  VOXFILL_ASSERT(w[0] < node_octree::LEAF_SIZE);
   unsigned i = ++w[0];
   while (i > 1 && w[i - 1] > n) {
     w[i] = w[i - 1];
@@ -165,7 +155,7 @@ void search_down(search_state& s, unsigned row, unsigned level, const unsigned c
     enter_cell(corner, lv, code & 7u);
     if (!overlaps(corner, (1u << lv) - 1u, s.lo, s.hi)) continue;
     if (w[0] >= 8) {
-      VOXFILL_OCTREE_CHECK(lv > 0 && top + 8 <= STACK_ENTRIES);
+      VOXFILL_ASSERT(lv > 0 && top + 8 <= STACK_ENTRIES);
       // Children that are empty, or already clear of the box (which only shrinks), would be
       // dropped when popped; leaving them off the stack changes nothing else.
       const unsigned child_code = 8 * (lv - 1), half = 1u << (lv - 1);
