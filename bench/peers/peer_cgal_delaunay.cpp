@@ -1,5 +1,6 @@
-// CGAL's Delaunay triangulation (Epick, range insertion) on the clouds of bench_delaunay, for the
-// speed and memory ratio. Usage: peer_cgal_delaunay uniform N | lattice S.
+// CGAL's Delaunay triangulation (Epick, range insertion) on the clouds of bench_delaunay, or on a
+// .xyz file for bench/compare, for the speed and memory ratio.
+// Usage: peer_cgal_delaunay uniform N | lattice S | xyz IN.xyz [-o OUT.mesh]
 #include <CGAL/Delaunay_triangulation_3.h>
 #include <CGAL/Exact_predicates_inexact_constructions_kernel.h>
 
@@ -8,9 +9,11 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <map>
 #include <string>
 #include <vector>
 
+#include "../drivers/mesh_text.h"
 #include "cloud_points.h"
 
 using K = CGAL::Exact_predicates_inexact_constructions_kernel;
@@ -27,11 +30,47 @@ double peak_bytes() {
   return 0.0;
 }
 
+// The comparison's run: the points of a file, the finite cells written as Medit when asked.
+int run_file(const char* in, const char* out) {
+  std::vector<double> xyz;
+  std::string error;
+  if (!bench_mesh::read_xyz(in, xyz, error)) {
+    std::fprintf(stderr, "peer_cgal_delaunay: %s\n", error.c_str());
+    return 1;
+  }
+  std::vector<K::Point_3> pts;
+  pts.reserve(xyz.size() / 3);
+  for (std::size_t k = 0; k < xyz.size(); k += 3) pts.emplace_back(xyz[k], xyz[k + 1], xyz[k + 2]);
+  std::vector<double>().swap(xyz);
+  DT dt;
+  dt.insert(pts.begin(), pts.end());
+  std::printf("tets %zu nodes %zu\n", std::size_t(dt.number_of_finite_cells()),
+              std::size_t(dt.number_of_vertices()));
+  if (!out) return 0;
+  bench_mesh::tables m;
+  std::map<DT::Vertex_handle, std::uint32_t> index;
+  for (auto v = dt.finite_vertices_begin(); v != dt.finite_vertices_end(); ++v) {
+    index.emplace(v, std::uint32_t(index.size()));
+    m.xyz.insert(m.xyz.end(), {v->point().x(), v->point().y(), v->point().z()});
+  }
+  for (auto c = dt.finite_cells_begin(); c != dt.finite_cells_end(); ++c)
+    for (int i = 0; i < 4; ++i) m.tets.push_back(index[c->vertex(i)]);
+  if (!bench_mesh::write_medit(out, m)) {
+    std::fprintf(stderr, "peer_cgal_delaunay: cannot write %s\n", out);
+    return 1;
+  }
+  return 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
+  if (argc >= 3 && std::strcmp(argv[1], "xyz") == 0) {
+    if (argc == 3) return run_file(argv[2], nullptr);
+    if (argc == 5 && std::strcmp(argv[3], "-o") == 0) return run_file(argv[2], argv[4]);
+  }
   if (argc != 3 || (std::strcmp(argv[1], "uniform") && std::strcmp(argv[1], "lattice"))) {
-    std::fprintf(stderr, "usage: %s uniform N | lattice S\n", argv[0]);
+    std::fprintf(stderr, "usage: %s uniform N | lattice S | xyz IN.xyz [-o OUT.mesh]\n", argv[0]);
     return 2;
   }
   const unsigned n = unsigned(std::strtoul(argv[2], nullptr, 10));

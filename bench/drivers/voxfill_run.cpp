@@ -1,0 +1,86 @@
+// Voxfill's side of the comparison: reads a point cloud (.xyz) or a surface (Medit .mesh), runs
+// the mesher through its public interface and writes the tets as Medit for the common checker.
+// Usage: voxfill_run cloud IN.xyz [-o OUT.mesh] | voxfill_run surface IN.mesh [-o OUT.mesh]
+// Prints one line: "tets N nodes M seconds S", or "not yet" when the job gives no mesh and no
+// error (a mode the library does not have yet). Exit status: 0 mesh, 3 not yet, 1 failure.
+#include <cstdio>
+#include <cstring>
+#include <string>
+
+#include "mesh_text.h"
+#include "voxfill/mesher_th4.h"
+
+using namespace kelvo;
+
+int main(int argc, char** argv) {
+  if (argc != 3 && !(argc == 5 && std::strcmp(argv[3], "-o") == 0)) {
+    std::fprintf(stderr, "usage: %s cloud IN.xyz [-o OUT.mesh] | surface IN.mesh [-o OUT.mesh]\n",
+                 argv[0]);
+    return 2;
+  }
+  const bool cloud = std::strcmp(argv[1], "cloud") == 0;
+  const char* out = argc == 5 ? argv[4] : nullptr;
+  bench_mesh::tables in;
+  std::string error;
+  const bool read = cloud ? bench_mesh::read_xyz(argv[2], in.xyz, error)
+                          : bench_mesh::read_medit(argv[2], in, error);
+  if (!read) {
+    std::fprintf(stderr, "voxfill_run: %s\n", error.c_str());
+    return 1;
+  }
+
+  const unsigned n = unsigned(in.node_count());
+  dense2D<double> pos(3, n);
+  for (unsigned j = 0; j < n; ++j)
+    for (unsigned i = 0; i < 3; ++i) pos(i, j) = in.xyz[3 * std::size_t(j) + i];
+  const unsigned nt = unsigned(in.tris.size() / 3), ne = unsigned(in.edges.size() / 2);
+  dense2D<unsigned> connectB(3, nt);
+  for (unsigned j = 0; j < nt; ++j)
+    for (unsigned i = 0; i < 3; ++i) connectB(i, j) = in.tris[3 * std::size_t(j) + i];
+  voxfill::mesher::data_type data(pos, connectB);
+  if (ne) {
+    data.connectE.resize(2, ne);
+    for (unsigned j = 0; j < ne; ++j)
+      for (unsigned i = 0; i < 2; ++i) data.connectE(i, j) = in.edges[2 * std::size_t(j) + i];
+  }
+  if (cloud) {
+    data.isolated_nodes.reserve(n);
+    for (unsigned k = 0; k < n; ++k) data.isolated_nodes.push_back(k);
+  } else {
+    for (std::uint32_t k : in.corners) data.isolated_nodes.push_back(k);
+  }
+
+  voxfill::mesher mesher;
+  if (cloud) {
+    mesher.settings.mode = 2;
+    mesher.settings.optim_level = 0;
+  }  // surfaces: mode 0 with the library's defaults
+  mesher.run(data);
+  if (data.error_code != 0) {
+    std::fprintf(stderr, "voxfill_run: error %d: %s %s\n", data.error_code, data.msg_title,
+                 data.msg_text);
+    return 1;
+  }
+  if (data.tet_count == 0) {
+    std::printf("not yet\n");
+    return 3;
+  }
+  std::printf("tets %u nodes %u seconds %.3f\n", data.tet_count, data.used_node_count,
+              data.total_time);
+  if (!out) return 0;
+
+  bench_mesh::tables m;
+  m.xyz.resize(3 * std::size_t(data.pos.cols));
+  for (unsigned j = 0; j < data.pos.cols; ++j)
+    for (unsigned i = 0; i < 3; ++i) m.xyz[3 * std::size_t(j) + i] = data.pos(i, j);
+  m.tets.resize(4 * std::size_t(data.connectM.cols));
+  for (unsigned j = 0; j < data.connectM.cols; ++j)
+    for (unsigned i = 0; i < 4; ++i) m.tets[4 * std::size_t(j) + i] = data.connectM(i, j);
+  m.tet_refs.resize(data.colors.size);
+  for (unsigned j = 0; j < data.colors.size; ++j) m.tet_refs[j] = data.colors[j] + 1;
+  if (!bench_mesh::write_medit(out, m)) {
+    std::fprintf(stderr, "voxfill_run: cannot write %s\n", out);
+    return 1;
+  }
+  return 0;
+}
