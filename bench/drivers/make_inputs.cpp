@@ -107,21 +107,24 @@ bool write_surface(const tables& m, const volumes& v, const std::string& stem) {
     for (std::size_t i = 0; i < v.loops[k].size(); ++i) g.put(i ? ", " : "").num(v.loops[k][i]);
     g.put("};\n");
   }
+  // "Point(tag) = {x, y, z, size" of node a; the caller closes it.
+  auto put_point = [&](std::size_t tag, std::uint32_t a) -> text_out& {
+    return g.put("Point(")
+        .num(tag)
+        .put(") = {")
+        .real(m.xyz[3 * a])
+        .put(", ")
+        .real(m.xyz[3 * a + 1])
+        .put(", ")
+        .real(m.xyz[3 * a + 2])
+        .put(", ")
+        .real(v.edge_size);
+  };
   // Embedded entities get tags far above the merged ones; each hard edge stays one segment.
   for (std::size_t k = 0; k < ne; ++k) {
     for (unsigned i = 0; i < 2; ++i) {
       const std::uint32_t a = m.edges[2 * k + i];
-      g.put("Point(")
-          .num(100000 + 2 * k + i)
-          .put(") = {")
-          .real(m.xyz[3 * a])
-          .put(", ")
-          .real(m.xyz[3 * a + 1])
-          .put(", ")
-          .real(m.xyz[3 * a + 2])
-          .put(", ")
-          .real(v.edge_size)
-          .put("};\n");
+      put_point(100000 + 2 * k + i, a).put("};\n");
     }
     g.put("Line(")
         .num(100000 + k)
@@ -136,19 +139,7 @@ bool write_surface(const tables& m, const volumes& v, const std::string& stem) {
   }
   for (std::size_t k = 0; k < m.corners.size(); ++k) {
     const std::uint32_t a = m.corners[k];
-    g.put("Point(")
-        .num(200000 + k)
-        .put(") = {")
-        .real(m.xyz[3 * a])
-        .put(", ")
-        .real(m.xyz[3 * a + 1])
-        .put(", ")
-        .real(m.xyz[3 * a + 2])
-        .put(", ")
-        .real(v.edge_size)
-        .put("};\nPoint{")
-        .num(200000 + k)
-        .put("} In Volume{1};\n");
+    put_point(200000 + k, a).put("};\nPoint{").num(200000 + k).put("} In Volume{1};\n");
   }
   return g.close();
 }
