@@ -4,6 +4,7 @@
 
 #include <cmath>
 
+#include "delaunay/insertion_lookahead.h"
 #include "delaunay/mesh_walks.h"
 #include "numcore/prefetch.h"
 
@@ -199,8 +200,11 @@ void start_delaunay(mesh_store& m, const dense1D<unsigned>& list, const double l
 
 void insert_node_list(mesh_store& m, const unsigned* first, unsigned count, bool add_to_octree,
                       dense1D<unsigned>& failed, const task_type& task) {
+  insertion_lookahead ahead;
+  ahead.start(m, first, count);
   for (unsigned s = 0; s < count; ++s) {
     if (s % 10000 == 9999 && task.must_stop()) break;
+    ahead.advance(m, s);
     const unsigned p = first[s];
     if (!insert_node(m, p, m.work_stack, CAVITY_TOL))
       failed.push_back(p);
