@@ -8,6 +8,7 @@
 #include <cstring>
 
 #include "delaunay/keys.h"
+#include "delaunay/star_edge_table.h"
 #include "delaunay/tet_tables.h"
 #include "numcore/debug_check.h"
 #include "numcore/prefetch.h"
@@ -316,6 +317,92 @@ void abandon(cavity_record& cav) noexcept {
   cav.face_qualities.clear();
 }
 
+// Face f of a star row (p, s1, s2, s3), turned so that p comes first, is (p, s[after[f]],
+// s[then[f]]): the edge s[after[f]] -> s[then[f]] of the cavity's boundary.
+constexpr unsigned after[4] = {0, 3, 1, 2}, then[4] = {0, 2, 3, 1};
+
+// Links faces 1 to 3 of the star rows through their edges opposite p. Twins are faces of equal
+// edges in opposite directions; a third face on an edge, or two in the same direction, fail.
+bool link_by_edges(mesh_store& m, unsigned F) noexcept {
+  star_edge_table& edges = m.star_edges;
+  if (!edges.prepare(3 * F)) return false;
+  const unsigned* star = m.star_tets.col(0);
+  unsigned* link = m.star_neighbors.col(0);
+  for (unsigned k = 0; k < F; ++k) {
+    const unsigned* s = star + 4 * std::size_t(k);
+    for (unsigned f = 1; f < 4; ++f) {
+      unsigned twin;
+      if (!edges.enter(s[after[f]], s[then[f]], 4 * k + f, twin)) return false;
+      if (twin == NONE) continue;
+      link[4 * k + f] = twin >> 2;
+      link[twin] = k;
+    }
+  }
+  return true;
+}
+
+// The same matching through `face_link_table`, keyed by whole faces: faces 1, 2, 3 of every row
+// entered by the face hash, each chain matched against itself by the face comparison. Used when
+// a row repeats a node, which the edge matching cannot tell apart.
+bool link_by_faces(mesh_store& m, unsigned p, unsigned F) noexcept {
+  vector_fast& table = m.face_link_table;
+  const unsigned* star = m.star_tets.col(0);
+  unsigned* link = m.star_neighbors.col(0);
+  if (!build_link_table(table, 3 * F)) return false;
+  // The hash is a sum of per-node terms: with p in every face, each face's hash is p's term plus
+  // those of its two other nodes (faces 1, 2, 3 leave out s1, s2, s3 in turn).
+  const unsigned hp = key_hash(&p, 1);
+  for (unsigned k = 0; k < F; ++k) {
+    const unsigned* s = star + 4 * std::size_t(k);
+    const unsigned h1 = key_hash(s + 1, 1), h2 = key_hash(s + 2, 1), h3 = key_hash(s + 3, 1);
+    if (!table.insert(4 * k + 1, hp + h2 + h3) || !table.insert(4 * k + 2, hp + h1 + h3) ||
+        !table.insert(4 * k + 3, hp + h1 + h2))
+      return false;
+  }
+  const unsigned* store = table.store.data();
+  auto face_of = [&](unsigned value) {
+    const unsigned* s = star + 4 * std::size_t(value >> 2);
+    const unsigned* l = tet_face_nodes[value & 3];
+    return face_key{{s[l[0]], s[l[1]], s[l[2]]}};
+  };
+  // With three distinct nodes, the rotation-free comparison of two faces that hold p reduces to
+  // that of their two other nodes; anything degenerate goes through compare_keys.
+  auto compare_faces = [&](unsigned v1, unsigned v2) {
+    const unsigned* s1 = star + 4 * std::size_t(v1 >> 2);
+    const unsigned* s2 = star + 4 * std::size_t(v2 >> 2);
+    const unsigned a = s1[after[v1 & 3]], b = s1[then[v1 & 3]];
+    const unsigned c = s2[after[v2 & 3]], d = s2[then[v2 & 3]];
+    if (a + b != c + d) return 0;  // other node sets
+    if (a == b || c == d || a == p || b == p || c == p || d == p)
+      return compare_keys(face_of(v1), face_of(v2));
+    return a == c && b == d ? 1 : (a == d && b == c ? -1 : 0);
+  };
+  for (unsigned b = 0; b < table.buckets; ++b) {
+    std::uint64_t pair;  // (value, link) of the bucket: all ones when it is empty
+    std::memcpy(&pair, store + 2 * std::size_t(b), sizeof pair);
+    if (pair == ~std::uint64_t(0)) continue;
+    for (unsigned p1 = 2 * b;; p1 += store[p1 + 1]) {
+      const unsigned v1 = store[p1];
+      if (v1 != NONE) {
+        unsigned& l1 = link[v1];
+        for (unsigned p2 = p1; store[p2 + 1] != NONE;) {
+          p2 += store[p2 + 1];
+          const unsigned v2 = store[p2];
+          if (v2 == NONE) continue;
+          const int c = compare_faces(v1, v2);
+          if (c == 0) continue;
+          unsigned& l2 = link[v2];
+          if (c > 0 || l1 != NONE || l2 != NONE) return false;
+          l1 = v2 >> 2;
+          l2 = v1 >> 2;
+        }
+      }
+      if (store[p1 + 1] == NONE) break;
+    }
+  }
+  return true;
+}
+
 }  // namespace
 
 void collect_cavity(mesh_store& m, unsigned p, dense1D<unsigned>& seeds, cavity_record& cav,
@@ -473,6 +560,8 @@ bool fill_star(mesh_store& m, cavity_record& cav, dense1D<unsigned>& out) noexce
   unsigned* star = m.star_tets.col(0);
   unsigned* link = m.star_neighbors.col(0);
   std::fill_n(link, 4 * std::size_t(F), NONE);
+  // Rows with a repeated node (or p among the face's nodes) are left to the general matching.
+  bool degenerate = F >= star_edge_table::PAIRED / 4;
   {
     const mesh_view v(m);
     for (unsigned k = 0; k < F; ++k) {
@@ -487,6 +576,8 @@ bool fill_star(mesh_store& m, cavity_record& cav, dense1D<unsigned>& out) noexce
       s[1] = n[f[0]];
       s[2] = n[f[1]];
       s[3] = n[f[2]];
+      degenerate |=
+          s[1] == s[2] || s[1] == s[3] || s[2] == s[3] || s[1] == p || s[2] == p || s[3] == p;
       prefetch_for_write(m.ancestors.data() + s[1]);
       const unsigned nb = v.nb(t)[i];
       cav.faces[k] = nb == NONE ? NONE : 4 * nb + v.back_face(nb, t);
@@ -495,68 +586,12 @@ bool fill_star(mesh_store& m, cavity_record& cav, dense1D<unsigned>& out) noexce
 
   // Faces 1 to 3 of the new tets hold p; each must meet exactly one reversed twin.
   m.open_face[0] = m.open_face[1] = m.open_face[2] = NONE;
-  vector_fast& table = m.face_link_table;
   auto fail = [&]() {
     m.star_tets.clear();
     m.star_neighbors.clear();
     return false;
   };
-  if (!build_link_table(table, 3 * F)) return fail();
-  // The hash is a sum of per-node terms: with p in every face, each face's hash is p's term plus
-  // those of its two other nodes (faces 1, 2, 3 leave out s1, s2, s3 in turn).
-  const unsigned hp = key_hash(&p, 1);
-  for (unsigned k = 0; k < F; ++k) {
-    const unsigned* s = star + 4 * std::size_t(k);
-    const unsigned h1 = key_hash(s + 1, 1), h2 = key_hash(s + 2, 1), h3 = key_hash(s + 3, 1);
-    if (!table.insert(4 * k + 1, hp + h2 + h3) || !table.insert(4 * k + 2, hp + h1 + h3) ||
-        !table.insert(4 * k + 3, hp + h1 + h2))
-      return fail();
-  }
-  {
-    const unsigned* store = table.store.data();
-    auto face_of = [&](unsigned value) {
-      const unsigned* s = star + 4 * std::size_t(value >> 2);
-      const unsigned* l = tet_face_nodes[value & 3];
-      return face_key{{s[l[0]], s[l[1]], s[l[2]]}};
-    };
-    // Face f of a star row, turned so that p comes first, is (p, s[after[f]], s[then[f]]). With
-    // three distinct nodes, the rotation-free comparison of two such faces reduces to that of
-    // their two other nodes; anything degenerate goes through compare_keys.
-    static constexpr unsigned after[4] = {0, 3, 1, 2}, then[4] = {0, 2, 3, 1};
-    auto compare_faces = [&](unsigned v1, unsigned v2) {
-      const unsigned* s1 = star + 4 * std::size_t(v1 >> 2);
-      const unsigned* s2 = star + 4 * std::size_t(v2 >> 2);
-      const unsigned a = s1[after[v1 & 3]], b = s1[then[v1 & 3]];
-      const unsigned c = s2[after[v2 & 3]], d = s2[then[v2 & 3]];
-      if (a + b != c + d) return 0;  // other node sets
-      if (a == b || c == d || a == p || b == p || c == p || d == p)
-        return compare_keys(face_of(v1), face_of(v2));
-      return a == c && b == d ? 1 : (a == d && b == c ? -1 : 0);
-    };
-    for (unsigned b = 0; b < table.buckets; ++b) {
-      std::uint64_t pair;  // (value, link) of the bucket: all ones when it is empty
-      std::memcpy(&pair, store + 2 * std::size_t(b), sizeof pair);
-      if (pair == ~std::uint64_t(0)) continue;
-      for (unsigned p1 = 2 * b;; p1 += store[p1 + 1]) {
-        const unsigned v1 = store[p1];
-        if (v1 != NONE) {
-          unsigned& l1 = link[4 * std::size_t(v1 >> 2) + (v1 & 3)];
-          for (unsigned p2 = p1; store[p2 + 1] != NONE;) {
-            p2 += store[p2 + 1];
-            const unsigned v2 = store[p2];
-            if (v2 == NONE) continue;
-            const int c = compare_faces(v1, v2);
-            if (c == 0) continue;
-            unsigned& l2 = link[4 * std::size_t(v2 >> 2) + (v2 & 3)];
-            if (c > 0 || l1 != NONE || l2 != NONE) return fail();
-            l1 = v2 >> 2;
-            l2 = v1 >> 2;
-          }
-        }
-        if (store[p1 + 1] == NONE) break;
-      }
-    }
-  }
+  if (!(degenerate ? link_by_faces(m, p, F) : link_by_edges(m, F))) return fail();
 
   // Room for every new row before the mesh is touched, so that nothing can fail half-way.
   if (F > T) {

@@ -191,6 +191,7 @@ void mesh_store::clear() {
   work_stack.reserve(128);
   work_list_b.reserve(128);
   star_tets.clear_hard();
+  star_edges = star_edge_table{};
   star_neighbors.clear_hard();
   kernel_mode = 0;
   box_nodes.clear_hard();

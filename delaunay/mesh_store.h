@@ -7,6 +7,7 @@
 #include "delaunay/node_locator.h"
 #include "delaunay/node_octree.h"
 #include "delaunay/random_source.h"
+#include "delaunay/star_edge_table.h"
 #include "delaunay/vector_fast.h"
 
 namespace kelvo::voxfill {
@@ -35,6 +36,7 @@ class mesh_store {
   unsigned open_face[3] = {NONE, NONE, NONE};
   dense2D<unsigned> star_tets;
   dense2D<unsigned> star_neighbors;
+  star_edge_table star_edges;
   unsigned kernel_mode = 0;
   dense1D<unsigned> box_nodes;
   double box_min[3] = {0.0, 0.0, 0.0};

@@ -455,3 +455,33 @@ TEST(DelaunayKernel, ShuffleOnlyAboveEightNodes) {
     }
   }
 }
+
+// A star whose rows repeat a node (here the new node is a corner of the cavity's only tet) goes
+// through the matching by whole faces. Its faces that hold the node twice find no proper twin: the
+// star must be refused and the mesh left as it was.
+TEST(DelaunayKernel, StarWithARepeatedNode) {
+  kernel_run r;
+  r.load(uniform(40, 3));
+  r.start();
+  const auto tets = r.m.tets.data.as_vector(), nbrs = r.m.neighbors.data.as_vector();
+  const std::vector<unsigned> before_t(tets.begin(), tets.end()),
+      before_n(nbrs.begin(), nbrs.end());
+  unsigned t = 0;
+  while (!r.m.tet_live(t)) ++t;
+  cavity_record& cav = r.m.cavity;
+  cav.node = r.m.tets(2, t);
+  cav.tets.clear();
+  cav.faces.clear();
+  cav.face_qualities.clear();
+  cav.tets.push_back(t);
+  for (unsigned i = 0; i < 4; ++i) {
+    cav.faces.push_back(4 * t + i);
+    cav.face_qualities.push_back(0.5);
+  }
+  dense1D<unsigned> out;
+  EXPECT_FALSE(fill_star(r.m, cav, out));
+  const auto after_t = r.m.tets.data.as_vector(), after_n = r.m.neighbors.data.as_vector();
+  EXPECT_TRUE(std::equal(before_t.begin(), before_t.end(), after_t.begin()));
+  EXPECT_TRUE(std::equal(before_n.begin(), before_n.end(), after_n.begin()));
+  EXPECT_EQ(r.m.star_tets.cols, 0u);
+}
