@@ -74,11 +74,14 @@ void insertion_lookahead::advance(mesh_store& m, unsigned s) noexcept {
     own = cursor{first_[s + depth], NONE, coordinates, 0};
     if (own.node < m.nodes.cols()) prefetch(m.nodes.row(own.node));
   }
-  for (unsigned k = 1; k < depth; ++k) step(m, ring_[(s + k) % depth]);
+  for (unsigned k = 1; k < depth; ++k) {
+    cursor& c = ring_[(s + k) % depth];
+    if (c.stage != idle) step(m, c);
+  }
 }
 
 void insertion_lookahead::step(mesh_store& m, cursor& c) noexcept {
-  if (c.stage == idle || m.tets.cols() == 0) return;
+  if (m.tets.cols() == 0) return;
   const tables v(m);
   switch (c.stage) {
     case idle:
