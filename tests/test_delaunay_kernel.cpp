@@ -13,6 +13,7 @@
 
 #include "delaunay/delaunay_mgr.h"
 #include "delaunay/mesh_walks.h"
+#include "delaunay/star_edge_table.h"
 
 using namespace kelvo::voxfill;
 using kelvo::dense1D;
@@ -572,4 +573,48 @@ TEST(DelaunayKernel, TablesArePinned) {
   ASSERT_EQ(got.size(), std::size(want));
   for (unsigned k = 0; k < got.size(); ++k)
     EXPECT_EQ(got[k], want[k].digest) << want[k].name << std::hex << " digest " << got[k];
+}
+
+// The edge table behind the star matching: twins are the same edge in opposite directions; a
+// third face on an edge, or a second one in the same direction, is refused; every new use, after
+// growth or when the stamps wrap, starts empty.
+TEST(DelaunayKernel, StarEdgeTablePairsReversedEdges) {
+  star_edge_table t;
+  unsigned twin = 0;
+  ASSERT_TRUE(t.prepare(6));
+  EXPECT_TRUE(t.enter(5, 9, 1, twin));
+  EXPECT_EQ(twin, NONE);
+  EXPECT_TRUE(t.enter(9, 5, 6, twin));
+  EXPECT_EQ(twin, 1u);
+  EXPECT_FALSE(t.enter(5, 9, 11, twin));
+  EXPECT_FALSE(t.enter(9, 5, 11, twin));
+  EXPECT_TRUE(t.enter(7, 3, 13, twin));
+  EXPECT_FALSE(t.enter(7, 3, 14, twin));
+
+  ASSERT_TRUE(t.prepare(3000));  // grows; the old entries are gone
+  EXPECT_TRUE(t.enter(9, 5, 6, twin));
+  EXPECT_EQ(twin, NONE);
+  std::mt19937 g(4);
+  std::map<std::pair<unsigned, unsigned>, unsigned> first;
+  for (unsigned k = 0; first.size() < 1000; ++k) {
+    const unsigned a = g() % 300, b = g() % 300;
+    if (a == b || first.count({a, b}) || first.count({b, a}) || (a == 9 && b == 5) ||
+        (a == 5 && b == 9))
+      continue;
+    const unsigned code = 4 * k + 1 + k % 3;
+    first[{a, b}] = code;
+    ASSERT_TRUE(t.enter(a, b, code, twin));
+    ASSERT_EQ(twin, NONE);
+  }
+  for (const auto& [edge, code] : first) {
+    ASSERT_TRUE(t.enter(edge.second, edge.first, 7, twin));
+    EXPECT_EQ(twin, code);
+  }
+
+  t.stamp = 0xFFFFFFFEu;
+  ASSERT_TRUE(t.prepare(4));
+  EXPECT_TRUE(t.enter(1, 2, 5, twin));
+  ASSERT_TRUE(t.prepare(4));  // the stamp wraps to 0: everything is forgotten
+  EXPECT_TRUE(t.enter(2, 1, 6, twin));
+  EXPECT_EQ(twin, NONE);
 }

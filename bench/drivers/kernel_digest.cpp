@@ -14,11 +14,11 @@
 #include <string>
 #include <vector>
 
+#include "../kernel_job.h"
 #include "../peers/cloud_points.h"
 #include "delaunay/delaunay_mgr.h"
 
 using namespace kelvo::voxfill;
-using kelvo::Ptr;
 
 namespace {
 
@@ -41,28 +41,10 @@ struct outcome {
 outcome run(const std::vector<double>& xyz, double box_factor, double shell_ratio,
             unsigned hard_faces, unsigned step) {
   mesh_store m;
-  mesher::settings_type settings;
-  mesher::data_type data;
-  Ptr<progress_bar> root = new progress_bar(0.0, 1.0);
-  root->add_phase_bars(phase_weights(2), 6);
-  Ptr<task_type> task = new task_type(&settings, root.get(), &data.error_code, &data.warning_code,
-                                      data.msg_title, data.msg_text);
-  const unsigned n = unsigned(xyz.size() / 3);
-  kelvo::dense1D<unsigned> list;
-  m.reserve(n, 0);
-  list.reserve(n);
-  double lo[3] = {1e300, 1e300, 1e300}, hi[3] = {-1e300, -1e300, -1e300};
-  for (unsigned k = 0; k < n; ++k) {
-    const double* p = &xyz[3 * std::size_t(k)];
-    list.push_back(m.new_node(p[0], p[1], p[2], 0.0));
-    for (int i = 0; i < 3; ++i) {
-      lo[i] = p[i] < lo[i] ? p[i] : lo[i];
-      hi[i] = p[i] > hi[i] ? p[i] : hi[i];
-    }
-  }
+  bench_kernel::kernel_job job(m, xyz);
   for (unsigned k = 0; k < hard_faces; ++k) m.hard_set.add_face(k, k + 1, k + step);
   const auto t0 = std::chrono::steady_clock::now();
-  start_delaunay(m, list, lo, hi, box_factor, shell_ratio, *task);
+  job.start(m, box_factor, shell_ratio);
   const auto t1 = std::chrono::steady_clock::now();
   std::uint64_t h = 1469598103934665603ull;
   h = fnv(m.tets.row(0), sizeof(unsigned) * 4 * m.tets.cols(), h);
