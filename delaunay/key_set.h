@@ -81,20 +81,20 @@ struct key_set {
     rehash(8);
   }
 
-  // Rebuilds the chains on `buckets` heads (a power of two), dropping erased slots.
+  // Rebuilds the chains on `buckets` heads (a power of two), dropping erased slots. The heads are
+  // resized in place: a fresh container would get its buffer from a throwing allocation.
   bool rehash(unsigned buckets) noexcept {
-    dense1D<unsigned> fresh;
-    if (!fresh.resize(buckets, NONE)) return false;
+    if (!heads.resize(buckets)) return false;
+    heads = NONE;
     unsigned w = 0;
     for (unsigned e = 0; e < keys.size; ++e) {
       if (next[e] == DELETED) continue;
       keys[w] = keys[e];
-      unsigned& head = fresh[key_hash(keys[w]) & (buckets - 1)];
+      unsigned& head = heads[key_hash(keys[w]) & (buckets - 1)];
       next[w] = head;
       head = w++;
     }
     keys.size = next.size = w;
-    heads = fresh;
     return true;
   }
 };

@@ -6,11 +6,14 @@
 #pragma GCC diagnostic ignored "-Wmismatched-new-delete"
 
 #include <cstdlib>
+#include <memory>
 #include <new>
 #include <random>
+#include <string>
 
 #include "delaunay/mesh_walks.h"
 #include "mesh_fixtures.h"
+#include "voxfill/mesher_th4.h"
 
 namespace {
 long allocations = 0;
@@ -122,4 +125,52 @@ TEST(StoreAllocation, WarmQueriesAllocateNothing) {
   const long before = allocations;
   sweep();
   EXPECT_EQ(allocations - before, 0);
+}
+
+// A whole run with the k-th allocation failing, for every k of a clean run: never a crash or a
+// hang, and either a mesh or the memory error with its exact texts. Disabled until the faults it
+// finds are mended: containers built inside noexcept routines (node_locator::build and others)
+// end the process when their buffer cannot be had, and one failure (near allocation 232) ends the
+// run with no error and no tets. Run it with --gtest_also_run_disabled_tests.
+TEST(StoreAllocation, DISABLED_RunSurvivesEveryFailedAllocation) {
+  const unsigned n = 150;
+  kelvo::dense2D<double> pos(3, n);
+  std::mt19937 rng(8);
+  std::uniform_real_distribution<double> U(0.0, 1.0);
+  for (unsigned j = 0; j < n; ++j)
+    for (unsigned i = 0; i < 3; ++i) pos(i, j) = U(rng);
+  auto run = [&](long fail) {
+    auto data = std::make_unique<mesher::data_type>(pos, kelvo::dense2D<unsigned>());
+    for (unsigned k = 0; k < n; ++k) data->isolated_nodes.push_back(k);
+    auto job = std::make_unique<mesher>();
+    job->settings.mode = 2;
+    const long before = allocations;
+    fail_countdown = fail;
+    job->run(*data);
+    fail_countdown = -1;
+    return std::make_pair(std::move(data), allocations - before);
+  };
+  const auto [clean, total] = run(-1);
+  ASSERT_EQ(clean->error_code, 0);
+  ASSERT_GT(total, 0);
+  unsigned failed_runs = 0;
+  for (long k = 0; k < total; ++k) {
+    const auto [d, count] = run(k);
+    (void)count;
+    if (d->error_code == 0) {
+      EXPECT_GT(d->tet_count, 0u) << "allocation " << k;
+      continue;
+    }
+    ++failed_runs;
+    ASSERT_EQ(d->error_code, -199) << "allocation " << k;
+    // Caught at the top of the run, or reported where the engine saw a null allocation.
+    const std::string title = d->msg_title, text = d->msg_text;
+    if (title == "MEMORY ERROR")
+      EXPECT_EQ(text, "\nFile = voxfill/mesher_th4.cpp, line = 120.\n") << "allocation " << k;
+    else
+      EXPECT_TRUE(title == "SYSTEM MEMORY ERROR" &&
+                  text.rfind("Insufficient memory.\nFile = ", 0) == 0)
+          << "allocation " << k << ": " << title << " / " << text;
+  }
+  EXPECT_GT(failed_runs, 0u);
 }

@@ -1,5 +1,6 @@
 // The input/output record of a run: construction, copying, clearing and the validity check.
 #include <cfloat>
+#include <new>
 
 #include "gridkit/connectivity.h"
 #include "gridkit/metrics.h"
@@ -10,12 +11,13 @@ namespace {
 
 constexpr double kQsBounds[] = {0, 0.01, 0.1, 0.2, 0.3, 0.4, 0.5, 0.6, 0.7, 0.8, 0.9, 1.0};
 // Above 1.0 the bounds are the reciprocals of 0.9 .. 0.1, to two decimals.
-constexpr double kQhBounds[] = {0,    0.1,  0.2,  0.3,  0.4, 0.5, 0.6,  0.7,  0.8, 0.9,    1.0,
+constexpr double kQhBounds[] = {0,    0.1,  0.2,  0.3,  0.4, 0.5, 0.6,  0.7, 0.8,  0.9,    1.0,
                                 1.11, 1.25, 1.43, 1.67, 2.0, 2.5, 3.33, 5.0, 10.0, DBL_MAX};
 
 template <std::size_t N>
 histogram make_histogram(const double (&b)[N]) {
   dense1D<double> bounds{static_cast<unsigned>(N)};
+  if (bounds.size != N) throw std::bad_alloc();  // the caller's catch turns it into -199
   for (unsigned i = 0; i < N; ++i) bounds[i] = b[i];
   return histogram(bounds);
 }
@@ -29,7 +31,9 @@ unsigned largest(const V& v) {
 
 }  // namespace
 
-mesher::data_type::data_type() { clear(); }
+mesher::data_type::data_type() {
+  clear();
+}
 
 mesher::data_type::data_type(const dense2D<double>& p, const dense2D<unsigned>& b) {
   clear();
@@ -37,7 +41,9 @@ mesher::data_type::data_type(const dense2D<double>& p, const dense2D<unsigned>& 
   connectB = b;
 }
 
-mesher::data_type::data_type(const data_type& o) : data_type() { *this = o; }
+mesher::data_type::data_type(const data_type& o) : data_type() {
+  *this = o;
+}
 
 void mesher::data_type::shallow_copy(const data_type& o) {
   if (this == &o) return;
@@ -175,7 +181,8 @@ void mesher::data_type::extract(dense2D<double>& p, dense2D<unsigned>& m) const 
   m = connectM;
 }
 
-void mesher::data_type::IDs_sorted_by_color(dense1D<unsigned>& IDs, dense1D<unsigned>& starts) const {
+void mesher::data_type::IDs_sorted_by_color(dense1D<unsigned>& IDs,
+                                            dense1D<unsigned>& starts) const {
   gridkit::get_sorted_order(colors, IDs, starts);
 }
 
