@@ -138,9 +138,14 @@ void start_delaunay(mesh_store& m, const dense1D<unsigned>& list, const double l
     task.drop_sections(1);
   };
 
-  m.locator.build(m.box_min, m.box_max);
-  m.exclusion_octree.set_box(m.box_min, m.box_max);
+  // Without the octree every location would fail and the nodes would all end unenforced.
+  const bool located = m.locator.build(m.box_min, m.box_max) == m.box_nodes.size;
   m.exclusion_count = 0;
+  if (!located || !m.exclusion_octree.set_box(m.box_min, m.box_max)) {
+    task.raise_error(msg::memory_error_run);
+    finish();
+    return;
+  }
 
   const unsigned node_room = truncate_count((shell_ratio + 1.0) * n);
   if (!m.reserve(node_room, truncate_count(5.0 * node_room))) {

@@ -3,7 +3,7 @@
 
 namespace kelvo::voxfill {
 
-unsigned node_locator::build(const double lo[3], const double hi[3]) noexcept {
+unsigned node_locator::build(const double lo[3], const double hi[3]) {
   if (!set_box(lo, hi) || !nodes || !tets) return 0;
   const unsigned node_cols = nodes->cols();
   bit_set seen;

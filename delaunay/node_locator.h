@@ -51,7 +51,7 @@ struct node_locator {
   }
   // `set_box`, then adds each node of the live rows of `tets` in order of first occurrence. The
   // number of nodes added, which becomes `count`.
-  unsigned build(const double lo[3], const double hi[3]) noexcept;
+  unsigned build(const double lo[3], const double hi[3]);
   // `set_box`, then adds the listed nodes in order. The number added, which becomes `count`.
   unsigned build(const double lo[3], const double hi[3], const unsigned* list,
                  unsigned size) noexcept;

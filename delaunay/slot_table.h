@@ -2,6 +2,7 @@
 #pragma once
 
 #include <algorithm>
+#include <new>
 
 #include "delaunay/bit_set.h"
 #include "numcore/dense2D.h"
@@ -82,13 +83,14 @@ struct slot_table {
     free_stack.clear_hard();
   }
   // Closes the holes: live rows move down in order. `map` takes each old row to its new index,
-  // NONE for a free row. Returns the new column count. Without free rows nothing moves.
+  // NONE for a free row. Returns the new column count. Without free rows nothing moves. Throws
+  // std::bad_alloc, with the table untouched, when `map` cannot be sized.
   unsigned compact(dense1D<unsigned>& map) {
     const unsigned c = data.cols;
     unsigned dead = 0;
     for (unsigned k = 0; k < free_stack.size; ++k) dead += free_stack[k] < c;
     map.clear();
-    map.resize(c, NONE);
+    if (!map.resize(c, NONE) || !free_stack.reserve(free_stack.size + 1)) throw std::bad_alloc();
     if (dead == 0) {
       for (unsigned i = 0; i < c; ++i) map[i] = i;
       return c;

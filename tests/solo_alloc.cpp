@@ -128,11 +128,9 @@ TEST(StoreAllocation, WarmQueriesAllocateNothing) {
 }
 
 // A whole run with the k-th allocation failing, for every k of a clean run: never a crash or a
-// hang, and either a mesh or the memory error with its exact texts. Disabled until the faults it
-// finds are mended: containers built inside noexcept routines (node_locator::build and others)
-// end the process when their buffer cannot be had, and one failure (near allocation 232) ends the
-// run with no error and no tets. Run it with --gtest_also_run_disabled_tests.
-TEST(StoreAllocation, DISABLED_RunSurvivesEveryFailedAllocation) {
+// hang, and either a mesh or the memory error with its exact texts: no failure may be swallowed
+// into a run that reports success without a mesh.
+TEST(StoreAllocation, RunSurvivesEveryFailedAllocation) {
   const unsigned n = 150;
   kelvo::dense2D<double> pos(3, n);
   std::mt19937 rng(8);
