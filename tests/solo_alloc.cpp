@@ -5,12 +5,15 @@
 // The replaced allocator pairs malloc with free on purpose.
 #pragma GCC diagnostic ignored "-Wmismatched-new-delete"
 
+#include <array>
 #include <cstdlib>
 #include <memory>
 #include <new>
 #include <random>
 #include <string>
+#include <vector>
 
+#include "delaunay/delaunay_mgr.h"
 #include "delaunay/mesh_walks.h"
 #include "mesh_fixtures.h"
 #include "voxfill/mesher_th4.h"
@@ -171,4 +174,49 @@ TEST(StoreAllocation, RunSurvivesEveryFailedAllocation) {
           << "allocation " << k << ": " << title << " / " << text;
   }
   EXPECT_GT(failed_runs, 0u);
+}
+
+// The kernel's start with shell nodes and hard faces, the k-th allocation failing: a memory error
+// (raised, or thrown for the run to catch), or every node of the list in the mesh: a clean cloud
+// has no node that cannot go in, so a failure must not quietly leave one out.
+TEST(StoreAllocation, KernelStartSurvivesEveryFailedAllocation) {
+  std::mt19937 rng(9);
+  std::uniform_real_distribution<double> U(0.0, 1.0);
+  std::vector<std::array<double, 3>> pts(120);
+  for (auto& p : pts) p = {U(rng), U(rng), U(rng)};
+  auto run = [&](long fail, long& used) {
+    mesher::settings_type settings;
+    mesher::data_type data;
+    kelvo::Ptr<progress_bar> root = new progress_bar(0.0, 1.0);
+    root->add_phase_bars(phase_weights(0), 6);
+    kelvo::Ptr<task_type> task = new task_type(&settings, root.get(), &data.error_code,
+                                               &data.warning_code, data.msg_title, data.msg_text);
+    mesh_store m;
+    dense1D<unsigned> list;
+    for (const auto& p : pts) list.push_back(m.new_node(p[0], p[1], p[2], 0.0));
+    for (unsigned k = 0; k + 12 < 40; ++k) m.hard_set.add_face(k, k + 1, k + 12);
+    const double lo[3] = {0, 0, 0}, hi[3] = {1, 1, 1};
+    const long before = allocations;
+    fail_countdown = fail;
+    bool thrown = false;
+    try {  // the run's catch turns a thrown failure into -199
+      start_delaunay(m, list, lo, hi, 3.0, 0.01, *task);
+    } catch (const std::bad_alloc&) {
+      thrown = true;
+    }
+    fail_countdown = -1;
+    used = allocations - before;
+    if (thrown) return -199;
+    if (data.error_code != 0) return data.error_code;
+    for (unsigned k = 0; k < list.size; ++k)
+      if (m.ancestors[list[k]] == NONE) return 1;
+    return 0;
+  };
+  long total = 0, used = 0;
+  ASSERT_EQ(run(-1, total), 0);
+  EXPECT_GT(total, 50);  // growth of every table, the octrees and the cavity lists
+  for (long k = 0; k < total; ++k) {
+    const int code = run(k, used);
+    EXPECT_TRUE(code == 0 || code == -199) << "allocation " << k << ": " << code;
+  }
 }
