@@ -77,9 +77,13 @@ class mesh_store {
   unsigned bump_marks() noexcept;
   bool marked(unsigned i) const noexcept { return i < marks.size && marks[i] == mark_value; }
   void mark(unsigned i) noexcept { marks[i] = mark_value; }
-  // Makes `marks` cover index i (new entries 0). False when memory ran out.
+  // Makes `marks` cover index i (new entries 0). False when memory ran out. The room doubles, but
+  // only the entries up to i are written, so that pages nobody marks are never touched.
   bool cover_marks(unsigned i) noexcept {
-    return i < marks.size || marks.resize(i + 1 > 2 * marks.size ? i + 1 : 2 * marks.size, 0u);
+    if (i < marks.size) return true;
+    const unsigned room = i + 1 > 2 * marks.size ? i + 1 : 2 * marks.size;
+    if (i >= marks.capacity() && !marks.reserve(room)) return false;
+    return marks.resize(i + 1, 0u);
   }
 
   // Local face of a opposite b, 4 when b is not a neighbour of a.
