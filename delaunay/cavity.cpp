@@ -453,8 +453,7 @@ void collect_cavity(mesh_store& m, unsigned p, dense1D<unsigned>& seeds, cavity_
       if (nb == NONE || v.marked(nb)) continue;
       v.set(nb);
       const unsigned* n = v.tet(nb);
-      if (circumsphere_ratio(v.point(n[0]), v.point(n[1]), v.point(n[2]), v.point(n[3]), P) <
-          limit) {
+      if (in_circumsphere(v.point(n[0]), v.point(n[1]), v.point(n[2]), v.point(n[3]), P, limit)) {
         cav.tets.push_back(nb);
         seeds.push_back(nb);
         ask_around(nb);

@@ -39,6 +39,49 @@ inline double circumsphere_ratio(const double* p0, const double* p1, const doubl
   return (e[0] * e[0] + e[1] * e[1] + e[2] * e[2]) / r2;
 }
 
+// Whether P lies inside the circumsphere of the positive tet (p0, p1, p2, p3) in the sense of
+// circumsphere_ratio(...) < limit, decided cheaply where that is safe. The centre is taken from
+// the closed formula relative to p3 (one division instead of the circumcircle and its refinement
+// steps). With L^2 the largest squared edge from p3 and O = a . (b x c), both computations have a
+// relative error in the ratio below a small multiple of eps (L^3 / O)^2 (1 + ratio); with
+// L^3 <= 1000 O that is about 1e-10 (1 + ratio). So the cheap ratio decides when it is further than
+// 1e-6 (1 + ratio) from `limit`: four orders of magnitude above both errors. The same bound keeps
+// the face (p1, p2, p3) far from flat, so the lifted construction never takes its flat branches
+// there. Everything else, and all flat, huge or tiny tets, goes to circumsphere_ratio.
+inline bool in_circumsphere(const double* p0, const double* p1, const double* p2, const double* p3,
+                            const double* P, double limit) noexcept {
+  const double a[3] = {p0[0] - p3[0], p0[1] - p3[1], p0[2] - p3[2]};
+  const double b[3] = {p1[0] - p3[0], p1[1] - p3[1], p1[2] - p3[2]};
+  const double c[3] = {p2[0] - p3[0], p2[1] - p3[1], p2[2] - p3[2]};
+  const double bc[3] = {b[1] * c[2] - b[2] * c[1], b[2] * c[0] - b[0] * c[2],
+                        b[0] * c[1] - b[1] * c[0]};
+  const double O = a[0] * bc[0] + a[1] * bc[1] + a[2] * bc[2];
+  const double la = a[0] * a[0] + a[1] * a[1] + a[2] * a[2];
+  const double lb = b[0] * b[0] + b[1] * b[1] + b[2] * b[2];
+  const double lc = c[0] * c[0] + c[1] * c[1] + c[2] * c[2];
+  double L2 = la > lb ? la : lb;
+  if (lc > L2) L2 = lc;
+  // Bounded magnitudes keep every product below normal range limits, so the bound holds.
+  if (O > 0.0 && L2 >= 1e-90 && L2 <= 1e90 && L2 * L2 * L2 <= 1e6 * O * O) {
+    const double ca[3] = {c[1] * a[2] - c[2] * a[1], c[2] * a[0] - c[0] * a[2],
+                          c[0] * a[1] - c[1] * a[0]};
+    const double ab[3] = {a[1] * b[2] - a[2] * b[1], a[2] * b[0] - a[0] * b[2],
+                          a[0] * b[1] - a[1] * b[0]};
+    const double s = 0.5 / O;
+    double x[3], e[3];
+    for (unsigned i = 0; i < 3; ++i) {
+      x[i] = (la * bc[i] + lb * ca[i] + lc * ab[i]) * s;
+      e[i] = P[i] - p3[i] - x[i];
+    }
+    const double r2 = x[0] * x[0] + x[1] * x[1] + x[2] * x[2];
+    const double ratio = (e[0] * e[0] + e[1] * e[1] + e[2] * e[2]) / r2;
+    const double margin = 1e-6 * (1.0 + ratio);
+    if (ratio < limit - margin) return true;
+    if (ratio > limit + margin) return false;
+  }
+  return circumsphere_ratio(p0, p1, p2, p3, P) < limit;
+}
+
 // Grows the cavity of node p from `seeds` (taken unconditionally) through the neighbours whose
 // circumsphere holds the node, ratio below 1 + tol. Fills `cav.tets` (seeds first) and sets
 // `cav.node`; empties the other lists. `seeds` is used as the stack and comes back empty. Marks
