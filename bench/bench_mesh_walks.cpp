@@ -3,8 +3,9 @@
 
 #include <random>
 
-#include "delaunay/delaunay_mgr.h"
 #include "delaunay/mesh_walks.h"
+#include "voxfill/delaunay_th4.h"
+#include "voxfill/kernel_task.h"
 
 using namespace kelvo::voxfill;
 using kelvo::dense1D;
@@ -30,7 +31,8 @@ struct big_mesh {
     for (unsigned k = 0; k < 160000; ++k) list.push_back(m.new_node(u(g), u(g), u(g), 0.0));
     const double lo[3] = {0, 0, 0}, hi[3] = {1, 1, 1};
     Ptr<task_type> phase = task->phase_task(phase_delaunay);
-    start_delaunay(m, list, lo, hi, 10.0, 0.0, *phase);
+    kernel_workspace ws;
+    start_delaunay(m, ws, list, lo, hi, 10.0, 0.0, *phase);
   }
 };
 

@@ -4,7 +4,8 @@
 
 #include <vector>
 
-#include "delaunay/delaunay_mgr.h"
+#include "voxfill/delaunay_th4.h"
+#include "voxfill/kernel_task.h"
 
 namespace bench_kernel {
 
@@ -14,6 +15,7 @@ struct kernel_job {
   kelvo::Ptr<kelvo::voxfill::progress_bar> root;
   kelvo::Ptr<kelvo::voxfill::task_type> task;
   kelvo::dense1D<unsigned> list;
+  kelvo::voxfill::kernel_workspace ws;
   double lo[3] = {0.0, 0.0, 0.0}, hi[3] = {0.0, 0.0, 0.0};
 
   // x y z of point k at 3 k of `xyz`.
@@ -38,7 +40,7 @@ struct kernel_job {
 
   void start(kelvo::voxfill::mesh_store& m, double box_factor, double shell_ratio) {
     kelvo::Ptr<kelvo::voxfill::task_type> phase = task->phase_task(kelvo::voxfill::phase_delaunay);
-    kelvo::voxfill::start_delaunay(m, list, lo, hi, box_factor, shell_ratio, *phase);
+    kelvo::voxfill::start_delaunay(m, ws, list, lo, hi, box_factor, shell_ratio, *phase);
   }
 };
 

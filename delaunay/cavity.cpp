@@ -51,6 +51,12 @@ struct mesh_view {
     const unsigned* r = nb(a);
     return r[0] == b ? 0 : r[1] == b ? 1 : r[2] == b ? 2 : r[3] == b ? 3 : 4;
   }
+  // The same when b is known to be a neighbour of a: without branches, which the random position
+  // of the match would make mispredicted half of the time.
+  unsigned back_face_of_neighbor(unsigned a, unsigned b) const noexcept {
+    const unsigned* r = nb(a);
+    return unsigned(r[1] == b) + 2 * unsigned(r[2] == b) + 3 * unsigned(r[3] == b);
+  }
   // Quality of the tet (P, nodes of face i of t in table order): positive when P lies on the side
   // of the node opposite the face.
   double face_quality(const double* P, unsigned code) const noexcept {
@@ -172,11 +178,11 @@ void rebuild(const mesh_view& v, cavity_record& cav, const double* P) noexcept {
 // A hard edge that lies inside the cavity: on no boundary face. Candidates are the hard edges
 // between two inner faces of a tet; the boundary faces then strike theirs out. The smallest left,
 // by (first node, second node) as stored; false when none.
-bool hard_edge_inside(mesh_store& m, const mesh_view& v, const cavity_record& cav,
+bool hard_edge_inside(kernel_workspace& ws, const mesh_view& v, const cavity_record& cav,
                       const entity_set& hard, edge_key& found) noexcept {
   const unsigned T = cav.tets.size, F = cav.faces.size;
   if (F + 4 > 4 * T) return false;
-  edge_set& edges = m.scratch_edges;
+  edge_set& edges = ws.scratch_edges;
   for (unsigned k = 1; k < T; ++k) {
     const unsigned t = cav.tets[k];
     const unsigned* n = v.tet(t);
@@ -223,7 +229,8 @@ enum class surface { ok, node, failure };
 
 // Whether the boundary is a topological sphere that holds every cavity node. Marks hold nodes
 // meanwhile; the cavity's tets are marked again in a fresh generation before returning.
-surface surface_test(mesh_store& m, const cavity_record& cav, unsigned& inner_node) noexcept {
+surface surface_test(mesh_store& m, kernel_workspace& ws, const cavity_record& cav,
+                     unsigned& inner_node) noexcept {
   const unsigned T = cav.tets.size, F = cav.faces.size;
   if (4 * T < F + 6) return surface::ok;  // fewer than three inner faces: nothing to check
   if (F > 3 * T + 1 || F > 2 * T + 2 || (F & 1)) return surface::failure;
@@ -261,7 +268,7 @@ surface surface_test(mesh_store& m, const cavity_record& cav, unsigned& inner_no
       if (qmin < FLAT_TOL) {
         // Nearly flat new tets: the counts above may hide a pinched surface; a closed
         // two-manifold of F triangles has exactly 3 F / 2 edges.
-        edge_set& edges = m.scratch_edges;
+        edge_set& edges = ws.scratch_edges;
         for (unsigned k = 1; k < F; ++k) {
           const unsigned code = cav.faces[k];
           const unsigned* n = v.tet(code >> 2);
@@ -323,11 +330,11 @@ constexpr unsigned after[4] = {0, 3, 1, 2}, then[4] = {0, 2, 3, 1};
 
 // Links faces 1 to 3 of the star rows through their edges opposite p. Twins are faces of equal
 // edges in opposite directions; a third face on an edge, or two in the same direction, fail.
-bool link_by_edges(mesh_store& m, unsigned F) noexcept {
-  star_edge_table& edges = m.star_edges;
+bool link_by_edges(kernel_workspace& ws, unsigned F) noexcept {
+  star_edge_table& edges = ws.star_edges;
   if (!edges.prepare(3 * F)) return false;
-  const unsigned* star = m.star_tets.col(0);
-  unsigned* link = m.star_neighbors.col(0);
+  const unsigned* star = ws.star_tets.col(0);
+  unsigned* link = ws.star_neighbors.col(0);
   for (unsigned k = 0; k < F; ++k) {
     const unsigned* s = star + 4 * std::size_t(k);
     for (unsigned f = 1; f < 4; ++f) {
@@ -344,10 +351,10 @@ bool link_by_edges(mesh_store& m, unsigned F) noexcept {
 // The same matching through `face_link_table`, keyed by whole faces: faces 1, 2, 3 of every row
 // entered by the face hash, each chain matched against itself by the face comparison. Used when
 // a row repeats a node, which the edge matching cannot tell apart.
-bool link_by_faces(mesh_store& m, unsigned p, unsigned F) noexcept {
-  vector_fast& table = m.face_link_table;
-  const unsigned* star = m.star_tets.col(0);
-  unsigned* link = m.star_neighbors.col(0);
+bool link_by_faces(kernel_workspace& ws, unsigned p, unsigned F) noexcept {
+  vector_fast& table = ws.face_link_table;
+  const unsigned* star = ws.star_tets.col(0);
+  unsigned* link = ws.star_neighbors.col(0);
   if (!build_link_table(table, 3 * F)) return false;
   // The hash is a sum of per-node terms: with p in every face, each face's hash is p's term plus
   // those of its two other nodes (faces 1, 2, 3 leave out s1, s2, s3 in turn).
@@ -462,10 +469,10 @@ void collect_cavity(mesh_store& m, unsigned p, dense1D<unsigned>& seeds, cavity_
   }
 }
 
-void correct_cavity(mesh_store& m, cavity_record& cav, unsigned kernel_mode,
-                    const entity_set& hard_set) noexcept {
+void correct_cavity(mesh_store& m, kernel_workspace& ws, cavity_record& cav,
+                    kernel_mode_type kernel_mode, const entity_set& hard_set) noexcept {
   if (cav.tets.size == 0) return;
-  bool edge_check = kernel_mode == 2;
+  bool edge_check = kernel_mode == kernel_mode_type::hard_edges;
   m.bump_marks();
   const mesh_view v(m);
   const double* P = v.point(cav.node);
@@ -494,7 +501,8 @@ void correct_cavity(mesh_store& m, cavity_record& cav, unsigned kernel_mode,
   }
   for (unsigned k = 0; k < cav.faces.size; ++k)
     cav.face_qualities.push_back(v.face_quality(P, cav.faces[k]));
-  if (kernel_mode != 0 && hard_set.faces.size() > 0) add_hard_faces(v, cav, hard_set, P);
+  if (kernel_mode != kernel_mode_type::plain && hard_set.faces.size() > 0)
+    add_hard_faces(v, cav, hard_set, P);
 
   for (;;) {
     // Every new tet must be positive: a face that P does not see from inside drops its tet.
@@ -518,7 +526,7 @@ void correct_cavity(mesh_store& m, cavity_record& cav, unsigned kernel_mode,
     if (edge_check) {
       const mesh_view u(m);
       edge_key e{{NONE, NONE}};
-      if (hard_edge_inside(m, u, cav, hard_set, e)) {
+      if (hard_edge_inside(ws, u, cav, hard_set, e)) {
         victim = pick_victim(m, u, cav, e.n[0], e.n[1]);
         decided = true;
       } else {
@@ -527,7 +535,7 @@ void correct_cavity(mesh_store& m, cavity_record& cav, unsigned kernel_mode,
     }
     if (!decided) {
       unsigned node = NONE;
-      const surface s = surface_test(m, cav, node);
+      const surface s = surface_test(m, ws, cav, node);
       if (s == surface::ok) return;
       if (s == surface::node) victim = pick_victim(m, mesh_view(m), cav, node, NONE);
     }
@@ -542,7 +550,8 @@ void correct_cavity(mesh_store& m, cavity_record& cav, unsigned kernel_mode,
   }
 }
 
-bool fill_star(mesh_store& m, cavity_record& cav, dense1D<unsigned>& out) noexcept {
+bool fill_star(mesh_store& m, kernel_workspace& ws, cavity_record& cav,
+               dense1D<unsigned>& out) noexcept {
   out.clear();
   const unsigned T = cav.tets.size, F = cav.faces.size;
   const unsigned reused = T < F ? T : F;
@@ -551,13 +560,13 @@ bool fill_star(mesh_store& m, cavity_record& cav, dense1D<unsigned>& out) noexce
   const unsigned color = m.colors[cav.tets[0]];
   const unsigned p = cav.node;
 
-  if (!m.star_tets.resize(4, F) || !m.star_neighbors.resize(4, F)) {
-    m.star_tets.clear();
-    m.star_neighbors.clear();
+  if (!ws.star_tets.resize(4, F) || !ws.star_neighbors.resize(4, F)) {
+    ws.star_tets.clear();
+    ws.star_neighbors.clear();
     return false;
   }
-  unsigned* star = m.star_tets.col(0);
-  unsigned* link = m.star_neighbors.col(0);
+  unsigned* star = ws.star_tets.col(0);
+  unsigned* link = ws.star_neighbors.col(0);
   std::fill_n(link, 4 * std::size_t(F), NONE);
   // Rows with a repeated node (or p among the face's nodes) are left to the general matching.
   bool degenerate = F >= star_edge_table::PAIRED / 4;
@@ -579,18 +588,17 @@ bool fill_star(mesh_store& m, cavity_record& cav, dense1D<unsigned>& out) noexce
           s[1] == s[2] || s[1] == s[3] || s[2] == s[3] || s[1] == p || s[2] == p || s[3] == p;
       prefetch_for_write(m.ancestors.data() + s[1]);
       const unsigned nb = v.nb(t)[i];
-      cav.faces[k] = nb == NONE ? NONE : 4 * nb + v.back_face(nb, t);
+      cav.faces[k] = nb == NONE ? NONE : 4 * nb + v.back_face_of_neighbor(nb, t);
     }
   }
 
   // Faces 1 to 3 of the new tets hold p; each must meet exactly one reversed twin.
-  m.open_face[0] = m.open_face[1] = m.open_face[2] = NONE;
   auto fail = [&]() {
-    m.star_tets.clear();
-    m.star_neighbors.clear();
+    ws.star_tets.clear();
+    ws.star_neighbors.clear();
     return false;
   };
-  if (!(degenerate ? link_by_faces(m, p, F) : link_by_edges(m, F))) return fail();
+  if (!(degenerate ? link_by_faces(ws, p, F) : link_by_edges(ws, F))) return fail();
 
   // Room for every new row before the mesh is touched, so that nothing can fail half-way.
   if (F > T) {
@@ -640,8 +648,8 @@ bool fill_star(mesh_store& m, cavity_record& cav, dense1D<unsigned>& out) noexce
     const unsigned* n = v.tet(out[k]);
     for (unsigned i = 0; i < 4; ++i) anc[n[i]] = out[k];
   }
-  m.star_tets.clear();
-  m.star_neighbors.clear();
+  ws.star_tets.clear();
+  ws.star_neighbors.clear();
   return true;
 }
 

@@ -3,6 +3,7 @@
 #pragma once
 
 #include "delaunay/geometry.h"
+#include "delaunay/kernel_workspace.h"
 #include "delaunay/mesh_store.h"
 
 namespace kelvo::voxfill {
@@ -94,12 +95,15 @@ void collect_cavity(mesh_store& m, unsigned p, dense1D<unsigned>& seeds, cavity_
 // face crossed (2: no hard edge inside either). Fills `faces`, `hard_faces` and `face_qualities`.
 // Leaves a valid cavity, an empty one, or abandons (node NONE, all lists empty). On return marks
 // hold the cavity's tets.
-void correct_cavity(mesh_store& m, cavity_record& cav, unsigned kernel_mode,
-                    const entity_set& hard_set) noexcept;
+// `ws` lends its edge set.
+void correct_cavity(mesh_store& m, kernel_workspace& ws, cavity_record& cav,
+                    kernel_mode_type kernel_mode, const entity_set& hard_set) noexcept;
 
 // Replaces a corrected cavity by one new tet per boundary face, reusing the cavity's rows first.
 // `out` gets the tets of the star, in the order of the faces. False when the new faces do not
 // match up or memory ran out: the mesh is then untouched (but `cav.faces` holds outside codes).
-bool fill_star(mesh_store& m, cavity_record& cav, dense1D<unsigned>& out) noexcept;
+// The star's rows are built in the tables of `ws`.
+bool fill_star(mesh_store& m, kernel_workspace& ws, cavity_record& cav,
+               dense1D<unsigned>& out) noexcept;
 
 }  // namespace kelvo::voxfill

@@ -4,7 +4,7 @@
 
 #include <cmath>
 
-#include "delaunay/insertion_lookahead.h"
+#include "delaunay/insertion_order.h"
 #include "delaunay/mesh_walks.h"
 #include "numcore/prefetch.h"
 
@@ -12,11 +12,6 @@ namespace kelvo::voxfill {
 namespace {
 
 using numcore::prefetch;
-
-// An error or an interruption already stands; no poll of the caller.
-bool stop_pending(const task_type& task) noexcept {
-  return *task.error_code != 0 || *task.warning_code == -10;
-}
 
 // Counts from a double, saturated to the unsigned range.
 unsigned truncate_count(double x) noexcept {
@@ -90,136 +85,123 @@ bool make_shell_nodes(mesh_store& m, unsigned count, const double centre[3], dou
   return true;
 }
 
-}  // namespace
-
-void start_delaunay(mesh_store& m, const dense1D<unsigned>& list, const double lo[3],
-                    const double hi[3], double box_factor, double shell_ratio, task_type& task) {
-  const unsigned n = list.size;
-  if (n == 0) return;
-
-  double span[3], smin = 0.0, smax = 0.0;
+// The largest extent of the box lo..hi, checked: finite and not flat along an axis.
+kernel_status check_box(const double lo[3], const double hi[3], double& smax) noexcept {
+  double smin = 0.0;
   bool finite = true;
   for (unsigned k = 0; k < 3; ++k) {
-    span[k] = hi[k] - lo[k];
-    finite = finite && std::isfinite(span[k]);
-    if (k == 0 || span[k] < smin) smin = span[k];
-    if (k == 0 || span[k] > smax) smax = span[k];
+    const double span = hi[k] - lo[k];
+    finite = finite && std::isfinite(span);
+    if (k == 0 || span < smin) smin = span;
+    if (k == 0 || span > smax) smax = span;
   }
-  if (!finite || smax == NO_VALUE) {
-    task.raise_error(msg::illegal_coordinates);
-    return;
-  }
-  if (smin == 0.0) {
-    task.raise_error(msg::aligned_nodes);
-    return;
-  }
+  if (!finite || smax == NO_VALUE) return kernel_status::illegal_coordinates;
+  if (smin == 0.0) return kernel_status::aligned_nodes;
+  return kernel_status::ok;
+}
 
-  double centre[3];
-  const double half = smax * box_factor * 0.5;
+// The enclosing cube of half side `half` around `centre`, as five tets, with its qualities; the
+// locator's octree on it, and the exclusion octree's box. The octree's build may throw
+// std::bad_alloc, as may the scratch lists of the steps below: the run's catch reports it.
+kernel_status make_enclosing_box(mesh_store& m, const double centre[3], double half) {
   for (unsigned k = 0; k < 3; ++k) {
-    centre[k] = 0.5 * (lo[k] + hi[k]);
     m.box_min[k] = centre[k] - half;
     m.box_max[k] = centre[k] + half;
   }
-  if (!make_cube(m)) {
-    task.raise_error(msg::memory_error_run);
-    return;
-  }
-  if (m.recompute_qualities(false) < BOX_TOL) {
-    task.raise_error(msg::aligned_nodes_second);
-    return;
-  }
-
-  Ptr<task_type> section = task.section(1.0, n);
-  const unsigned old_mode = m.kernel_mode;
-  auto finish = [&]() {
-    m.cavity.clear();
-    m.kernel_mode = old_mode;
-    task.drop_sections(1);
-  };
-
+  if (!make_cube(m)) return kernel_status::out_of_memory;
+  if (m.recompute_qualities(false) < BOX_TOL) return kernel_status::degenerate_box;
   // Without the octree every location would fail and the nodes would all end unenforced.
-  const bool located = m.locator.build(m.box_min, m.box_max) == m.box_nodes.size;
+  if (m.locator.build(m.box_min, m.box_max) != m.box_nodes.size)
+    return kernel_status::out_of_memory;
   m.exclusion_count = 0;
-  if (!located || !m.exclusion_octree.set_box(m.box_min, m.box_max)) {
-    task.raise_error(msg::memory_error_run);
-    finish();
-    return;
-  }
+  if (!m.exclusion_octree.set_box(m.box_min, m.box_max)) return kernel_status::out_of_memory;
+  return kernel_status::ok;
+}
 
-  const unsigned node_room = truncate_count((shell_ratio + 1.0) * n);
-  if (!m.reserve(node_room, truncate_count(5.0 * node_room))) {
-    task.raise_error(msg::memory_error_run);
-    finish();
-    return;
-  }
+// Shell nodes on a lattice cube around the list's box, inserted plainly; those that fail are
+// released. They keep the outer tets of the mesh away from the list's nodes.
+kernel_status insert_shell_nodes(mesh_store& m, kernel_workspace& ws, unsigned count,
+                                 const double centre[3], double smax, double box_factor,
+                                 kernel_progress& progress) {
+  dense1D<unsigned> shell, failed;
+  if (!make_shell_nodes(m, count, centre, smax, box_factor, shell))
+    return kernel_status::out_of_memory;
+  m.kernel_mode = kernel_mode_type::plain;
+  insert_node_list(m, ws, shell.data(), shell.size, false, failed, progress);
+  for (unsigned k = 0; k < failed.size; ++k) m.release_node(failed[k]);
+  return kernel_status::ok;
+}
 
-  dense1D<unsigned> order, failed;
-  if (shell_ratio > 0.0) {
-    const unsigned count = truncate_count(n * shell_ratio);
-    if (count) {
-      if (!make_shell_nodes(m, count, centre, smax, box_factor, order)) {
-        task.raise_error(msg::memory_error_run);
-        finish();
-        return;
-      }
-      m.kernel_mode = 0;
-      insert_node_list(m, order.data(), order.size, false, failed, *section);
-      for (unsigned k = 0; k < failed.size; ++k) m.release_node(failed[k]);
-      failed.clear();
-    }
-  }
+// The list in insertion order, kept out of hard faces; then the failures again with plain
+// cavities, in the order they failed, as long as a pass lowers their number. What never went in
+// is put into `unenforced_set`.
+kernel_status insert_list(mesh_store& m, kernel_workspace& ws, const dense1D<unsigned>& list,
+                          kernel_progress& progress) {
+  dense1D<unsigned> order, failed, again;
+  if (!order.copy(list) ||
+      !order_for_insertion(m.nodes.row(0), order.data(), order.size, m.random_source))
+    return kernel_status::out_of_memory;
+  m.kernel_mode = kernel_mode_type::hard_faces;
+  insert_node_list(m, ws, order.data(), order.size, true, failed, progress);
 
-  if (!order.copy(list)) {
-    task.raise_error(msg::memory_error_run);
-    finish();
-    return;
-  }
-  if (n > 8) {
-    for (unsigned i = 1; i < n; ++i) {
-      const unsigned j = unsigned(m.random_source() % (std::uint64_t(i) + 1));
-      if (j == i) continue;
-      const unsigned x = order[i];
-      order[i] = order[j];
-      order[j] = x;
-    }
-  }
-  m.kernel_mode = 1;
-  insert_node_list(m, order.data(), n, true, failed, *section);
-
-  // Plain Delaunay cavities for the nodes that a hard face kept out, as long as that helps.
-  m.kernel_mode = 0;
-  dense1D<unsigned> again;
-  while (failed.size && !stop_pending(task)) {
+  m.kernel_mode = kernel_mode_type::plain;
+  while (failed.size && !progress.stopped) {
     const unsigned before = failed.size;
     again.clear();
-    insert_node_list(m, failed.data(), failed.size, true, again, *section);
+    insert_node_list(m, ws, failed.data(), failed.size, true, again, progress);
     const dense1D<unsigned> swap = failed;
     failed = again;
     again = swap;
     if (failed.size >= before) break;
   }
   for (unsigned k = 0; k < failed.size; ++k) m.unenforced_set.add_node(failed[k]);
-  finish();
+  return kernel_status::ok;
 }
 
-void insert_node_list(mesh_store& m, const unsigned* first, unsigned count, bool add_to_octree,
-                      dense1D<unsigned>& failed, const task_type& task) {
-  insertion_lookahead ahead;
-  ahead.start(m, first, count);
+}  // namespace
+
+kernel_status start_delaunay(mesh_store& m, kernel_workspace& ws, const dense1D<unsigned>& list,
+                             const double lo[3], const double hi[3], double box_factor,
+                             double shell_ratio, kernel_progress& progress) {
+  const unsigned n = list.size;
+  if (n == 0) return kernel_status::ok;
+  double smax = 0.0, centre[3];
+  kernel_status status = check_box(lo, hi, smax);
+  if (status != kernel_status::ok) return status;
+  for (unsigned k = 0; k < 3; ++k) centre[k] = 0.5 * (lo[k] + hi[k]);
+
+  const kernel_mode_type old_mode = m.kernel_mode;
+  status = make_enclosing_box(m, centre, smax * box_factor * 0.5);
+  if (status == kernel_status::ok) {
+    const unsigned node_room = truncate_count((shell_ratio + 1.0) * n);
+    if (!m.reserve(node_room, truncate_count(5.0 * node_room)))
+      status = kernel_status::out_of_memory;
+  }
+  const unsigned shell_count = shell_ratio > 0.0 ? truncate_count(n * shell_ratio) : 0;
+  if (status == kernel_status::ok && shell_count)
+    status = insert_shell_nodes(m, ws, shell_count, centre, smax, box_factor, progress);
+  if (status == kernel_status::ok) status = insert_list(m, ws, list, progress);
+
+  ws.cavity.clear();
+  m.kernel_mode = old_mode;
+  return status;
+}
+
+void insert_node_list(mesh_store& m, kernel_workspace& ws, const unsigned* first, unsigned count,
+                      bool add_to_octree, dense1D<unsigned>& failed, kernel_progress& progress) {
   for (unsigned s = 0; s < count; ++s) {
-    if (s % 10000 == 9999 && task.must_stop()) break;
-    ahead.advance(m, s);
+    if (s % 10000 == 9999 && progress.poll()) break;
     const unsigned p = first[s];
-    if (!insert_node(m, p, m.work_stack, CAVITY_TOL))
+    if (!insert_node(m, ws, p, ws.seeds, CAVITY_TOL))
       failed.push_back(p);
     else if (add_to_octree)
       m.locator.add(p);
-    task.advance(1);
+    progress.step();
   }
 }
 
-bool insert_node(mesh_store& m, unsigned p, dense1D<unsigned>& seeds, double tol) noexcept {
+bool insert_node(mesh_store& m, kernel_workspace& ws, unsigned p, dense1D<unsigned>& seeds,
+                 double tol) noexcept {
   seeds.clear();
   const double* P = m.nodes.row(p);
   unsigned t = NONE;
@@ -237,10 +219,10 @@ bool insert_node(mesh_store& m, unsigned p, dense1D<unsigned>& seeds, double tol
       seeds.push_back(nb);
   }
   seeds.push_back(t);
-  collect_cavity(m, p, seeds, m.cavity, tol);
-  correct_cavity(m, m.cavity, m.kernel_mode, m.hard_set);
-  if (m.cavity.tets.size == 0) return false;
-  return fill_star(m, m.cavity, seeds);
+  collect_cavity(m, p, seeds, ws.cavity, tol);
+  correct_cavity(m, ws, ws.cavity, m.kernel_mode, m.hard_set);
+  if (ws.cavity.tets.size == 0) return false;
+  return fill_star(m, ws, ws.cavity, seeds);
 }
 
 }  // namespace kelvo::voxfill

@@ -12,8 +12,6 @@ mesh_store::mesh_store() {
   locator.bind(&nodes, &tets, &neighbors, &ancestors);
   exclusion_octree.coords = &nodes;
   work_stack.reserve(128);
-  work_list_b.reserve(128);
-  face_link_table.build(16);
   bits.seed_from(random_source);
 }
 
@@ -154,7 +152,7 @@ double mesh_store::recompute_qualities(bool only_classified) noexcept {
   double qmin = 1.0;
   for (unsigned t = 0; t < m; ++t) {
     tet_qualities[t] = 0.0;
-    if (only_classified ? colors[t] >= DELETED : colors[t] == DELETED) continue;
+    if (only_classified ? !tet_in_domain(t) : tet_deleted(t)) continue;
     const unsigned* n = tets.row(t);
     const double q = tet_quality(xyz, n[0], n[1], n[2], n[3]);
     if (!std::isfinite(q)) return 0.0;
@@ -187,17 +185,10 @@ void mesh_store::clear() {
   exclusion_octree.clear_hard();
   exclusion_count = 0;
   work_stack.clear();
-  work_list_b.clear();
   work_stack.reserve(128);
-  work_list_b.reserve(128);
-  star_tets.clear_hard();
-  star_edges = star_edge_table{};
-  star_neighbors.clear_hard();
-  kernel_mode = 0;
+  kernel_mode = kernel_mode_type::plain;
   box_nodes.clear_hard();
   locator.clear_hard();
-  cavity.clear_hard();
-  scratch_edges.clear_hard();
   random_source.seed(1u);
   bits.seed_from(random_source);
 }

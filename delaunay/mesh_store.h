@@ -2,15 +2,19 @@
 // arrays, hard entity sets, visit marks, scratch lists and the run's random sources.
 #pragma once
 
-#include "delaunay/cavity_record.h"
 #include "delaunay/entity_set.h"
 #include "delaunay/node_locator.h"
 #include "delaunay/node_octree.h"
 #include "delaunay/random_source.h"
-#include "delaunay/star_edge_table.h"
-#include "delaunay/vector_fast.h"
 
 namespace kelvo::voxfill {
+
+// What a cavity of the kernel may not cross. Whoever changes it puts the old value back.
+enum class kernel_mode_type : unsigned {
+  plain = 0,       // nothing: a plain Delaunay cavity
+  hard_faces = 1,  // no hard face
+  hard_edges = 2,  // no hard face, and no hard edge may come to lie inside it
+};
 
 class mesh_store {
  public:
@@ -30,20 +34,12 @@ class mesh_store {
   unsigned mark_step = 1;
   node_octree exclusion_octree;
   unsigned exclusion_count = 0;
-  dense1D<unsigned> work_stack;
-  dense1D<unsigned> work_list_b;
-  vector_fast face_link_table;
-  unsigned open_face[3] = {NONE, NONE, NONE};
-  dense2D<unsigned> star_tets;
-  dense2D<unsigned> star_neighbors;
-  star_edge_table star_edges;
-  unsigned kernel_mode = 0;
+  dense1D<unsigned> work_stack;  // scratch of the walks and queries; holds nothing across a call
+  kernel_mode_type kernel_mode = kernel_mode_type::plain;
   dense1D<unsigned> box_nodes;
   double box_min[3] = {0.0, 0.0, 0.0};
   double box_max[3] = {0.0, 0.0, 0.0};
   node_locator locator;
-  cavity_record cavity;
-  edge_set scratch_edges;
   random_source_type random_source{1u};
   bit_source bits;
 
@@ -93,8 +89,13 @@ class mesh_store {
       if (nb[f] == b) return f;
     return 4;
   }
+  // A tet row is deleted (free for reuse), live (any other colour), unclassified (live with the
+  // colour NONE: not yet sorted into a subdomain or outside), or in the domain (a subdomain
+  // colour, below both sentinels).
+  bool tet_deleted(unsigned t) const noexcept { return colors[t] == DELETED; }
   bool tet_live(unsigned t) const noexcept { return colors[t] != DELETED; }
-  bool tet_in_domain(unsigned t) const noexcept { return colors[t] < DELETED; }
+  bool tet_unclassified(unsigned t) const noexcept { return colors[t] == NONE; }
+  bool tet_in_domain(unsigned t) const noexcept { return color_in_domain(colors[t]); }
 
   // Recomputes every quality (only classified tets when asked); the smallest, 1.0 when no tet,
   // 0.0 at a non-finite value.

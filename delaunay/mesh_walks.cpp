@@ -273,7 +273,7 @@ bool locate_tet(mesh_store& m, const double* P, unsigned& t, double tol) noexcep
 bool locate_tet_in_domain(mesh_store& m, const double* P, unsigned& t, double tol, bool retry,
                           dense1D<unsigned>& ball, dense1D<unsigned>& stack,
                           index_set& seen) noexcept {
-  if (locate_tet(m, P, t, tol) && m.colors[t] < DELETED) return true;
+  if (locate_tet(m, P, t, tol) && m.tet_in_domain(t)) return true;
   t = NONE;
   if (!retry) return false;
   const unsigned node = m.locator.nearest_node(P);
@@ -281,7 +281,7 @@ bool locate_tet_in_domain(mesh_store& m, const double* P, unsigned& t, double to
   ball_of_node_unmarked(m, node, NONE, ball, stack, seen);
   for (unsigned k = 0; k < ball.size; ++k) {
     unsigned s = ball[k];
-    if (walk_to_point(m, P, s, tol, m.bits) == 1 && m.colors[s] < DELETED) {
+    if (walk_to_point(m, P, s, tol, m.bits) == 1 && m.tet_in_domain(s)) {
       t = s;
       return true;
     }

@@ -11,6 +11,10 @@ namespace kelvo::voxfill {
 
 constexpr unsigned NONE = 0xFFFFFFFFu;     // no node, no tet, no neighbour; colour: not classified
 constexpr unsigned DELETED = 0xFFFFFFFEu;  // colour of a deleted tet row; a search that must end
+// A colour that names a subdomain: neither NONE (unclassified) nor DELETED.
+constexpr bool color_in_domain(unsigned c) noexcept {
+  return c < DELETED;
+}
 
 // Column j of `data` is row j. The column count is the high-water mark; a released row keeps its
 // content until it is reused, so a holder of a stale index can still read it.

@@ -16,6 +16,8 @@
 #include "delaunay/delaunay_mgr.h"
 #include "delaunay/mesh_walks.h"
 #include "mesh_fixtures.h"
+#include "voxfill/delaunay_th4.h"
+#include "voxfill/kernel_task.h"
 #include "voxfill/mesher_th4.h"
 
 namespace {
@@ -196,11 +198,12 @@ TEST(StoreAllocation, KernelStartSurvivesEveryFailedAllocation) {
     for (const auto& p : pts) list.push_back(m.new_node(p[0], p[1], p[2], 0.0));
     for (unsigned k = 0; k + 12 < 40; ++k) m.hard_set.add_face(k, k + 1, k + 12);
     const double lo[3] = {0, 0, 0}, hi[3] = {1, 1, 1};
+    kernel_workspace ws;
     const long before = allocations;
     fail_countdown = fail;
     bool thrown = false;
     try {  // the run's catch turns a thrown failure into -199
-      start_delaunay(m, list, lo, hi, 3.0, 0.01, *task);
+      start_delaunay(m, ws, list, lo, hi, 3.0, 0.01, *task);
     } catch (const std::bad_alloc&) {
       thrown = true;
     }

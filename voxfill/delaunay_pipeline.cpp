@@ -7,6 +7,7 @@
 #include "voxfill/boundary/domain_classification.h"
 #include "voxfill/boundary/hard_entities.h"
 #include "voxfill/delaunay_th4.h"
+#include "voxfill/kernel_task.h"
 
 namespace kelvo::voxfill {
 namespace {
@@ -59,7 +60,7 @@ void th4_engine::run_delaunay(mesher::data_type& data) {
       data.hard_box_max[k] = hi[k];
     }
     Ptr<task_type> phase = tasks->phase_task(phase_delaunay);
-    start_delaunay(*this, list, lo, hi, 10.0, 0.0, *phase);
+    start_delaunay(*this, kernel, list, lo, hi, 10.0, 0.0, *phase);
   }
 
   single_domain_colors(*this);

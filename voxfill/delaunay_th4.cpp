@@ -17,6 +17,7 @@ const double* phase_weights(unsigned mode) noexcept {
 
 void th4_engine::clear() {
   mesh_store::clear();
+  kernel.clear();
 }
 
 void th4_engine::run(mesher::data_type& data, refine_context& context) {

@@ -2,6 +2,7 @@
 // share.
 #pragma once
 
+#include "delaunay/kernel_workspace.h"
 #include "delaunay/mesh_store.h"
 #include "voxfill/mesher_th4.h"
 #include "voxfill/task_mgr.h"
@@ -25,6 +26,7 @@ class th4_engine : public mesh_store {
  public:
   mesher::settings_type settings;  // the run's copy; the run may change it
   Ptr<task_type> tasks;            // null outside of a run
+  kernel_workspace kernel;         // scratch of the Delaunay kernel, handed to its every call
 
   th4_engine() = default;
   th4_engine(const th4_engine&) = delete;

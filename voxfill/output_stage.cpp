@@ -12,10 +12,10 @@ void th4_engine::drop_outside(unsigned first_node) {
   bool released = false;
   const unsigned count = tets.cols();
   for (unsigned t = 0; t < count; ++t) {
-    if (colors[t] != NONE) continue;
+    if (!tet_unclassified(t)) continue;
     for (unsigned i = 0; i < 4; ++i) {
       const unsigned u = neighbors(i, t);
-      if (u == NONE || colors[u] >= DELETED) continue;
+      if (u == NONE || !tet_in_domain(u)) continue;
       const unsigned j = neighbor_index(u, t);
       if (j < 4) neighbors(j, u) = NONE;  // the face is on the hull from now on
     }
@@ -26,7 +26,7 @@ void th4_engine::drop_outside(unsigned first_node) {
     ancestors.clear();
     ancestors.resize(nodes.cols(), NONE);
     for (unsigned t = 0; t < count; ++t)
-      if (colors[t] != DELETED) set_ancestors(t, t + 1);
+      if (tet_live(t)) set_ancestors(t, t + 1);
   }
   for (unsigned n = first_node; n < nodes.cols(); ++n) {
     if (ancestors[n] != NONE || nodes.is_free(n)) continue;
@@ -147,7 +147,7 @@ void th4_engine::update_missing_lists(mesher::data_type& data) {
         }
       }
     for (unsigned t = 0; t < tets.cols(); ++t) {
-      if (colors[t] == DELETED) continue;
+      if (tet_deleted(t)) continue;
       for (unsigned k = 0; k < 4; ++k) {
         const unsigned n = tets(k, t);
         if (n < slot.size() && slot[n] != NONE) per_node[slot[n]].push_back(t);
@@ -222,7 +222,7 @@ double th4_engine::min_quality() const {
   double q = DBL_MAX;
   bool any = false;
   for (unsigned t = 0; t < tets.cols(); ++t) {
-    if (colors[t] >= DELETED || tet_qualities[t] == -DBL_MAX) continue;
+    if (!tet_in_domain(t) || tet_qualities[t] == -DBL_MAX) continue;
     q = std::min(q, tet_qualities[t]);
     any = true;
   }
@@ -232,7 +232,7 @@ double th4_engine::min_quality() const {
 double th4_engine::domain_volume() const {
   double v = 0.0;
   for (unsigned t = 0; t < tets.cols(); ++t) {
-    if (colors[t] >= DELETED) continue;
+    if (!tet_in_domain(t)) continue;
     const unsigned* n = tets.row(t);
     v += orient_det(nodes.data, n[0], n[1], n[2], n[3]);
   }
@@ -241,7 +241,7 @@ double th4_engine::domain_volume() const {
 
 void th4_engine::set_domain_ancestors() {
   for (unsigned t = 0; t < tets.cols(); ++t)
-    if (colors[t] < DELETED) set_ancestors(t, t + 1);
+    if (tet_in_domain(t)) set_ancestors(t, t + 1);
 }
 
 }  // namespace kelvo::voxfill

@@ -117,7 +117,7 @@ void order_subdomains(mesh_store& m, unsigned& count, unsigned subdomain_rule, i
   boundary_sign = consistent ? sign : 0;
   for (unsigned t = 0; t < m.colors.size; ++t) {
     const unsigned c = m.colors[t];
-    if (c < DELETED) m.colors[t] = c < count ? region_map[c] : DELETED;
+    if (color_in_domain(c)) m.colors[t] = c < count ? region_map[c] : DELETED;
   }
   count = number + 1;
 }
@@ -127,7 +127,7 @@ void single_domain_colors(mesh_store& m) {
   if (count == 0 || count == m.tets.free_stack.size) return;
   for (unsigned t = 0; t < count; ++t)
     if (m.tet_live(t)) m.colors[t] = 0;
-  dense1D<unsigned>& ball = m.work_list_b;
+  dense1D<unsigned> ball;  // tets around one corner
   for (unsigned k = 0; k < m.box_nodes.size; ++k) {
     ball_of_node(m, m.box_nodes[k], NONE, ball);
     for (unsigned t : ball) m.colors[t] = NONE;
@@ -164,10 +164,10 @@ void report_hard_entities(mesh_store& m, mesher::data_type& data, bool strict_co
   data.conflicting_faces.clear();
   const entity_set& u = m.unenforced_set;
   unsigned lost = 0;
-  dense1D<unsigned>& list = m.work_list_b;
+  dense1D<unsigned> list;  // tets of one entity
   auto any_in_domain = [&](const dense1D<unsigned>& tets) {
     for (unsigned t : tets)
-      if (t < m.colors.size && m.colors[t] < DELETED) return true;
+      if (t < m.colors.size && m.tet_in_domain(t)) return true;
     return false;
   };
   const dense2D<unsigned>& B = data.connectB;
@@ -195,7 +195,7 @@ void report_hard_entities(mesh_store& m, mesher::data_type& data, bool strict_co
   for (unsigned n = 0; n < bits.length; ++n) {
     if (!bits.test(n)) continue;
     const unsigned t = n < m.ancestors.size ? m.ancestors[n] : NONE;
-    if (t == NONE || t >= m.colors.size || m.colors[t] >= DELETED) data.missing_nodes.push_back(n);
+    if (t == NONE || t >= m.colors.size || !m.tet_in_domain(t)) data.missing_nodes.push_back(n);
   }
 
   if (strict_constraints) {

@@ -49,7 +49,7 @@ void collect_missing(mesh_store& m, const dense2D<unsigned>& connectB,
   absent_edges.clear();
   absent_nodes.clear();
   const unsigned count = m.ancestors.size;
-  dense1D<unsigned>& list = m.work_list_b;
+  dense1D<unsigned> list;  // tets of one entity
   if (!connectB.empty())
     for (unsigned j = 0; j < connectB.cols; ++j) {
       const unsigned a = connectB(0, j), b = connectB(1, j), c = connectB(2, j);
