@@ -2,8 +2,10 @@
 // .ele with its .node, Gmsh .msh 2.2 or 4.1 ASCII, or qhull's vertex lists with the input
 // points) and prints one JSON line: counts, shape quality, dihedral angles, volume, whether the
 // mesh is conforming, and how much of a reference surface it kept.
-// Usage: mesh_check MESH [--points IN.xyz] [--surface REF.mesh]
+// With --same-as, also how many of the other mesh's tets away from its hull this one has.
+// Usage: mesh_check MESH [--points IN.xyz] [--surface REF.mesh] [--same-as OTHER.mesh]
 #include <algorithm>
+#include <array>
 #include <chrono>
 #include <cmath>
 #include <cstdio>
@@ -480,13 +482,107 @@ void check(const tables& m, const tables* ref, figures& f) {
     if (to[c] != 0xFFFFFFFFu && used[to[c]]) ++f.ref_nodes_kept;
 }
 
+// Tets of `m` against those of `ref` away from ref's hull (no node on a face that only one tet
+// of ref holds). Nodes are matched by their coordinates, so the two meshes may number them
+// differently. `interior`: such tets of ref; `missing`: of those, the ones m lacks; `extra`: tets
+// of m with no node on ref's hull that ref lacks.
+struct same_figures {
+  std::size_t interior = 0, missing = 0, extra = 0, unmatched_nodes = 0;
+};
+
+same_figures same_as(const tables& m, const tables& ref) {
+  same_figures s;
+  struct coord_hash {
+    std::size_t operator()(const std::array<double, 3>& p) const {
+      std::uint64_t h = 1469598103934665603ull, b;
+      for (double x : p) {
+        std::memcpy(&b, &x, sizeof b);
+        h = (h ^ b) * 1099511628211ull;
+      }
+      return std::size_t(h ^ (h >> 29));
+    }
+  };
+  std::unordered_map<std::array<double, 3>, std::uint32_t, coord_hash> index;
+  index.reserve(m.node_count());
+  for (std::size_t n = 0; n < m.node_count(); ++n)
+    index.emplace(std::array<double, 3>{m.xyz[3 * n], m.xyz[3 * n + 1], m.xyz[3 * n + 2]},
+                  std::uint32_t(n));
+  std::vector<std::uint32_t> to(ref.node_count(), 0xFFFFFFFFu);
+  for (std::size_t n = 0; n < ref.node_count(); ++n) {
+    auto it = index.find({ref.xyz[3 * n], ref.xyz[3 * n + 1], ref.xyz[3 * n + 2]});
+    if (it == index.end())
+      ++s.unmatched_nodes;
+    else
+      to[n] = it->second;
+  }
+  // ref's hull nodes, in m's numbering: nodes of faces held by one tet of ref.
+  std::vector<char> hull(m.node_count(), 0);
+  {
+    std::unordered_map<std::uint64_t, unsigned> faces;
+    faces.reserve(2 * ref.tets.size());
+    auto face_id = [](std::uint32_t a, std::uint32_t b, std::uint32_t c) {
+      std::uint32_t f[3] = {a, b, c};
+      std::sort(f, f + 3);
+      return (std::uint64_t(f[0]) << 42) | (std::uint64_t(f[1]) << 21) | f[2];
+    };
+    for (std::size_t t = 0; t < ref.tet_count(); ++t) {
+      const std::uint32_t* n = &ref.tets[4 * t];
+      for (unsigned i = 0; i < 4; ++i)
+        ++faces[face_id(n[(i + 1) % 4], n[(i + 2) % 4], n[(i + 3) % 4])];
+    }
+    for (const auto& [f, count] : faces) {
+      if (count != 1) continue;
+      for (unsigned k = 0; k < 3; ++k) {
+        const std::uint32_t n = std::uint32_t(f >> (42 - 21 * k)) & ((1u << 21) - 1);
+        if (n < to.size() && to[n] != 0xFFFFFFFFu) hull[to[n]] = 1;
+      }
+    }
+  }
+  auto key = [](std::array<std::uint32_t, 4> q) {
+    std::sort(q.begin(), q.end());
+    return (std::uint64_t(q[0]) << 42 | std::uint64_t(q[1]) << 21 | q[2]) * 0x9E3779B97F4A7C15ull ^
+           q[3];
+  };
+  auto away = [&](const std::array<std::uint32_t, 4>& q) {
+    for (std::uint32_t n : q)
+      if (n == 0xFFFFFFFFu || n >= hull.size() || hull[n]) return false;
+    return true;
+  };
+  std::unordered_map<std::uint64_t, std::array<std::uint32_t, 4>> ref_tets;
+  ref_tets.reserve(ref.tet_count());
+  for (std::size_t t = 0; t < ref.tet_count(); ++t) {
+    std::array<std::uint32_t, 4> q;
+    for (unsigned i = 0; i < 4; ++i) q[i] = to[ref.tets[4 * t + i]];
+    if (!away(q)) continue;
+    std::sort(q.begin(), q.end());
+    ref_tets.emplace(key(q), q);
+  }
+  s.interior = ref_tets.size();
+  std::size_t found = 0;
+  for (std::size_t t = 0; t < m.tet_count(); ++t) {
+    std::array<std::uint32_t, 4> q = {m.tets[4 * t], m.tets[4 * t + 1], m.tets[4 * t + 2],
+                                      m.tets[4 * t + 3]};
+    if (!away(q)) continue;
+    std::sort(q.begin(), q.end());
+    auto it = ref_tets.find(key(q));
+    if (it != ref_tets.end() && it->second == q)
+      ++found;
+    else
+      ++s.extra;
+  }
+  s.missing = s.interior - found;
+  return s;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
-  std::string path, points, surface;
+  std::string path, points, surface, other;
   for (int i = 1; i < argc; ++i) {
     if (std::strcmp(argv[i], "--points") == 0 && i + 1 < argc)
       points = argv[++i];
+    else if (std::strcmp(argv[i], "--same-as") == 0 && i + 1 < argc)
+      other = argv[++i];
     else if (std::strcmp(argv[i], "--surface") == 0 && i + 1 < argc)
       surface = argv[++i];
     else if (path.empty() && argv[i][0] != '-')
@@ -495,7 +591,9 @@ int main(int argc, char** argv) {
       path.clear(), i = argc;
   }
   if (path.empty()) {
-    std::fprintf(stderr, "usage: %s MESH [--points IN.xyz] [--surface REF.mesh]\n", argv[0]);
+    std::fprintf(stderr,
+                 "usage: %s MESH [--points IN.xyz] [--surface REF.mesh] [--same-as M.mesh]\n",
+                 argv[0]);
     return 2;
   }
   const auto t0 = std::chrono::steady_clock::now();
@@ -514,6 +612,8 @@ int main(int argc, char** argv) {
   else
     error = "unknown format: " + path;
   if (ok && !surface.empty()) ok = bench_mesh::read_medit(surface.c_str(), ref, error);
+  tables twin;
+  if (ok && !other.empty()) ok = bench_mesh::read_medit(other.c_str(), twin, error);
   if (ok && m.node_count() >= (std::size_t(1) << 21)) ok = false, error = "too many nodes";
   if (!ok) {
     std::printf("{\"error\": \"%s\"}\n", error.empty() ? "unreadable" : error.c_str());
@@ -524,9 +624,17 @@ int main(int argc, char** argv) {
   const std::size_t inverted = f.sign > 0 ? f.negative + f.flat : f.positive + f.flat;
   const bool conforming = f.bad_indices == 0 && f.tets > 0 && inverted == 0 &&
                           f.faces_over_two == 0 && f.open_edges == 0;
+  const same_figures same = other.empty() ? same_figures{} : same_as(m, twin);
   const double secs = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+  if (!other.empty())
+    std::printf(
+        "{\"same_interior\": %zu, \"same_missing\": %zu, \"same_extra\": %zu, "
+        "\"same_unmatched_nodes\": %zu, ",
+        same.interior, same.missing, same.extra, same.unmatched_nodes);
+  else
+    std::printf("{");
   std::printf(
-      "{\"tets\": %zu, \"nodes\": %zu, \"nodes_used\": %zu, \"bad_indices\": %zu, "
+      "\"tets\": %zu, \"nodes\": %zu, \"nodes_used\": %zu, \"bad_indices\": %zu, "
       "\"orientation\": %d, \"inverted\": %zu, \"q_min\": %.6g, \"q_mean\": %.6g, "
       "\"q_below_0_1\": %zu, \"dihedral_min\": %.4g, \"dihedral_max\": %.4g, \"volume\": %.10g, "
       "\"boundary_faces\": %zu, \"interior_faces\": %zu, \"faces_over_two\": %zu, "
