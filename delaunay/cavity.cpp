@@ -92,6 +92,22 @@ bool build_link_table(vector_fast& t, unsigned n) noexcept {
   return true;
 }
 
+// Appends x; false when the list could not grow (it is then as it was).
+template <class T>
+bool append(dense1D<T>& list, const T& x) noexcept {
+  const unsigned n = list.size;
+  list.push_back(x);
+  return list.size != n;
+}
+
+// Appends a boundary face and its quality, both or neither.
+bool append_face(cavity_record& cav, unsigned code, double q) noexcept {
+  if (!append(cav.faces, code)) return false;
+  if (append(cav.face_qualities, q)) return true;
+  --cav.faces.size;
+  return false;
+}
+
 unsigned faces_of_tet(const cavity_record& cav, unsigned t) noexcept {
   unsigned c = 0;
   for (unsigned k = 0; k < cav.faces.size; ++k) c += (cav.faces[k] >> 2) == t;
@@ -100,9 +116,10 @@ unsigned faces_of_tet(const cavity_record& cav, unsigned t) noexcept {
 
 // Both sides of every hard face that runs through the cavity become boundary faces. The far side
 // of P gets a non-positive quality and leaves at the next sweep; P on the face sends both away.
-void add_hard_faces(const mesh_view& v, cavity_record& cav, const entity_set& hard,
+// False when a list could not grow.
+bool add_hard_faces(const mesh_view& v, cavity_record& cav, const entity_set& hard,
                     const double* P) noexcept {
-  if (cav.tets.size < 2) return;
+  if (cav.tets.size < 2) return true;
   const unsigned T = cav.tets.size;
   for (unsigned k = 0; k < T; ++k) {
     const unsigned t = cav.tets[k];
@@ -125,19 +142,18 @@ void add_hard_faces(const mesh_view& v, cavity_record& cav, const entity_set& ha
         q2 = v.face_quality(P, c2);
         if (q2 == 0.0) q1 = 0.0;
       }
-      cav.faces.push_back(c1);
-      cav.faces.push_back(c2);
-      cav.hard_faces.push_back(c1);
-      cav.hard_faces.push_back(c2);
-      cav.face_qualities.push_back(q1);
-      cav.face_qualities.push_back(q2);
+      if (!append_face(cav, c1, q1) || !append_face(cav, c2, q2) || !append(cav.hard_faces, c1) ||
+          !append(cav.hard_faces, c2))
+        return false;
     }
   }
+  return true;
 }
 
 // After marks were cleared: drops the faces of the tets that left, and the tets themselves, and
 // opens the faces of the remaining tets towards them (but for the hard faces already listed).
-void rebuild(const mesh_view& v, cavity_record& cav, const double* P) noexcept {
+// False when a list could not grow.
+bool rebuild(const mesh_view& v, cavity_record& cav, const double* P) noexcept {
   unsigned w = 0;
   for (unsigned k = 0; k < cav.faces.size; ++k) {
     if (!v.marked(cav.faces[k] >> 2)) continue;
@@ -168,11 +184,11 @@ void rebuild(const mesh_view& v, cavity_record& cav, const double* P) noexcept {
       for (unsigned h = 0; h < cav.hard_faces.size && !listed; ++h)
         listed = cav.hard_faces[h] == code;
       if (listed) continue;
-      cav.faces.push_back(code);
-      cav.face_qualities.push_back(v.face_quality(P, code));
+      if (!append_face(cav, code, v.face_quality(P, code))) return false;
     }
   }
   cav.tets.size = w;
+  return true;
 }
 
 // A hard edge that lies inside the cavity: on no boundary face. Candidates are the hard edges
@@ -324,6 +340,16 @@ void abandon(cavity_record& cav) noexcept {
   cav.face_qualities.clear();
 }
 
+// A list of the cavity could not grow: the cavity is given up and says why.
+void out_of_memory(cavity_record& cav) noexcept {
+  abandon(cav);
+  cav.out_of_memory = true;
+}
+void out_of_memory(cavity_record& cav, dense1D<unsigned>& seeds) noexcept {
+  out_of_memory(cav);
+  seeds.clear();
+}
+
 // Face f of a star row (p, s1, s2, s3), turned so that p comes first, is (p, s[after[f]],
 // s[then[f]]): the edge s[after[f]] -> s[then[f]] of the cavity's boundary.
 constexpr unsigned after[4] = {0, 3, 1, 2}, then[4] = {0, 2, 3, 1};
@@ -415,11 +441,13 @@ bool link_by_faces(kernel_workspace& ws, unsigned p, unsigned F) noexcept {
 void collect_cavity(mesh_store& m, unsigned p, dense1D<unsigned>& seeds, cavity_record& cav,
                     double tol) noexcept {
   cav.node = p;
+  cav.out_of_memory = false;
   cav.tets.clear();
   cav.faces.clear();
   cav.hard_faces.clear();
   cav.face_qualities.clear();
-  for (unsigned k = 0; k < seeds.size; ++k) cav.tets.push_back(seeds[k]);
+  for (unsigned k = 0; k < seeds.size; ++k)
+    if (!append(cav.tets, seeds[k])) return out_of_memory(cav, seeds);
   m.bump_marks();
   const mesh_view v(m);
   // The rows of a cavity are far apart in memory. Each tet taken asks at once for the rows of its
@@ -461,8 +489,7 @@ void collect_cavity(mesh_store& m, unsigned p, dense1D<unsigned>& seeds, cavity_
       v.set(nb);
       const unsigned* n = v.tet(nb);
       if (in_circumsphere(v.point(n[0]), v.point(n[1]), v.point(n[2]), v.point(n[3]), P, limit)) {
-        cav.tets.push_back(nb);
-        seeds.push_back(nb);
+        if (!append(cav.tets, nb) || !append(seeds, nb)) return out_of_memory(cav, seeds);
         ask_around(nb);
       }
     }
@@ -493,16 +520,18 @@ void correct_cavity(mesh_store& m, kernel_workspace& ws, cavity_record& cav,
     const unsigned t = cav.tets[k];
     const unsigned* nbs = v.nb(t);
     for (unsigned i = 0; i < 4; ++i)
-      if (nbs[i] == NONE || !v.marked(nbs[i])) cav.faces.push_back(4 * t + i);
+      if ((nbs[i] == NONE || !v.marked(nbs[i])) && !append(cav.faces, 4 * t + i))
+        return out_of_memory(cav);
   }
   for (unsigned k = 0; k < cav.tets.size; ++k) {  // rows that the star will mostly rewrite
     prefetch_for_write(m.tet_qualities.data() + cav.tets[k]);
     prefetch_for_write(m.tet_stamps.data() + cav.tets[k]);
   }
   for (unsigned k = 0; k < cav.faces.size; ++k)
-    cav.face_qualities.push_back(v.face_quality(P, cav.faces[k]));
-  if (kernel_mode != kernel_mode_type::plain && hard_set.faces.size() > 0)
-    add_hard_faces(v, cav, hard_set, P);
+    if (!append(cav.face_qualities, v.face_quality(P, cav.faces[k]))) return out_of_memory(cav);
+  if (kernel_mode != kernel_mode_type::plain && hard_set.faces.size() > 0 &&
+      !add_hard_faces(v, cav, hard_set, P))
+    return out_of_memory(cav);
 
   for (;;) {
     // Every new tet must be positive: a face that P does not see from inside drops its tet.
@@ -518,7 +547,7 @@ void correct_cavity(mesh_store& m, kernel_workspace& ws, cavity_record& cav,
         }
       }
       if (!removed) break;
-      rebuild(u, cav, P);
+      if (!rebuild(u, cav, P)) return out_of_memory(cav);
     }
 
     unsigned victim = NONE;
@@ -545,7 +574,7 @@ void correct_cavity(mesh_store& m, kernel_workspace& ws, cavity_record& cav,
     }
     const mesh_view u(m);
     u.unset(victim);
-    rebuild(u, cav, P);
+    if (!rebuild(u, cav, P)) return out_of_memory(cav);
     if (cav.tets.size == 0) return;
   }
 }

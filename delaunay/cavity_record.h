@@ -11,9 +11,11 @@ struct cavity_record {
   dense1D<unsigned> faces;       // boundary faces, coded 4 t + i with t in `tets`, seen from inside
   dense1D<unsigned> hard_faces;  // those of `faces` on a hard face with cavity tets on both sides
   dense1D<double> face_qualities;  // quality of the new tet on each face
+  bool out_of_memory = false;      // a list could not grow: the cavity was abandoned for that
 
   void clear() noexcept {
     node = NONE;
+    out_of_memory = false;
     tets.clear();
     faces.clear();
     hard_faces.clear();
@@ -21,6 +23,7 @@ struct cavity_record {
   }
   void clear_hard() {
     node = NONE;
+    out_of_memory = false;
     tets.clear_hard();
     faces.clear_hard();
     hard_faces.clear_hard();

@@ -127,9 +127,10 @@ kernel_status insert_shell_nodes(mesh_store& m, kernel_workspace& ws, unsigned c
   if (!make_shell_nodes(m, count, centre, smax, box_factor, shell))
     return kernel_status::out_of_memory;
   m.kernel_mode = kernel_mode_type::plain;
-  insert_node_list(m, ws, shell.data(), shell.size, false, failed, progress);
+  const kernel_status status =
+      insert_node_list(m, ws, shell.data(), shell.size, false, failed, progress);
   for (unsigned k = 0; k < failed.size; ++k) m.release_node(failed[k]);
-  return kernel_status::ok;
+  return status;
 }
 
 // The list in insertion order, kept out of hard faces; then the failures again with plain
@@ -142,20 +143,20 @@ kernel_status insert_list(mesh_store& m, kernel_workspace& ws, const dense1D<uns
       !order_for_insertion(m.nodes.row(0), order.data(), order.size, m.random_source))
     return kernel_status::out_of_memory;
   m.kernel_mode = kernel_mode_type::hard_faces;
-  insert_node_list(m, ws, order.data(), order.size, true, failed, progress);
+  kernel_status status = insert_node_list(m, ws, order.data(), order.size, true, failed, progress);
 
   m.kernel_mode = kernel_mode_type::plain;
-  while (failed.size && !progress.stopped) {
+  while (status == kernel_status::ok && failed.size && !progress.stopped) {
     const unsigned before = failed.size;
     again.clear();
-    insert_node_list(m, ws, failed.data(), failed.size, true, again, progress);
+    status = insert_node_list(m, ws, failed.data(), failed.size, true, again, progress);
     const dense1D<unsigned> swap = failed;
     failed = again;
     again = swap;
     if (failed.size >= before) break;
   }
   for (unsigned k = 0; k < failed.size; ++k) m.unenforced_set.add_node(failed[k]);
-  return kernel_status::ok;
+  return status;
 }
 
 }  // namespace
@@ -187,17 +188,24 @@ kernel_status start_delaunay(mesh_store& m, kernel_workspace& ws, const dense1D<
   return status;
 }
 
-void insert_node_list(mesh_store& m, kernel_workspace& ws, const unsigned* first, unsigned count,
-                      bool add_to_octree, dense1D<unsigned>& failed, kernel_progress& progress) {
+kernel_status insert_node_list(mesh_store& m, kernel_workspace& ws, const unsigned* first,
+                               unsigned count, bool add_to_octree, dense1D<unsigned>& failed,
+                               kernel_progress& progress) {
   for (unsigned s = 0; s < count; ++s) {
     if (s % 10000 == 9999 && progress.poll()) break;
     const unsigned p = first[s];
-    if (!insert_node(m, ws, p, ws.seeds, CAVITY_TOL))
+    if (insert_node(m, ws, p, ws.seeds, CAVITY_TOL)) {
+      if (add_to_octree) m.locator.add(p);
+    } else {
+      // A node refused for want of memory is not a node that cannot go in.
+      if (ws.cavity.out_of_memory) return kernel_status::out_of_memory;
+      const unsigned before = failed.size;
       failed.push_back(p);
-    else if (add_to_octree)
-      m.locator.add(p);
+      if (failed.size == before) return kernel_status::out_of_memory;
+    }
     progress.step();
   }
+  return kernel_status::ok;
 }
 
 bool insert_node(mesh_store& m, kernel_workspace& ws, unsigned p, dense1D<unsigned>& seeds,
@@ -219,6 +227,11 @@ bool insert_node(mesh_store& m, kernel_workspace& ws, unsigned p, dense1D<unsign
       seeds.push_back(nb);
   }
   seeds.push_back(t);
+  if (seeds.size == 0 || seeds.back() != t) {  // the list could not grow
+    ws.cavity.clear();
+    ws.cavity.out_of_memory = true;
+    return false;
+  }
   collect_cavity(m, p, seeds, ws.cavity, tol);
   correct_cavity(m, ws, ws.cavity, m.kernel_mode, m.hard_set);
   if (ws.cavity.tets.size == 0) return false;

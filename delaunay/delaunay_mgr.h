@@ -51,14 +51,16 @@ kernel_status start_delaunay(mesh_store& m, kernel_workspace& ws, const dense1D<
 // Inserts the nodes first[0..count) in order; appends those that failed to `failed`. With
 // `add_to_octree`, an inserted node also goes into the locator's octree. Polls every 10000 nodes
 // and stops once told to (the rest neither inserted nor listed), and advances the progress by one
-// per node.
-void insert_node_list(mesh_store& m, kernel_workspace& ws, const unsigned* first, unsigned count,
-                      bool add_to_octree, dense1D<unsigned>& failed, kernel_progress& progress);
+// per node. out_of_memory when a list could not grow: the list stops there, the mesh valid.
+kernel_status insert_node_list(mesh_store& m, kernel_workspace& ws, const unsigned* first,
+                               unsigned count, bool add_to_octree, dense1D<unsigned>& failed,
+                               kernel_progress& progress);
 
 // Inserts node p (a row of `nodes`) by cavity replacement under the store's kernel_mode, with
 // circumsphere tolerance `tol`. True when inserted: `seeds` then lists the tets of its star. False
 // when the node could not be located, its cavity came out empty or the star did not close; the
-// mesh is then unchanged. `seeds` is scratch (normally `ws.seeds`).
+// mesh is then unchanged; `ws.cavity.out_of_memory` then tells a refusal for want of memory.
+// `seeds` is scratch (normally `ws.seeds`).
 bool insert_node(mesh_store& m, kernel_workspace& ws, unsigned p, dense1D<unsigned>& seeds,
                  double tol) noexcept;
 
