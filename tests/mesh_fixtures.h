@@ -9,6 +9,7 @@
 #include "delaunay/geometry.h"
 #include "delaunay/mesh_store.h"
 #include "delaunay/tet_tables.h"
+#include "voxfill/mesher_th4.h"
 
 namespace fixtures {
 
@@ -38,6 +39,22 @@ inline void load_mesh(mesh_store& m, const std::vector<std::array<double, 3>>& p
     }
   }
   m.set_ancestors(0, m.tets.cols());
+}
+
+// The mesh of a run's record as a store, for the invariant checker: nodes, tets (colour 0),
+// neighbours, ancestors, and the shape qualities as stored qualities. False when the record's
+// tables disagree in size or memory ran out.
+inline bool load_output(mesh_store& m, const kelvo::voxfill::mesher::data_type& d) {
+  const unsigned T = d.connectM.cols;
+  if (d.neighbors.cols != T || d.shape_qualities.size != T || d.ancestors.size != d.pos.cols)
+    return false;
+  if (!m.load_nodes(d.pos, kelvo::dense1D<double>()) || !m.load_tets(d.connectM, 0)) return false;
+  for (unsigned t = 0; t < T; ++t) {
+    for (unsigned f = 0; f < 4; ++f) m.neighbors(f, t) = d.neighbors(f, t);
+    m.tet_qualities[t] = d.shape_qualities[t];
+  }
+  for (unsigned n = 0; n < d.ancestors.size; ++n) m.ancestors[n] = d.ancestors[n];
+  return true;
 }
 
 // Unit cube, node x + 2y + 4z, split into six tets around the diagonal 0-7.
