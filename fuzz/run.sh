@@ -1,10 +1,12 @@
 #!/usr/bin/env bash
 # Builds the fuzz preset and runs every fuzz target: the case file loader for the given number of
-# seconds (default 60), each mesh file reader for the second number (default 30). Each target
-# grows its working corpus under build/fuzz/, starting from the committed seeds.
+# seconds (default 60), each mesh file reader for the second number (default 30), the Delaunay
+# kernel for the third (default 20). Each target grows its working corpus under build/fuzz/,
+# starting from the committed seeds.
 set -euo pipefail
 load_seconds="${1:-60}"
 read_seconds="${2:-30}"
+kernel_seconds="${3:-20}"
 cd "$(dirname "$0")/.."
 cmake --preset fuzz
 cmake --build --preset fuzz
@@ -20,9 +22,9 @@ run() {
     -artifact_prefix=build/fuzz/artifacts/ "$corpus"
 }
 
-for src in fuzz/fuzz_*.cpp; do
-  run "$(basename "$src" .cpp)" "$load_seconds" fuzz/corpus_seed
-done
+# Case files feed the loader; point clouds in their own byte layout feed the kernel.
+run fuzz_load "$load_seconds" fuzz/corpus_seed
+run fuzz_kernel "$kernel_seconds" fuzz/corpus_kernel
 for seeds in fuzz/corpus_read/*/; do
   format="$(basename "$seeds")"
   run "fuzz_read_$format" "$read_seconds" "$seeds"

@@ -1,0 +1,106 @@
+// Fuzz target: the Delaunay mesh (mode 2) of up to 200 points read from the bytes passes the
+// invariant checker, empty spheres and stored shape qualities included, and a second run of the
+// same points gives the same tets.
+//
+// Byte 0 chooses how the points are read; the rest are the points:
+//   mode 0: raw doubles, 24 bytes a point (non-finite and huge values included);
+//   mode 1: one signed byte per coordinate: a small lattice, full of co-spherical sets,
+//           coplanar sets and duplicates;
+//   mode 2: the lattice of mode 1 moved by a fourth byte times 1e-11: near-duplicates and
+//           almost co-spherical sets;
+//   mode 3: the lattice of mode 1 flattened onto z = 0 but for a fourth byte times 1e-9 on some
+//           points: flat and nearly flat clouds.
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <vector>
+
+#include "delaunay/mesh_check.h"
+#include "voxfill/mesher_th4.h"
+
+using namespace kelvo::voxfill;
+using data_type = mesher::data_type;
+
+namespace {
+
+constexpr unsigned MAX_POINTS = 200;
+
+void fail(const char* what) {
+  std::fprintf(stderr, "fuzz_kernel: %s\n", what);
+  std::abort();
+}
+
+std::vector<double> read_points(unsigned mode, const std::uint8_t* b, std::size_t size) {
+  std::vector<double> xyz;
+  const std::size_t step = mode == 0 ? 24 : (mode == 1 ? 3 : 4);
+  for (std::size_t at = 0; at + step <= size && xyz.size() < 3 * MAX_POINTS; at += step) {
+    double p[3];
+    if (mode == 0) {
+      std::memcpy(p, b + at, 24);
+    } else {
+      for (unsigned k = 0; k < 3; ++k) p[k] = double(std::int8_t(b[at + k]));
+      if (mode == 2) {
+        const double e = 1e-11 * double(std::int8_t(b[at + 3]));
+        p[0] += e, p[1] -= 0.5 * e, p[2] += 0.25 * e;
+      } else if (mode == 3) {
+        p[2] = (b[at + 3] & 0xF0) ? 0.0 : 1e-9 * double(b[at + 3]);
+      }
+    }
+    xyz.insert(xyz.end(), p, p + 3);
+  }
+  return xyz;
+}
+
+void run(const std::vector<double>& xyz, data_type& d) {
+  const unsigned n = unsigned(xyz.size() / 3);
+  kelvo::dense2D<double> pos(3, n);
+  for (unsigned j = 0; j < n; ++j)
+    for (unsigned i = 0; i < 3; ++i) pos(i, j) = xyz[3 * j + i];
+  d = data_type(pos, kelvo::dense2D<unsigned>());
+  for (unsigned j = 0; j < n; ++j) d.isolated_nodes.push_back(j);
+  mesher job;
+  job.settings.mode = 2;
+  job.run(d);
+}
+
+// The record's mesh as a store: what the checker reads.
+void check(const data_type& d) {
+  const unsigned T = d.connectM.cols;
+  if (d.neighbors.cols != T || d.shape_qualities.size != T || d.ancestors.size != d.pos.cols)
+    fail("tables of the record disagree in size");
+  mesh_store m;
+  if (!m.load_nodes(d.pos, kelvo::dense1D<double>()) || !m.load_tets(d.connectM, 0)) return;
+  for (unsigned t = 0; t < T; ++t) {
+    for (unsigned f = 0; f < 4; ++f) m.neighbors(f, t) = d.neighbors(f, t);
+    m.tet_qualities[t] = d.shape_qualities[t];
+  }
+  for (unsigned k = 0; k < d.ancestors.size; ++k) m.ancestors[k] = d.ancestors[k];
+  mesh_check_options all;
+  all.positive_quality = all.stored_qualities = all.empty_sphere = true;
+  const mesh_check_result r = check_mesh(m, all);
+  if (!r.ok && r.fault != mesh_fault::no_memory) fail(r.text);
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t size) {
+  if (size < 1) return 0;
+  const std::vector<double> xyz = read_points(bytes[0] & 3u, bytes + 1, size - 1);
+  data_type a, b;
+  run(xyz, a);
+  run(xyz, b);
+  if (a.error_code != b.error_code || a.warning_code != b.warning_code)
+    fail("codes differ between equal runs");
+  if (a.tet_count != b.tet_count ||
+      (a.tet_count &&
+       std::memcmp(a.connectM.col(0), b.connectM.col(0), 4 * sizeof(unsigned) * a.tet_count)))
+    fail("tets differ between equal runs");
+  // After an error the record holds no mesh.
+  if (a.error_code != 0) {
+    if (a.tet_count != 0) fail("a mesh after an error");
+    return 0;
+  }
+  check(a);
+  return 0;
+}
