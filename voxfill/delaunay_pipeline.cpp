@@ -69,10 +69,11 @@ void th4_engine::run_delaunay(mesher::data_type& data) {
   if (data.error_code == 0) {
     // The kernel's mesh, enclosing cube included, before anything else reads it. After an error
     // the mesh is thrown away below, so only a clean start is held to the invariants. A checker
-    // short of memory proves nothing either way; the run goes on. Stored qualities and empty
-    // spheres are left to the tests and the fuzzer: a cavity whose lists failed to grow still
-    // gives a valid mesh, but not those two.
-    const mesh_check_result r = check_mesh(*this);
+    // short of memory proves nothing either way; the run goes on.
+    mesh_check_options options;
+    options.stored_qualities = true;
+    options.empty_sphere = true;
+    const mesh_check_result r = check_mesh(*this, options);
     if (!r.ok && r.fault != mesh_fault::no_memory) {
       std::fprintf(stderr, "%s:%d: mesh after the kernel's start: %s\n", __FILE__, __LINE__,
                    r.text);
