@@ -356,9 +356,9 @@ constexpr unsigned after[4] = {0, 3, 1, 2}, then[4] = {0, 2, 3, 1};
 
 // Links faces 1 to 3 of the star rows through their edges opposite p. Twins are faces of equal
 // edges in opposite directions; a third face on an edge, or two in the same direction, fail.
-bool link_by_edges(kernel_workspace& ws, unsigned F) noexcept {
+bool link_by_edges(kernel_workspace& ws, unsigned F, bool& no_memory) noexcept {
   star_edge_table& edges = ws.star_edges;
-  if (!edges.prepare(3 * F)) return false;
+  if (!edges.prepare(3 * F)) return !(no_memory = true);
   const unsigned* star = ws.star_tets.col(0);
   unsigned* link = ws.star_neighbors.col(0);
   for (unsigned k = 0; k < F; ++k) {
@@ -377,11 +377,11 @@ bool link_by_edges(kernel_workspace& ws, unsigned F) noexcept {
 // The same matching through `face_link_table`, keyed by whole faces: faces 1, 2, 3 of every row
 // entered by the face hash, each chain matched against itself by the face comparison. Used when
 // a row repeats a node, which the edge matching cannot tell apart.
-bool link_by_faces(kernel_workspace& ws, unsigned p, unsigned F) noexcept {
+bool link_by_faces(kernel_workspace& ws, unsigned p, unsigned F, bool& no_memory) noexcept {
   vector_fast& table = ws.face_link_table;
   const unsigned* star = ws.star_tets.col(0);
   unsigned* link = ws.star_neighbors.col(0);
-  if (!build_link_table(table, 3 * F)) return false;
+  if (!build_link_table(table, 3 * F)) return !(no_memory = true);
   // The hash is a sum of per-node terms: with p in every face, each face's hash is p's term plus
   // those of its two other nodes (faces 1, 2, 3 leave out s1, s2, s3 in turn).
   const unsigned hp = key_hash(&p, 1);
@@ -390,7 +390,7 @@ bool link_by_faces(kernel_workspace& ws, unsigned p, unsigned F) noexcept {
     const unsigned h1 = key_hash(s + 1, 1), h2 = key_hash(s + 2, 1), h3 = key_hash(s + 3, 1);
     if (!table.insert(4 * k + 1, hp + h2 + h3) || !table.insert(4 * k + 2, hp + h1 + h3) ||
         !table.insert(4 * k + 3, hp + h1 + h2))
-      return false;
+      return !(no_memory = true);
   }
   const unsigned* store = table.store.data();
   auto face_of = [&](unsigned value) {
@@ -592,6 +592,7 @@ bool fill_star(mesh_store& m, kernel_workspace& ws, cavity_record& cav,
   if (!ws.star_tets.resize(4, F) || !ws.star_neighbors.resize(4, F)) {
     ws.star_tets.clear();
     ws.star_neighbors.clear();
+    cav.out_of_memory = true;
     return false;
   }
   unsigned* star = ws.star_tets.col(0);
@@ -627,7 +628,15 @@ bool fill_star(mesh_store& m, kernel_workspace& ws, cavity_record& cav,
     ws.star_neighbors.clear();
     return false;
   };
-  if (!(degenerate ? link_by_faces(ws, p, F) : link_by_edges(ws, F))) return fail();
+  auto short_of_memory = [&]() {
+    cav.out_of_memory = true;
+    return fail();
+  };
+  bool no_memory = false;
+  if (!(degenerate ? link_by_faces(ws, p, F, no_memory) : link_by_edges(ws, F, no_memory))) {
+    cav.out_of_memory = no_memory;
+    return fail();
+  }
 
   // Room for every new row before the mesh is touched, so that nothing can fail half-way.
   if (F > T) {
@@ -641,11 +650,11 @@ bool fill_star(mesh_store& m, kernel_workspace& ws, cavity_record& cav,
                                  m.colors.capacity() < need || m.tet_qualities.capacity() < need ||
                                  m.tet_stamps.capacity() < need;
       if (short_of_room && !m.reserve(m.nodes.cols(), need > 2 * cols ? need : 2 * cols))
-        return fail();
-      if (!m.cover_marks(need - 1)) return fail();
+        return short_of_memory();
+      if (!m.cover_marks(need - 1)) return short_of_memory();
     }
   }
-  if (!out.reserve(F)) return fail();
+  if (!out.reserve(F)) return short_of_memory();
 
   for (unsigned k = 0; k < reused; ++k) {
     const unsigned t = cav.tets[k];

@@ -101,7 +101,8 @@ void correct_cavity(mesh_store& m, kernel_workspace& ws, cavity_record& cav,
 
 // Replaces a corrected cavity by one new tet per boundary face, reusing the cavity's rows first.
 // `out` gets the tets of the star, in the order of the faces. False when the new faces do not
-// match up or memory ran out: the mesh is then untouched (but `cav.faces` holds outside codes).
+// match up or memory ran out (`cav.out_of_memory` then set): the mesh is then untouched (but
+// `cav.faces` holds outside codes).
 // The star's rows are built in the tables of `ws`.
 bool fill_star(mesh_store& m, kernel_workspace& ws, cavity_record& cav,
                dense1D<unsigned>& out) noexcept;

@@ -211,27 +211,30 @@ kernel_status insert_node_list(mesh_store& m, kernel_workspace& ws, const unsign
 bool insert_node(mesh_store& m, kernel_workspace& ws, unsigned p, dense1D<unsigned>& seeds,
                  double tol) noexcept {
   seeds.clear();
+  ws.cavity.out_of_memory = false;
   const double* P = m.nodes.row(p);
   unsigned t = NONE;
   if (!locate_tet(m, P, t, LOCATE_TOL)) {
     t = NONE;
     if (!locate_tet(m, P, t, LOCATE_TOL_WIDE)) return false;
   }
+  auto seed = [&](unsigned s) {
+    const unsigned before = seeds.size;
+    seeds.push_back(s);
+    ws.cavity.out_of_memory = seeds.size == before;
+    return !ws.cavity.out_of_memory;
+  };
   // A node on a face or an edge touches the tets beyond it too: they are taken without a test.
   const unsigned* nbs = m.neighbors.row(t);
   for (unsigned i = 0; i < 4; ++i)
     if (nbs[i] != NONE) prefetch(m.tets.row(nbs[i]));
   for (unsigned i = 0; i < 4; ++i) {
     const unsigned nb = nbs[i];
-    if (nb != NONE && locate_side(m.nodes.data, P, m.tets.row(nb), LOCATE_TOL, 0) == -1)
-      seeds.push_back(nb);
+    if (nb != NONE && locate_side(m.nodes.data, P, m.tets.row(nb), LOCATE_TOL, 0) == -1 &&
+        !seed(nb))
+      return false;
   }
-  seeds.push_back(t);
-  if (seeds.size == 0 || seeds.back() != t) {  // the list could not grow
-    ws.cavity.clear();
-    ws.cavity.out_of_memory = true;
-    return false;
-  }
+  if (!seed(t)) return false;
   collect_cavity(m, p, seeds, ws.cavity, tol);
   correct_cavity(m, ws, ws.cavity, m.kernel_mode, m.hard_set);
   if (ws.cavity.tets.size == 0) return false;
