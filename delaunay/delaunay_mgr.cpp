@@ -136,11 +136,11 @@ kernel_status insert_shell_nodes(mesh_store& m, kernel_workspace& ws, unsigned c
 // The list in insertion order, kept out of hard faces; then the failures again with plain
 // cavities, in the order they failed, as long as a pass lowers their number. What never went in
 // is put into `unenforced_set`.
-kernel_status insert_list(mesh_store& m, kernel_workspace& ws, const dense1D<unsigned>& list,
+kernel_status insert_list(mesh_store& m, kernel_workspace& ws, dense1D<unsigned>& list,
                           kernel_progress& progress) {
-  dense1D<unsigned> order, failed, again;
-  if (!order.copy(list) ||
-      !order_for_insertion(m.nodes.row(0), order.data(), order.size, m.random_source))
+  dense1D<unsigned> failed, again;
+  dense1D<unsigned>& order = list;  // reordered in place: no second list of every node
+  if (!order_for_insertion(m.nodes.row(0), order.data(), order.size, m.random_source))
     return kernel_status::out_of_memory;
   m.kernel_mode = kernel_mode_type::hard_faces;
   kernel_status status = insert_node_list(m, ws, order.data(), order.size, true, failed, progress);
@@ -161,7 +161,7 @@ kernel_status insert_list(mesh_store& m, kernel_workspace& ws, const dense1D<uns
 
 }  // namespace
 
-kernel_status start_delaunay(mesh_store& m, kernel_workspace& ws, const dense1D<unsigned>& list,
+kernel_status start_delaunay(mesh_store& m, kernel_workspace& ws, dense1D<unsigned>& list,
                              const double lo[3], const double hi[3], double box_factor,
                              double shell_ratio, kernel_progress& progress) {
   const unsigned n = list.size;

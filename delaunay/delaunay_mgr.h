@@ -42,9 +42,10 @@ struct kernel_progress {
 // Meshes the nodes of `list` inside a cube around the box lo..hi (side box_factor times its
 // largest extent): the 5-tet cube, then truncate(n shell_ratio) shell nodes, then the list in a
 // biased randomized order (kernel_mode hard_faces) and the failures again (plain) while that
-// helps. Nodes that never went in are put into `unenforced_set`. The list itself is not changed.
+// helps. Nodes that never went in are put into `unenforced_set`. The list comes back in the order
+// of insertion.
 // An empty list does nothing. Expects a store without tets.
-kernel_status start_delaunay(mesh_store& m, kernel_workspace& ws, const dense1D<unsigned>& list,
+kernel_status start_delaunay(mesh_store& m, kernel_workspace& ws, dense1D<unsigned>& list,
                              const double lo[3], const double hi[3], double box_factor,
                              double shell_ratio, kernel_progress& progress);
 

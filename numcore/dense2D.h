@@ -111,7 +111,8 @@ class dense2D {
     s.size = r * c;
     return s;
   }
-  dense1D<T> as_vector() const noexcept {
+  // The view's header is allocated (and may throw std::bad_alloc) before it takes the buffer.
+  dense1D<T> as_vector() const {
     dense1D<T> v;
     v.vec = vec;
     v.offset = offset;

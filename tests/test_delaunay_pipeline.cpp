@@ -202,3 +202,46 @@ TEST(DelaunayPipeline, InterruptedRunGivesValidMesh) {
   EXPECT_LT(d.used_node_count, 25000u);
   expect_valid_mesh(d);
 }
+
+// The engine numbers the nodes its own way for locality. The caller's input tables, which the
+// record shares with the caller, must come back exactly as they were however the run ends (done,
+// refused for a NaN, interrupted), and the mesh, ancestors and missing nodes must be in the
+// caller's numbering; so also when two tables share one buffer and the engine keeps the caller's
+// numbering. A map applied the wrong way, or not undone on an early exit, shows here.
+TEST(DelaunayPipeline, CallerNumberingKept) {
+  for (int variant = 0; variant < 4; ++variant) {
+    auto pts = random_points(12000, 23);
+    pts.push_back(pts[11]);  // a duplicate: missing_nodes names the caller's index
+    if (variant == 1) pts[40][2] = std::nan("");
+    data_type d = cloud(pts);
+    const unsigned n = d.pos.cols;
+    kelvo::dense2D<unsigned> E(2, 3);
+    for (unsigned j = 0; j < 3; ++j) E(0, j) = 100 + j, E(1, j) = 200 + j;
+    d.connectE = E;  // shares E's buffer, as a caller's view would
+    if (variant == 3) d.isolated_nodes = d.connectE.as_vector();  // one buffer for two tables
+    const kelvo::dense1D<unsigned> iso = d.isolated_nodes;
+    std::vector<unsigned> iso_before(iso.begin(), iso.end());
+    mesher m;
+    m.settings.mode = 2;
+    if (variant == 2) m.settings.interrupt_hdl = [](void*, double) { return true; };
+    m.run(d);
+    for (unsigned j = 0; j < 3; ++j) {
+      EXPECT_EQ(E(0, j), 100 + j) << variant;
+      EXPECT_EQ(E(1, j), 200 + j) << variant;
+    }
+    EXPECT_TRUE(std::equal(iso_before.begin(), iso_before.end(), iso.begin())) << variant;
+    if (variant == 1) {
+      EXPECT_EQ(d.error_code, -102);
+      EXPECT_EQ(d.tet_count, 0u);
+      continue;
+    }
+    EXPECT_EQ(d.error_code, 0) << variant;
+    expect_valid_mesh(d);
+    if (variant == 3) continue;  // only the edges' nodes are hard there
+    if (variant == 0) {
+      ASSERT_EQ(d.missing_nodes.size, 1u);
+      EXPECT_EQ(d.missing_nodes[0], n - 1);
+      EXPECT_EQ(d.used_node_count, n - 1);
+    }
+  }
+}

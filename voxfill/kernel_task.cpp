@@ -26,7 +26,7 @@ void raise_kernel_status(const task_type& task, kernel_status status) {
   }
 }
 
-void start_delaunay(mesh_store& m, kernel_workspace& ws, const dense1D<unsigned>& list,
+void start_delaunay(mesh_store& m, kernel_workspace& ws, dense1D<unsigned>& list,
                     const double lo[3], const double hi[3], double box_factor, double shell_ratio,
                     const task_type& task) {
   if (list.size == 0) return;

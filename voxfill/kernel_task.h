@@ -15,7 +15,7 @@ void raise_kernel_status(const task_type& task, kernel_status status);
 
 // start_delaunay on a progress section of the list's length, with errors raised through the task:
 // -102 "Illegal coordinates.", -107 "Aligned nodes." (flat box, or flat cube tets), -199 memory.
-void start_delaunay(mesh_store& m, kernel_workspace& ws, const dense1D<unsigned>& list,
+void start_delaunay(mesh_store& m, kernel_workspace& ws, dense1D<unsigned>& list,
                     const double lo[3], const double hi[3], double box_factor, double shell_ratio,
                     const task_type& task);
 

@@ -9,6 +9,9 @@
 namespace kelvo::voxfill {
 
 void th4_engine::drop_outside(unsigned first_node) {
+  // The visit marks (a word per tet row) are scratch that nothing after this reads: they go
+  // before the compaction's map comes, which lowers the run's peak.
+  marks.clear_hard();
   bool released = false;
   const unsigned count = tets.cols();
   for (unsigned t = 0; t < count; ++t) {
