@@ -30,6 +30,17 @@ unsigned grid_position(double x, double lo, double scale) noexcept {
   return g >= top ? (1u << KEY_BITS) - 1 : unsigned(g);
 }
 
+// The bits of a 19-bit value spread out to every third place.
+std::uint64_t spread_by_three(std::uint64_t x) noexcept {
+  x &= (1u << KEY_BITS) - 1;
+  x = (x | x << 32) & 0x001F00000000FFFFull;
+  x = (x | x << 16) & 0x001F0000FF0000FFull;
+  x = (x | x << 8) & 0x100F00F00F00F00Full;
+  x = (x | x << 4) & 0x10C30C30C30C30C3ull;
+  x = (x | x << 2) & 0x1249249249249249ull;
+  return x;
+}
+
 }  // namespace
 
 std::uint64_t hilbert_key(const double* p, const double lo[3], double side) noexcept {
@@ -37,30 +48,25 @@ std::uint64_t hilbert_key(const double* p, const double lo[3], double side) noex
   unsigned X[3];
   for (unsigned i = 0; i < 3; ++i) X[i] = grid_position(p[i], lo[i], scale);
   // Skilling's transform of the three coordinates into the transposed Hilbert index: undo the
-  // excess work of the recursive curve level by level, then Gray-code the result.
+  // excess work of the recursive curve level by level, then Gray-code the result. The bits are
+  // random, so each level's choice (invert the low bits of X[0], or exchange them with X[i]) is
+  // made with masks rather than branches.
   for (unsigned Q = 1u << (KEY_BITS - 1); Q > 1; Q >>= 1) {
     const unsigned P = Q - 1;
     for (unsigned i = 0; i < 3; ++i) {
-      if (X[i] & Q) {
-        X[0] ^= P;
-      } else {
-        const unsigned t = (X[0] ^ X[i]) & P;
-        X[0] ^= t;
-        X[i] ^= t;
-      }
+      const unsigned set = 0u - ((X[i] & Q) != 0);  // all ones when the bit is set
+      const unsigned t = (X[0] ^ X[i]) & P & ~set;
+      X[0] ^= (P & set) | t;
+      X[i] ^= t;
     }
   }
   X[1] ^= X[0];
   X[2] ^= X[1];
   unsigned t = 0;
-  for (unsigned Q = 1u << (KEY_BITS - 1); Q > 1; Q >>= 1)
-    if (X[2] & Q) t ^= Q - 1;
-  for (unsigned i = 0; i < 3; ++i) X[i] ^= t;
+  for (unsigned Q = 1u << (KEY_BITS - 1); Q > 1; Q >>= 1) t ^= (Q - 1) & (0u - ((X[2] & Q) != 0));
   // Interleave: the top bit of each axis first.
-  std::uint64_t key = 0;
-  for (int b = KEY_BITS - 1; b >= 0; --b)
-    for (unsigned i = 0; i < 3; ++i) key = (key << 1) | ((X[i] >> b) & 1u);
-  return key;
+  return spread_by_three(X[0] ^ t) << 2 | spread_by_three(X[1] ^ t) << 1 |
+         spread_by_three(X[2] ^ t);
 }
 
 bool order_for_insertion(const double* xyz, unsigned* list, unsigned count, random_source_type& g) {
