@@ -515,8 +515,8 @@ TEST(DelaunayKernel, CircumsphereFilterAgreesWithTheConstruction) {
     double P[3];
     double c[3] = {0, 0, 0}, d[3];
     {
-      // centre from the construction: the point where the ratio of every node is 1 is not handed
-      // out, so use the closed formula in long double
+      // The circumcentre by the closed formula in long double, so that the shifts below are
+      // measured from a centre more accurate than either computation under test.
       long double a[3], b[3], e[3];
       for (unsigned i = 0; i < 3; ++i) {
         a[i] = (long double)p[0][i] - p[3][i];
