@@ -100,4 +100,26 @@ bool order_for_insertion(const double* xyz, unsigned* list, unsigned count, rand
   return true;
 }
 
+bool hilbert_order(const dense2D<double>& points, dense1D<unsigned>& order) {
+  const unsigned n = points.cols;
+  double lo[3] = {0.0, 0.0, 0.0}, hi[3] = {0.0, 0.0, 0.0};
+  bool any = false;
+  for (unsigned j = 0; j < n; ++j) {
+    const double* p = points.col(j);
+    if (!std::isfinite(p[0]) || !std::isfinite(p[1]) || !std::isfinite(p[2])) continue;
+    for (unsigned k = 0; k < 3; ++k) {
+      lo[k] = any ? std::min(lo[k], p[k]) : p[k];
+      hi[k] = any ? std::max(hi[k], p[k]) : p[k];
+    }
+    any = true;
+  }
+  const double side = std::max(hi[0] - lo[0], std::max(hi[1] - lo[1], hi[2] - lo[2]));
+  dense1D<keyed_node> keyed;
+  if (!keyed.resize(n) || !order.resize(n)) return false;
+  for (unsigned j = 0; j < n; ++j) keyed[j] = {hilbert_key(points.col(j), lo, side), j};
+  std::sort(keyed.data(), keyed.data() + n);
+  for (unsigned i = 0; i < n; ++i) order[i] = keyed[i].node;
+  return true;
+}
+
 }  // namespace kelvo::voxfill

@@ -8,12 +8,18 @@
 #include <cstdint>
 
 #include "delaunay/random_source.h"
+#include "numcore/dense2D.h"
 
 namespace kelvo::voxfill {
 
 // Position of the point along a Hilbert curve through a 2^19 grid on each axis of the cube
 // lo + [0, side]^3 (coordinates outside are clamped): 57 bits.
 std::uint64_t hilbert_key(const double* p, const double lo[3], double side) noexcept;
+
+// `order` becomes the column indices of `points` (3 x n) sorted along the Hilbert curve of the
+// bounding cube of their finite coordinates, ties by index. False when memory ran out
+// (std::bad_alloc from a scratch list's header is possible too).
+bool hilbert_order(const dense2D<double>& points, dense1D<unsigned>& order);
 
 // Reorders `list` (indices into the flat xyz array `xyz`) for insertion: one draw of `g` per node
 // for its round, then rounds in order, each along the Hilbert curve of the list's bounding cube,

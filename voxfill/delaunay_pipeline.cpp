@@ -6,7 +6,6 @@
 #include <cstdlib>
 #include <new>
 #include <optional>
-#include <vector>
 
 #include "delaunay/delaunay_mgr.h"
 #include "delaunay/insertion_order.h"
@@ -50,41 +49,13 @@ void hard_node_list(const mesh_store& m, dense1D<unsigned>& list, double lo[3], 
     }
 }
 
-// A numbering of the input nodes along a Hilbert curve through the bounding cube of their finite
-// coordinates, ties by index: nodes close in space get close rows, so that the kernel, which
-// inserts along the same curve, finds coordinates, ancestors and marks in the caches. `order`
-// takes new indices to the caller's, `rank` the caller's to new ones.
+// A numbering of the input nodes along a Hilbert curve, so that nodes close in space get close
+// rows and the kernel, which inserts along the same curve, finds coordinates, ancestors and marks
+// in the caches. `order` takes new indices to the caller's, `rank` the caller's to new ones.
 void spatial_numbering(const dense2D<double>& pos, dense1D<unsigned>& order,
                        dense1D<unsigned>& rank) {
-  struct keyed {
-    std::uint64_t key;
-    unsigned node;
-    bool operator<(const keyed& o) const noexcept {
-      return key < o.key || (key == o.key && node < o.node);
-    }
-  };
-  const unsigned n = pos.cols;
-  double lo[3] = {0.0, 0.0, 0.0}, hi[3] = {0.0, 0.0, 0.0};
-  bool any = false;
-  for (unsigned j = 0; j < n; ++j) {
-    const double* p = pos.col(j);
-    if (!std::isfinite(p[0]) || !std::isfinite(p[1]) || !std::isfinite(p[2])) continue;
-    for (unsigned k = 0; k < 3; ++k) {
-      lo[k] = any ? std::min(lo[k], p[k]) : p[k];
-      hi[k] = any ? std::max(hi[k], p[k]) : p[k];
-    }
-    any = true;
-  }
-  const double side = std::max({hi[0] - lo[0], hi[1] - lo[1], hi[2] - lo[2]});
-  std::vector<keyed> keys(n);
-  for (unsigned j = 0; j < n; ++j) keys[j] = {hilbert_key(pos.col(j), lo, side), j};
-  std::sort(keys.begin(), keys.end());
-  order.clear();
-  if (!order.resize(n) || !rank.resize(n)) throw std::bad_alloc();
-  for (unsigned i = 0; i < n; ++i) {
-    order[i] = keys[i].node;
-    rank[keys[i].node] = i;
-  }
+  if (!hilbert_order(pos, order) || !rank.resize(pos.cols)) throw std::bad_alloc();
+  for (unsigned i = 0; i < pos.cols; ++i) rank[order[i]] = i;
 }
 
 // For the length of a run, the node indices of the record's input tables in the engine's
