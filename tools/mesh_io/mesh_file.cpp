@@ -45,14 +45,14 @@ double norm(const double* a) {
 
 double shape_quality(const double* p0, const double* p1, const double* p2, const double* p3) {
   double a[3], b[3], c[3], ba[3], ca[3], cb[3], n[3];
-  sub(p0, p3, a);
-  sub(p1, p3, b);
-  sub(p2, p3, c);
+  sub(p1, p0, a);
+  sub(p2, p0, b);
+  sub(p3, p0, c);
   sub(b, a, ba);
   sub(c, a, ca);
   sub(c, b, cb);
-  // r = 3 V / (sum of face areas) and 6 V = a . (b x c); the areas are half the cross products,
-  // so 2 sqrt(6) r / h = 2 sqrt(6) det / (h * sum of the four cross product norms).
+  // r = 3 V / (sum of face areas) and 6 V = a . (b x c) = det(a, b, c); the areas are half the
+  // cross products, so 2 sqrt(6) r / h = 2 sqrt(6) det / (h * sum of the four cross product norms).
   double areas = 0.0;
   cross(b, c, n);
   const double det = dot(a, n);
@@ -73,9 +73,9 @@ double shape_quality(const double* p0, const double* p1, const double* p2, const
 
 double tet_volume(const double* p0, const double* p1, const double* p2, const double* p3) {
   double a[3], b[3], c[3], n[3];
-  sub(p0, p3, a);
-  sub(p1, p3, b);
-  sub(p2, p3, c);
+  sub(p1, p0, a);
+  sub(p2, p0, b);
+  sub(p3, p0, c);
   cross(b, c, n);
   return dot(a, n) / 6.0;
 }
@@ -92,7 +92,7 @@ std::vector<double> shape_qualities(const mesh_file& m) {
 
 void set_boundary_of_tets(mesh_file& m) {
   // Outward faces of a positive tet, face i opposite local node i.
-  static constexpr unsigned faces[4][3] = {{1, 3, 2}, {0, 2, 3}, {0, 3, 1}, {0, 1, 2}};
+  static constexpr unsigned faces[4][3] = {{1, 2, 3}, {0, 3, 2}, {0, 1, 3}, {0, 2, 1}};
   const unsigned T = m.tet_count();
   struct face {
     std::array<unsigned, 3> key;  // sorted nodes

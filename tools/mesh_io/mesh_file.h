@@ -14,7 +14,7 @@ class mesh_file {
   std::vector<unsigned> edges;          // 2 per hard edge
   std::vector<unsigned> triangles;      // 3 per boundary triangle
   std::vector<unsigned> triangle_refs;  // one per triangle, or empty
-  std::vector<unsigned> tets;           // 4 per tetrahedron
+  std::vector<unsigned> tets;           // 4 per tetrahedron, positive by the right-hand rule
   std::vector<unsigned> tet_refs;       // one per tet (its subdomain colour), or empty
   std::vector<unsigned> hard_nodes;     // nodes that must be kept (corners, required vertices)
 
@@ -28,7 +28,8 @@ class mesh_file {
 constexpr unsigned max_ref = 0xFFFFFFFDu;
 
 // Signed shape quality 2 sqrt(6) r / h of the tet (inscribed radius over longest edge): 1 for
-// the regular tet, negative when (p0 - p3) . ((p1 - p3) x (p2 - p3)) < 0, 0 for a flat one.
+// the regular tet, 0 for a flat one, negative when det(p1 - p0, p2 - p0, p3 - p0) < 0. That is
+// the right-hand rule of Medit, VTK, Gmsh and TetGen files, which `tets` follow.
 double shape_quality(const double* p0, const double* p1, const double* p2, const double* p3);
 // Signed volume of the tet, positive in the same orientation.
 double tet_volume(const double* p0, const double* p1, const double* p2, const double* p3);

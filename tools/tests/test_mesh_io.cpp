@@ -314,8 +314,13 @@ TEST(MeshIo, ShapeQualityMatchesTheLibrary) {
   const double reg = shape_quality(p[0], p[1], p[2], p[3]);
   EXPECT_NEAR(std::fabs(reg), 1.0, 1e-14);
   EXPECT_EQ(shape_quality(p[1], p[0], p[2], p[3]), -reg);
+  // The right-hand rule of the files: the corner tet of the axes is positive.
+  const double o[3] = {0, 0, 0}, x[3] = {1, 0, 0}, y[3] = {0, 1, 0}, z[3] = {0, 0, 1};
+  EXPECT_EQ(tet_volume(o, x, y, z), 1.0 / 6.0);
+  EXPECT_GT(shape_quality(o, x, y, z), 0.0);
 
-  // A Delaunay mesh of a jittered lattice: the library's figures against ours.
+  // A Delaunay mesh of a jittered lattice: the library's figures against ours, once its tets
+  // are turned into the files' orientation by swapping nodes 1 and 2.
   using kelvo::voxfill::mesher;
   kelvo::dense2D<double> pos(3, 64);
   for (unsigned j = 0; j < 64; ++j) {
@@ -332,7 +337,7 @@ TEST(MeshIo, ShapeQualityMatchesTheLibrary) {
   mesh_file m;
   m.pos.assign(pos.col(0), pos.col(0) + 3 * 64);
   for (unsigned t = 0; t < d.tet_count; ++t)
-    for (unsigned k = 0; k < 4; ++k) m.tets.push_back(d.connectM(k, t));
+    for (unsigned k : {0, 2, 1, 3}) m.tets.push_back(d.connectM(k, t));
   const std::vector<double> q = shape_qualities(m);
   double volume = 0.0;
   for (unsigned t = 0; t < d.tet_count; ++t) {
@@ -348,7 +353,7 @@ TEST(MeshIo, ShapeQualityMatchesTheLibrary) {
 TEST(MeshIo, BoundaryOfTetsAndUnusedNodes) {
   mesh_file m;
   m.pos = {9, 9, 9, 0, 0, 0, 1, 0, 0, 0, 1, 0, 0, 0, 1, 1, 1, 1};
-  m.tets = {1, 2, 3, 4, 3, 2, 5, 4};  // both negative, sharing the face 2 3 4
+  m.tets = {1, 2, 3, 4, 2, 3, 5, 4};  // one positive, one negative, sharing the face 2 3 4
   m.edges = {0, 1, 1, 2};
   m.hard_nodes = {0, 5};
   for (const unsigned second : {0u, 1u}) {
@@ -361,14 +366,14 @@ TEST(MeshIo, BoundaryOfTetsAndUnusedNodes) {
     for (unsigned f = 0; f < m.triangle_count(); ++f) {
       const unsigned* t = &m.triangles[3 * f];
       if (m.triangle_refs[f] == 0)
-        v += tet_volume(&m.pos[3 * t[0]], &m.pos[3 * t[1]], &m.pos[3 * t[2]], o);
+        v += tet_volume(o, &m.pos[3 * t[0]], &m.pos[3 * t[1]], &m.pos[3 * t[2]]);
     }
     EXPECT_NEAR(v, second ? 1.0 / 6.0 : 0.5, 1e-12);
   }
   drop_unused_nodes(m);
   EXPECT_EQ(m.node_count(), 5u);
   EXPECT_EQ(m.pos[0], 0.0);
-  EXPECT_EQ(m.tets, (std::vector<unsigned>{0, 1, 2, 3, 2, 1, 4, 3}));
+  EXPECT_EQ(m.tets, (std::vector<unsigned>{0, 1, 2, 3, 1, 2, 4, 3}));
   EXPECT_EQ(m.edges, (std::vector<unsigned>{0, 1}));
   EXPECT_EQ(m.hard_nodes, (std::vector<unsigned>{4}));
   std::string e;

@@ -82,6 +82,101 @@ std::string lattice_xyz(const std::string& name, unsigned n) {
   return path;
 }
 
+// A Python interpreter that can import meshio (Debian's python3-meshio lives beside
+// /usr/bin/python3, which another python3 on the PATH may hide), or empty.
+std::string python_with_meshio() {
+  for (const char* python : {"/usr/bin/python3", "python3"}) {
+    const std::string cmd = std::string(python) + " -c 'import meshio' >/dev/null 2>&1";
+    if (std::system(cmd.c_str()) == 0) return python;
+  }
+  return {};
+}
+
+// Runs a Python script with meshio; its standard output.
+std::string run_python(const std::string& python, const std::string& script,
+                       const std::string& args) {
+  const std::string path = in_folder("script.py"), out = in_folder("python.txt");
+  write_text(path, script);
+  const std::string cmd = python + " " + path + " " + args + " >" + out + " 2>/dev/null";
+  EXPECT_EQ(std::system(cmd.c_str()), 0) << cmd;
+  return slurp(out);
+}
+
+// Prints, for each file named, how many tets meshio finds in it and how many of them have a
+// negative volume by the right-hand rule det(n1 - n0, n2 - n0, n3 - n0).
+constexpr const char* count_inverted_py = R"(import sys, meshio, numpy as np
+for path in sys.argv[1:]:
+    m = meshio.read(path)
+    tets = np.concatenate([b.data for b in m.cells if b.type == "tetra"])
+    p = m.points[tets]
+    det = np.linalg.det(np.stack([p[:, 1] - p[:, 0], p[:, 2] - p[:, 0], p[:, 3] - p[:, 0]], 1))
+    print(path, len(tets), int((det < 0).sum()))
+)";
+
+// Writes the unit cube cut into six tets, each made positive by the right-hand rule, with
+// meshio as STEM.mesh, STEM.vtu and STEM.msh (Gmsh 4.1 ASCII).
+constexpr const char* write_cube_py = R"(import sys, itertools, meshio, numpy as np
+p = np.array(list(itertools.product([0.0, 1.0], repeat=3)))[:, ::-1].copy()
+tets = []
+for axes in itertools.permutations(range(3)):
+    path = [0]
+    for a in axes:
+        path.append(path[-1] | (1 << a))
+    tets.append(path)
+tets = np.array(tets)
+for t in tets:
+    if np.linalg.det(np.array([p[t[1]] - p[t[0]], p[t[2]] - p[t[0]], p[t[3]] - p[t[0]]])) < 0:
+        t[1], t[2] = t[2], t[1]
+m = meshio.Mesh(p, [("tetra", tets)])
+meshio.write(sys.argv[1] + ".mesh", m)
+meshio.write(sys.argv[1] + ".vtu", m, binary=False)
+meshio.write(sys.argv[1] + ".msh", m, file_format="gmsh", binary=False)
+)";
+
+// Catches tets written, read or judged in the library's own orientation instead of the
+// right-hand rule of the files, in any format or mode, as meshio sees them.
+TEST(VoxfillCli, TetsArePositiveForAnIndependentReader) {
+  const std::string python = python_with_meshio();
+  if (python.empty())
+    GTEST_SKIP() << "meshio is not installed (Debian package python3-meshio): the orientation "
+                    "of written tets cannot be checked by an independent reader";
+  const std::string cloud = lattice_xyz("orient.xyz", 4), out = in_folder("orient.");
+  for (const char* ext : {"mesh", "vtu", "msh"})
+    ASSERT_EQ(voxfill("delaunay " + cloud + " -q -o " + out + ext).status, 0) << ext;
+  ASSERT_EQ(
+      voxfill("delaunay " + cloud + " -q --no-positive-orientation -o " + out + "neg.mesh").status,
+      0);
+  std::istringstream counts(run_python(
+      python, count_inverted_py, out + "mesh " + out + "vtu " + out + "msh " + out + "neg.mesh"));
+  std::string path;
+  unsigned tets = 0, inverted = 0, files = 0;
+  while (counts >> path >> tets >> inverted) {
+    SCOPED_TRACE(path);
+    ++files;
+    EXPECT_GT(tets, 100u);
+    EXPECT_EQ(inverted, path == out + "neg.mesh" ? tets : 0u);
+  }
+  EXPECT_EQ(files, 4u);
+
+  // Positive tets written by meshio: info calls none inverted, and regularize (which reads
+  // the tets into the library) gives back positive ones.
+  const std::string cube = in_folder("meshio_cube");
+  run_python(python, write_cube_py, cube);
+  for (const char* ext : {".mesh", ".vtu", ".msh"}) {
+    SCOPED_TRACE(ext);
+    const result r = voxfill("info " + cube + ext);
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_NE(r.out.find("Volume          : 1.000000E+00\n"), std::string::npos) << r.out;
+    EXPECT_NE(r.out.find("below 0 (inverted)          0\n"), std::string::npos) << r.out;
+    const std::string again = in_folder("regularized.vtu");
+    EXPECT_LE(voxfill("regularize " + cube + ext + " -q -o " + again).status, 1);
+    std::istringstream back(run_python(python, count_inverted_py, again));
+    ASSERT_TRUE(back >> path >> tets >> inverted);
+    EXPECT_EQ(tets, 6u);
+    EXPECT_EQ(inverted, 0u);
+  }
+}
+
 // Catches bad command lines and unreadable inputs that do not exit with 3 and a message.
 TEST(VoxfillCli, BadCommandLinesExitWith3) {
   const std::string cloud = lattice_xyz("small.xyz", 3);

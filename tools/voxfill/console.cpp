@@ -84,7 +84,9 @@ void install_interrupt() {
   sigaction(SIGINT, &sa, nullptr);
 }
 
-void restore_interrupt() { std::signal(SIGINT, SIG_DFL); }
+void restore_interrupt() {
+  std::signal(SIGINT, SIG_DFL);
+}
 
 void print_text(void*, unsigned, const char* text) {
   std::fputs(text, stdout);

@@ -32,6 +32,14 @@ bool to_list(const std::vector<unsigned>& values, dense1D<unsigned>& list) {
   return true;
 }
 
+// The library calls a tet positive when det(n0 - n3, n1 - n3, n2 - n3) > 0, the files when
+// det(n1 - n0, n2 - n0, n3 - n0) > 0: the two disagree on every tet, and swapping local nodes 1
+// and 2 takes a tet from one to the other.
+void turn_over(dense2D<unsigned>& tets) {
+  if (tets.rows != 4) return;
+  for (unsigned t = 0; t < tets.cols; ++t) std::swap(tets(1, t), tets(2, t));
+}
+
 // The indices 0 .. count - 1 that `drop` does not hold.
 std::vector<unsigned> kept_indices(unsigned count, const dense1D<unsigned>& drop) {
   std::vector<unsigned> d(drop.begin(), drop.end()), kept;
@@ -100,6 +108,7 @@ int add_background(const job_options& o, mesher::data_type& data) {
     for (unsigned k = 0; k < 3; ++k) pos(k, n + j) = bg.pos[3 * j + k];
   for (unsigned t = 0; t < bg.tet_count(); ++t)
     for (unsigned k = 0; k < 4; ++k) tets(k, t) = n + bg.tets[4 * t + k];
+  turn_over(tets);
   for (unsigned j = 0; j < data.metrics.size && j < n; ++j) metrics[j] = data.metrics[j];
   for (unsigned j = 0; j < nb; ++j) metrics[n + j] = sizes[j];
   data.pos = pos;
@@ -186,12 +195,13 @@ bool fill_record(const mesh_file& in, unsigned mode, mesher::data_type& data) {
   if (!to_list(isolated, data.isolated_nodes)) return false;
   if (mode == 1) {
     if (!to_table(in.tets, 4, data.connectM)) return false;
+    turn_over(data.connectM);
     if (!in.tet_refs.empty() && !to_list(in.tet_refs, data.colors)) return false;
   }
   return true;
 }
 
-mesh_file mesh_of_record(const mesher::data_type& data, unsigned mode) {
+mesh_file mesh_of_record(const mesher::data_type& data, unsigned mode, bool positive) {
   mesh_file m;
   if (data.pos.rows == 3) {
     m.pos.resize(3 * std::size_t(data.pos.cols));
@@ -202,6 +212,8 @@ mesh_file mesh_of_record(const mesher::data_type& data, unsigned mode) {
   m.tets.resize(4 * std::size_t(T));
   for (unsigned t = 0; t < T; ++t)
     for (unsigned k = 0; k < 4; ++k) m.tets[4 * t + k] = data.connectM(k, t);
+  if (positive)
+    for (unsigned t = 0; t < T; ++t) std::swap(m.tets[4 * t + 1], m.tets[4 * t + 2]);
   if (data.colors.size == T) m.tet_refs.assign(data.colors.begin(), data.colors.end());
   if (data.connectE.rows == 2)
     for (unsigned e : kept_indices(data.connectE.cols, data.missing_edges))
@@ -226,6 +238,11 @@ int run_record(mesher::settings_type settings, mesher::data_type& data, const jo
       return fail(exit_bad_input, "cannot write the case file " + o.save_case);
     if (!o.quiet) std::printf("Case saved to %s\n", o.save_case.c_str());
   }
+  const std::string changed = changed_settings(settings);
+  // The tool turns the tets over itself, the same way in every mode: the library hands out
+  // positive ones.
+  const bool positive = settings.positive_orientation;
+  settings.positive_orientation = true;
   console c(o.quiet);
   c.attach(settings);
   install_interrupt();
@@ -235,7 +252,6 @@ int run_record(mesher::settings_type settings, mesher::data_type& data, const jo
         "%u tets\n",
         settings.mode, mode_name(settings.mode), data.pos.cols, data.connectB.cols,
         data.connectE.cols, data.isolated_nodes.size, data.connectM.cols);
-    const std::string changed = changed_settings(settings);
     std::printf("Settings: %s\n", changed.empty() ? "the defaults" : changed.c_str());
     std::fflush(stdout);
   }
@@ -257,7 +273,7 @@ int run_record(mesher::settings_type settings, mesher::data_type& data, const jo
   if (data.error_raised() && data.tet_count == 0) return status;
   if (outputs.empty()) return status;
   try {
-    const mesh_file m = mesh_of_record(data, settings.mode);
+    const mesh_file m = mesh_of_record(data, settings.mode, positive);
     for (const std::string& path : outputs) {
       std::string error;
       if (!mesh_io::write_mesh_file(path, m, error)) return fail(exit_bad_input, error);

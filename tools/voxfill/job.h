@@ -32,9 +32,9 @@ class job_options {
 };
 
 // Fills `data` for `mode` from the tables of a file: nodes; triangles as connectB, edges as
-// connectE and the hard nodes that neither hold as isolated_nodes; mode 1 the tets and their
-// colours; mode 2 every node that no triangle or edge holds joins isolated_nodes. False when
-// memory runs out.
+// connectE and the hard nodes that neither hold as isolated_nodes; mode 1 the tets, turned into
+// the library's orientation, and their colours; mode 2 every node that no triangle or edge holds
+// joins isolated_nodes. False when memory runs out.
 bool fill_record(const mesh_io::mesh_file& in, unsigned mode, mesher::data_type& data);
 // The mesh of a run as a file: the tets with their colours, the faces on the hull and between
 // colours, the hard edges and (but in mode 2, where every node is one) the hard nodes that the

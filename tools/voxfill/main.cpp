@@ -39,7 +39,7 @@ void add_settings(CLI::App* app, mesher::settings_type& s) {
   flag("--optim-hard-links,!--no-optim-hard-links", s.optim_hard_links,
        "the optimiser may work on edges that link hard entities");
   flag("--positive-orientation,!--no-positive-orientation", s.positive_orientation,
-       "tets of positive volume; off: turned over");
+       "tets of positive volume by the right-hand rule of the files; off: turned over");
   flag("--compute-qh,!--no-compute-qh", s.compute_Qh,
        "histogram of edge lengths in the size field");
   app->add_option("--nodes-limit", s.nodes_limit, "largest number of nodes in the mesh")

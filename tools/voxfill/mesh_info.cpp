@@ -78,7 +78,7 @@ void print_surface(const mesh_file& m) {
     for (unsigned k = 0; k < 3; ++k)
       edges.push_back({std::min(v[k], v[(k + 1) % 3]), std::max(v[k], v[(k + 1) % 3])});
     // Outward triangles enclose a positive volume: each spans a tet with the origin.
-    volume += mesh_io::tet_volume(x + 3 * v[0], x + 3 * v[1], x + 3 * v[2], origin);
+    volume += mesh_io::tet_volume(origin, x + 3 * v[0], x + 3 * v[1], x + 3 * v[2]);
   }
   std::sort(edges.begin(), edges.end());
   unsigned open = 0, crowded = 0;
