@@ -315,9 +315,10 @@ TEST(VoxfillCli, InputsReachTheRecord) {
   for (const char* job : {"mesh", "regularize", "delaunay"}) {
     SCOPED_TRACE(job);
     const std::string c = in_folder(std::string(job) + ".case");
+    const std::string hard = std::string(job) == "delaunay" ? " --hard-faces" : "";
     const result r =
         voxfill(std::string(job) + " " + surface + " -o " + in_folder("o.mesh") + " -q --metrics " +
-                sizes + " --background " + bg + " --optim-level 0 --save-case " + c);
+                sizes + " --background " + bg + " --optim-level 0 --save-case " + c + hard);
     EXPECT_LE(r.status, 2) << r.err;
     data_type d;
     ASSERT_GE(d.load(c.c_str()), 0);
@@ -342,6 +343,41 @@ TEST(VoxfillCli, InputsReachTheRecord) {
     ASSERT_EQ(d.background_mesh.cols, 1u);
     EXPECT_EQ(d.background_mesh(3, 0), 9u);
   }
+}
+
+// Catches a delaunay run that hands a surface's triangles to the library as hard faces
+// unasked (each closed surface then ends in warning -15 and exit status 1), or that drops them
+// when --hard-faces asks to keep them.
+TEST(VoxfillCli, DelaunayTakesTheNodesOfASurface) {
+  // A closed cube, outward, and a node inside.
+  const std::string cube = in_folder("cube.off");
+  write_text(cube,
+             "OFF\n9 6 0\n0 0 0\n1 0 0\n1 1 0\n0 1 0\n0 0 1\n1 0 1\n1 1 1\n0 1 1\n0.4 0.5 0.6\n"
+             "4 0 3 2 1\n4 4 5 6 7\n4 0 1 5 4\n4 1 2 6 5\n4 2 3 7 6\n4 3 0 4 7\n");
+  using data_type = kelvo::voxfill::mesher::data_type;
+  const std::string c = in_folder("cube.case");
+  result r = voxfill("delaunay " + cube + " -o " + in_folder("cube.mesh") + " --save-case " + c);
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(r.err, "");
+  EXPECT_NE(r.out.find("Taking the nodes only; --hard-faces keeps the triangles and edges\n"),
+            std::string::npos)
+      << r.out;
+  data_type d;
+  ASSERT_GE(d.load(c.c_str()), 0);
+  EXPECT_EQ(d.connectB.cols, 0u);
+  EXPECT_EQ(d.isolated_nodes.size, 9u);
+  mesh_file m;
+  std::string e;
+  ASSERT_TRUE(read_mesh_file(in_folder("cube.mesh"), m, e)) << e;
+  EXPECT_EQ(m.node_count(), 9u);
+
+  r = voxfill("delaunay " + cube + " -q -o " + in_folder("cube.mesh") + " --hard-faces " +
+              "--save-case " + c);
+  EXPECT_LE(r.status, 1) << r.err;
+  ASSERT_GE(d.load(c.c_str()), 0);
+  EXPECT_EQ(d.connectB.cols, 12u);
+  EXPECT_EQ(d.isolated_nodes.size, 1u);
+  EXPECT_EQ(voxfill("mesh " + cube + " -o " + in_folder("x.mesh") + " --hard-faces").status, 3);
 }
 
 // Catches a saved case that does not replay to the same mesh, bit for bit.

@@ -298,6 +298,15 @@ int run_file_job(unsigned mode, mesher::settings_type settings, const job_option
     return fail(exit_bad_input,
                 o.input + ": expected tetrahedra: 'regularize' improves a tet mesh");
   if (mode == 2 && !in.node_count()) return fail(exit_bad_input, o.input + ": expected nodes");
+  if (mode == 2 && !o.hard_faces && (in.triangle_count() || in.edge_count())) {
+    // The Delaunay mesh of a file's points is what is asked for: its faces, handed over as
+    // hard faces, would only draw warnings about the surface that they make.
+    in.triangles.clear();
+    in.triangle_refs.clear();
+    in.edges.clear();
+    if (!o.quiet)
+      std::printf("Taking the nodes only; --hard-faces keeps the triangles and edges\n");
+  }
 
   mesher::data_type data;
   if (!fill_record(in, mode, data)) return fail(exit_library_error, "out of memory");

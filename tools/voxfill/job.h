@@ -28,6 +28,7 @@ class job_options {
   std::string background;        // a tet mesh carrying sizes
   std::string background_sizes;  // its .sol file; empty: the background's stem + ".sol"
   bool quiet = false;            // no progress bar, no phase messages
+  bool hard_faces = false;       // delaunay: the file's triangles and edges stay hard
   int mode = -1;                 // replay: the mode to run; -1: told by the case
 };
 

@@ -109,6 +109,9 @@ int main(int argc, char** argv) {
       add_file_job(app, "regularize", "improve a tet mesh, colours kept (mode 1)", settings, o);
   CLI::App* delaunay = add_file_job(
       app, "delaunay", "Delaunay mesh of the nodes' convex hull (mode 2)", settings, o);
+  delaunay->add_flag("--hard-faces", o.hard_faces,
+                     "keep the file's triangles and edges as hard faces and edges (default: the "
+                     "nodes only)");
 
   CLI::App* demo =
       app.add_subcommand("demo", "mesh a built-in geometry; writes demo.vtu and demo.mesh");
