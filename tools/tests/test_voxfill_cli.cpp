@@ -380,6 +380,35 @@ TEST(VoxfillCli, DelaunayTakesTheNodesOfASurface) {
   EXPECT_EQ(voxfill("mesh " + cube + " -o " + in_folder("x.mesh") + " --hard-faces").status, 3);
 }
 
+// Catches a run that ends with no tets and calls it success, writing an empty mesh, and a mode
+// that the tool hands to the library although no job has that number.
+TEST(VoxfillCli, NoTetsIsNeverSuccess) {
+  // Nodes and nothing hard: neither mode 0 nor mode 2 has anything to mesh.
+  kelvo::voxfill::mesher::data_type d;
+  ASSERT_TRUE(d.pos.resize(3, 5));
+  for (unsigned j = 0; j < 5; ++j)
+    for (unsigned k = 0; k < 3; ++k) d.pos(k, j) = double((7 * j + 3 * k) % 5);
+  const std::string c = in_folder("nodes_only.case"), out = in_folder("empty.mesh");
+  d.save(c.c_str(), 16);
+  for (const char* mode : {"0", "2"}) {
+    SCOPED_TRACE(mode);
+    const result r = voxfill("replay " + c + " -q -o " + out + " --mode " + mode);
+    EXPECT_EQ(r.status, 2);
+    EXPECT_EQ(r.err,
+              std::string("voxfill: no tets came out of mode ") + mode + " (" +
+                  (mode[0] == '0' ? "volume mesh of a surface" : "Delaunay mesh of the nodes") +
+                  ") and the library gave no reason (nothing to mesh in the input, or a job "
+                  "that this version cannot do yet): nothing written\n");
+    EXPECT_FALSE(fs::exists(out));
+  }
+  for (const char* mode : {"7", "-1"}) {
+    const result r = voxfill("replay " + c + " -o " + out + " --mode " + mode);
+    EXPECT_EQ(r.status, 3);
+    EXPECT_EQ(r.err.rfind("--mode: Value " + std::string(mode) + " not in range 0 to 2", 0), 0u)
+        << r.err;
+  }
+}
+
 // Catches a saved case that does not replay to the same mesh, bit for bit.
 TEST(VoxfillCli, SaveCaseAndReplay) {
   const std::string cloud = lattice_xyz("replay.xyz", 4), c = in_folder("replay.case");

@@ -270,7 +270,17 @@ int run_record(mesher::settings_type settings, mesher::data_type& data, const jo
                      "): " + data.msg_text);
   else if (data.warning_raised())
     std::fprintf(stderr, "voxfill: warning %d (%s)\n", data.warning_code, data.msg_title);
-  if (data.error_raised() && data.tet_count == 0) return status;
+  if (data.tet_count == 0) {
+    // No tets is never a result, whatever the codes say.
+    if (data.error_raised()) return status;
+    if (data.warning_code == -10)
+      return fail(exit_library_error, "interrupted before any tet was made: nothing written");
+    return fail(exit_library_error,
+                std::string("no tets came out of mode ") + std::to_string(settings.mode) + " (" +
+                    mode_name(settings.mode) +
+                    ") and the library gave no reason (nothing to mesh in the input, or a job "
+                    "that this version cannot do yet): nothing written");
+  }
   if (outputs.empty()) return status;
   try {
     const mesh_file m = mesh_of_record(data, settings.mode, positive);

@@ -97,7 +97,7 @@ int main(int argc, char** argv) {
   CLI::App app{
       "voxfill: tetrahedral meshes of volumes, tet meshes and point clouds.\n"
       "Exit status: 0 success, 1 success with a warning, 2 the library raised an "
-      "error, 3 bad command line or unreadable input."};
+      "error or made no tets, 3 bad command line or unreadable input."};
   app.set_version_flag("--version", std::string("voxfill ") + kelvo::voxfill::version());
   app.require_subcommand(1);
   mesher::settings_type settings;
@@ -125,7 +125,8 @@ int main(int argc, char** argv) {
   CLI::App* replay = app.add_subcommand("replay", "load a saved case file and run it");
   replay->add_option("case", o.input, "case file written by --save-case")->required();
   replay->add_option("-o,--output", o.output, "output mesh (.mesh .vtu .msh)");
-  replay->add_option("--mode", o.mode, "0, 1 or 2; default: told by the case's tables");
+  replay->add_option("--mode", o.mode, "0, 1 or 2; default: told by the case's tables")
+      ->check(CLI::Range(0, 2));
   add_run_options(replay, settings, o);
 
   try {
