@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -14,6 +15,7 @@
 #include <random>
 #include <sstream>
 #include <string>
+#include <vector>
 
 #include "mesh_io/medit.h"
 #include "mesh_io/mesh_file.h"
@@ -504,6 +506,99 @@ TEST(VoxfillCli, InterruptWritesTheMeshSoFar) {
   EXPECT_NE(text.find("Wrote " + out + ": " + std::to_string(m.node_count()) + " nodes"),
             std::string::npos);
   fs::remove(cloud);
+}
+
+// Starts the tool with `args`, stdout into `out_fd`, stderr into `err_path`, SIGINT and SIGPIPE
+// at their default actions as in a shell. The process id, or -1.
+pid_t spawn_voxfill(const std::vector<std::string>& args, int out_fd, const std::string& err_path,
+                    int close_fd) {
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_adddup2(&actions, out_fd, STDOUT_FILENO);
+  if (close_fd >= 0) posix_spawn_file_actions_addclose(&actions, close_fd);
+  posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, err_path.c_str(),
+                                   O_WRONLY | O_CREAT | O_TRUNC, 0644);
+  posix_spawnattr_t attr;
+  posix_spawnattr_init(&attr);
+  sigset_t defaults;
+  sigemptyset(&defaults);
+  sigaddset(&defaults, SIGINT);
+  sigaddset(&defaults, SIGPIPE);
+  posix_spawnattr_setsigdefault(&attr, &defaults);
+  posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSIGDEF);
+  std::vector<std::string> all = {VOXFILL_BIN};
+  all.insert(all.end(), args.begin(), args.end());
+  std::vector<char*> argv;
+  for (std::string& a : all) argv.push_back(a.data());
+  argv.push_back(nullptr);
+  pid_t pid = -1;
+  if (posix_spawn(&pid, VOXFILL_BIN, &actions, &attr, argv.data(), environ) != 0) pid = -1;
+  posix_spawn_file_actions_destroy(&actions);
+  posix_spawnattr_destroy(&attr);
+  return pid;
+}
+
+// Catches a mesh lost to a reader of stdout that has gone (SIGPIPE), or to one Ctrl-C that comes
+// after the run but before the file is written.
+TEST(VoxfillCli, TheMeshOutlivesStdoutAndALateCtrlC) {
+  const std::string cloud = lattice_xyz("late.xyz", 5), err = in_folder("late_err.txt");
+  {
+    // `voxfill delaunay ... | head -1`, with a reader that is gone before the first line.
+    const std::string out = in_folder("piped.mesh");
+    int p[2];
+    ASSERT_EQ(pipe(p), 0);
+    close(p[0]);
+    const pid_t pid = spawn_voxfill({"delaunay", cloud, "-o", out}, p[1], err, -1);
+    close(p[1]);
+    ASSERT_GT(pid, 0);
+    int status = 0;
+    waitpid(pid, &status, 0);
+    ASSERT_TRUE(WIFEXITED(status)) << "signal " << WTERMSIG(status);
+    EXPECT_EQ(WEXITSTATUS(status), 0) << slurp(err);
+    mesh_file m;
+    std::string e;
+    ASSERT_TRUE(read_mesh_file(out, m, e)) << e;
+    EXPECT_EQ(m.node_count(), 125u);
+  }
+  // The output is a named pipe: the tool blocks in opening it once the run is over and its
+  // report printed, which is when Ctrl-C comes; only then is the pipe read.
+  const std::string fifo = in_folder("late.mesh");
+  ASSERT_EQ(mkfifo(fifo.c_str(), 0644), 0);
+  int p[2];
+  ASSERT_EQ(pipe(p), 0);
+  const pid_t pid = spawn_voxfill({"delaunay", cloud, "-o", fifo}, p[1], err, p[0]);
+  close(p[1]);
+  ASSERT_GT(pid, 0);
+  std::string text;
+  char buf[4096];
+  ssize_t n;
+  while (text.find("Total time") == std::string::npos && (n = read(p[0], buf, sizeof buf)) > 0)
+    text.append(buf, std::size_t(n));
+  ASSERT_NE(text.find("Total time"), std::string::npos) << text;
+  kill(pid, SIGINT);
+  // Read and write ends held here: opening never blocks, and the tool's exit tells the end.
+  const int f = open(fifo.c_str(), O_RDWR | O_NONBLOCK);
+  ASSERT_GE(f, 0);
+  std::string mesh;
+  int status = 0;
+  bool done = false;
+  while (true) {
+    while ((n = read(f, buf, sizeof buf)) > 0) mesh.append(buf, std::size_t(n));
+    if (done) break;
+    done = waitpid(pid, &status, WNOHANG) == pid;
+    if (!done) usleep(2000);
+  }
+  close(f);
+  while ((n = read(p[0], buf, sizeof buf)) > 0) text.append(buf, std::size_t(n));
+  close(p[0]);
+  ASSERT_TRUE(WIFEXITED(status)) << "signal " << WTERMSIG(status);
+  EXPECT_EQ(WEXITSTATUS(status), 0);
+  EXPECT_EQ(slurp(err), "voxfill: Ctrl-C after the run: the mesh is whole and written\n");
+  mesh_file m;
+  std::string e;
+  ASSERT_TRUE(read_mesh_bytes(file_format::medit, "late.mesh", mesh, m, e)) << e;
+  EXPECT_EQ(m.node_count(), 125u);
+  EXPECT_NE(text.find("Wrote " + fifo + ": 125 nodes"), std::string::npos) << text;
 }
 
 // Catches the OFF reader or the surface report failing on real surfaces users bring.

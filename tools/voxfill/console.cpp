@@ -75,6 +75,10 @@ void console::draw(double progress) {
   bar_shown = true;
 }
 
+bool interrupted() {
+  return interrupt_flag != 0;
+}
+
 void install_interrupt() {
   struct sigaction sa {};
   sa.sa_handler = on_sigint;

@@ -26,10 +26,13 @@ class console {
 };
 
 // Catches SIGINT: the first one makes the interrupt handler return true, the second one ends
-// the process at once (the handler is reset to the default action when it runs).
+// the process at once (the handler is reset to the default action when it runs). Installed
+// from the start of a run until its mesh is written, so that one Ctrl-C never costs the mesh.
 void install_interrupt();
-// Puts the default action back: after the run, Ctrl-C ends the process at once.
+// Puts the default action back: once the mesh is written, Ctrl-C ends the process at once.
 void restore_interrupt();
+// Whether a Ctrl-C came since install_interrupt.
+bool interrupted();
 
 // Writes text to standard output; a display handler for print_info.
 void print_text(void* pass_thru, unsigned level, const char* text);

@@ -228,6 +228,52 @@ mesh_file mesh_of_record(const mesher::data_type& data, unsigned mode, bool posi
   return m;
 }
 
+namespace {
+
+// The report and the codes of a finished run, then the mesh written to each of `outputs`. The
+// exit status.
+int report_and_write(const mesher::data_type& data, unsigned mode, bool positive, console& c,
+                     const std::vector<std::string>& outputs) {
+  c.clear_bar();
+  std::printf("\n");
+  data.print_info(print_text);
+  std::fflush(stdout);
+
+  int status = data.error_raised()     ? exit_library_error
+               : data.warning_raised() ? exit_warning
+                                       : exit_ok;
+  if (data.error_raised())
+    fail(status, "error " + std::to_string(data.error_code) + " (" + data.msg_title +
+                     "): " + data.msg_text);
+  else if (data.warning_raised())
+    std::fprintf(stderr, "voxfill: warning %d (%s)\n", data.warning_code, data.msg_title);
+  if (data.tet_count == 0) {
+    // No tets is never a result, whatever the codes say.
+    if (data.error_raised()) return status;
+    if (data.warning_code == -10)
+      return fail(exit_library_error, "interrupted before any tet was made: nothing written");
+    return fail(exit_library_error,
+                std::string("no tets came out of mode ") + std::to_string(mode) + " (" +
+                    mode_name(mode) +
+                    ") and the library gave no reason (nothing to mesh in the input, or a job "
+                    "that this version cannot do yet): nothing written");
+  }
+  if (outputs.empty()) return status;
+  try {
+    const mesh_file m = mesh_of_record(data, mode, positive);
+    for (const std::string& path : outputs) {
+      std::string error;
+      if (!mesh_io::write_mesh_file(path, m, error)) return fail(exit_bad_input, error);
+      std::printf("Wrote %s: %s\n", path.c_str(), describe(m).c_str());
+    }
+  } catch (const std::bad_alloc&) {
+    return fail(exit_library_error, "out of memory while writing the mesh");
+  }
+  return status;
+}
+
+}  // namespace
+
 int run_record(mesher::settings_type settings, mesher::data_type& data, const job_options& o,
                const std::vector<std::string>& outputs) {
   if (!o.save_case.empty()) {
@@ -256,42 +302,13 @@ int run_record(mesher::settings_type settings, mesher::data_type& data, const jo
     std::fflush(stdout);
   }
   mesher(settings).run(data);
+  const bool stopped = data.warning_code == -10;
+  const int status = report_and_write(data, settings.mode, positive, c, outputs);
+  // A Ctrl-C after the library's last poll stops nothing: the mesh is whole.
+  if (interrupted() && !stopped && status <= exit_warning)
+    std::fprintf(stderr, "voxfill: Ctrl-C after the run: the mesh is whole%s\n",
+                 outputs.empty() ? "" : " and written");
   restore_interrupt();
-  c.clear_bar();
-  std::printf("\n");
-  data.print_info(print_text);
-  std::fflush(stdout);
-
-  int status = data.error_raised()     ? exit_library_error
-               : data.warning_raised() ? exit_warning
-                                       : exit_ok;
-  if (data.error_raised())
-    fail(status, "error " + std::to_string(data.error_code) + " (" + data.msg_title +
-                     "): " + data.msg_text);
-  else if (data.warning_raised())
-    std::fprintf(stderr, "voxfill: warning %d (%s)\n", data.warning_code, data.msg_title);
-  if (data.tet_count == 0) {
-    // No tets is never a result, whatever the codes say.
-    if (data.error_raised()) return status;
-    if (data.warning_code == -10)
-      return fail(exit_library_error, "interrupted before any tet was made: nothing written");
-    return fail(exit_library_error,
-                std::string("no tets came out of mode ") + std::to_string(settings.mode) + " (" +
-                    mode_name(settings.mode) +
-                    ") and the library gave no reason (nothing to mesh in the input, or a job "
-                    "that this version cannot do yet): nothing written");
-  }
-  if (outputs.empty()) return status;
-  try {
-    const mesh_file m = mesh_of_record(data, settings.mode, positive);
-    for (const std::string& path : outputs) {
-      std::string error;
-      if (!mesh_io::write_mesh_file(path, m, error)) return fail(exit_bad_input, error);
-      std::printf("Wrote %s: %s\n", path.c_str(), describe(m).c_str());
-    }
-  } catch (const std::bad_alloc&) {
-    return fail(exit_library_error, "out of memory while writing the mesh");
-  }
   return status;
 }
 

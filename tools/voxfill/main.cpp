@@ -1,5 +1,6 @@
 // The voxfill command: subcommands, the library's settings as flags, and the exit status.
 #include <CLI/CLI.hpp>
+#include <csignal>
 #include <cstdio>
 #include <string>
 
@@ -94,6 +95,9 @@ CLI::App* add_file_job(CLI::App& app, const char* name, const char* help, mesher
 }  // namespace
 
 int main(int argc, char** argv) {
+  // A reader of stdout that goes away (`voxfill ... | head -1`) must not cost the mesh file:
+  // writes to stdout then fail quietly instead of killing the process.
+  std::signal(SIGPIPE, SIG_IGN);
   CLI::App app{
       "voxfill: tetrahedral meshes of volumes, tet meshes and point clouds.\n"
       "Exit status: 0 success, 1 success with a warning, 2 the library raised an "
