@@ -423,6 +423,40 @@ TEST(VoxfillCli, SaveCaseAndReplay) {
   EXPECT_EQ(slurp(in_folder("again.msh")), slurp(in_folder("direct.msh")));
 }
 
+// Catches a case file that cannot be written (a full disk) reported as saved, and a case file
+// written over a file that the run reads or writes.
+TEST(VoxfillCli, SaveCaseChecksItsWriteAndSparesTheInputs) {
+  const std::string cloud = lattice_xyz("spare.xyz", 3), out = in_folder("spare.mesh");
+  const std::string before = slurp(cloud);
+  const std::string full = in_folder("full.case");
+  fs::create_symlink("/dev/full", full);
+  result r = voxfill("delaunay " + cloud + " -o " + out + " --save-case " + full);
+  EXPECT_EQ(r.status, 3);
+  EXPECT_EQ(r.err, "voxfill: cannot write the case file " + full + ": No space left on device\n");
+  EXPECT_EQ(r.out.find("Case saved"), std::string::npos);
+
+  const std::string spelled = (folder() / "." / "spare.xyz").string();
+  r = voxfill("delaunay " + cloud + " -o " + out + " --save-case " + spelled);
+  EXPECT_EQ(r.status, 3);
+  EXPECT_EQ(r.err, "voxfill: --save-case " + spelled + " would overwrite the input " + cloud +
+                       ": give another file\n");
+  EXPECT_EQ(slurp(cloud), before);
+  r = voxfill("delaunay " + cloud + " -o " + out + " --save-case " + out);
+  EXPECT_EQ(r.status, 3);
+  EXPECT_EQ(r.err, "voxfill: --save-case " + out + " would overwrite the output " + out +
+                       ": give another file\n");
+
+  const std::string c = in_folder("spare.case");
+  ASSERT_EQ(voxfill("delaunay " + cloud + " -q -o " + out + " --save-case " + c).status, 0);
+  const std::string saved = slurp(c);
+  r = voxfill("replay " + c + " -q --save-case " + c);
+  EXPECT_EQ(r.status, 3);
+  EXPECT_EQ(slurp(c), saved);
+  kelvo::voxfill::mesher::data_type d;
+  EXPECT_GE(d.load(c.c_str()), 0);
+  EXPECT_EQ(d.isolated_nodes.size, 27u);
+}
+
 // Catches a demo that fails, writes nothing, or hides that it shows the Delaunay mesh; and
 // an info that misreads what was written.
 TEST(VoxfillCli, DemoAndInfo) {

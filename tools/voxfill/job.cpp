@@ -1,9 +1,13 @@
 // One run of the mesher from the command line: the record from files, the run, the output.
 #include "job.h"
 
+#include <unistd.h>
+
 #include <algorithm>
+#include <cerrno>
 #include <charconv>
 #include <cstdio>
+#include <cstring>
 #include <filesystem>
 #include <new>
 
@@ -230,6 +234,59 @@ mesh_file mesh_of_record(const mesher::data_type& data, unsigned mode, bool posi
 
 namespace {
 
+// Whether two paths name one file, existing or not.
+bool same_file(const std::string& a, const std::string& b) {
+  std::error_code ec;
+  if (fs::equivalent(a, b, ec)) return true;
+  const fs::path ca = fs::weakly_canonical(a, ec);
+  if (ec) return false;
+  const fs::path cb = fs::weakly_canonical(b, ec);
+  return !ec && ca == cb;
+}
+
+// Saves the record to o.save_case, refusing to write over a file that the run reads or writes.
+// The library's save says nothing of failures, so it writes a private file first, and the bytes
+// go to the case file by writes that are checked, a full disk included. 0 or the exit status.
+int save_case(const mesher::data_type& data, const job_options& o,
+              const std::vector<std::string>& outputs) {
+  std::vector<std::pair<const char*, std::string>> files = {
+      {"the input", o.input}, {"the metrics", o.metrics}, {"the background mesh", o.background}};
+  if (!o.background.empty())
+    files.emplace_back("the background sizes",
+                       o.background_sizes.empty()
+                           ? fs::path(o.background).replace_extension(".sol").string()
+                           : o.background_sizes);
+  for (const std::string& out : outputs) files.emplace_back("the output", out);
+  for (const auto& [what, path] : files)
+    if (!path.empty() && same_file(o.save_case, path))
+      return fail(exit_bad_input, "--save-case " + o.save_case + " would overwrite " + what + " " +
+                                      path + ": give another file");
+
+  std::error_code ec;
+  const fs::path scratch =
+      fs::temp_directory_path(ec) / ("voxfill_case_" + std::to_string(getpid()) + ".tmp");
+  data.save(scratch.c_str(), 16);
+  std::string bytes, error;
+  const bool read = mesh_io::read_bytes(scratch.string(), bytes, error);
+  fs::remove(scratch, ec);
+  if (!read || bytes.empty())
+    return fail(exit_bad_input, "cannot write the case file " + o.save_case +
+                                    ": no room for a scratch copy in " +
+                                    scratch.parent_path().string());
+  errno = 0;
+  std::FILE* f = std::fopen(o.save_case.c_str(), "wb");
+  bool ok = f && std::fwrite(bytes.data(), 1, bytes.size(), f) == bytes.size();
+  int why = errno;
+  if (f && std::fclose(f) != 0 && ok) {
+    ok = false;
+    why = errno;
+  }
+  if (!ok)
+    return fail(exit_bad_input, "cannot write the case file " + o.save_case + ": " +
+                                    std::strerror(why ? why : EIO));
+  return 0;
+}
+
 // The report and the codes of a finished run, then the mesh written to each of `outputs`. The
 // exit status.
 int report_and_write(const mesher::data_type& data, unsigned mode, bool positive, console& c,
@@ -277,11 +334,7 @@ int report_and_write(const mesher::data_type& data, unsigned mode, bool positive
 int run_record(mesher::settings_type settings, mesher::data_type& data, const job_options& o,
                const std::vector<std::string>& outputs) {
   if (!o.save_case.empty()) {
-    std::error_code ec;
-    fs::remove(o.save_case, ec);
-    data.save(o.save_case.c_str(), 16);
-    if (!fs::exists(o.save_case, ec))
-      return fail(exit_bad_input, "cannot write the case file " + o.save_case);
+    if (const int r = save_case(data, o, outputs)) return r;
     if (!o.quiet) std::printf("Case saved to %s\n", o.save_case.c_str());
   }
   const std::string changed = changed_settings(settings);
