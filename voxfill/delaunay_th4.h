@@ -3,8 +3,11 @@
 #pragma once
 
 #include "delaunay/kernel_workspace.h"
+#include <memory>
+
 #include "delaunay/mesh_store.h"
 #include "voxfill/mesher_th4.h"
+#include "voxfill/refine/size_field.h"
 #include "voxfill/task_mgr.h"
 
 namespace kelvo::voxfill {
@@ -24,19 +27,27 @@ enum phase_index : unsigned {
 // All state of one run. The mesh store's tables are the engine's own fields.
 class th4_engine : public mesh_store {
  public:
+  // The size field over the mesh itself, made with the engine, and the field in force: the own
+  // one, or a field over a background mesh, which the engine then owns as well.
+  std::unique_ptr<voxfill::size_field> own_size_field;
+  voxfill::size_field* size_field = nullptr;
   mesher::settings_type settings;  // the run's copy; the run may change it
   Ptr<task_type> tasks;            // null outside of a run
   kernel_workspace kernel;         // scratch of the Delaunay kernel, handed to its every call
 
-  th4_engine() = default;
+  th4_engine();
+  ~th4_engine();
   th4_engine(const th4_engine&) = delete;
   th4_engine& operator=(const th4_engine&) = delete;
 
   // Clears the engine, puts the settings in order, makes the progress tree and the task manager,
   // runs the pipeline of `settings.mode`, and restores the settings.
   void run(mesher::data_type& data, refine_context& context);
+  // The same for a nested run on a fresh record: `data` is not cleared first, and only modes 1
+  // and 2 are run.
+  void run_inner(mesher::data_type& data);
 
-  // Empties every table and re-seeds the generators.
+  // Empties every table, re-seeds the generators, and puts the own size field back in force.
   void clear();
 
   // Pipelines of the three modes.
@@ -55,6 +66,8 @@ class th4_engine : public mesh_store {
   void empty_mesh();
   // Reverses every tet by swapping its local nodes 1 and 2 (and neighbours 1 and 2).
   void turn_all_tets();
+  // Histogram of the edge lengths in the size field, each edge of the live tets once.
+  void fill_histo_Qh(histogram& h) const;
   // Hands the tables to `data` by sharing and sets the counts and the quality histogram. False
   // when the new columns of `pos` could not be appended (everything else is set all the same).
   bool write_output(mesher::data_type& data, unsigned first_node);

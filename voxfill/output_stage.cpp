@@ -2,9 +2,14 @@
 // to share them, with counts, histogram and the final lists of missing entities.
 #include <algorithm>
 #include <cfloat>
+#include <cstdint>
+#include <new>
+#include <vector>
 
 #include "delaunay/geometry.h"
+#include "delaunay/tet_tables.h"
 #include "voxfill/delaunay_th4.h"
+#include "voxfill/optim/move_merit.h"
 
 namespace kelvo::voxfill {
 
@@ -130,6 +135,29 @@ bool th4_engine::write_output(mesher::data_type& data, unsigned first_node) {
   data.histo_Qs.clear_hits();
   data.histo_Qs.process(data.shape_qualities);
   return ok;
+}
+
+void th4_engine::fill_histo_Qh(histogram& h) const {
+  h.clear_hits();
+  // Each edge once: the node pairs of all live tets, sorted, each pair kept once.
+  std::vector<std::uint64_t> edges;
+  try {
+    edges.reserve(6 * std::size_t(tets.cols()));
+  } catch (const std::bad_alloc&) {
+    return;  // a histogram is not worth failing the run for
+  }
+  for (unsigned t = 0; t < tets.cols(); ++t) {
+    if (tet_deleted(t)) continue;
+    const unsigned* n = tets.row(t);
+    for (unsigned k = 0; k < 6; ++k) {
+      const unsigned a = n[tet_edge_nodes[k][0]], b = n[tet_edge_nodes[k][1]];
+      edges.push_back(a < b ? std::uint64_t(a) << 32 | b : std::uint64_t(b) << 32 | a);
+    }
+  }
+  std::sort(edges.begin(), edges.end());
+  edges.erase(std::unique(edges.begin(), edges.end()), edges.end());
+  for (const std::uint64_t e : edges)
+    h.process(metric_length(*this, unsigned(e >> 32), unsigned(e)));
 }
 
 void th4_engine::update_missing_lists(mesher::data_type& data) {

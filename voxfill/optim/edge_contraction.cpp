@@ -1,0 +1,222 @@
+// Contraction of a short edge onto its midpoint or onto a neighbour of one end.
+#include "voxfill/optim/edge_contraction.h"
+
+#include <algorithm>
+
+#include "delaunay/geometry.h"
+#include "delaunay/mesh_walks.h"
+#include "voxfill/optim/edge_code.h"
+#include "voxfill/optim/edge_split.h"
+
+namespace kelvo::voxfill {
+
+namespace {
+
+void sort_unique(dense1D<unsigned>& list) noexcept {
+  std::sort(list.begin(), list.end());
+  list.size = unsigned(std::unique(list.begin(), list.end()) - list.begin());
+}
+
+// The other nodes of the tets of `ball`, sorted, each once.
+void nodes_near(const mesh_store& m, unsigned node, const dense1D<unsigned>& ball,
+                dense1D<unsigned>& out) noexcept {
+  out.clear();
+  for (unsigned k = 0; k < ball.size; ++k) {
+    const unsigned* r = m.tets.row(ball[k]);
+    for (unsigned i = 0; i < 4; ++i)
+      if (r[i] != node) out.push_back(r[i]);
+  }
+  sort_unique(out);
+}
+
+double worst_quality(const mesh_store& m, const dense1D<unsigned>& tets) noexcept {
+  double q = 1.0;
+  for (unsigned k = 0; k < tets.size; ++k) q = std::min(q, m.tet_qualities[tets[k]]);
+  return q;
+}
+
+bool rows_of(const mesh_store& m, const dense1D<unsigned>& tets, dense2D<unsigned>& rows) noexcept {
+  if (!rows.resize(4, tets.size)) {
+    rows.resize(4, 0);
+    return false;
+  }
+  for (unsigned k = 0; k < tets.size; ++k) std::copy_n(m.tets.row(tets[k]), 4, rows.col(k));
+  return true;
+}
+
+void clear_candidate(contraction_candidate& out) noexcept {
+  out.old_tets.clear();
+  out.old_rows.resize(4, 0);
+  out.new_rows.resize(4, 0);
+  out.new_qualities.clear();
+  out.kept_node = NONE;
+  out.made_node = false;
+}
+
+}  // namespace
+
+bool collapse_onto(move_record& mr, unsigned a, unsigned b, unsigned c,
+                   const dense1D<unsigned>& neighbours, double floor,
+                   const dense2D<unsigned>& old_rows, dense2D<unsigned>& rows,
+                   dense1D<double>& qualities, double& merit) noexcept {
+  const mesh_store& m = mr.store;
+  merit = 0.0;
+  qualities.clear();
+  if (!rows.resize(4, old_rows.cols)) return false;
+  unsigned kept = 0;
+  for (unsigned j = 0; j < old_rows.cols; ++j) {
+    const unsigned* r = old_rows.col(j);
+    unsigned hits = 0;
+    for (unsigned i = 0; i < 4; ++i) hits += (r[i] == a) + (r[i] == b) + (b != c && r[i] == c);
+    if (hits >= 2) continue;
+    unsigned* w = rows.col(kept++);
+    for (unsigned i = 0; i < 4; ++i) w[i] = r[i] == a || r[i] == b ? c : r[i];
+  }
+  rows.resize(4, kept);
+  double q = 1.0;
+  for (unsigned j = 0; j < kept; ++j) {
+    const unsigned* r = rows.col(j);
+    const double v = tet_quality(m.nodes.data, r[0], r[1], r[2], r[3]);
+    if (!(v > floor)) return false;
+    qualities.push_back(v);
+    q = std::min(q, v);
+  }
+  double s = 1.0;
+  if (kept >= 3 && mr.merit.shape_weight < 1.0) {
+    auto visit = [&](unsigned x) {
+      if (x != a && x != b && x != c) s = std::min(s, symmetric_length(m, c, x));
+    };
+    for (unsigned k = 0; k < neighbours.size; ++k) visit(neighbours[k]);
+    if (b == c)
+      for (unsigned j = 0; j < old_rows.cols; ++j) {
+        const unsigned* r = old_rows.col(j);
+        if (r[0] == b || r[1] == b || r[2] == b || r[3] == b)
+          for (unsigned i = 0; i < 4; ++i) visit(r[i]);
+      }
+  }
+  merit = mr.merit.merit_blend(s, q) * mr.merit.topology_factor(rows);
+  return merit > 1e-12;
+}
+
+bool contract_node(move_record& mr, unsigned node, const dense1D<unsigned>& neighbours,
+                   unsigned tries, double floor, const dense2D<unsigned>& old_rows,
+                   dense2D<unsigned>& rows, dense1D<double>& qualities, double& merit,
+                   unsigned& kept_node) noexcept {
+  const mesh_store& m = mr.store;
+  rows.resize(4, 0);
+  qualities.clear();
+  kept_node = NONE;
+  if (!old_rows.cols) return true;
+  if (!tries) return false;
+  mr.merit.merit_reference(old_rows);
+  // Nearest first, by metric length when sizes count, else by distance; ties by node.
+  dense1D<unsigned>& order = mr.order;
+  dense1D<double>& keys = mr.keys;
+  order.clear();
+  keys.clear();
+  for (unsigned k = 0; k < neighbours.size; ++k) {
+    const unsigned n = neighbours[k];
+    order.push_back(k);
+    keys.push_back(mr.merit.shape_weight < 1.0 ? metric_length(m, node, n)
+                                               : edge_length2(m.nodes.data, node, n));
+  }
+  if (order.size != neighbours.size || keys.size != neighbours.size) return false;
+  std::sort(order.begin(), order.end(), [&](unsigned x, unsigned y) {
+    return keys[x] < keys[y] || (keys[x] == keys[y] && neighbours[x] < neighbours[y]);
+  });
+  const unsigned count = std::min(tries, order.size);
+  for (unsigned k = 0; k < count; ++k) {
+    const unsigned n = neighbours[order[k]];
+    double value = 0.0;
+    if (collapse_onto(mr, node, n, n, neighbours, floor, old_rows, mr.trial_rows,
+                      mr.trial_qualities, value) &&
+        value > merit && copy_candidate(mr.trial_rows, mr.trial_qualities, rows, qualities)) {
+      merit = value;
+      kept_node = n;
+      break;
+    }
+  }
+  return rows.cols > 0;
+}
+
+bool try_contract(move_record& mr, unsigned t, unsigned k, double s, double quality_factor,
+                  unsigned tries, bool insert, contraction_candidate& out, double& gain) noexcept {
+  mesh_store& m = mr.store;
+  move_merit& merit = mr.merit;
+  clear_candidate(out);
+  unsigned a, b;
+  edge_nodes(m, t, k, a, b);
+  const bool free_a = !mr.settled(a), free_b = !mr.settled(b);
+  if (!free_a && !free_b) return false;
+
+  double s_a = s, s_b = s, q_a = 1.0, q_b = 1.0;
+  auto survey = [&](unsigned e, unsigned o, dense1D<unsigned>& ball, dense1D<unsigned>& near,
+                    double& s_e, double& q_e) {
+    ball_of_node(m, e, t, ball);
+    nodes_near(m, e, ball, near);
+    if (merit.shape_weight < 1.0)
+      for (unsigned i = 0; i < near.size; ++i)
+        if (near[i] != o) s_e = std::min(s_e, symmetric_length(m, e, near[i]));
+    q_e = worst_quality(m, ball);
+  };
+  if (free_a) survey(a, b, mr.ball_a, mr.near_a, s_a, q_a);
+  if (free_b) survey(b, a, mr.ball_b, mr.near_b, s_b, q_b);
+
+  // Both ends onto a new node at the midpoint.
+  if (free_a && free_b && insert) {
+    const double floor = std::max(std::min(q_a, q_b) * quality_factor, 1e-12);
+    out.old_tets.clear();
+    for (unsigned i = 0; i < mr.ball_a.size; ++i) out.old_tets.push_back(mr.ball_a[i]);
+    for (unsigned i = 0; i < mr.ball_b.size; ++i) out.old_tets.push_back(mr.ball_b[i]);
+    sort_unique(out.old_tets);
+    mr.near.clear();
+    for (unsigned i = 0; i < mr.near_a.size; ++i) mr.near.push_back(mr.near_a[i]);
+    for (unsigned i = 0; i < mr.near_b.size; ++i) mr.near.push_back(mr.near_b[i]);
+    sort_unique(mr.near);
+    double p[3], h = 0.0;
+    split_point(mr, a, b, p, h);
+    const unsigned c =
+        rows_of(m, out.old_tets, out.old_rows) ? m.new_node(p[0], p[1], p[2], h) : NONE;
+    if (c != NONE) {
+      merit.add_valence_record(c);
+      const double m0 = merit.merit_blend(std::min(s_a, s_b), worst_quality(m, out.old_tets));
+      merit.merit_reference(out.old_rows);
+      double value = 0.0;
+      if (collapse_onto(mr, a, b, c, mr.near, floor, out.old_rows, mr.trial_rows,
+                        mr.trial_qualities, value) &&
+          value > m0 * gain &&
+          copy_candidate(mr.trial_rows, mr.trial_qualities, out.new_rows, out.new_qualities)) {
+        gain = value / m0;
+        out.kept_node = c;
+        out.made_node = true;
+        return true;
+      }
+      merit.clear_valence_record(c);
+      m.release_node(c);
+    }
+  }
+
+  // One end onto a neighbour.
+  auto onto_neighbour = [&](unsigned e, const dense1D<unsigned>& ball,
+                            const dense1D<unsigned>& near, double s_e, double q_e) {
+    out.old_tets.clear();
+    for (unsigned i = 0; i < ball.size; ++i) out.old_tets.push_back(ball[i]);
+    if (out.old_tets.size != ball.size || !rows_of(m, out.old_tets, out.old_rows)) return false;
+    const double floor = std::max(q_e * quality_factor, 1e-12);
+    const double m0 = merit.merit_blend(s_e, q_e);
+    double value = m0 * gain;
+    if (contract_node(mr, e, near, tries, floor, out.old_rows, out.new_rows, out.new_qualities,
+                      value, out.kept_node) &&
+        out.new_rows.cols) {
+      gain = value / m0;
+      return true;
+    }
+    return false;
+  };
+  if (free_a && onto_neighbour(a, mr.ball_a, mr.near_a, s_a, q_a)) return true;
+  if (free_b && onto_neighbour(b, mr.ball_b, mr.near_b, s_b, q_b)) return true;
+  clear_candidate(out);
+  return false;
+}
+
+}  // namespace kelvo::voxfill

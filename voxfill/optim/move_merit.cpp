@@ -1,0 +1,222 @@
+// Merit of a move: sizes, shape blend, and the topology factor with its valence records.
+#include "voxfill/optim/move_merit.h"
+
+#include <algorithm>
+#include <cmath>
+
+#include "delaunay/geometry.h"
+#include "delaunay/tet_tables.h"
+
+namespace kelvo::voxfill {
+
+double log_mean(double h1, double h2) noexcept {
+  const double lo = h1 < h2 ? h1 : h2, hi = h1 < h2 ? h2 : h1;
+  const double r = (hi - lo) / lo;
+  if (r >= 0.1) return lo * r / std::log(1.0 + r);
+  // The series of r / ln(1 + r) about 0: the formula above loses digits there.
+  const double x = r / 2;
+  return lo * (1 + x * (1 - (1.0 / 3 - (1.0 / 3 - 0.42222222222222217 * x) * x) * x));
+}
+
+double metric_length(const mesh_store& m, unsigned a, unsigned b) noexcept {
+  const double d = std::sqrt(edge_length2(m.nodes.data, a, b));
+  const double h = log_mean(m.node_sizes[a], m.node_sizes[b]);
+  return h > 0.0 ? d / h : 0.0;
+}
+
+double symmetric_length(const mesh_store& m, unsigned a, unsigned b) noexcept {
+  const double d = std::sqrt(edge_length2(m.nodes.data, a, b));
+  const double h = log_mean(m.node_sizes[a], m.node_sizes[b]);
+  if (d > h) return h / d;
+  return h > 0.0 ? d / h : 0.0;
+}
+
+namespace {
+using namespace geometry_detail;
+
+void unit_from(const double* p, const double* q, double* u) noexcept {
+  sub3(q, p, u);
+  const double n2 = dot3(u, u);
+  if (n2 != 0.0 && n2 != 1.0) {
+    const double s = 1.0 / std::sqrt(n2);
+    u[0] *= s, u[1] *= s, u[2] *= s;
+  }
+}
+}  // namespace
+
+double solid_angle(const double* p, const double* a, const double* b, const double* c) noexcept {
+  double u[3], v[3], w[3], vw[3];
+  unit_from(p, a, u);
+  unit_from(p, b, v);
+  unit_from(p, c, w);
+  cross3(v, w, vw);
+  const double uv[3] = {u[0] + v[0], u[1] + v[1], u[2] + v[2]};
+  const double vpw[3] = {v[0] + w[0], v[1] + w[1], v[2] + w[2]};
+  return 2.0 * std::atan2(dot3(u, vw), dot3(uv, vpw));
+}
+
+move_merit::move_merit(mesh_store& m) noexcept : store(m) {
+  std::fill_n(count_factors, 17, 1.0);
+}
+
+void move_merit::start_topology_terms() noexcept {
+  count_window = 4;
+  const double r = std::pow(0.9, 0.25);
+  count_factors[8] = 1.0;
+  for (int d = 1; d <= 8; ++d) {
+    const double f = std::pow(r, d < 4 ? d : 4);
+    count_factors[8 + d] = f;
+    count_factors[8 - d] = 1.0 / f;
+  }
+  worst_exponent = shape_weight;
+  mean_exponent = 2.5 * shape_weight;
+  hard_base = 0.4;
+}
+
+void move_merit::stop_topology_terms() noexcept {
+  count_window = 0;
+  std::fill_n(count_factors, 17, 1.0);
+  worst_exponent = mean_exponent = 0.0;
+  hard_base = 1.0;
+  old_hard_share = 0.0;
+  old_worst_fit = old_mean_fit = 1.0;
+  valence_records.clear_hard();
+}
+
+double move_merit::merit_blend(double s, double q) const noexcept {
+  if (shape_weight >= 1.0) return q;
+  return s * std::pow(q / s, shape_weight);
+}
+
+double move_merit::hard_share(const dense2D<unsigned>& rows) const noexcept {
+  double most = 0.0;
+  for (unsigned j = 0; j < rows.cols; ++j) {
+    const unsigned* r = rows.col(j);
+    unsigned h = 0;
+    for (unsigned k = 0; k < 4; ++k) h += store.hard_set.has_node(r[k]);
+    most = std::max(most, 0.25 * h);
+  }
+  return most;
+}
+
+void move_merit::collect_fit_nodes(const dense2D<unsigned>& rows) noexcept {
+  fit_nodes.clear();
+  for (unsigned j = 0; j < rows.cols; ++j)
+    for (unsigned k = 0; k < 4; ++k) fit_nodes.push_back(rows(k, j));
+  std::sort(fit_nodes.begin(), fit_nodes.end());
+  fit_nodes.size = unsigned(std::unique(fit_nodes.begin(), fit_nodes.end()) - fit_nodes.begin());
+}
+
+void move_merit::fits(bool trial, double& worst, double& mean) const noexcept {
+  worst = 1.0;
+  mean = 1.0;
+  double sum = 0.0;
+  unsigned count = 0;
+  for (unsigned k = 0; k < fit_nodes.size; ++k) {
+    const unsigned n = fit_nodes[k];
+    if (n >= valence_records.size) continue;
+    const topo_quality& r = valence_records[n];
+    const double f = valence_fit(r.angle, trial ? r.trial : r.count);
+    worst = std::min(worst, f);
+    sum += f;
+    ++count;
+  }
+  if (count) mean = sum / count;
+}
+
+void move_merit::merit_reference(const dense2D<unsigned>& old_rows) noexcept {
+  old_count = old_rows.cols;
+  if (valence_records.size && (worst_exponent != 0.0 || mean_exponent != 0.0)) {
+    // A failed copy leaves no old rows to take off: the trial counts then only grow, which
+    // makes the move look worse, never better.
+    if (!old_rows_copy.copy(old_rows)) old_rows_copy.clear();
+    collect_fit_nodes(old_rows);
+    fits(false, old_worst_fit, old_mean_fit);
+  }
+  if (hard_base != 1.0) old_hard_share = hard_share(old_rows);
+}
+
+double move_merit::topology_factor(const dense2D<unsigned>& new_rows) noexcept {
+  const unsigned c = std::clamp<long>(long(new_rows.cols), long(old_count) - long(count_window),
+                                      long(old_count) + long(count_window));
+  double factor = count_factors[8 + int(c) - int(old_count)];
+  if (valence_records.size && (worst_exponent != 0.0 || mean_exponent != 0.0)) {
+    double worst = 1.0, mean = 1.0;
+    if (new_rows.cols) {
+      collect_fit_nodes(new_rows);
+      topo_quality* rec = valence_records.begin();
+      const unsigned size = valence_records.size;
+      for (unsigned k = 0; k < fit_nodes.size; ++k)
+        if (fit_nodes[k] < size) rec[fit_nodes[k]].trial = rec[fit_nodes[k]].count;
+      auto shift = [&](const dense2D<unsigned>& rows, double by) {
+        for (unsigned j = 0; j < rows.cols; ++j)
+          for (unsigned k = 0; k < 4; ++k) {
+            const unsigned n = rows(k, j);
+            if (n < size) rec[n].trial = float(double(rec[n].trial) + by);
+          }
+      };
+      shift(new_rows, PI_OVER_5);
+      shift(old_rows_copy, -PI_OVER_5);
+      fits(true, worst, mean);
+    }
+    // A reference fit of 0 (a node without a tet) would make any change infinitely good.
+    if (old_mean_fit > 0.0) factor *= std::pow(mean / old_mean_fit, mean_exponent);
+    if (old_worst_fit > 0.0) factor *= std::pow(worst / old_worst_fit, worst_exponent);
+  }
+  if (hard_base != 1.0) factor *= std::pow(hard_base, hard_share(new_rows) - old_hard_share);
+  return factor;
+}
+
+bool move_merit::fill_valence_records() noexcept {
+  valence_records.clear();
+  if (!valence_records.resize(store.nodes.cols(), topo_quality{})) {
+    valence_records.clear();
+    return false;
+  }
+  const dense2D<double>& xyz = store.nodes.data;
+  topo_quality* rec = valence_records.begin();
+  for (unsigned t = 0; t < store.tets.cols(); ++t) {
+    if (!store.tet_in_domain(t)) continue;
+    const unsigned* n = store.tets.row(t);
+    for (unsigned i = 0; i < 4; ++i) {
+      // Seen from node i this turn makes the solid angle of a positive tet positive.
+      const unsigned* o = tet_turned_face_nodes[i];
+      rec[n[i]].angle +=
+          float(solid_angle(xyz.col(n[i]), xyz.col(n[o[0]]), xyz.col(n[o[1]]), xyz.col(n[o[2]])));
+      rec[n[i]].count += 0.62831855f;
+    }
+  }
+  return true;
+}
+
+void move_merit::add_valence_record(unsigned n) noexcept {
+  if (!valence_records.size) return;
+  if (n >= valence_records.size) {
+    unsigned room = 1;
+    while (room <= n + 1) room <<= 1;
+    if (!valence_records.reserve(room) || !valence_records.resize(n + 1, topo_quality{})) return;
+  }
+  valence_records[n] = topo_quality{12.566371f, 0.0f, 0.0f};
+}
+
+void move_merit::clear_valence_record(unsigned n) noexcept {
+  if (n < valence_records.size) valence_records[n] = topo_quality{};
+}
+
+void move_merit::commit_valence(const dense2D<unsigned>& old_rows,
+                                const dense2D<unsigned>& new_rows) noexcept {
+  if (!valence_records.size) return;
+  topo_quality* rec = valence_records.begin();
+  const unsigned size = valence_records.size;
+  auto shift = [&](const dense2D<unsigned>& rows, double by) {
+    for (unsigned j = 0; j < rows.cols; ++j)
+      for (unsigned k = 0; k < 4; ++k) {
+        const unsigned n = rows(k, j);
+        if (n < size) rec[n].count = float(double(rec[n].count) + by);
+      }
+  };
+  shift(old_rows, -PI_OVER_5);
+  shift(new_rows, PI_OVER_5);
+}
+
+}  // namespace kelvo::voxfill

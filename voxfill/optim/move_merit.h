@@ -1,0 +1,91 @@
+// The one scale on which local moves are compared: the worst shape quality blended with how well
+// the edges fit the sizes, times a factor for the topology (how many tets a move adds, how near
+// its nodes come to their natural number of tets, how much of a tet hangs on hard nodes).
+#pragma once
+
+#include "delaunay/mesh_store.h"
+#include "numcore/dense2D.h"
+
+namespace kelvo::voxfill {
+
+inline constexpr double PI_OVER_5 = 0.6283185307179586;
+
+// Per node: the solid angle round it (4 pi inside, less on the boundary), its tet count times
+// pi / 5 (same unit), and the count it would have after the move under evaluation. Three floats,
+// since the array is touched for every node of every candidate.
+struct topo_quality {
+  float angle = 0.0f;
+  float count = 0.0f;
+  float trial = 0.0f;
+};
+
+// At most 1, and 1 when the node has its natural number of tets.
+inline double valence_fit(double angle, double count) noexcept {
+  if (angle == count) return 1.0;
+  return angle < count ? angle / count : count / angle;
+}
+
+// Mean of two sizes along an edge whose size varies geometrically between them.
+double log_mean(double h1, double h2) noexcept;
+// Length of the edge over the mean of its nodes' sizes; 0.0 when the sizes give no mean.
+double metric_length(const mesh_store& m, unsigned a, unsigned b) noexcept;
+// The same, inverted when above 1: in [0, 1], 1 for a perfect fit.
+double symmetric_length(const mesh_store& m, unsigned a, unsigned b) noexcept;
+// Solid angle at p of the tet (p, a, b, c); positive for a positive tet.
+double solid_angle(const double* p, const double* a, const double* b, const double* c) noexcept;
+
+// Shape weight and merit terms. A regularizer holds one; so does a boundary recovery, with the
+// topology terms off and shape weight 1.
+struct move_merit {
+  mesh_store& store;
+  double shape_weight = 1.0;  // exponent of the shape in merit_blend
+  unsigned count_window = 0;
+  unsigned old_count = 0;
+  double count_factors[17];  // index d + 8 for a change of d tets, d in -8 .. 8
+  dense1D<topo_quality> valence_records;
+  double worst_exponent = 0.0;
+  double mean_exponent = 0.0;
+  double old_worst_fit = 1.0;
+  double old_mean_fit = 1.0;
+  dense2D<unsigned> old_rows_copy;
+  dense1D<unsigned> fit_nodes;
+  double hard_base = 1.0;
+  double old_hard_share = 0.0;
+
+  explicit move_merit(mesh_store& m) noexcept;
+  move_merit(const move_merit&) = delete;
+  move_merit& operator=(const move_merit&) = delete;
+
+  // Switches the topology factor on: the count window and factors, the valence exponents from
+  // the current shape weight, and the hard base. The valence records are filled separately.
+  void start_topology_terms() noexcept;
+  // Back to no topology factor; the records are let go.
+  void stop_topology_terms() noexcept;
+
+  // q^w s^(1 - w) for a worst quality q and a worst symmetric length s; q alone when w >= 1.
+  double merit_blend(double s, double q) const noexcept;
+  // A quarter per hard node of the row that has the most; 0.0 without rows.
+  double hard_share(const dense2D<unsigned>& rows) const noexcept;
+  // Remembers the old state that candidates are compared to.
+  void merit_reference(const dense2D<unsigned>& old_rows) noexcept;
+  // Count term x valence term x hard term of a candidate; 1.0 with the terms off.
+  double topology_factor(const dense2D<unsigned>& new_rows) noexcept;
+
+  // One record per node column from the live classified tets. False when memory ran out (the
+  // records are then empty, and the valence term is off).
+  bool fill_valence_records() noexcept;
+  // A fresh node: a full sphere round it and no tet yet.
+  void add_valence_record(unsigned n) noexcept;
+  void clear_valence_record(unsigned n) noexcept;
+  // After a move is done: the counts follow the exchange.
+  void commit_valence(const dense2D<unsigned>& old_rows,
+                      const dense2D<unsigned>& new_rows) noexcept;
+
+ private:
+  // Smallest and mean fit over fit_nodes, from `angle` and `count` (or `trial`).
+  void fits(bool trial, double& worst, double& mean) const noexcept;
+  // fit_nodes = the sorted distinct nodes of the rows.
+  void collect_fit_nodes(const dense2D<unsigned>& rows) noexcept;
+};
+
+}  // namespace kelvo::voxfill

@@ -1,0 +1,43 @@
+// The record that the moves of the optimiser work on for the time of one run: the engine, the
+// merit, the masks of what no move may touch, and the scratch of every move.
+#pragma once
+
+#include "voxfill/delaunay_th4.h"
+#include "voxfill/optim/edge_contraction.h"
+#include "voxfill/optim/move_merit.h"
+#include "voxfill/optim/move_record.h"
+#include "voxfill/optim/replace_tets.h"
+
+namespace kelvo::voxfill {
+
+class regularizer {
+ public:
+  th4_engine& engine;
+  Ptr<task_type> task;
+  move_merit merit;       // shape weight (1.0 until the driver sets it) and the merit terms
+  bit_set frozen_bits;    // tets that no move may touch
+  bit_set settled_nodes;  // nodes that no move may remove or smooth
+  move_record moves;      // pattern and contraction scratch
+  replace_scratch exchange;
+  bool moves_carry_sizes = false;  // a moved or new node gets a size
+  bool use_background = false;     // ... from the size field in force where it has one
+  bool topology_terms = false;     // the merit has its topology factor
+
+  // Scratch of one edge move.
+  dense1D<unsigned> shell_tets;
+  dense1D<unsigned> ring_nodes;
+  dense2D<unsigned> old_rows;
+  dense2D<unsigned> new_rows;
+  dense2D<unsigned> new_edges;
+  dense1D<double> new_qualities;
+  dense1D<unsigned> new_tets;
+  contraction_candidate contraction;
+
+  regularizer(th4_engine& e, bool carry_sizes, bool with_background, bool with_topology) noexcept;
+  regularizer(const regularizer&) = delete;
+  regularizer& operator=(const regularizer&) = delete;
+
+  bool frozen(unsigned t) const noexcept { return frozen_bits.test(t); }
+};
+
+}  // namespace kelvo::voxfill

@@ -1,0 +1,218 @@
+// Exchange of a set of tets: the old set's outer faces are found by pairing faces, the new rows are
+// paired with each other and with the outside, and only when everything fits are the tables
+// written.
+#include "voxfill/optim/replace_tets.h"
+
+#include <algorithm>
+
+#include "delaunay/keys.h"
+#include "delaunay/tet_tables.h"
+
+namespace kelvo::voxfill {
+
+namespace {
+
+face_key face_of(const dense2D<unsigned>& rows, unsigned code) noexcept {
+  const unsigned* r = rows.col(code >> 2);
+  const unsigned* f = tet_face_nodes[code & 3u];
+  return face_key{{r[f[0]], r[f[1]], r[f[2]]}};
+}
+
+// Pairs the listed coded faces of `s.star_tets` that have the same nodes in opposite turns;
+// `s.partner` gets each pair, NONE for a face left open. False when a face meets one of the same
+// turn, when a key comes up a third time, or when memory ran out.
+bool link_faces(replace_scratch& s, unsigned columns) noexcept {
+  s.partner.clear();
+  if (!s.partner.resize(4 * columns, NONE)) return false;
+  if (!s.face_link_table.build(s.codes.size)) return false;
+  const dense2D<unsigned>& rows = s.star_tets;
+  for (unsigned k = 0; k < s.codes.size; ++k) {
+    const unsigned code = s.codes[k];
+    const face_key key = face_of(rows, code);
+    const unsigned h = key_hash(key);
+    int turn = 0;
+    const unsigned p = s.face_link_table.find(h, [&](unsigned other) {
+      turn = compare_keys(face_of(rows, other), key);
+      return turn != 0;
+    });
+    if (p == NONE) {
+      if (!s.face_link_table.insert(code, h)) return false;
+      continue;
+    }
+    const unsigned other = s.face_link_table.store[p];
+    if (turn > 0 || s.partner[other] != NONE) return false;
+    s.partner[other] = code;
+    s.partner[code] = other;
+  }
+  return true;
+}
+
+// Room for `extra` more tet rows and `released` more free rows, so that the writing steps cannot
+// fail half way. Only capacities change.
+bool make_room(mesh_store& m, unsigned extra, unsigned released) noexcept {
+  const unsigned cols = m.tets.cols();
+  unsigned reusable = 0;
+  for (unsigned k = 0; k < m.tets.free_stack.size && reusable < extra; ++k)
+    reusable += m.tets.free_stack[k] < cols;
+  if (reusable < extra) {
+    const unsigned need = cols + extra;
+    if (m.tets.data.capacity_cols() < need || m.neighbors.data.capacity_cols() < need ||
+        m.colors.capacity() < need || m.tet_qualities.capacity() < need ||
+        m.tet_stamps.capacity() < need || m.marks.capacity() < need) {
+      const unsigned want = std::max(need, 2 * cols);
+      if (!m.tets.reserve(want) || !m.neighbors.reserve(want) || !m.colors.reserve(want) ||
+          !m.tet_qualities.reserve(want) || !m.tet_stamps.reserve(want))
+        return false;
+      if (m.marks.capacity() < need && !m.marks.reserve(std::max(want, m.marks.size))) return false;
+    }
+  }
+  if (released) {
+    for (slot_table<unsigned>* t : {&m.tets, &m.neighbors}) {
+      if (!t->free_stack.reserve(t->free_stack.size + released, 2) || !t->free_bits.grow(cols))
+        return false;
+    }
+  }
+  return true;
+}
+
+}  // namespace
+
+bool replace_tets(mesh_store& m, replace_scratch& s, const dense1D<unsigned>& old_tets,
+                  const dense2D<unsigned>& new_rows, const dense1D<double>& new_qualities,
+                  dense1D<unsigned>& new_tets) noexcept {
+  new_tets.clear();
+  const unsigned n = old_tets.size, nr = new_rows.cols;
+  if (n + nr == 0) return true;
+  if (n == 0 || new_qualities.size < nr || (nr && new_rows.rows != 4)) return false;
+  const unsigned colour = m.colors[old_tets[0]];
+  if (!new_tets.reserve(nr)) return false;
+  const unsigned limit = m.tets.cols();
+  for (unsigned i = 0; i < n; ++i)
+    if (old_tets[i] >= limit || m.tet_deleted(old_tets[i])) return false;
+
+  // Outer faces of the old set: those that find no partner inside it.
+  dense2D<unsigned>& star = s.star_tets;
+  if (!star.resize(4, n)) return false;
+  for (unsigned i = 0; i < n; ++i) std::copy_n(m.tets.row(old_tets[i]), 4, star.col(i));
+  s.codes.clear();
+  if (!s.codes.reserve(4 * (n > nr ? n : nr))) return false;
+  for (unsigned c = 0; c < 4 * n; ++c) s.codes.push_back(c);
+  if (!link_faces(s, n)) return false;
+
+  // Seen from the outside: the same face as 4 u + g of the tet u beyond it. A hull face has no
+  // such tet; it is kept as a stand-in column that holds only the face, turned, so that the new
+  // rows must leave exactly these faces on the hull.
+  m.bump_marks();
+  for (unsigned i = 0; i < n; ++i) m.mark(old_tets[i]);
+  s.outer_codes.clear();
+  s.hull_codes.clear();
+  for (unsigned c = 0; c < 4 * n; ++c) {
+    if (s.partner[c] != NONE) continue;
+    const unsigned t = old_tets[c >> 2];
+    const unsigned u = m.neighbors(c & 3u, t);
+    dense1D<unsigned>& list = u == NONE ? s.hull_codes : s.outer_codes;
+    unsigned code = c;
+    if (u != NONE) {
+      const unsigned g = m.neighbor_index(u, t);
+      if (g == 4 || m.marked(u)) return false;  // the mesh around the set is not consistent
+      code = 4 * u + g;
+    }
+    const unsigned before = list.size;
+    list.push_back(code);
+    if (list.size == before) return false;
+  }
+  std::sort(s.outer_codes.begin(), s.outer_codes.end());
+
+  // Columns: the new rows, each outside tet once, then the stand-ins of the hull faces. The outer
+  // codes now name columns.
+  s.outer_tets.clear();
+  for (unsigned k = 0; k < s.outer_codes.size; ++k) {
+    const unsigned u = s.outer_codes[k] >> 2;
+    if (!s.outer_tets.size || s.outer_tets.back() != u) {
+      const unsigned before = s.outer_tets.size;
+      s.outer_tets.push_back(u);
+      if (s.outer_tets.size == before) return false;
+    }
+    s.outer_codes[k] = 4 * (nr + s.outer_tets.size - 1) + (s.outer_codes[k] & 3u);
+  }
+  const unsigned first_hull = nr + s.outer_tets.size;
+  const unsigned columns = first_hull + s.hull_codes.size;
+  if (!star.resize(4, columns)) return false;
+  for (unsigned j = 0; j < nr; ++j) std::copy_n(new_rows.col(j), 4, star.col(j));
+  for (unsigned k = 0; k < s.outer_tets.size; ++k)
+    std::copy_n(m.tets.row(s.outer_tets[k]), 4, star.col(nr + k));
+  for (unsigned k = 0; k < s.hull_codes.size; ++k) {
+    const unsigned c = s.hull_codes[k];
+    const unsigned* r = m.tets.row(old_tets[c >> 2]);
+    const unsigned* f = tet_face_nodes[c & 3u];
+    unsigned* w = star.col(first_hull + k);
+    w[0] = NONE, w[1] = r[f[0]], w[2] = r[f[2]], w[3] = r[f[1]];  // face 0, turned
+  }
+
+  s.codes.clear();
+  if (!s.codes.reserve(4 * nr + s.outer_codes.size + s.hull_codes.size)) return false;
+  for (unsigned c = 0; c < 4 * nr; ++c) s.codes.push_back(c);
+  for (unsigned k = 0; k < s.outer_codes.size; ++k) s.codes.push_back(s.outer_codes[k]);
+  for (unsigned k = 0; k < s.hull_codes.size; ++k) s.codes.push_back(4 * (first_hull + k));
+  if (!link_faces(s, columns)) return false;
+
+  // Every face has to find its partner: then the new rows fill the old region exactly.
+  dense2D<unsigned>& nbr = s.star_neighbors;
+  if (!nbr.resize(4, first_hull)) return false;
+  for (unsigned j = 0; j < first_hull; ++j) std::fill_n(nbr.col(j), 4, NONE);
+  for (unsigned k = 0; k < s.codes.size; ++k) {
+    const unsigned c = s.codes[k], p = s.partner[c];
+    if (p == NONE) return false;
+    if ((c >> 2) < first_hull && (p >> 2) < first_hull) nbr(c & 3u, c >> 2) = p >> 2;
+  }
+  // No tet may have one neighbour through two faces.
+  for (unsigned j = 0; j < first_hull; ++j) {
+    const unsigned* r = nbr.col(j);
+    for (unsigned a = 0; a < 4; ++a)
+      for (unsigned b = a + 1; b < 4; ++b)
+        if (r[a] != NONE && r[a] == r[b]) return false;
+  }
+  const unsigned shared = n < nr ? n : nr;
+  if (!make_room(m, nr - shared, n - shared)) return false;
+
+  // From here on nothing can fail.
+  for (unsigned i = 0; i < shared; ++i) {
+    const unsigned t = old_tets[i];
+    const unsigned* old = m.tets.row(t);
+    for (unsigned k = 0; k < 4; ++k) m.ancestors[old[k]] = NONE;
+    m.set_tet_nodes(t, new_rows.col(i));
+    m.tet_qualities[t] = new_qualities[i];
+    m.tet_stamps[t] = m.tet_clock;
+    new_tets.push_back(t);
+  }
+  for (unsigned i = shared; i < nr; ++i) {
+    const unsigned* r = new_rows.col(i);
+    new_tets.push_back(m.new_tet(r[0], r[1], r[2], r[3], colour, new_qualities[i]));
+  }
+  for (unsigned i = shared; i < n; ++i) {
+    const unsigned t = old_tets[i];
+    const unsigned* old = m.tets.row(t);
+    for (unsigned k = 0; k < 4; ++k) m.ancestors[old[k]] = NONE;
+    m.release_tet(t);
+  }
+  auto tet_of_column = [&](unsigned j) { return j < nr ? new_tets[j] : s.outer_tets[j - nr]; };
+  for (unsigned j = 0; j < first_hull; ++j) {
+    const unsigned t = tet_of_column(j);
+    unsigned* row = m.neighbors.row(t);
+    const unsigned* r = nbr.col(j);
+    for (unsigned f = 0; f < 4; ++f) {
+      if (r[f] != NONE)
+        row[f] = tet_of_column(r[f]);
+      else if (j < nr)
+        row[f] = NONE;
+    }
+  }
+  for (unsigned j = 0; j < nr; ++j) {
+    const unsigned t = new_tets[j];
+    const unsigned* r = m.tets.row(t);
+    for (unsigned k = 0; k < 4; ++k) m.ancestors[r[k]] = t;
+  }
+  return true;
+}
+
+}  // namespace kelvo::voxfill

@@ -1,0 +1,183 @@
+// The triangulations of small rings and the search for the best one.
+#include "voxfill/optim/shell_reconnection.h"
+
+#include <algorithm>
+
+#include "delaunay/geometry.h"
+
+namespace kelvo::voxfill {
+
+namespace {
+
+// All triangulations of convex rings of 3 to 6 nodes. Their order decides between equal ones.
+constexpr shell_pattern patterns[] = {
+    // r = 3
+    {{{0, 1, 2}}, {}},
+    // r = 4
+    {{{0, 1, 2}, {0, 2, 3}}, {{0, 2}}},
+    {{{0, 1, 3}, {1, 2, 3}}, {{1, 3}}},
+    // r = 5
+    {{{0, 1, 2}, {0, 2, 3}, {0, 3, 4}}, {{0, 2}, {0, 3}}},
+    {{{0, 1, 2}, {0, 2, 4}, {2, 3, 4}}, {{0, 2}, {2, 4}}},
+    {{{1, 2, 3}, {0, 1, 3}, {0, 3, 4}}, {{1, 3}, {0, 3}}},
+    {{{1, 2, 3}, {1, 3, 4}, {0, 1, 4}}, {{1, 3}, {1, 4}}},
+    {{{2, 3, 4}, {1, 2, 4}, {0, 1, 4}}, {{2, 4}, {1, 4}}},
+    // r = 6
+    {{{0, 1, 2}, {0, 2, 3}, {0, 3, 4}, {0, 4, 5}}, {{0, 2}, {0, 3}, {0, 4}}},
+    {{{0, 1, 2}, {0, 2, 4}, {2, 3, 4}, {0, 4, 5}}, {{0, 2}, {2, 4}, {0, 4}}},
+    {{{0, 1, 2}, {0, 2, 5}, {2, 4, 5}, {2, 3, 4}}, {{2, 0}, {2, 4}, {2, 5}}},
+    {{{0, 1, 2}, {0, 2, 3}, {0, 3, 5}, {3, 4, 5}}, {{2, 0}, {0, 3}, {3, 5}}},
+    {{{0, 1, 2}, {0, 2, 5}, {2, 3, 5}, {3, 4, 5}}, {{0, 2}, {2, 5}, {5, 3}}},
+    {{{1, 2, 3}, {1, 3, 4}, {1, 4, 5}, {1, 5, 0}}, {{1, 3}, {1, 4}, {1, 5}}},
+    {{{1, 2, 3}, {1, 3, 5}, {3, 4, 5}, {1, 5, 0}}, {{1, 3}, {3, 5}, {5, 1}}},
+    {{{1, 2, 3}, {0, 1, 3}, {0, 3, 5}, {3, 4, 5}}, {{3, 1}, {3, 0}, {3, 5}}},
+    {{{1, 2, 3}, {1, 3, 4}, {1, 4, 0}, {0, 4, 5}}, {{0, 4}, {4, 1}, {1, 3}}},
+    {{{1, 2, 3}, {0, 1, 3}, {0, 3, 4}, {0, 4, 5}}, {{4, 0}, {0, 3}, {3, 1}}},
+    {{{2, 3, 4}, {1, 2, 4}, {0, 1, 4}, {0, 4, 5}}, {{4, 0}, {4, 1}, {4, 2}}},
+    {{{2, 3, 4}, {2, 4, 1}, {1, 4, 5}, {1, 5, 0}}, {{5, 1}, {1, 4}, {4, 2}}},
+    {{{2, 3, 4}, {2, 4, 5}, {2, 5, 1}, {1, 5, 0}}, {{1, 5}, {5, 2}, {2, 4}}},
+    {{{5, 3, 4}, {5, 2, 3}, {5, 1, 2}, {5, 0, 1}}, {{5, 1}, {5, 2}, {5, 3}}},
+};
+constexpr unsigned first_pattern[7] = {0, 0, 0, 0, 1, 3, 8};
+constexpr unsigned counts[7] = {0, 0, 0, 1, 2, 5, 14};
+
+// Quality of each row in order, stopping at the first at or under `limit`: the smallest, or
+// -1.0 when the pattern gave up.
+double qualities_above(const mesh_store& m, const dense2D<unsigned>& rows, double limit,
+                       dense1D<double>& out) noexcept {
+  out.clear();
+  double q = 1.0;
+  for (unsigned j = 0; j < rows.cols; ++j) {
+    const unsigned* r = rows.col(j);
+    const double v = tet_quality(m.nodes.data, r[0], r[1], r[2], r[3]);
+    out.push_back(v);
+    q = std::min(q, v);
+    if (!(q > limit)) return -1.0;
+  }
+  return q;
+}
+
+void clear_outputs(dense2D<unsigned>& rows, dense2D<unsigned>& edges,
+                   dense1D<double>& qualities) noexcept {
+  rows.resize(4, 0);
+  edges.resize(2, 0);
+  qualities.clear();
+}
+
+bool take(const dense2D<unsigned>& rows, const dense2D<unsigned>& edges,
+          const dense1D<double>& qualities, dense2D<unsigned>& new_rows,
+          dense2D<unsigned>& new_edges, dense1D<double>& new_qualities) noexcept {
+  if (!new_rows.resize(4, rows.cols) || !new_edges.resize(2, edges.cols) ||
+      !new_qualities.resize(qualities.size)) {
+    clear_outputs(new_rows, new_edges, new_qualities);
+    return false;
+  }
+  for (unsigned j = 0; j < rows.cols; ++j) std::copy_n(rows.col(j), 4, new_rows.col(j));
+  for (unsigned j = 0; j < edges.cols; ++j) std::copy_n(edges.col(j), 2, new_edges.col(j));
+  std::copy_n(qualities.begin(), qualities.size, new_qualities.begin());
+  return true;
+}
+
+}  // namespace
+
+unsigned pattern_count(unsigned r) noexcept {
+  return r < 7 ? counts[r] : 0;
+}
+
+const shell_pattern& pattern_of(unsigned r, unsigned p) noexcept {
+  return patterns[first_pattern[r] + p];
+}
+
+bool pattern_rows(unsigned a, unsigned b, const dense1D<unsigned>& ring, unsigned p,
+                  dense2D<unsigned>& rows, dense2D<unsigned>& edges) noexcept {
+  const unsigned r = ring.size;
+  if (p >= pattern_count(r)) return false;
+  const shell_pattern& pat = pattern_of(r, p);
+  if (!rows.resize(4, 2 * r - 4) || !edges.resize(2, r - 3)) return false;
+  for (unsigned t = 0; t + 2 < r; ++t) {
+    const unsigned i = ring[pat.triangles[t][0]], j = ring[pat.triangles[t][1]],
+                   k = ring[pat.triangles[t][2]];
+    unsigned* up = rows.col(2 * t);
+    up[0] = i, up[1] = j, up[2] = k, up[3] = a;
+    unsigned* down = rows.col(2 * t + 1);
+    down[0] = k, down[1] = j, down[2] = i, down[3] = b;
+  }
+  for (unsigned d = 0; d + 3 < r; ++d) {
+    edges(0, d) = ring[pat.diagonals[d][0]];
+    edges(1, d) = ring[pat.diagonals[d][1]];
+  }
+  return true;
+}
+
+void reconnect_patterns(move_record& mr, unsigned a, unsigned b, const dense1D<unsigned>& ring,
+                        double& best, unsigned& pattern, dense2D<unsigned>& new_rows,
+                        dense2D<unsigned>& new_edges, dense1D<double>& new_qualities) noexcept {
+  const double limit = best;
+  best = 0.0;
+  pattern = NONE;
+  clear_outputs(new_rows, new_edges, new_qualities);
+  const unsigned r = ring.size;
+  const mesh_store& m = mr.store;
+  move_merit& merit = mr.merit;
+  for (unsigned p = 0; p < pattern_count(r); ++p) {
+    if (!pattern_rows(a, b, ring, p, mr.trial_rows, mr.trial_edges)) return;
+    // Qualities first: most patterns give up at a tet, and then no logarithm is spent on sizes.
+    const double q = qualities_above(m, mr.trial_rows, limit, mr.trial_qualities);
+    if (q < 0.0) continue;
+    double s = 1.0;
+    if (merit.shape_weight < 1.0)
+      for (unsigned d = 0; d < mr.trial_edges.cols; ++d)
+        s = std::min(s, symmetric_length(m, mr.trial_edges(0, d), mr.trial_edges(1, d)));
+    const double value = merit.merit_blend(s, q) * merit.topology_factor(mr.trial_rows);
+    if (value > best + 1e-12 && take(mr.trial_rows, mr.trial_edges, mr.trial_qualities, new_rows,
+                                     new_edges, new_qualities)) {
+      best = value;
+      pattern = p;
+    }
+  }
+}
+
+void recover_patterns(move_record& mr, unsigned a, unsigned b, const dense1D<unsigned>& ring,
+                      const entity_set& wanted, std::uint32_t& pattern_mask, double& best,
+                      unsigned& pattern, dense2D<unsigned>& new_rows, dense2D<unsigned>& new_edges,
+                      dense1D<double>& new_qualities) noexcept {
+  const double limit = best;
+  best = 0.0;
+  pattern = NONE;
+  clear_outputs(new_rows, new_edges, new_qualities);
+  const unsigned r = ring.size;
+  const mesh_store& m = mr.store;
+  const move_merit& merit = mr.merit;
+  unsigned best_wanted = 0;
+  for (unsigned p = 0; p < pattern_count(r); ++p) {
+    const std::uint32_t bit = std::uint32_t(1) << p;
+    if (pattern_mask & bit) continue;
+    if (!pattern_rows(a, b, ring, p, mr.trial_rows, mr.trial_edges)) return;
+    unsigned count = 0;
+    for (unsigned d = 0; d < mr.trial_edges.cols; ++d)
+      count += wanted.has_edge(mr.trial_edges(0, d), mr.trial_edges(1, d));
+    if (count < best_wanted) continue;
+    const double q = qualities_above(m, mr.trial_rows, limit, mr.trial_qualities);
+    if (q < 0.0) {
+      pattern_mask |= bit;
+      continue;
+    }
+    pattern_mask &= ~bit;
+    double s = 1.0;
+    if (merit.shape_weight < 1.0)
+      for (unsigned d = 0; d < mr.trial_edges.cols; ++d) {
+        const unsigned u = mr.trial_edges(0, d), v = mr.trial_edges(1, d);
+        if (!wanted.has_edge(u, v)) s = std::min(s, symmetric_length(m, u, v));
+      }
+    const double value = merit.merit_blend(s, q);
+    const bool better = value > best + 1e-12 || (value > 1e-12 && count > best_wanted);
+    if (better && take(mr.trial_rows, mr.trial_edges, mr.trial_qualities, new_rows, new_edges,
+                       new_qualities)) {
+      best = value;
+      best_wanted = count;
+      pattern = p;
+    }
+  }
+}
+
+}  // namespace kelvo::voxfill
