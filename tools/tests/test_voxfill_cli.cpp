@@ -233,12 +233,87 @@ TEST(VoxfillCli, LibraryErrorsExitWith2) {
       << r.err;
   EXPECT_NE(r.out.find("Error: -107 (BOUNDARY ERROR)."), std::string::npos);
   EXPECT_FALSE(fs::exists(in_folder("flat.mesh")));  // nothing came back to write
+}
 
-  // A setting out of range reaches the library, which refuses it.
-  r = voxfill("delaunay " + lattice_xyz("small.xyz", 3) + " -o " + in_folder("w.mesh") +
-              " --shape-weight 1.5");
-  EXPECT_EQ(r.status, 2);
-  EXPECT_EQ(r.err.rfind("voxfill: error -101 (MODE ERROR): \nFile = ", 0), 0u) << r.err;
+// Catches errors -101, -102 and -103, which the library raises without words, reaching the user
+// without the setting, the table or the count that caused them.
+TEST(VoxfillCli, ErrorsWithoutWordsAreExplained) {
+  const std::string cloud = lattice_xyz("small.xyz", 3), out = in_folder("w.mesh");
+  struct error_case {
+    std::string args, message;
+  };
+  // Background sizes must be above 0; the background's nodes follow the cloud's 27.
+  write_text(in_folder("bg.mesh"),
+             "MeshVersionFormatted 2\nVertices\n4\n0 0 0 0\n2 0 0 0\n0 2 0 0\n0 0 2 0\n"
+             "Tetrahedra\n1\n1 2 4 3 0\nEnd\n");
+  write_text(in_folder("bg.sol"), "MeshVersionFormatted 2\nSolAtVertices\n4\n1 1\n9 0 9 9\nEnd\n");
+  // Cases that only a saved (or edited) record can hold.
+  kelvo::voxfill::mesher::data_type d;
+  ASSERT_TRUE(d.pos.resize(3, 4));
+  for (unsigned j = 0; j < 4; ++j)
+    for (unsigned k = 0; k < 3; ++k) d.pos(k, j) = j == k + 1 ? 1.0 : 0.0;
+  for (unsigned v : {0u, 1u, 2u, 3u, 9u}) d.isolated_nodes.push_back(v);
+  const std::string beyond = in_folder("beyond.case"), nodes = in_folder("nodes.case");
+  d.save(beyond.c_str(), 16);
+  d.isolated_nodes.resize(4);
+  d.save(nodes.c_str(), 16);
+  const std::string code = "voxfill: error ";
+  const error_case cases[] = {
+      {"delaunay " + cloud + " -o " + out + " --shape-weight 1.5",
+       code + "-101 (MODE ERROR): the settings fail their check (code -15): --shape-weight 1.5: "
+              "expected a value from 0 to 1\nFile = "},
+      {"delaunay " + cloud + " -o " + out + " --size-gradation -1",
+       code + "-101 (MODE ERROR): the settings fail their check (code -14): --size-gradation -1: "
+              "expected 0 or more\nFile = "},
+      {"delaunay " + cloud + " -o " + out + " --max-edge-length 0",
+       code + "-101 (MODE ERROR): the settings fail their check (code -16): --max-edge-length 0: "
+              "expected a value above 0\nFile = "},
+      {"delaunay " + cloud + " -o " + out + " --background " + in_folder("bg.mesh"),
+       code +
+           "-102 (DATA ERROR): the record fails its check (code -8): node 28 of the background "
+           "mesh has no size above 0 (metrics holds 0): every background node needs one\nFile = "},
+      {"replay " + beyond + " -o " + out,
+       code + "-102 (DATA ERROR): the record fails its check (code -4): the list of hard nodes "
+              "(isolated_nodes) holds node 9, beyond the 4 nodes\nFile = "},
+      {"replay " + nodes + " -o " + out + " --mode 1",
+       code + "-102 (DATA ERROR): mode 1 regularises the tets of the record (connectM), and it "
+              "holds none\nFile = "},
+      {"delaunay " + cloud + " -o " + out + " --nodes-limit 9",
+       code + "-103 (INSUFFICIENT NODES LIMIT): the input has 27 hard nodes, more than "
+              "--nodes-limit 9 allows\nFile = "},
+  };
+  for (const error_case& c : cases) {
+    const result r = voxfill(c.args + " -q");
+    EXPECT_EQ(r.status, 2) << c.args;
+    EXPECT_EQ(r.err.rfind(c.message, 0), 0u) << r.err;
+    EXPECT_FALSE(fs::exists(out));
+  }
+}
+
+// Catches values that the library takes but ignores or reads otherwise reaching it, instead of
+// being refused with the flag and what it takes.
+TEST(VoxfillCli, IgnoredSettingsAreRefused) {
+  const std::string run = "delaunay " + lattice_xyz("small.xyz", 3) + " -o " + in_folder("i.mesh");
+  const std::pair<const char*, const char*> cases[] = {
+      {"--optim-level 11",
+       "--optim-level 11: expected 0 to 10 (the optimiser has no level above "
+       "10)"},
+      {"--target-size nan", "--target-size nan: expected 0 (none) or a finite size"},
+      {"--target-size -2", "--target-size -2: expected 0 (none) or a finite size"},
+      {"--target-size inf", "--target-size inf: expected 0 (none) or a finite size"},
+      {"--size-gradation nan", "--size-gradation nan: expected a finite value"},
+      {"--max-edge-length inf", "--max-edge-length inf: expected a finite length"},
+      {"--progress-scale nan", "--progress-scale nan: expected a finite value"},
+      {"--progress-offset -inf", "--progress-offset -inf: expected a finite value"},
+      {"--subdomain-rule 3", "--subdomain-rule 3: expected 0, 1 or 2"},
+  };
+  for (const auto& [flag, message] : cases) {
+    const result r = voxfill(run + " " + flag);
+    EXPECT_EQ(r.status, 3) << flag;
+    EXPECT_EQ(r.err, std::string("voxfill: ") + message + "\n");
+  }
+  // The edges of what is taken.
+  EXPECT_EQ(voxfill(run + " -q --optim-level 10 --target-size 0 --subdomain-rule 2").status, 0);
 }
 
 // Catches outputs that disagree with each other or with the report, flags that do not reach

@@ -12,6 +12,7 @@
 #include <new>
 
 #include "console.h"
+#include "diagnosis.h"
 #include "mesh_io/medit.h"
 
 namespace kelvo::voxfill_tool {
@@ -289,8 +290,9 @@ int save_case(const mesher::data_type& data, const job_options& o,
 
 // The report and the codes of a finished run, then the mesh written to each of `outputs`. The
 // exit status.
-int report_and_write(const mesher::data_type& data, unsigned mode, bool positive, console& c,
-                     const std::vector<std::string>& outputs) {
+int report_and_write(const mesher::data_type& data, const mesher::settings_type& settings,
+                     bool positive, console& c, const std::vector<std::string>& outputs) {
+  const unsigned mode = settings.mode;
   c.clear_bar();
   std::printf("\n");
   data.print_info(print_text);
@@ -301,7 +303,7 @@ int report_and_write(const mesher::data_type& data, unsigned mode, bool positive
                                        : exit_ok;
   if (data.error_raised())
     fail(status, "error " + std::to_string(data.error_code) + " (" + data.msg_title +
-                     "): " + data.msg_text);
+                     "): " + error_words(settings, data) + data.msg_text);
   else if (data.warning_raised())
     std::fprintf(stderr, "voxfill: warning %d (%s)\n", data.warning_code, data.msg_title);
   if (data.tet_count == 0) {
@@ -356,7 +358,7 @@ int run_record(mesher::settings_type settings, mesher::data_type& data, const jo
   }
   mesher(settings).run(data);
   const bool stopped = data.warning_code == -10;
-  const int status = report_and_write(data, settings.mode, positive, c, outputs);
+  const int status = report_and_write(data, settings, positive, c, outputs);
   // A Ctrl-C after the library's last poll stops nothing: the mesh is whole.
   if (interrupted() && !stopped && status <= exit_warning)
     std::fprintf(stderr, "voxfill: Ctrl-C after the run: the mesh is whole%s\n",

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "demo_geometry.h"
+#include "diagnosis.h"
 #include "job.h"
 #include "mesh_info.h"
 
@@ -139,6 +140,9 @@ int main(int argc, char** argv) {
     const int r = app.exit(e);
     return r == 0 ? exit_ok : exit_bad_input;
   }
+  if (!info->parsed())
+    if (const std::string refused = refused_setting(settings); !refused.empty())
+      return fail(exit_bad_input, refused);
   if (mesh->parsed()) return run_file_job(0, settings, o);
   if (regularize->parsed()) return run_file_job(1, settings, o);
   if (delaunay->parsed()) return run_file_job(2, settings, o);
