@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <array>
 #include <map>
+#include <random>
 #include <vector>
 
 #include "delaunay/geometry.h"
@@ -57,6 +58,22 @@ inline bool load_output(mesh_store& m, const kelvo::voxfill::mesher::data_type& 
   return true;
 }
 
+// The Delaunay mesh of n random points in [-1, 1]^3, made through the public interface and
+// loaded as by load_output. False when the run or the loading failed.
+inline bool delaunay_cloud(mesh_store& m, unsigned n, unsigned seed) {
+  std::mt19937 rng(seed);
+  std::uniform_real_distribution<double> U(-1.0, 1.0);
+  kelvo::dense2D<double> pos(3, n);
+  for (unsigned j = 0; j < n; ++j)
+    for (unsigned i = 0; i < 3; ++i) pos(i, j) = U(rng);
+  kelvo::voxfill::mesher::data_type d(pos, kelvo::dense2D<unsigned>());
+  for (unsigned j = 0; j < n; ++j) d.isolated_nodes.push_back(j);
+  kelvo::voxfill::mesher run;
+  run.settings.mode = 2;
+  run.run(d);
+  return d.error_code == 0 && load_output(m, d);
+}
+
 // Unit cube, node x + 2y + 4z, split into six tets around the diagonal 0-7.
 inline void kuhn_cube(mesh_store& m) {
   std::vector<std::array<double, 3>> pts;
@@ -108,5 +125,35 @@ inline void kuhn_lattice(mesh_store& m, unsigned n) {
       }
   load_mesh(m, pts, tets);
 }
+
+// Everything a move may write, to compare before and after a refusal. Node rows added and freed
+// again by a losing candidate are allowed: they hold no tet.
+struct table_snapshot {
+  std::vector<unsigned> tets, neighbors, colors, stamps, ancestors;
+  std::vector<double> qualities, nodes;
+  unsigned node_cols = 0;
+  explicit table_snapshot(const mesh_store& m) : node_cols(m.nodes.cols()) {
+    for (unsigned t = 0; t < m.tets.cols(); ++t) {
+      tets.insert(tets.end(), m.tets.row(t), m.tets.row(t) + 4);
+      neighbors.insert(neighbors.end(), m.neighbors.row(t), m.neighbors.row(t) + 4);
+      colors.push_back(m.colors[t]);
+      stamps.push_back(m.tet_stamps[t]);
+      qualities.push_back(m.tet_qualities[t]);
+    }
+    for (unsigned n = 0; n < node_cols; ++n) {
+      ancestors.push_back(m.ancestors[n]);
+      if (m.ancestors[n] != NONE) nodes.insert(nodes.end(), m.nodes.row(n), m.nodes.row(n) + 3);
+    }
+  }
+  bool same_as(const mesh_store& m) const {
+    table_snapshot now(m);
+    for (unsigned n = node_cols; n < m.nodes.cols(); ++n)
+      if (!m.nodes.is_free(n) || m.ancestors[n] != NONE) return false;
+    now.ancestors.resize(node_cols);
+    return tets == now.tets && neighbors == now.neighbors && colors == now.colors &&
+           stamps == now.stamps && qualities == now.qualities && ancestors == now.ancestors &&
+           nodes == now.nodes;
+  }
+};
 
 }  // namespace fixtures

@@ -5,6 +5,7 @@
 // The replaced allocator pairs malloc with free on purpose.
 #pragma GCC diagnostic ignored "-Wmismatched-new-delete"
 
+#include <algorithm>
 #include <array>
 #include <cstdlib>
 #include <memory>
@@ -20,6 +21,7 @@
 #include "voxfill/delaunay_th4.h"
 #include "voxfill/kernel_task.h"
 #include "voxfill/mesher_th4.h"
+#include "voxfill/optim/edge_move.h"
 
 namespace {
 long allocations = 0;
@@ -228,4 +230,100 @@ TEST(StoreAllocation, KernelStartSurvivesEveryFailedAllocation) {
     const int code = run(k, used);
     EXPECT_TRUE(code == 0 || code == -199) << "allocation " << k << ": " << code;
   }
+}
+
+namespace {
+
+// Edges of the worst tets of a cloud mesh, with sizes, as a sweep would list them.
+std::vector<std::pair<unsigned, unsigned>> worst_edges(th4_engine& e, unsigned count) {
+  for (unsigned j = 0; j < e.nodes.cols(); ++j)
+    e.node_sizes[j] = 0.25 + 0.2 * (e.nodes.row(j)[0] + 1);
+  std::vector<unsigned> order;
+  for (unsigned t = 0; t < e.tets.cols(); ++t) order.push_back(t);
+  std::stable_sort(order.begin(), order.end(),
+                   [&](unsigned x, unsigned y) { return e.tet_qualities[x] < e.tet_qualities[y]; });
+  order.resize(std::min<std::size_t>(order.size(), count));
+  std::vector<std::pair<unsigned, unsigned>> edges;
+  for (const unsigned t : order)
+    for (unsigned k = 0; k < 6; ++k) edges.push_back({t, k});
+  return edges;
+}
+
+}  // namespace
+
+// A sequence of edge moves, each tried with its k-th allocation failing for every k it makes on
+// cold scratch: a refused move leaves every table as it was, a move done leaves a sound mesh.
+TEST(StoreAllocation, MovesSurviveEveryFailedAllocation) {
+  th4_engine e;
+  ASSERT_TRUE(fixtures::delaunay_cloud(e, 120, 4));
+  mesh_check_options options;
+  options.positive_quality = options.stored_qualities = true;
+  unsigned failures = 0, refusals = 0;
+  for (const auto& [t, k] : worst_edges(e, 25)) {
+    for (long fail = 0; fail < 400; ++fail) {
+      if (e.tet_deleted(t)) break;
+      const fixtures::table_snapshot before(e);
+      regularizer g(e, true, false, true);  // cold: every list grows on this move
+      g.merit.shape_weight = 0.6;
+      g.merit.start_topology_terms();
+      g.merit.fill_valence_records();
+      dense1D<unsigned> new_nodes;
+      unsigned left = 100;
+      double gain;
+      fail_countdown = fail;
+      const bool done =
+          edge_move(g, t, k, 0.6, 1.4, 6, false, true, 0.25, 1e-12, left, new_nodes, gain);
+      const bool failed = fail_countdown < 0;
+      fail_countdown = -1;
+      if (!failed) break;  // the move ran clean: the sweep goes on from its result
+      ++failures;
+      if (!done) {
+        ++refusals;
+        ASSERT_TRUE(before.same_as(e)) << "edge " << t << "/" << k << ", allocation " << fail;
+      } else {
+        const mesh_check_result c = check_mesh(e, options);
+        ASSERT_TRUE(c.ok) << c.text;
+      }
+    }
+  }
+  EXPECT_GT(failures, 100u);
+  EXPECT_GT(refusals, 50u);
+}
+
+// Once its lists are warm, a sweep of moves allocates nothing.
+TEST(StoreAllocation, WarmMovesAllocateNothing) {
+  th4_engine e;
+  ASSERT_TRUE(fixtures::delaunay_cloud(e, 300, 6));
+  const auto edges = worst_edges(e, 200);
+  // The tables and their free lists have room: what is left to allocate is the moves' own.
+  ASSERT_TRUE(e.reserve(4 * e.nodes.cols(), 4 * e.tets.cols()));
+  for (auto* stack : {&e.tets.free_stack, &e.neighbors.free_stack, &e.nodes.free_stack})
+    ASSERT_TRUE(stack->reserve(4 * e.tets.cols()));
+  regularizer g(e, true, false, true);
+  g.merit.shape_weight = 0.6;
+  g.merit.start_topology_terms();
+  ASSERT_TRUE(g.merit.fill_valence_records());
+  ASSERT_TRUE(g.merit.valence_records.reserve(4 * e.nodes.cols()));
+  dense1D<unsigned> new_nodes;
+  new_nodes.reserve(1000);
+  unsigned left = NONE, done = 0;
+  auto sweep = [&] {
+    for (const auto& [t, k] : edges) {
+      if (e.tet_deleted(t)) continue;
+      double gain;
+      done += edge_move(g, t, k, 0.6, 1.4, 6, false, true, 0.25, 1.001, left, new_nodes, gain);
+    }
+  };
+  sweep();  // warms the lists
+  for (int i = 0; i < 4; ++i) {
+    const unsigned first = done;
+    const long before = allocations;
+    sweep();
+    printf("sweep %d allocs %ld done %u\n", i, allocations - before, done - first);
+  }
+  const unsigned first = done;
+  const long before = allocations;
+  sweep();
+  EXPECT_EQ(allocations - before, 0);
+  EXPECT_GT(done - first, 0u);  // the second sweep did move
 }

@@ -137,7 +137,8 @@ TEST(DataType, ClearDataOut) {
   EXPECT_EQ(starts[1], 2u);
 }
 
-// Bin edges: a value on a lower bound goes into that bin; DBL_MAX as top catches every finite value.
+// Bin edges: a value on a lower bound goes into that bin; DBL_MAX as top catches every finite
+// value.
 TEST(DataType, HistogramBins) {
   data_type d;
   d.histo_Qs.process(0.1);
@@ -153,7 +154,8 @@ TEST(DataType, HistogramBins) {
   EXPECT_EQ(d.histo_Qs.min_value(), -0.5);
 }
 
-// The first error wins; a warning does not survive an error; an error after a warning takes the strings.
+// The first error wins; a warning does not survive an error; an error after a warning takes the
+// strings.
 TEST(DataType, RaisingRules) {
   using namespace kelvo::voxfill;
   data_type d;
@@ -164,9 +166,11 @@ TEST(DataType, RaisingRules) {
   EXPECT_STREQ(d.msg_text, "\nFile = voxfill/mesher_th4.cpp, line = 107.\n");
 
   data_type w;
-  record_warning(w.error_code, w.warning_code, w.msg_title, w.msg_text, message(msg::shape_quality_mode0));
+  record_warning(w.error_code, w.warning_code, w.msg_title, w.msg_text,
+                 message(msg::shape_quality_mode0));
   record_error(w.error_code, w.msg_title, w.msg_text, message(msg::degenerated_mode0));
-  record_warning(w.error_code, w.warning_code, w.msg_title, w.msg_text, message(msg::nodes_limit_warning));
+  record_warning(w.error_code, w.warning_code, w.msg_title, w.msg_text,
+                 message(msg::nodes_limit_warning));
   EXPECT_EQ(w.warning_code, -16);
   EXPECT_EQ(w.error_code, -108);
   EXPECT_STREQ(w.msg_title, "DEGENERATED ELEMENT");

@@ -63,36 +63,6 @@ double volume(const mesh_store& m) {
   return v / 6;
 }
 
-// Everything a move may write, to compare before and after a refusal. Node rows added and freed
-// again by a losing candidate are allowed: they hold no tet.
-struct snapshot {
-  std::vector<unsigned> tets, neighbors, colors, stamps, ancestors;
-  std::vector<double> qualities, nodes;
-  unsigned node_cols = 0;
-  explicit snapshot(const mesh_store& m) : node_cols(m.nodes.cols()) {
-    for (unsigned t = 0; t < m.tets.cols(); ++t) {
-      tets.insert(tets.end(), m.tets.row(t), m.tets.row(t) + 4);
-      neighbors.insert(neighbors.end(), m.neighbors.row(t), m.neighbors.row(t) + 4);
-      colors.push_back(m.colors[t]);
-      stamps.push_back(m.tet_stamps[t]);
-      qualities.push_back(m.tet_qualities[t]);
-    }
-    for (unsigned n = 0; n < node_cols; ++n) {
-      ancestors.push_back(m.ancestors[n]);
-      if (m.ancestors[n] != NONE) nodes.insert(nodes.end(), m.nodes.row(n), m.nodes.row(n) + 3);
-    }
-  }
-  bool same_as(const mesh_store& m) const {
-    snapshot now(m);
-    for (unsigned n = node_cols; n < m.nodes.cols(); ++n)
-      if (!m.nodes.is_free(n) || m.ancestors[n] != NONE) return false;
-    now.ancestors.resize(node_cols);
-    return tets == now.tets && neighbors == now.neighbors && colors == now.colors &&
-           stamps == now.stamps && qualities == now.qualities && ancestors == now.ancestors &&
-           nodes == now.nodes;
-  }
-};
-
 mesh_check_result full_check(const mesh_store& m) {
   mesh_check_options o;
   o.positive_quality = o.stored_qualities = true;
@@ -238,7 +208,7 @@ TEST(ReplaceTets, ExchangesKeepTheMeshAndRefusalsChangeNothing) {
         q.push_back(tet_quality(m.nodes.data, rows(0, j), rows(1, j), rows(2, j), rows(3, j)));
 
       // Rows that do not fit are refused with every table as it was.
-      const snapshot before(m);
+      const fixtures::table_snapshot before(m);
       auto refused = [&](const dense1D<unsigned>& old, const dense2D<unsigned>& bad,
                          const dense1D<double>& bq) {
         EXPECT_FALSE(replace_tets(m, s, old, bad, bq, fresh)) << "r = " << r;
@@ -469,18 +439,7 @@ namespace {
 // sizes, hard hull faces, hard nodes settled and a few hard inner edges.
 void real_mesh(th4_engine& e, unsigned n, unsigned seed,
                std::vector<std::array<unsigned, 2>>& hard_edges) {
-  std::mt19937 rng(seed);
-  std::uniform_real_distribution<double> U(-1.0, 1.0);
-  kelvo::dense2D<double> pos(3, n);
-  for (unsigned j = 0; j < n; ++j)
-    for (unsigned i = 0; i < 3; ++i) pos(i, j) = U(rng);
-  mesher::data_type d(pos, dense2D<unsigned>());
-  for (unsigned j = 0; j < n; ++j) d.isolated_nodes.push_back(j);
-  mesher run;
-  run.settings.mode = 2;
-  run.run(d);
-  ASSERT_EQ(d.error_code, 0);
-  ASSERT_TRUE(fixtures::load_output(e, d));
+  ASSERT_TRUE(fixtures::delaunay_cloud(e, n, seed));
   for (unsigned j = 0; j < e.nodes.cols(); ++j)
     e.node_sizes[j] = 0.25 + 0.2 * (e.nodes.row(j)[0] + 1);  // sizes grow along x
   for (unsigned t = 0; t < e.tets.cols(); ++t)
@@ -564,7 +523,7 @@ TEST(EdgeMove, SequencesOnARealMeshKeepEveryInvariant) {
         for (unsigned i = 0; i < ball.size; ++i)
           old_worst = std::min(old_worst, e.tet_qualities[ball[i]]);
       }
-      const snapshot before(e);
+      const fixtures::table_snapshot before(e);
       double gain = 0.0;
       ++e.tet_clock;
       const bool done =

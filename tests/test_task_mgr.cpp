@@ -25,8 +25,8 @@ struct fixture {
     settings.pass_thru = this;
     root = new progress_bar(offset, scale);
     root->add_phase_bars(phase_weights(mode), 6);
-    task = new task_type(&settings, root.get(), &data.error_code, &data.warning_code, data.msg_title,
-                         data.msg_text);
+    task = new task_type(&settings, root.get(), &data.error_code, &data.warning_code,
+                         data.msg_title, data.msg_text);
   }
   void hook() {
     settings.interrupt_hdl = [](void* p, double) {
@@ -70,7 +70,8 @@ TEST(ProgressBar, ValueRules) {
   EXPECT_DOUBLE_EQ(capped.value(), 0.5);
 }
 
-// must_stop: no handler means no stop; interruption overrides warnings; errors after it still count.
+// must_stop: no handler means no stop; interruption overrides warnings; errors after it still
+// count.
 TEST(TaskMgr, RaisingAndInterruption) {
   fixture f;
   EXPECT_FALSE(f.task->must_stop());
@@ -99,7 +100,8 @@ TEST(TaskMgr, RaisingAndInterruption) {
   EXPECT_TRUE(g.task->must_stop());
   EXPECT_EQ(g.polls, 0);  // with an error standing the caller is not polled
   EXPECT_EQ(g.data.error_code, -102);
-  EXPECT_STREQ(g.data.msg_text, "Illegal coordinates.\nFile = delaunay/delaunay_mgr.cpp, line = 469.\n");
+  EXPECT_STREQ(g.data.msg_text,
+               "Illegal coordinates.\nFile = delaunay/delaunay_mgr.cpp, line = 469.\n");
 }
 
 // The engine's copy of the settings is put in order for the run and the caller's is untouched.

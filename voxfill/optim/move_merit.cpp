@@ -127,9 +127,14 @@ void move_merit::fits(bool trial, double& worst, double& mean) const noexcept {
 void move_merit::merit_reference(const dense2D<unsigned>& old_rows) noexcept {
   old_count = old_rows.cols;
   if (valence_records.size && (worst_exponent != 0.0 || mean_exponent != 0.0)) {
-    // A failed copy leaves no old rows to take off: the trial counts then only grow, which
-    // makes the move look worse, never better.
-    if (!old_rows_copy.copy(old_rows)) old_rows_copy.clear();
+    // Into the buffer it already has, so that warm moves allocate nothing. A failed growth
+    // leaves no old rows to take off: the trial counts then only grow, which makes the move look
+    // worse, never better.
+    if (old_rows_copy.resize(4, old_rows.cols))
+      for (unsigned j = 0; j < old_rows.cols; ++j)
+        std::copy_n(old_rows.col(j), 4, old_rows_copy.col(j));
+    else
+      old_rows_copy.clear();
     collect_fit_nodes(old_rows);
     fits(false, old_worst_fit, old_mean_fit);
   }
