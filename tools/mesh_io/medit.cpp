@@ -242,8 +242,8 @@ bool read_sol(std::string_view name, std::string_view bytes, std::vector<double>
 }
 
 bool read_sol_file(const std::string& path, std::vector<double>& sizes, std::string& error) {
-  std::string bytes;
-  return read_bytes(path, bytes, error) && read_sol(path, bytes, sizes, error);
+  std::string bytes, scratch;
+  return read_bytes(path, bytes, error) && read_sol(path, plain_text(bytes, scratch), sizes, error);
 }
 
 bool write_sol(const std::string& path, const std::vector<double>& sizes, std::string& error) {

@@ -230,6 +230,13 @@ bool check_indices(std::string_view name, const mesh_file& m, std::string& error
 
 bool read_mesh_bytes(file_format f, std::string_view name, std::string_view bytes, mesh_file& m,
                      std::string& error) {
+  std::string scratch;
+  if (f == file_format::stl)
+    bytes = without_bom_before(bytes, "solid");
+  else if (f == file_format::ply)
+    bytes = without_bom_before(bytes, "ply");
+  else
+    bytes = plain_text(bytes, scratch);
   switch (f) {
     case file_format::medit:
       return read_medit(name, bytes, m, error);
@@ -267,11 +274,11 @@ bool read_mesh_file(const std::string& path, mesh_file& m, std::string& error) {
     if (f != file_format::ele) return read_mesh_bytes(f, path, bytes, m, error);
     // The nodes live in the .node file of the same stem.
     const std::string node_path = path.substr(0, path.size() - 3) + "node";
-    std::string node_bytes;
+    std::string node_bytes, node_scratch, ele_scratch;
     unsigned base = 0;
     return read_bytes(node_path, node_bytes, error) &&
-           read_node(node_path, node_bytes, m, error, &base) &&
-           read_ele(path, bytes, base, m, error);
+           read_node(node_path, plain_text(node_bytes, node_scratch), m, error, &base) &&
+           read_ele(path, plain_text(bytes, ele_scratch), base, m, error);
   } catch (const std::bad_alloc&) {
     error = "cannot read " + path + ": out of memory";
     return false;

@@ -22,6 +22,8 @@ bool read_off(std::string_view name, std::string_view bytes, mesh_file& m, std::
   text_scanner s(name, bytes, error);
   std::vector<std::string_view> t;
   if (!s.next_line(t) || !is_header(t[0])) return s.fail("the header OFF");
+  if (t.size() > 1 && same_word(t[1], "BINARY"))
+    return s.fail_at(s.tok_line, t[1], "an ASCII OFF file (binary OFF is not read)");
   // The counts may follow the header on its line.
   std::size_t first = 1;
   if (t.size() == 1) {

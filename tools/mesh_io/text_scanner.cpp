@@ -131,6 +131,31 @@ bool text_scanner::expect(std::string_view word) {
   return (next() && same_word(tok, word)) || fail(quote_word(word));
 }
 
+namespace {
+constexpr std::string_view bom = "\xEF\xBB\xBF";
+}  // namespace
+
+std::string_view plain_text(std::string_view bytes, std::string& scratch) {
+  if (bytes.substr(0, bom.size()) == bom) bytes.remove_prefix(bom.size());
+  bool lone = false;
+  for (std::size_t i = bytes.find('\r'); i != std::string_view::npos && !lone;
+       i = bytes.find('\r', i + 1))
+    lone = i + 1 == bytes.size() || bytes[i + 1] != '\n';
+  if (!lone) return bytes;
+  scratch.assign(bytes);
+  for (std::size_t i = 0; i < scratch.size(); ++i)
+    if (scratch[i] == '\r' && (i + 1 == scratch.size() || scratch[i + 1] != '\n'))
+      scratch[i] = '\n';
+  return scratch;
+}
+
+std::string_view without_bom_before(std::string_view bytes, std::string_view word) {
+  if (bytes.substr(0, bom.size()) == bom && bytes.size() >= bom.size() + word.size() &&
+      same_word(bytes.substr(bom.size(), word.size()), word))
+    bytes.remove_prefix(bom.size());
+  return bytes;
+}
+
 bool parse_uint(std::string_view s, unsigned& v) {
   if (!s.empty() && s[0] == '+') s.remove_prefix(1);
   const auto r = std::from_chars(s.data(), s.data() + s.size(), v);

@@ -52,6 +52,14 @@ class text_scanner {
   unsigned last_line() const;
 };
 
+// The text of a file without a UTF-8 byte-order mark, and with lone carriage returns (old Mac
+// line ends) read as line feeds, so that lines split and count as the user sees them. Copies
+// into `scratch` only when a carriage return stands alone.
+std::string_view plain_text(std::string_view bytes, std::string& scratch);
+// The bytes without a UTF-8 byte-order mark, when one stands before `word` (binary formats
+// whose text variant begins with that word).
+std::string_view without_bom_before(std::string_view bytes, std::string_view word);
+
 // Whole-token conversions; false when the token is not entirely a number of that kind.
 bool parse_uint(std::string_view s, unsigned& v);
 bool parse_int(std::string_view s, long long& v);

@@ -49,6 +49,11 @@ bool next_tag(text_scanner& s, xml_tag& tag) {
     }
     advance(s, lt - s.at);
     const std::string_view rest = s.text.substr(s.at);
+    if (rest.substr(0, 9) == "<![CDATA[") {
+      s.tok_line = s.line;
+      s.tok = rest.substr(0, 9);
+      return s.fail("ASCII numbers in the data arrays (CDATA sections are not read)");
+    }
     if (rest.substr(0, 4) == "<!--" || rest.substr(0, 2) == "<?" || rest.substr(0, 2) == "<!") {
       const std::string_view end = rest.substr(0, 4) == "<!--" ? "-->" : ">";
       const std::size_t e = rest.find(end);
@@ -187,7 +192,9 @@ bool read_vtu(std::string_view name, std::string_view bytes, mesh_file& m, std::
   std::vector<double> points, connectivity, offsets, types, colour;
   bool have_points = false, have_connectivity = false, have_offsets = false, have_types = false;
   unsigned pieces = 0, piece_line = 0;
-  std::string_view section;  // Points, Cells, CellData or empty
+  std::string_view declared_points, declared_cells;  // the Piece's counts
+  bool closed = false;                               // </VTKFile> seen: the file is whole
+  std::string_view section;                          // Points, Cells, CellData or empty
   while (next_tag(s, tag)) {
     if (tag.name == "AppendedData") {
       s.tok = tag.name;
@@ -201,7 +208,10 @@ bool read_vtu(std::string_view name, std::string_view bytes, mesh_file& m, std::
         return s.fail("a single Piece");
       }
       piece_line = tag.line;
+      declared_points = tag.attribute("NumberOfPoints");
+      declared_cells = tag.attribute("NumberOfCells");
     }
+    if (tag.name == "VTKFile" && tag.closing) closed = true;
     if (tag.name == "Points" || tag.name == "Cells" || tag.name == "CellData" ||
         tag.name == "PointData")
       section = tag.closing || tag.self_closing ? std::string_view() : tag.name;
@@ -230,6 +240,7 @@ bool read_vtu(std::string_view name, std::string_view bytes, mesh_file& m, std::
   s.tok = {};
   s.tok_line = s.line;
   if (!pieces) return s.fail("a Piece");
+  if (!closed) return s.fail("'</VTKFile>' (the file is cut short)");
   if (!have_points) return s.fail("a Points data array");
   if (!have_connectivity || !have_offsets || !have_types)
     return s.fail("the connectivity, offsets and types arrays of the Cells");
@@ -240,6 +251,17 @@ bool read_vtu(std::string_view name, std::string_view bytes, mesh_file& m, std::
   const std::size_t N = points.size() / 3;
   if (offsets.size() != types.size()) return s.fail("as many offsets as cell types");
   if (!colour.empty() && colour.size() != types.size()) return s.fail("one colour per cell");
+  // The Piece's counts, when given, must be what the arrays hold.
+  const auto count_fails = [&](std::string_view declared, std::size_t found, const char* what) {
+    unsigned n;
+    if (declared.empty() || (parse_uint(declared, n) && n == found)) return false;
+    error = std::string(name) + ":" + std::to_string(piece_line) + ": expected " + what + "=\"" +
+            std::string(declared) + "\" as the Piece says, found " + std::to_string(found);
+    return true;
+  };
+  if (count_fails(declared_points, N, "NumberOfPoints") ||
+      count_fails(declared_cells, types.size(), "NumberOfCells"))
+    return false;
   m.pos = std::move(points);
   double begin = 0.0;
   for (std::size_t c = 0; c < types.size(); ++c) {

@@ -307,6 +307,89 @@ TEST(MeshIo, MalformedFilesGetExactMessages) {
             ".ele, .xyz, .vtu or .msh");
 }
 
+// Catches files from other systems misread: a UTF-8 byte-order mark, old Mac line ends (a
+// lone CR), a .vtu whose counts or end do not match its arrays, CDATA, binary OFF.
+TEST(MeshIo, FilesFromOtherSystems) {
+  const std::string bom = "\xEF\xBB\xBF";
+  struct good_case {
+    file_format f;
+    std::string text;
+    unsigned nodes;
+  };
+  const good_case good[] = {
+      {file_format::xyz, bom + "0 0 0\n1 0 0\n", 2},
+      {file_format::xyz, "0 0 0\r1 0 0\r0 1 0\r", 3},
+      {file_format::xyz, "0 0 0\r\n1 0 0\r\n", 2},
+      {file_format::medit, bom + "MeshVersionFormatted 2\rVertices\r1\r0 0 0 0\rEnd\r", 1},
+      {file_format::off, bom + "OFF\r3 1 0\r0 0 0\r1 0 0\r0 1 0\r3 0 1 2\r", 3},
+      {file_format::stl,
+       bom + "solid s\nfacet normal 0 0 1\nouter loop\nvertex 0 0 0\nvertex 1 0 0\nvertex 0 1 0\n"
+             "endloop\nendfacet\nendsolid s\n",
+       3},
+      {file_format::ply,
+       bom + "ply\nformat ascii 1.0\nelement vertex 1\nproperty float x\nproperty float y\n"
+             "property float z\nend_header\n1 2 3\n",
+       1},
+  };
+  for (const good_case& c : good) {
+    SCOPED_TRACE(c.text);
+    mesh_file m;
+    std::string e;
+    ASSERT_TRUE(read_mesh_bytes(c.f, "a", c.text, m, e)) << e;
+    EXPECT_EQ(m.node_count(), c.nodes);
+  }
+
+  const std::string vtu = [] {
+    const std::string path = (temp_folder() / "quirks.vtu").string();
+    std::string e, bytes;
+    EXPECT_TRUE(write_mesh_file(path, sample(), e)) << e;
+    EXPECT_TRUE(read_bytes(path, bytes, e)) << e;
+    return bytes;
+  }();
+  const auto edited = [&](const std::string& from, const std::string& to) {
+    std::string t = vtu;
+    const std::size_t at = t.find(from);
+    EXPECT_NE(at, std::string::npos) << from;
+    return at == std::string::npos ? t : t.replace(at, from.size(), to);
+  };
+  const std::string numbers = "format=\"ascii\">\n";
+  const std::size_t points = vtu.find(numbers) + numbers.size();
+  struct bad_case {
+    file_format f;
+    std::string text;
+    std::string message;
+  };
+  const bad_case bad[] = {
+      {file_format::xyz, "0 0 0\r1 0\r", "a:2: expected 3 coordinates, found end of line"},
+      {file_format::vtu, edited("NumberOfPoints=\"6\"", "NumberOfPoints=\"400\""),
+       "a:4: expected NumberOfPoints=\"400\" as the Piece says, found 6"},
+      {file_format::vtu, edited("NumberOfCells=\"3\"", "NumberOfCells=\"2\""),
+       "a:4: expected NumberOfCells=\"2\" as the Piece says, found 3"},
+      {file_format::vtu, vtu.substr(0, vtu.find("Name=\"shape_quality\"")),
+       "a:38: expected '>', found end of file"},
+      {file_format::vtu,
+       vtu.substr(0, vtu.find("        </DataArray>\n        <DataArray type=\"Float64\"")),
+       "a:37: expected '</VTKFile>' (the file is cut short), found end of file"},
+      {file_format::vtu, vtu.substr(0, vtu.find("</CellData>")),
+       "a:43: expected '</VTKFile>' (the file is cut short), found end of file"},
+      {file_format::vtu, vtu.substr(0, vtu.find("</VTKFile>")),
+       "a:46: expected '</VTKFile>' (the file is cut short), found end of file"},
+      {file_format::vtu, vtu.substr(0, points) + "<![CDATA[0 0 0]]>" + vtu.substr(points),
+       "a:7: expected ASCII numbers in the data arrays (CDATA sections are not read), found "
+       "'<![CDATA['"},
+      {file_format::off, "OFF BINARY\n",
+       "a:1: expected an ASCII OFF file (binary OFF is not read), "
+       "found 'BINARY'"},
+  };
+  for (const bad_case& c : bad) {
+    mesh_file m;
+    std::string e;
+    EXPECT_FALSE(read_mesh_bytes(c.f, "a", c.text, m, e)) << c.message;
+    EXPECT_EQ(e, c.message);
+  }
+  fs::remove_all(temp_folder());
+}
+
 // Catches a quality measure that differs from the library's, or loses its sign or scale.
 TEST(MeshIo, ShapeQualityMatchesTheLibrary) {
   const double r = 1.0 / std::sqrt(2.0);

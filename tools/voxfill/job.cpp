@@ -63,6 +63,12 @@ std::string describe(const mesh_file& m) {
   return s;
 }
 
+// What a file at `path` holds of `m`: a .vtu file has the nodes and the tets only.
+std::string describe_written(const std::string& path, const mesh_file& m) {
+  if (mesh_io::format_of(path) != mesh_io::file_format::vtu) return describe(m);
+  return std::to_string(m.node_count()) + " nodes, " + std::to_string(m.tet_count()) + " tets";
+}
+
 const char* mode_name(unsigned mode) {
   switch (mode) {
     case 0:
@@ -323,7 +329,7 @@ int report_and_write(const mesher::data_type& data, const mesher::settings_type&
     for (const std::string& path : outputs) {
       std::string error;
       if (!mesh_io::write_mesh_file(path, m, error)) return fail(exit_bad_input, error);
-      std::printf("Wrote %s: %s\n", path.c_str(), describe(m).c_str());
+      std::printf("Wrote %s: %s\n", path.c_str(), describe_written(path, m).c_str());
     }
   } catch (const std::bad_alloc&) {
     return fail(exit_library_error, "out of memory while writing the mesh");
