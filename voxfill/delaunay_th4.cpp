@@ -15,14 +15,33 @@ const double* phase_weights(unsigned mode) noexcept {
   return kWeights[mode < 3 ? mode : 3];
 }
 
+th4_engine::th4_engine()
+    : own_size_field(std::make_unique<voxfill::size_field>(node_sizes, locator, colors, true,
+                                                           nullptr)),
+      size_field(own_size_field.get()) {}
+
+th4_engine::~th4_engine() {
+  tasks = nullptr;
+  if (size_field != own_size_field.get()) delete size_field;
+}
+
 void th4_engine::clear() {
   mesh_store::clear();
   kernel.clear();
+  if (size_field != own_size_field.get()) delete size_field;
+  size_field = own_size_field.get();
+  own_size_field->reseed();
 }
 
 void th4_engine::run(mesher::data_type& data, refine_context& context) {
-  const mesher::settings_type kept = settings;
   data.clear_data_out();
+  run_steps(data, &context);
+}
+
+void th4_engine::run_inner(mesher::data_type& data) { run_steps(data, nullptr); }
+
+void th4_engine::run_steps(mesher::data_type& data, refine_context* context) {
+  const mesher::settings_type kept = settings;
   clear();
 
   if (settings.front_as_background) settings.target_size = 0.0;
@@ -37,7 +56,7 @@ void th4_engine::run(mesher::data_type& data, refine_context& context) {
 
   switch (settings.mode) {
     case 0:
-      run_mesh_generation(data, context);
+      if (context) run_mesh_generation(data, *context);
       break;
     case 1:
       run_regularization(data);

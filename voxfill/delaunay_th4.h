@@ -2,9 +2,9 @@
 // share.
 #pragma once
 
-#include "delaunay/kernel_workspace.h"
 #include <memory>
 
+#include "delaunay/kernel_workspace.h"
 #include "delaunay/mesh_store.h"
 #include "voxfill/mesher_th4.h"
 #include "voxfill/refine/size_field.h"
@@ -49,6 +49,9 @@ class th4_engine : public mesh_store {
 
   // Empties every table, re-seeds the generators, and puts the own size field back in force.
   void clear();
+
+  // The run after the record's clearing; mode 0 only with a refinement context.
+  void run_steps(mesher::data_type& data, refine_context* context);
 
   // Pipelines of the three modes.
   void run_mesh_generation(mesher::data_type& data, refine_context& context);
