@@ -16,8 +16,8 @@ const double* phase_weights(unsigned mode) noexcept {
 }
 
 th4_engine::th4_engine()
-    : own_size_field(std::make_unique<voxfill::size_field>(node_sizes, locator, colors, true,
-                                                           nullptr)),
+    : own_size_field(
+          std::make_unique<voxfill::size_field>(node_sizes, locator, colors, true, nullptr)),
       size_field(own_size_field.get()) {}
 
 th4_engine::~th4_engine() {
@@ -38,7 +38,9 @@ void th4_engine::run(mesher::data_type& data, refine_context& context) {
   run_steps(data, &context);
 }
 
-void th4_engine::run_inner(mesher::data_type& data) { run_steps(data, nullptr); }
+void th4_engine::run_inner(mesher::data_type& data) {
+  run_steps(data, nullptr);
+}
 
 void th4_engine::run_steps(mesher::data_type& data, refine_context* context) {
   const mesher::settings_type kept = settings;
