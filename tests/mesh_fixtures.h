@@ -70,6 +70,7 @@ inline bool delaunay_cloud(mesh_store& m, unsigned n, unsigned seed) {
   for (unsigned j = 0; j < n; ++j) d.isolated_nodes.push_back(j);
   kelvo::voxfill::mesher run;
   run.settings.mode = 2;
+  run.settings.optim_level = 0;  // the Delaunay mesh, slivers and all
   run.run(d);
   return d.error_code == 0 && load_output(m, d);
 }

@@ -47,7 +47,7 @@ double det(const data_type& d, unsigned t) {
 // neighbour symmetry by face nodes, conformity, ancestors, the stored shape qualities and the
 // empty sphere across every interior face (the hull of a cloud is convex, so a locally Delaunay
 // mesh is Delaunay). Then what the checker does not see: volume, sizes, the histogram.
-void expect_valid_mesh(const data_type& d) {
+void expect_valid_mesh(const data_type& d, bool delaunay = true) {
   const unsigned m = d.connectM.cols;
   ASSERT_EQ(d.tet_count, m);
   ASSERT_EQ(d.neighbors.cols, m);
@@ -57,7 +57,8 @@ void expect_valid_mesh(const data_type& d) {
   kelvo::voxfill::mesh_store s;
   ASSERT_TRUE(fixtures::load_output(s, d));
   kelvo::voxfill::mesh_check_options all;
-  all.positive_quality = all.stored_qualities = all.empty_sphere = true;
+  all.positive_quality = all.stored_qualities = true;
+  all.empty_sphere = delaunay;
   const kelvo::voxfill::mesh_check_result r = kelvo::voxfill::check_mesh(s, all);
   EXPECT_TRUE(r.ok) << r.text;
   double volume = 0.0;
@@ -113,6 +114,7 @@ TEST(DelaunayPipeline, RandomCloud) {
   d.isolated_nodes.pop_back();
   mesher m;
   m.settings.mode = 2;
+  m.settings.optim_level = 0;
   m.settings.positive_orientation = false;
   m.run(d);
   ASSERT_EQ(d.error_code, 0);
@@ -131,6 +133,30 @@ TEST(DelaunayPipeline, RandomCloud) {
     for (unsigned k = 0; k < 4; ++k) EXPECT_EQ(again.connectM(k, t), d.connectM(k, t));
 }
 
+// The swap pass of the default level: the same nodes and volume, a worst tet no worse than the
+// Delaunay mesh's, still a sound mesh, and the same mesh on every run.
+TEST(DelaunayPipeline, SwapPassRaisesTheWorstTet) {
+  const auto pts = random_points(800, 12);
+  data_type delaunay = cloud(pts), swapped = cloud(pts), again = cloud(pts);
+  mesher m;
+  m.settings.mode = 2;
+  m.settings.optim_level = 0;
+  m.run(delaunay);
+  m.settings.optim_level = 3;
+  m.run(swapped);
+  m.run(again);
+  ASSERT_EQ(swapped.error_code, 0);
+  expect_valid_mesh(swapped, false);
+  EXPECT_GT(swapped.min_quality, delaunay.min_quality);
+  EXPECT_NEAR(swapped.volume, delaunay.volume, 1e-12 * delaunay.volume);
+  EXPECT_EQ(swapped.used_node_count, delaunay.used_node_count);
+  for (unsigned j = 0; j < pts.size(); ++j)
+    for (unsigned i = 0; i < 3; ++i) EXPECT_EQ(swapped.pos(i, j), pts[j][i]);
+  ASSERT_EQ(again.tet_count, swapped.tet_count);
+  for (unsigned t = 0; t < swapped.tet_count; ++t)
+    for (unsigned k = 0; k < 4; ++k) EXPECT_EQ(again.connectM(k, t), swapped.connectM(k, t));
+}
+
 // A duplicated node is missing: strict runs withdraw the conflict error and raise nothing;
 // non-strict runs warn.
 TEST(DelaunayPipeline, DuplicatedNodes) {
@@ -140,6 +166,7 @@ TEST(DelaunayPipeline, DuplicatedNodes) {
     data_type d = cloud(pts);
     mesher m;
     m.settings.mode = 2;
+    m.settings.optim_level = 0;
     m.settings.strict_constraints = strict;
     m.run(d);
     EXPECT_EQ(d.error_code, 0);
@@ -223,6 +250,7 @@ TEST(DelaunayPipeline, CallerNumberingKept) {
     std::vector<unsigned> iso_before(iso.begin(), iso.end());
     mesher m;
     m.settings.mode = 2;
+    m.settings.optim_level = 0;
     if (variant == 2) m.settings.interrupt_hdl = [](void*, double) { return true; };
     m.run(d);
     for (unsigned j = 0; j < 3; ++j) {

@@ -1,6 +1,5 @@
 // Mode 2: the Delaunay mesh of the convex hull of the hard nodes.
 #include <algorithm>
-#include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -15,15 +14,11 @@
 #include "voxfill/boundary/hard_entities.h"
 #include "voxfill/delaunay_th4.h"
 #include "voxfill/kernel_task.h"
+#include "voxfill/optim/regularize_mesh.h"
+#include "voxfill/run_clock.h"
 
 namespace kelvo::voxfill {
 namespace {
-
-double clock_now() {
-  using namespace std::chrono;
-  const auto ms = duration_cast<milliseconds>(system_clock::now().time_since_epoch()).count();
-  return double(ms / 1000) + 0.001 * double(ms % 1000);
-}
 
 // The nodes of the hard set in increasing order, and their bounding box.
 void hard_node_list(const mesh_store& m, dense1D<unsigned>& list, double lo[3], double hi[3]) {
@@ -158,7 +153,10 @@ void th4_engine::run_delaunay(mesher::data_type& data) {
   data.front_time = clock_now() - T;
   tasks->close_phase(phase_delaunay);
   T = clock_now();
-  if (settings.optim_level != 0 && !must_stop()) display("Regularize mesh.\n");
+  if (settings.optim_level != 0 && !must_stop()) {
+    display("Regularize mesh.\n");
+    swap_only_pass(*this, settings.optim_level);
+  }
   tasks->close_phase(phase_regularize);
   data.optim_time = clock_now() - T;
   if (data.error_code == 0) display("Finalize mesh.\n");

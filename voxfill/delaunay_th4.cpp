@@ -78,6 +78,5 @@ void th4_engine::run_steps(mesher::data_type& data, refine_context* context) {
 }
 
 void th4_engine::run_mesh_generation(mesher::data_type&, refine_context&) {}
-void th4_engine::run_regularization(mesher::data_type&) {}
 
 }  // namespace kelvo::voxfill

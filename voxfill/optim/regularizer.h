@@ -6,6 +6,7 @@
 #include "voxfill/optim/edge_contraction.h"
 #include "voxfill/optim/move_merit.h"
 #include "voxfill/optim/move_record.h"
+#include "voxfill/optim/node_smoothing.h"
 #include "voxfill/optim/replace_tets.h"
 
 namespace kelvo::voxfill {
@@ -32,6 +33,19 @@ class regularizer {
   dense1D<double> new_qualities;
   dense1D<unsigned> new_tets;
   contraction_candidate contraction;
+  node_smoother smoother;
+
+  // Scratch of the driver: the worst tets, their edge codes, the edges seen in a pick, the nodes
+  // made by the current sweep and by the one before, and a node mask.
+  dense1D<unsigned> worst;
+  dense1D<unsigned> edges;
+  dense1D<unsigned> pick_order;
+  dense1D<double> pick_keys;
+  edge_set seen_edges;
+  dense1D<unsigned> stage_nodes;
+  dense1D<unsigned> new_nodes;
+  dense1D<unsigned> last_new_nodes;
+  bit_set scratch_nodes;
 
   regularizer(th4_engine& e, bool carry_sizes, bool with_background, bool with_topology) noexcept;
   regularizer(const regularizer&) = delete;

@@ -1,0 +1,289 @@
+// Node smoothing by a weighted vote of the ball and a line search along it.
+#include "voxfill/optim/node_smoothing.h"
+
+#include <algorithm>
+#include <cfloat>
+#include <cmath>
+
+#include "delaunay/geometry.h"
+#include "delaunay/mesh_walks.h"
+#include "delaunay/tet_tables.h"
+#include "voxfill/optim/regularize_mesh.h"
+#include "voxfill/optim/regularizer.h"
+
+namespace kelvo::voxfill {
+
+namespace {
+
+using namespace geometry_detail;
+
+// q^w s^(1 - w), or q alone when w >= 1.
+double blend(double s, double q, double w) noexcept {
+  return w >= 1.0 ? q : s * std::pow(q / s, w);
+}
+
+unsigned local_index(const unsigned* row, unsigned node) noexcept {
+  for (unsigned i = 0; i < 4; ++i)
+    if (row[i] == node) return i;
+  return 4;
+}
+
+// Best place along a line of unit steps, kept in the outputs when it beats `best`.
+struct line_search {
+  regularizer& g;
+  unsigned node;
+  const double* start;
+  double start_size;
+  const double* step;
+  double weight;
+  bool use_ray;
+  unsigned steps;
+  double& best;
+  double* best_position;
+  double& best_size;
+};
+
+// The size on the surface of the ball beyond trial point P, and how far one step goes there.
+void prepare_ray(regularizer& g, const double* P) noexcept {
+  const mesh_store& m = g.engine;
+  size_ray& ray = g.smoother.ray;
+  ray.valid = false;
+  const dense2D<unsigned>& faces = ray.ball_faces;
+  for (unsigned j = 0; j < faces.cols; ++j) {
+    const unsigned* row = faces.col(j);
+    if (locate_side(m.nodes.data, P, row, 1e-10, 0) != -1) continue;
+    double w[3];
+    tet_barycentric(m.nodes.data, row[0], row[1], row[2], row[3], P, w);
+    ray.step_fraction = 1 - w[0];
+    double u = 0.0, v = 0.0;
+    if (ray.step_fraction > 0.0) {
+      u = std::clamp(w[1] / ray.step_fraction, 0.0, 1.0);
+      v = std::clamp(w[2] / ray.step_fraction, 0.0, 1.0);
+    }
+    const double h1 = m.node_sizes[row[1]], h2 = m.node_sizes[row[2]], h3 = m.node_sizes[row[3]];
+    const double size = h3 + (h1 - h3) * u + (h2 - h3) * v;
+    ray.valid = size > 0.0 && size < DBL_MAX;
+    if (ray.valid) {
+      ray.start_size = m.node_sizes[ray.node];
+      ray.end_size = size;
+    }
+    return;
+  }
+}
+
+void walk_line(line_search& w) noexcept {
+  regularizer& g = w.g;
+  th4_engine& m = g.engine;
+  node_smoother& sm = g.smoother;
+  double* p = m.nodes.row(w.node);
+  const double old[3] = {p[0], p[1], p[2]}, old_size = m.node_sizes[w.node];
+  double k = 1.0;
+  for (unsigned i = 0; i < w.steps; ++i) {
+    const double trial[3] = {w.start[0] + k * w.step[0], w.start[1] + k * w.step[1],
+                             w.start[2] + k * w.step[2]};
+    double size = w.start_size, h = 0.0;
+    if (g.use_background && g.moves.size_at && g.moves.size_at(g.moves.size_context, trial, h)) {
+      size = h;
+    } else if (w.use_ray) {
+      if (i == 0) prepare_ray(g, trial);
+      if (!sm.ray.valid) break;
+      const double t = sm.ray.step_fraction * k;
+      if (t > 1.0) break;
+      size = sm.ray.start_size + (sm.ray.end_size - sm.ray.start_size) * t;
+    }
+    p[0] = trial[0], p[1] = trial[1], p[2] = trial[2];
+    if (g.moves_carry_sizes) m.node_sizes[w.node] = size;
+    double merit = 0.0, q = 1.0;
+    sm.trial_qualities.clear();
+    for (unsigned j = 0; j < sm.ball_rows.cols; ++j) {
+      const unsigned* r = sm.ball_rows.col(j);
+      const double v = tet_quality(m.nodes.data, r[0], r[1], r[2], r[3]);
+      if (!(v > 1e-12)) {
+        q = -1.0;
+        break;
+      }
+      sm.trial_qualities.push_back(v);
+      q = std::min(q, v);
+    }
+    if (q > 0.0) {
+      double s = 1.0;
+      if (w.weight < 1.0)
+        for (unsigned e = 0; e < sm.ball_edges.cols; ++e)
+          s = std::min(s, symmetric_length(m, sm.ball_edges(0, e), sm.ball_edges(1, e)));
+      merit = blend(s, q, w.weight);
+    }
+    const bool improved = merit > w.best;
+    if (improved) {
+      std::copy_n(trial, 3, w.best_position);
+      w.best_size = size;
+      std::copy_n(sm.trial_qualities.begin(), sm.trial_qualities.size, sm.best_qualities.begin());
+      w.best = merit;
+      k += 1.0;
+    }
+    p[0] = old[0], p[1] = old[1], p[2] = old[2];
+    m.node_sizes[w.node] = old_size;
+    if (!improved) break;
+  }
+}
+
+// The vote of the ball and the line search along it: the gain, and the best place.
+double search_step(regularizer& g, unsigned node, double weight, const dense1D<unsigned>& ball,
+                   double* best_position, double& best_size) noexcept {
+  th4_engine& m = g.engine;
+  node_smoother& sm = g.smoother;
+  const double* p = m.nodes.row(node);
+  const double h = m.node_sizes[node];
+  double qmin = 1.0, W_sum = 0.0, D[3] = {0.0, 0.0, 0.0};
+  sm.ball_neighbors.clear();
+  m.bump_marks();
+  m.mark(node);
+  for (unsigned j = 0; j < ball.size; ++j) {
+    const unsigned* r = sm.ball_rows.col(j);
+    const double q = m.tet_qualities[ball[j]];
+    qmin = std::min(qmin, q);
+    double target[3];
+    apex_target(g, r, local_index(r, node), weight, h, target);
+    const double W = q > 0.001 ? 1.0 / (q * q) : 1000000.0;
+    W_sum += W;
+    for (unsigned c = 0; c < 3; ++c) D[c] += W * (target[c] - p[c]);
+    // Every neighbour of a closed ball is in three tets at least: the first two can be left out.
+    if (j < 2) continue;
+    for (unsigned i = 0; i < 4; ++i)
+      if (!m.marked(r[i])) {
+        m.mark(r[i]);
+        sm.ball_neighbors.push_back(r[i]);
+      }
+  }
+  double d2_min = DBL_MAX, d2_sum = 0.0, r_max = 1.0;
+  sm.ball_edges.resize(2, sm.ball_neighbors.size);
+  for (unsigned e = 0; e < sm.ball_neighbors.size; ++e) {
+    const unsigned b = sm.ball_neighbors[e];
+    sm.ball_edges(0, e) = node;
+    sm.ball_edges(1, e) = b;
+    const double d2 = edge_length2(m.nodes.data, node, b);
+    d2_min = std::min(d2_min, d2);
+    d2_sum += d2;
+    const double hb = m.node_sizes[b];
+    if (g.moves_carry_sizes && h > 0.0 && hb > 0.0) r_max = std::max({r_max, h / hb, hb / h});
+  }
+  double s_min = 1.0;
+  if (weight < 1.0)
+    for (unsigned e = 0; e < sm.ball_edges.cols; ++e)
+      s_min = std::min(s_min, symmetric_length(m, node, sm.ball_edges(1, e)));
+  const double rms = std::sqrt(d2_sum / ball.size);
+  if (W_sum > 0.0)
+    for (double& d : D) d /= W_sum;
+  double len = std::sqrt(dot3(D, D));
+  if (!(len >= 1e-12 * rms)) return 1.0;
+  if (len > rms) {
+    for (double& d : D) d *= rms / len;
+    len = rms;
+  }
+  double f = std::min(0.5 * std::sqrt(d2_min) / len, qmin) / r_max;
+  f = std::clamp(f, 0.0025, 0.25);
+  const unsigned K = unsigned(std::lround(1.0 / f)), N = std::min(K, 40u);
+  for (double& d : D) d /= K;
+  const bool use_ray = (r_max - 1) * len * N / K > 0.05 * rms;
+  if (use_ray) {
+    size_ray& ray = sm.ray;
+    ray.node = node;
+    ray.valid = false;
+    ray.ball_faces.resize(4, ball.size);
+    for (unsigned j = 0; j < ball.size; ++j) {
+      const unsigned* r = sm.ball_rows.col(j);
+      const unsigned i = local_index(r, node);
+      const unsigned* o = tet_turned_face_nodes[i];
+      unsigned* f4 = ray.ball_faces.col(j);
+      f4[0] = node, f4[1] = r[o[0]], f4[2] = r[o[2]], f4[3] = r[o[1]];
+    }
+  }
+  const double m0 = blend(s_min, qmin, weight);
+  double best = m0;
+  const double start[3] = {p[0], p[1], p[2]};
+  line_search w{g, node, start, h, D, weight, use_ray, N, best, best_position, best_size};
+  walk_line(w);
+  return best > m0 ? best / m0 : 1.0;
+}
+
+}  // namespace
+
+void apex_target(const regularizer& g, const unsigned* row, unsigned local, double weight,
+                 double size, double* target) noexcept {
+  const mesh_store& m = g.engine;
+  const unsigned* f = tet_face_nodes[local];
+  const double* a = m.nodes.row(row[f[0]]);
+  const double* b = m.nodes.row(row[f[1]]);
+  const double* c = m.nodes.row(row[f[2]]);
+  double N[3];
+  face_normal(a, b, c, N);
+  const double n2 = dot3(N, N);
+  if (n2 != 0.0 && n2 != 1.0)
+    for (double& x : N) x /= std::sqrt(n2);
+  double e = std::sqrt(dist2<3>(a, b)) + std::sqrt(dist2<3>(b, c)) + std::sqrt(dist2<3>(c, a));
+  if (weight < 1.0) {
+    double s = 0.0;
+    for (unsigned k = 0; k < 3; ++k) s += log_mean(m.node_sizes[row[f[k]]], size);
+    e = s + weight * (e - s);
+  }
+  for (unsigned k = 0; k < 3; ++k)
+    target[k] = (a[k] + b[k] + c[k]) / 3 + 0.2721655269759087 * e * N[k];
+}
+
+double smooth_node(regularizer& g, unsigned node, double weight,
+                   const dense1D<unsigned>& ball) noexcept {
+  if (!ball.size) return 1.0;
+  th4_engine& m = g.engine;
+  node_smoother& sm = g.smoother;
+  const unsigned n = ball.size, e = 3 * n / 2;
+  if (!sm.ball_rows.resize(4, n) || !sm.trial_qualities.reserve(n) ||
+      !sm.best_qualities.resize(n) || !sm.ball_neighbors.reserve(e) ||
+      !sm.ball_edges.reserve(2, e) || !sm.ray.ball_faces.reserve(4, n))
+    return 0.0;
+  for (unsigned j = 0; j < n; ++j) std::copy_n(m.tets.row(ball[j]), 4, sm.ball_rows.col(j));
+  const double w = g.moves_carry_sizes ? weight : 1.0;
+  double position[3] = {0.0, 0.0, 0.0}, size = 0.0;
+  const double gain = search_step(g, node, w, ball, position, size);
+  if (!(gain > 1.0)) return gain;
+  double* p = m.nodes.row(node);
+  p[0] = position[0], p[1] = position[1], p[2] = position[2];
+  if (g.moves_carry_sizes) m.node_sizes[node] = size;
+  for (unsigned j = 0; j < n; ++j) m.tet_qualities[ball[j]] = sm.best_qualities[j];
+  return gain;
+}
+
+double smooth_nodes(regularizer& g, const dense1D<unsigned>& nodes, double weight) noexcept {
+  th4_engine& m = g.engine;
+  double gain = 1.0;
+  for (unsigned k = 0; k < nodes.size; ++k) {
+    const unsigned node = nodes[k];
+    dense1D<unsigned>& ball = g.smoother.ball;
+    const unsigned start = node < m.ancestors.size ? m.ancestors[node] : NONE;
+    if (start == NONE || !ball_of_node(m, node, start, ball)) ball.clear();
+    gain = std::max(gain, smooth_node(g, node, weight, ball));
+  }
+  return gain;
+}
+
+double smooth_worst(regularizer& g, unsigned count, double weight, dense1D<unsigned>& tets,
+                    dense1D<unsigned>& nodes) noexcept {
+  nodes.clear();
+  if (!count || (g.task && g.task->must_stop())) return 1.0;
+  th4_engine& m = g.engine;
+  pick_worst_tets(g, 1.0, g.frozen_bits, count, tets);
+  bit_set& seen = g.scratch_nodes;
+  seen.clear();
+  if (!seen.grow(m.nodes.cols())) return 1.0;
+  for (unsigned k = 0; k < g.settled_nodes.words.size && k < seen.words.size; ++k)
+    seen.words[k] = g.settled_nodes.words[k];
+  for (unsigned k = 0; k < tets.size; ++k) {
+    const unsigned* r = m.tets.row(tets[k]);
+    for (unsigned i = 0; i < 4; ++i)
+      if (!seen.test(r[i])) {
+        seen.set(r[i]);
+        nodes.push_back(r[i]);
+      }
+  }
+  return smooth_nodes(g, nodes, weight);
+}
+
+}  // namespace kelvo::voxfill

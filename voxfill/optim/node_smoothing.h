@@ -1,0 +1,49 @@
+// Node smoothing: each tet of a node's ball votes for the place where it would be regular, the
+// worse the tet the louder; a line search along the vote keeps the best place by merit.
+#pragma once
+
+#include "numcore/dense2D.h"
+
+namespace kelvo::voxfill {
+
+class regularizer;
+
+// How the size changes along a move: from the node's size to the size on the ball's surface.
+struct size_ray {
+  dense2D<unsigned> ball_faces;  // rows (node, o1, o3, o2) of the ball's tets
+  unsigned node = 0xFFFFFFFFu;
+  double start_size = 0.0;
+  double end_size = 0.0;
+  double step_fraction = 0.0;  // how far to the surface one unit step goes
+  bool valid = false;
+};
+
+// Work arrays of the smoother, kept from call to call.
+struct node_smoother {
+  dense2D<unsigned> ball_rows;
+  dense1D<double> trial_qualities;
+  dense1D<double> best_qualities;
+  dense1D<unsigned> ball_neighbors;
+  dense2D<unsigned> ball_edges;
+  size_ray ray;
+  dense1D<unsigned> ball;   // of the node under work, for smooth_nodes
+  dense1D<unsigned> nodes;  // scratch of smooth_worst
+};
+
+// Where the node would make the tet regular: above the centroid of the face opposite it, at the
+// height of a regular tet on the face's mean edge (blended with the sizes when weight < 1).
+void apex_target(const regularizer& g, const unsigned* row, unsigned local, double weight,
+                 double size, double* target) noexcept;
+
+// Moves the node to the best place along its vote when that raises the merit of its ball. The
+// gain; 1.0 when the node stays, 0.0 when memory ran out.
+double smooth_node(regularizer& g, unsigned node, double weight,
+                   const dense1D<unsigned>& ball) noexcept;
+// Each node in order, on its closed ball (a node without one stays). The largest gain, at least 1.
+double smooth_nodes(regularizer& g, const dense1D<unsigned>& nodes, double weight) noexcept;
+// The nodes of the `count` worst tets, less the settled ones. As smooth_nodes; 1.0 when count is
+// 0 or the run is interrupted.
+double smooth_worst(regularizer& g, unsigned count, double weight, dense1D<unsigned>& tets,
+                    dense1D<unsigned>& nodes) noexcept;
+
+}  // namespace kelvo::voxfill

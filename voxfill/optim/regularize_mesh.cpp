@@ -1,0 +1,364 @@
+// Levels and sweeps of the optimiser, and the picks that feed edge moves.
+#include "voxfill/optim/regularize_mesh.h"
+
+#include <algorithm>
+#include <cfloat>
+#include <cmath>
+#include <utility>
+
+#include "delaunay/geometry.h"
+#include "delaunay/mesh_walks.h"
+#include "voxfill/optim/edge_code.h"
+#include "voxfill/optim/edge_move.h"
+
+namespace kelvo::voxfill {
+
+namespace {
+
+bool interrupted(const regularizer& g) {
+  return g.task && g.task->must_stop();
+}
+
+unsigned live_tet_count(const mesh_store& m) noexcept {
+  unsigned n = 0;
+  for (unsigned t = 0; t < m.tets.cols(); ++t) n += m.tet_in_domain(t);
+  return n;
+}
+
+double worst_live_quality(const mesh_store& m) noexcept {
+  double q = DBL_MAX;
+  bool any = false;
+  for (unsigned t = 0; t < m.tets.cols(); ++t)
+    if (m.tet_in_domain(t)) {
+      q = std::min(q, m.tet_qualities[t]);
+      any = true;
+    }
+  return any ? q : 0.0;
+}
+
+// The rule that every entry applies: without nodes left, nothing that makes one.
+void no_insertion_without_nodes(unsigned nodes_left, double& long_limit, bool& hard_links,
+                                bool& insert) noexcept {
+  if (nodes_left != 0) return;
+  long_limit = DBL_MAX;
+  hard_links = insert = false;
+}
+
+// Drops from `list` the entries whose tet (entry / divisor) the sweep that began at `clock`
+// rewrote.
+void drop_rewritten(const mesh_store& m, dense1D<unsigned>& list, unsigned divisor,
+                    unsigned clock) noexcept {
+  unsigned kept = 0;
+  for (unsigned k = 0; k < list.size; ++k)
+    if (m.tet_stamps[list[k] / divisor] < clock) list[kept++] = list[k];
+  list.size = kept;
+}
+
+void grow_bits(bit_set& bits, unsigned n) noexcept {
+  bits.grow(n);
+}
+
+}  // namespace
+
+void prepare_masks(regularizer& g) noexcept {
+  th4_engine& m = g.engine;
+  g.frozen_bits.clear();
+  g.settled_nodes.clear();
+  grow_bits(g.frozen_bits, m.tets.cols());
+  grow_bits(g.settled_nodes, m.nodes.cols());
+  for (unsigned t = 0; t < m.tets.cols(); ++t) {
+    if (!m.tet_unclassified(t)) continue;
+    g.frozen_bits.set(t);
+    const unsigned* r = m.tets.row(t);
+    for (unsigned i = 0; i < 4; ++i) g.settled_nodes.set(r[i]);
+  }
+  const bit_set& hard = m.hard_set.node_bits;
+  for (unsigned n = 0; n < hard.length && n < m.nodes.cols(); ++n)
+    if (hard.test(n)) g.settled_nodes.set(n);
+}
+
+void pick_worst_tets(regularizer& g, double quality_limit, const bit_set& frozen, unsigned count,
+                     dense1D<unsigned>& tets) noexcept {
+  const mesh_store& m = g.engine;
+  tets.clear();
+  for (unsigned t = 0; t < m.tets.cols(); ++t)
+    if (!frozen.test(t) && !m.tet_deleted(t) && m.tet_qualities[t] <= quality_limit)
+      tets.push_back(t);
+  if (!tets.size) return;
+  count = std::min(count, tets.size);
+  auto worse = [&m](unsigned a, unsigned b) {
+    const double qa = m.tet_qualities[a], qb = m.tet_qualities[b];
+    return qa < qb || (qa == qb && a < b);
+  };
+  // Only the order by (quality, index) matters; a partial sort saves work on a short pick.
+  if (4 * std::size_t(count) < tets.size && tets.size > 64)
+    std::partial_sort(tets.begin(), tets.begin() + count, tets.end(), worse);
+  else
+    std::sort(tets.begin(), tets.end(), worse);
+  tets.size = count;
+}
+
+void pick_edges(regularizer& g, const dense1D<unsigned>& tets, bool use_metric, bool symmetric,
+                double sign, dense1D<unsigned>& edges) noexcept {
+  const th4_engine& m = g.engine;
+  edge_set& seen = g.seen_edges;
+  seen.clear();
+  for (unsigned i = 0; i < tets.size; ++i) {
+    const unsigned t = tets[i];
+    double key[6];
+    unsigned order[6], count = 0;
+    for (unsigned k = 0; k < 6; ++k) {
+      unsigned a, b;
+      edge_nodes(m, t, k, a, b);
+      if (seen.contains(edge_key{{a, b}}) || m.hard_set.has_edge(a, b)) continue;
+      const double length = !use_metric ? edge_length2(m.nodes.data, a, b)
+                            : symmetric ? symmetric_length(m, a, b)
+                                        : metric_length(m, a, b);
+      key[k] = sign * length;
+      order[count++] = k;
+    }
+    // By (key, k): an insertion sort of at most six.
+    for (unsigned j = 1; j < count; ++j) {
+      const unsigned x = order[j];
+      unsigned i = j;
+      for (; i > 0 &&
+             (key[order[i - 1]] > key[x] || (key[order[i - 1]] == key[x] && order[i - 1] > x));
+           --i)
+        order[i] = order[i - 1];
+      order[i] = x;
+    }
+    for (unsigned j = 0; j < count; ++j) {
+      unsigned a, b;
+      edge_nodes(m, t, order[j], a, b);
+      edges.push_back(edge_code(t, order[j]));
+      seen.insert(edge_key{{a, b}});
+    }
+  }
+}
+
+double sweep_edges(regularizer& g, double short_limit, double long_limit, unsigned shell_limit,
+                   bool hard_links, bool insert, double quality_factor, double merit_factor,
+                   dense1D<unsigned>& edges, unsigned& nodes_left, unsigned& moves,
+                   dense1D<unsigned>& new_nodes) noexcept {
+  no_insertion_without_nodes(nodes_left, long_limit, hard_links, insert);
+  if ((short_limit <= 0.0 && shell_limit == 0 && !insert) || interrupted(g)) return 1.0;
+  th4_engine& m = g.engine;
+  const unsigned clock = ++m.tet_clock;
+  double gain = 1.0;
+  for (unsigned i = 0; i < edges.size; ++i) {
+    const unsigned t = edges[i] / 6, k = edges[i] % 6;
+    if (m.tet_stamps[t] >= clock) continue;  // rewritten by an earlier move of this sweep
+    double g_move = 1.0;
+    if (edge_move(g, t, k, short_limit, long_limit, shell_limit, hard_links, insert, quality_factor,
+                  merit_factor, nodes_left, new_nodes, g_move)) {
+      gain = std::max(gain, g_move);
+      ++moves;
+    }
+  }
+  drop_rewritten(m, edges, 6, clock);
+  return std::max(gain, 1.0);
+}
+
+double sweep_tets(regularizer& g, dense1D<unsigned>& tets, double short_limit, double long_limit,
+                  unsigned shell_limit, bool hard_links, bool insert, double quality_factor,
+                  double merit_factor, dense1D<unsigned>& edges, unsigned& nodes_left,
+                  unsigned& moves, dense1D<unsigned>& new_nodes) noexcept {
+  edges.clear();
+  moves = 0;
+  no_insertion_without_nodes(nodes_left, long_limit, hard_links, insert);
+  if (!tets.size) return 1.0;
+  // In a metric the edges farthest from 1 come first, or the shortest when only contraction can
+  // act; without one the shortest; with no contraction the longest.
+  double sign = 1.0;
+  bool symmetric = false;
+  if (short_limit > 0.0) {
+    symmetric = shell_limit != 0 || insert;
+  } else {
+    if (shell_limit == 0 && !insert) return 1.0;
+    sign = -1.0;
+  }
+  pick_edges(g, tets, g.merit.shape_weight < 1.0, symmetric, sign, edges);
+  const double gain =
+      sweep_edges(g, short_limit, long_limit, shell_limit, hard_links, insert, quality_factor,
+                  merit_factor, edges, nodes_left, moves, new_nodes);
+  drop_rewritten(g.engine, tets, 1, g.engine.tet_clock);
+  return gain;
+}
+
+double improve_worst(regularizer& g, double quality_limit, unsigned count, double short_limit,
+                     double long_limit, unsigned shell_limit, bool hard_links, bool insert,
+                     double quality_factor, double merit_factor, dense1D<unsigned>& tets,
+                     dense1D<unsigned>& edges, unsigned& nodes_left, unsigned& moves,
+                     dense1D<unsigned>& new_nodes) noexcept {
+  tets.clear();
+  edges.clear();
+  moves = 0;
+  no_insertion_without_nodes(nodes_left, long_limit, hard_links, insert);
+  if (short_limit <= 0.0 && shell_limit == 0 && !insert) return 1.0;
+  pick_worst_tets(g, quality_limit, g.frozen_bits, count, tets);
+  return sweep_tets(g, tets, short_limit, long_limit, shell_limit, hard_links, insert,
+                    quality_factor, merit_factor, edges, nodes_left, moves, new_nodes);
+}
+
+void run_levels(regularizer& g, unsigned level, unsigned& nodes_left, bool smooth, bool insert,
+                bool remove, bool reconnect, bool hard_links, unsigned first_level) {
+  th4_engine& m = g.engine;
+  const unsigned top = std::min(level, 10u);
+  const unsigned first = std::max(1u, std::min(first_level, top));
+  const unsigned n = live_tet_count(m);
+  if (interrupted(g)) return;
+  const bool may_insert = insert && nodes_left != 0;
+  const bool may_link = hard_links && nodes_left != 0;
+  const bool any_move = may_insert || remove || reconnect;
+  if (std::uint64_t(n) * top == 0 || (n == 1 && !may_link) || (!smooth && !any_move && !may_link))
+    return;
+  if (!may_insert) nodes_left = 0;
+  const unsigned shell_limit_1 = reconnect ? 5 : 0;
+  const unsigned shell_limit_2 = reconnect ? NONE : 0;
+
+  Ptr<task_type> section;
+  if (g.task) section = g.task->section(1.0, (top - first + 1) * 3);
+  prepare_masks(g);
+  if (g.topology_terms) {
+    g.merit.start_topology_terms();
+    g.merit.fill_valence_records();
+  }
+  dense1D<unsigned>& worst = g.worst;
+  dense1D<unsigned>& edges = g.edges;
+  g.new_nodes.clear();
+  g.last_new_nodes.clear();
+  unsigned moves = 0;
+
+  for (unsigned L = first; L <= top; ++L) {
+    if (interrupted(g)) break;
+    const unsigned live = live_tet_count(m);
+    const double goal = 1 + 9.0 / (double(L) * L);
+    double want = std::ldexp(1.0, int(L) - 1) * live * 0.01;
+    unsigned count = unsigned(std::min(want, double(NONE)));
+    count = std::min(std::max(count, 8 * L), live);
+    const double bad = std::min(0.01 * L, 0.05);
+    double long_limit = 1 + 1.2 / L, short_limit = 1 / long_limit;
+    const double gain_factor = 1 + 1.0 / L;
+    if (g.merit.shape_weight == 1.0) {
+      long_limit = 0.0;
+      short_limit = DBL_MAX;
+    }
+    if (!may_insert) long_limit = DBL_MAX;
+    if (!remove) short_limit = 0.0;
+    const double short_limit_2 = remove ? DBL_MAX : 0.0;
+    const double long_limit_2 = may_insert ? 0.0 : DBL_MAX;
+
+    unsigned sweep_limit = 3;
+    double gain = 1.0;
+    for (unsigned p = 0;; ++p) {
+      g.new_nodes.clear();
+      g.stage_nodes.clear();
+      double gm = 1.0;
+      gain = 1.0;
+      if (any_move) {
+        gm = improve_worst(g, 1.0, count, short_limit, long_limit, shell_limit_1, may_link,
+                           may_insert, 0.25, 1.001, worst, edges, nodes_left, moves, g.stage_nodes);
+        const double g2 = improve_worst(g, bad, count, short_limit_2, long_limit_2, shell_limit_2,
+                                        false, may_insert, gain_factor, 1e-12, worst, edges,
+                                        nodes_left, moves, g.new_nodes);
+        gm = std::max(gm, g2);
+      }
+      for (unsigned k = 0; k < g.new_nodes.size; ++k) {
+        const unsigned node = g.new_nodes[k];
+        dense1D<unsigned>& ball = g.smoother.ball;
+        const unsigned start = m.ancestors[node];
+        if (start == NONE || !ball_of_node(m, node, start, ball)) ball.clear();
+        gain = std::max(gain, smooth_node(g, node, 1.0, ball));
+      }
+      const bool some_new = g.new_nodes.size > 0;
+      grow_bits(g.settled_nodes, m.nodes.cols());
+      for (unsigned k = 0; k < g.last_new_nodes.size; ++k)
+        g.settled_nodes.reset(g.last_new_nodes[k]);
+      g.last_new_nodes.clear();
+      if (smooth)
+        gain =
+            std::max(gain, smooth_worst(g, count, g.merit.shape_weight, worst, g.smoother.nodes));
+      grow_bits(g.settled_nodes, m.nodes.cols());
+      for (unsigned k = 0; k < g.new_nodes.size; ++k) g.settled_nodes.set(g.new_nodes[k]);
+      std::swap(g.new_nodes, g.last_new_nodes);
+      const double q = worst_live_quality(m);
+      gain = std::max(gain, gm);
+      if (section) section->advance(1);
+      bool again = (q < 0.01 && gain > 1.0) || some_new;
+      if (again && L == top && p == 2) sweep_limit = 4;
+      again = again || gain > goal;
+      if (interrupted(g) || p + 1 >= sweep_limit || !again) break;
+    }
+    if (count == live && gain < goal) {
+      if (section) section->bar->done = 3 * (top - first + 1);
+      break;
+    }
+    if (section) section->bar->done = 3 * (L - first + 1);
+  }
+  for (unsigned k = 0; k < g.last_new_nodes.size; ++k) g.settled_nodes.reset(g.last_new_nodes[k]);
+
+  if (may_link) {
+    dense1D<unsigned>& link_nodes = g.stage_nodes;
+    link_nodes.clear();
+    do {
+      worst.clear();
+      edges.clear();
+      moves = 0;
+      if (nodes_left == 0) break;
+      pick_worst_tets(g, 1.0, g.frozen_bits, NONE, worst);
+      sweep_tets(g, worst, 0.0, DBL_MAX, 0, true, true, 1e-12, 1e-12, edges, nodes_left, moves,
+                 link_nodes);
+    } while (moves != 0);
+    smooth_nodes(g, link_nodes, g.merit.shape_weight);
+  }
+  g.merit.valence_records.clear();
+  if (g.task) g.task->drop_sections(1);
+}
+
+void regularize_mesh(th4_engine& e, bool with_background, double boundary_quality) {
+  regularizer g(e, true, with_background, true);
+  if (e.tasks) g.task = e.tasks->phase_task(phase_regularize);
+  g.merit.shape_weight = e.settings.shape_weight;
+  const mesher::settings_type& s = e.settings;
+  unsigned nodes_left = NONE;
+  if (s.nodes_limit != NONE) {
+    unsigned used = 0;
+    for (unsigned n = 0; n < e.nodes.cols(); ++n) used += e.ancestors[n] != NONE;
+    nodes_left = s.nodes_limit > used ? s.nodes_limit - used : 0;
+  }
+  if (s.optim_level == 0 || interrupted(g)) return;
+  run_levels(g, s.optim_level, nodes_left, s.optim_node_smoothing, s.optim_node_insertion,
+             s.optim_node_removal, s.optim_shell_reconnection, s.optim_hard_links, 1);
+  const double q = worst_live_quality(e);
+  const bool retry = q < 0.01 && q < 0.1 * boundary_quality;
+  if (s.optim_level > 2 && retry && !interrupted(g)) {
+    // The nodes have moved and come and gone: the octree of the walks is made anew.
+    double lo[3] = {DBL_MAX, DBL_MAX, DBL_MAX}, hi[3] = {-DBL_MAX, -DBL_MAX, -DBL_MAX};
+    for (unsigned t = 0; t < e.tets.cols(); ++t) {
+      if (e.tets.is_free(t)) continue;
+      const unsigned* r = e.tets.row(t);
+      for (unsigned i = 0; i < 4; ++i) {
+        const double* p = e.nodes.row(r[i]);
+        for (unsigned c = 0; c < 3; ++c)
+          lo[c] = std::min(lo[c], p[c]), hi[c] = std::max(hi[c], p[c]);
+      }
+    }
+    if (lo[0] <= hi[0]) {
+      std::copy_n(lo, 3, e.box_min);
+      std::copy_n(hi, 3, e.box_max);
+      e.locator.build(lo, hi);
+    }
+    run_levels(g, s.optim_level - 2, nodes_left, s.optim_node_smoothing, s.optim_node_insertion,
+               s.optim_node_removal, s.optim_shell_reconnection, s.optim_hard_links, 1);
+  }
+}
+
+void swap_only_pass(th4_engine& e, unsigned level) {
+  if (e.must_stop()) return;
+  regularizer g(e, false, false, false);
+  if (e.tasks) g.task = e.tasks->section(0.0, 0);
+  unsigned nodes_left = 0;
+  run_levels(g, level, nodes_left, false, false, false, true, false, 1);
+}
+
+}  // namespace kelvo::voxfill

@@ -1,0 +1,166 @@
+// Mode 1: a tet mesh of the caller's, its skin and the walls between its colours kept as hard
+// faces, improved by the optimiser.
+#include <algorithm>
+#include <array>
+#include <cfloat>
+#include <new>
+#include <vector>
+
+#include "delaunay/keys.h"
+#include "delaunay/tet_tables.h"
+#include "voxfill/boundary/hard_entities.h"
+#include "voxfill/delaunay_th4.h"
+#include "voxfill/optim/regularize_mesh.h"
+#include "voxfill/refine/size_field.h"
+#include "voxfill/run_clock.h"
+
+namespace kelvo::voxfill {
+
+namespace {
+
+// Neighbours by matching faces: a face may be shared by two tets, and only in opposite turns. A
+// tet with a repeated node, a third tet on a face or a pair of the same turn: false.
+bool link_input_tets(mesh_store& m) {
+  struct face_entry {
+    std::array<unsigned, 3> sorted;
+    unsigned code;
+    bool operator<(const face_entry& o) const {
+      return sorted < o.sorted || (sorted == o.sorted && code < o.code);
+    }
+  };
+  const unsigned T = m.tets.cols();
+  std::vector<face_entry> faces;
+  faces.reserve(4 * std::size_t(T));
+  for (unsigned t = 0; t < T; ++t) {
+    const unsigned* r = m.tets.row(t);
+    if (r[0] == r[1] || r[0] == r[2] || r[0] == r[3] || r[1] == r[2] || r[1] == r[3] ||
+        r[2] == r[3])
+      return false;
+    for (unsigned f = 0; f < 4; ++f) {
+      const unsigned* fn = tet_face_nodes[f];
+      std::array<unsigned, 3> s = {r[fn[0]], r[fn[1]], r[fn[2]]};
+      std::sort(s.begin(), s.end());
+      faces.push_back({s, 4 * t + f});
+    }
+  }
+  std::sort(faces.begin(), faces.end());
+  auto key_of = [&m](unsigned code) {
+    const unsigned* r = m.tets.row(code >> 2);
+    const unsigned* fn = tet_face_nodes[code & 3u];
+    return face_key{{r[fn[0]], r[fn[1]], r[fn[2]]}};
+  };
+  for (std::size_t i = 0; i < faces.size();) {
+    std::size_t j = i + 1;
+    while (j < faces.size() && faces[j].sorted == faces[i].sorted) ++j;
+    if (j - i > 2) return false;
+    if (j - i == 2) {
+      const unsigned a = faces[i].code, b = faces[i + 1].code;
+      if (compare_keys(key_of(a), key_of(b)) != -1) return false;
+      m.neighbors(a & 3u, a >> 2) = b >> 2;
+      m.neighbors(b & 3u, b >> 2) = a >> 2;
+    }
+    i = j;
+  }
+  return true;
+}
+
+// The skin and the walls between colours into the hard set, each wall face once, from the tet of
+// the smaller index. True when any face was added.
+bool register_skin(mesh_store& m, bool by_colour) {
+  const unsigned before = m.hard_set.faces.size();
+  for (unsigned t = 0; t < m.tets.cols(); ++t) {
+    const unsigned* r = m.tets.row(t);
+    for (unsigned f = 0; f < 4; ++f) {
+      const unsigned u = m.neighbors(f, t);
+      const bool skin = u == NONE || (by_colour && u > t && m.colors[u] != m.colors[t]);
+      if (!skin) continue;
+      const unsigned* fn = tet_face_nodes[f];
+      if (!m.hard_set.add_face(r[fn[0]], r[fn[1]], r[fn[2]], false)) throw std::bad_alloc();
+    }
+  }
+  return m.hard_set.faces.size() != before;
+}
+
+}  // namespace
+
+void th4_engine::run_regularization(mesher::data_type& data) {
+  const unsigned n = data.pos.cols;
+  display("Initialization.\n");
+  if (!load_nodes(data.pos, dense1D<double>()) || !load_tets(data.connectM, 0))
+    raise_error(msg::memory_mode1_setup);
+  double volume = domain_volume();
+  const bool inverted = volume < 0.0;
+  if (inverted) {
+    turn_all_tets();
+    volume = -volume;
+  }
+  data.volume = volume;
+  set_ancestors(0, tets.cols());
+  bool linked = false;
+  try {
+    linked = link_input_tets(*this);
+  } catch (const std::bad_alloc&) {
+    raise_error(msg::memory_mode1_setup);
+  }
+  if (!linked && data.error_code == 0) raise_error(msg::non_conformal_input_mesh);
+  register_hard_entities(*this, data, false, *tasks);
+
+  if (!must_stop()) {
+    const bool by_colour = !data.colors.empty() && data.colors.size == tets.cols();
+    if (by_colour)
+      for (unsigned t = 0; t < tets.cols(); ++t) colors[t] = data.colors[t];
+    if (register_skin(*this, by_colour)) {
+      // The record's boundary becomes the faces that are now held; the caller's array is left.
+      const unsigned count = hard_set.faces.size() + hard_set.two_way_faces.size();
+      dense2D<unsigned> faces(3, count);
+      unsigned c = 0;
+      for (const face_set* set : {&hard_set.faces, &hard_set.two_way_faces})
+        for (unsigned k = 0; k < set->keys.size; ++k)
+          if (set->live(k)) std::copy_n(set->keys[k].n, 3, faces.col(c++));
+      data.connectB = faces.sub_matrix(0, 0, 3, c);
+    }
+    data.hard_nodes_in = hard_set.node_count;
+    data.hard_edges_in = hard_set.edges.size() + hard_set.two_way_edges.size();
+    data.hard_faces_in = hard_set.faces.size() + hard_set.two_way_faces.size();
+  }
+  sizes_from_mesh(*this, data);
+  if (!must_stop()) {
+    double lo[3] = {DBL_MAX, DBL_MAX, DBL_MAX}, hi[3] = {-DBL_MAX, -DBL_MAX, -DBL_MAX};
+    for (unsigned t = 0; t < tets.cols(); ++t) {
+      const unsigned* r = tets.row(t);
+      for (unsigned i = 0; i < 4; ++i) {
+        const double* p = nodes.row(r[i]);
+        for (unsigned k = 0; k < 3; ++k)
+          lo[k] = std::min(lo[k], p[k]), hi[k] = std::max(hi[k], p[k]);
+      }
+    }
+    if (lo[0] <= hi[0]) {
+      std::copy_n(lo, 3, box_min);
+      std::copy_n(hi, 3, box_max);
+      locator.build(lo, hi);
+    }
+  }
+  data.min_quality_in = recompute_qualities(true);
+  data.quality_bound = quality_bound(nodes.data, data.connectB);
+  tasks->close_phase(phase_init);
+
+  double T = clock_now();
+  if (settings.optim_level != 0 && !must_stop()) {
+    display("Regularize mesh.\n");
+    regularize_mesh(*this, size_field != own_size_field.get(), data.quality_bound);
+  }
+  tasks->close_phase(phase_regularize);
+  data.optim_time = clock_now() - T;
+  if (data.error_code == 0) display("Finalize mesh.\n");
+  data.min_quality = min_quality();
+  if (data.min_quality < 1e-12)
+    raise_error(msg::degenerated_mode1);
+  else if (data.min_quality < 0.01)
+    tasks->raise_warning(msg::shape_quality_mode1);
+  drop_outside(n);
+  if (settings.compute_Qh && !must_stop()) fill_histo_Qh(data.histo_Qh);
+  if (inverted || !settings.positive_orientation) turn_all_tets();
+  if (!write_output(data, 0)) raise_error(msg::memory_output_mode1);
+}
+
+}  // namespace kelvo::voxfill
