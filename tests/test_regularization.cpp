@@ -89,6 +89,12 @@ void expect_regularised(const data_type& in, const data_type& out) {
   ASSERT_GT(out.tet_count, 0u);
   mesh_store s;
   ASSERT_TRUE(fixtures::load_output(s, out));
+  if (volume_of(in) < 0.0) {  // an inverted input comes back inverted: check it turned
+    for (unsigned t = 0; t < s.tets.cols(); ++t) {
+      std::swap(s.tets(1, t), s.tets(2, t));
+      std::swap(s.neighbors(1, t), s.neighbors(2, t));
+    }
+  }
   mesh_check_options o;
   o.positive_quality = o.stored_qualities = true;
   const mesh_check_result r = check_mesh(s, o);
@@ -127,5 +133,167 @@ TEST(Regularization, KeepsSkinWallsAndVolumeAndImproves) {
       for (unsigned k = 0; k < 4; ++k) ASSERT_EQ(again.connectM(k, t), out.connectM(k, t));
     for (unsigned j = 0; j < out.pos.cols; ++j)
       for (unsigned i = 0; i < 3; ++i) ASSERT_EQ(again.pos(i, j), out.pos(i, j));
+  }
+}
+
+namespace {
+
+// The tetgen -pYQ mesh of a shared surface (its boundary triangles kept, few inner nodes), read
+// from .node and .ele. Empty with a reason when the surface or tetgen is missing.
+data_type tetgen_input(const std::string& name, std::string& why) {
+  const std::string src = std::string(VOXFILL_SHARED_DATA) + "/" + name + ".off";
+  if (!std::ifstream(src)) {
+    why = "no " + src;
+    return data_type();
+  }
+  const std::string dir = ::testing::TempDir() + "voxfill_tg_" + name;
+  const std::string cmd = "mkdir -p " + dir + " && cp " + src + " " + dir + "/ && cd " + dir +
+                          " && tetgen -pYQ " + name + ".off > /dev/null 2>&1";
+  if (std::system(cmd.c_str()) != 0) {
+    why = "tetgen is not installed or failed on " + name;
+    return data_type();
+  }
+  std::ifstream nodes(dir + "/" + name + ".1.node"), eles(dir + "/" + name + ".1.ele");
+  unsigned n = 0, dim = 0, attrs = 0, marks = 0, t = 0, per = 0, regions = 0;
+  nodes >> n >> dim >> attrs >> marks;
+  dense2D<double> pos(3, n);
+  unsigned base = 0;
+  for (unsigned j = 0; j < n; ++j) {
+    unsigned id;
+    nodes >> id >> pos(0, j) >> pos(1, j) >> pos(2, j);
+    if (j == 0) base = id;  // tetgen numbers as its input did, here from 0
+    for (unsigned k = 0; k < attrs + marks; ++k) {
+      double skip;
+      nodes >> skip;
+    }
+  }
+  eles >> t >> per >> regions;
+  dense2D<unsigned> tets(4, t);
+  for (unsigned j = 0; j < t; ++j) {
+    unsigned id;
+    eles >> id >> tets(0, j) >> tets(1, j) >> tets(2, j) >> tets(3, j);
+    for (unsigned k = 0; k < 4; ++k) tets(k, j) -= base;
+    for (unsigned k = 0; k < regions; ++k) {
+      double skip;
+      eles >> skip;
+    }
+  }
+  if (!nodes || !eles) {
+    why = "could not read tetgen's output for " + name;
+    return data_type();
+  }
+  data_type d(pos, dense2D<unsigned>());
+  d.connectM = tets;
+  return d;
+}
+
+}  // namespace
+
+// Real starting meshes: every boundary triangle and boundary node kept, volume, no worse.
+TEST(Regularization, TetgenMeshesOfRealSurfaces) {
+  for (const char* name : {"cube", "rotor", "elephant", "knot1", "fandisk"}) {
+    std::string why;
+    const data_type in = tetgen_input(name, why);
+    if (in.connectM.empty()) {
+      std::printf("skipped %s: %s\n", name, why.c_str());
+      continue;
+    }
+    data_type out = tetgen_input(name, why);
+    mesher m;
+    m.settings.mode = 1;
+    m.run(out);
+    EXPECT_TRUE(out.error_code == 0) << name << ": " << out.msg_title;
+    expect_regularised(in, out);
+    std::printf("%s: tets %u -> %u, worst %.4f -> %.4f, bound %.3f, %.2f s\n", name,
+                in.connectM.cols, out.tet_count, out.min_quality_in, out.min_quality,
+                out.quality_bound, out.total_time);
+  }
+}
+
+// A flipped tet is a non-conformal input; an input turned inside out comes back so; level 0
+// changes nothing; a node limit at the node count makes no node.
+TEST(Regularization, BadInputOrientationAndLimits) {
+  mesher m;
+  m.settings.mode = 1;
+  {
+    data_type d = cloud_input(200, 8, false);
+    std::swap(d.connectM(1, 7), d.connectM(2, 7));
+    m.run(d);
+    EXPECT_EQ(d.error_code, -102);
+    EXPECT_STREQ(d.msg_title, "NON CONFORMAL INPUT MESH");
+    EXPECT_EQ(std::string(d.msg_text).rfind("Check input mesh.", 0), 0u) << d.msg_text;
+  }
+  {
+    const data_type in = cloud_input(200, 8, true);
+    data_type d = cloud_input(200, 8, true);
+    for (unsigned t = 0; t < d.connectM.cols; ++t) std::swap(d.connectM(1, t), d.connectM(2, t));
+    data_type turned = cloud_input(200, 8, true);
+    for (unsigned t = 0; t < turned.connectM.cols; ++t)
+      std::swap(turned.connectM(1, t), turned.connectM(2, t));
+    m.run(d);
+    ASSERT_EQ(d.error_code, 0) << d.msg_title;
+    EXPECT_GT(d.min_quality_in, 0.0);
+    EXPECT_LT(volume_of(d), 0.0);
+    expect_regularised(turned, d);
+  }
+  {
+    const data_type in = cloud_input(200, 8, true);
+    data_type d = cloud_input(200, 8, true);
+    m.settings.optim_level = 0;
+    m.run(d);
+    ASSERT_EQ(d.error_code, 0) << d.msg_title;
+    ASSERT_EQ(d.tet_count, in.connectM.cols);
+    for (unsigned t = 0; t < d.tet_count; ++t)
+      for (unsigned k = 0; k < 4; ++k) EXPECT_EQ(d.connectM(k, t), in.connectM(k, t));
+    for (unsigned j = 0; j < in.pos.cols; ++j)
+      for (unsigned i = 0; i < 3; ++i) EXPECT_EQ(d.pos(i, j), in.pos(i, j));
+    EXPECT_EQ(d.min_quality, d.min_quality_in);
+    m.settings.optim_level = 3;
+  }
+  {
+    data_type d = cloud_input(200, 8, false);
+    const unsigned nodes = d.pos.cols;
+    m.settings.nodes_limit = nodes;
+    m.run(d);
+    ASSERT_EQ(d.error_code, 0) << d.msg_title;
+    EXPECT_LE(d.pos.cols, nodes);
+    EXPECT_GT(d.min_quality, d.min_quality_in);
+  }
+}
+
+// Interrupted at any poll: a valid mesh with every wall, the interruption warning, and nothing
+// worse than the input.
+TEST(Regularization, InterruptionAtAnyPollGivesAValidMesh) {
+  struct counter {
+    unsigned polls = 0, stop_at = 0xFFFFFFFFu;
+  };
+  auto run = [](counter& c, data_type& d) {
+    mesher m;
+    m.settings.mode = 1;
+    m.settings.pass_thru = &c;
+    m.settings.interrupt_hdl = [](void* p, double) {
+      counter& k = *static_cast<counter*>(p);
+      return k.polls++ >= k.stop_at;
+    };
+    m.run(d);
+  };
+  counter clean;
+  data_type full = cloud_input(250, 9, true);
+  run(clean, full);
+  ASSERT_EQ(full.error_code, 0);
+  ASSERT_GT(clean.polls, 5u);
+  const unsigned step = clean.polls > 60 ? clean.polls / 60 : 1;
+  for (unsigned k = 0; k < clean.polls; k += step) {
+    counter c;
+    c.stop_at = k;
+    const data_type in = cloud_input(250, 9, true);
+    data_type d = cloud_input(250, 9, true);
+    run(c, d);
+    ASSERT_EQ(d.error_code, 0) << "poll " << k << ": " << d.msg_title;
+    // The last polls only report progress: their answer is not asked for any more.
+    if (k + 3 < clean.polls) {
+      EXPECT_EQ(d.warning_code, -10) << "poll " << k;
+    }
+    expect_regularised(in, d);
   }
 }

@@ -105,10 +105,12 @@ void th4_engine::run_regularization(mesher::data_type& data) {
   if (!linked && data.error_code == 0) raise_error(msg::non_conformal_input_mesh);
   register_hard_entities(*this, data, false, *tasks);
 
+  // The caller's colours go through even when the run stops here: an interrupted run hands back
+  // the input mesh, and it keeps its subdomains.
+  const bool by_colour = !data.colors.empty() && data.colors.size == tets.cols();
+  if (by_colour)
+    for (unsigned t = 0; t < tets.cols(); ++t) colors[t] = data.colors[t];
   if (!must_stop()) {
-    const bool by_colour = !data.colors.empty() && data.colors.size == tets.cols();
-    if (by_colour)
-      for (unsigned t = 0; t < tets.cols(); ++t) colors[t] = data.colors[t];
     if (register_skin(*this, by_colour)) {
       // The record's boundary becomes the faces that are now held; the caller's array is left.
       const unsigned count = hard_set.faces.size() + hard_set.two_way_faces.size();
