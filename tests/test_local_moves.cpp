@@ -18,6 +18,7 @@
 #include "voxfill/optim/edge_contraction.h"
 #include "voxfill/optim/edge_move.h"
 #include "voxfill/optim/edge_split.h"
+#include "voxfill/optim/node_insertion.h"
 #include "voxfill/optim/shell_reconnection.h"
 
 using namespace kelvo::voxfill;
@@ -605,4 +606,79 @@ TEST(OutputStage, EdgeLengthHistogram) {
   EXPECT_EQ(d.histo_Qh.processed, 98u);
   EXPECT_NEAR(d.histo_Qh.mean_value(), (54 + 36 * std::sqrt(2.0) + 8 * std::sqrt(3.0)) / 98, 1e-12);
   EXPECT_DOUBLE_EQ(d.histo_Qh.max_value(), std::sqrt(3.0));
+}
+
+TEST(NodeInsertion, TargetsLimitsAndSoundMesh) {
+  th4_engine e;
+  std::vector<std::array<unsigned, 2>> hard_edges;
+  real_mesh(e, 200, 13, hard_edges);
+  const double v0 = volume(e);
+  regularizer g(e, true, false, true);
+  g.merit.shape_weight = 0.6;
+  g.merit.start_topology_terms();
+  ASSERT_TRUE(g.merit.fill_valence_records());
+  // Inner tets, far from the hull, as targets.
+  std::vector<unsigned> inner;
+  for (unsigned t = 0; t < e.tets.cols() && inner.size() < 8; ++t) {
+    bool hull = false;
+    for (unsigned i = 0; i < 4; ++i) hull |= e.hard_set.has_node(e.tets(i, t));
+    if (!hull) inner.push_back(t);
+  }
+  ASSERT_EQ(inner.size(), 8u);
+  dense1D<unsigned> targets, new_nodes;
+  auto target = [&](unsigned t, unsigned edge) {
+    targets.push_back(t);
+    targets.push_back(edge);
+  };
+  // Two targets on one tet: the second finds it rewritten.
+  unsigned left = 10;
+  target(inner[0], NONE);
+  target(inner[0], 0);
+  insert_at_targets(g, targets, left, new_nodes);
+  EXPECT_EQ(new_nodes.size, 1u);
+  EXPECT_EQ(left, 9u);
+  // One node left and many targets: one node.
+  targets.clear();
+  for (unsigned k = 1; k < 5; ++k) target(inner[k], NONE);
+  left = 1;
+  insert_at_targets(g, targets, left, new_nodes);
+  EXPECT_EQ(new_nodes.size, 2u);
+  EXPECT_EQ(left, 0u);
+  // A seed in a frozen tet: no node.
+  targets.clear();
+  target(inner[5], NONE);
+  g.frozen_bits.set(inner[5]);
+  left = 10;
+  insert_at_targets(g, targets, left, new_nodes);
+  EXPECT_EQ(new_nodes.size, 2u);
+  g.frozen_bits = bit_set{};
+  // Beside a tet whose faces are all hard: no target.
+  dense1D<unsigned> bad;
+  bad.push_back(inner[6]);
+  const unsigned* r = e.tets.row(inner[6]);
+  for (unsigned f = 0; f < 4; ++f)
+    e.hard_set.add_face(r[tet_face_nodes[f][0]], r[tet_face_nodes[f][1]], r[tet_face_nodes[f][2]]);
+  split_beside_worst(g, bad, 0.0, left, new_nodes);
+  EXPECT_EQ(new_nodes.size, 2u);
+  EXPECT_EQ(bad.size, 1u);
+  // All six edges hard: no split unless forced, and then at the centroid.
+  split_longest_edges(g, bad, left, new_nodes, false);
+  EXPECT_EQ(new_nodes.size, 2u);
+  double centroid[3] = {0, 0, 0};
+  for (unsigned i = 0; i < 4; ++i)
+    for (unsigned c = 0; c < 3; ++c) centroid[c] += 0.25 * e.nodes.row(r[i])[c];
+  split_longest_edges(g, bad, left, new_nodes, true);
+  ASSERT_EQ(new_nodes.size, 3u);
+  for (unsigned c = 0; c < 3; ++c) EXPECT_DOUBLE_EQ(e.nodes.row(new_nodes[2])[c], centroid[c]);
+  EXPECT_EQ(bad.size, 0u);  // the tet was touched
+
+  const mesh_check_result c = full_check(e);
+  EXPECT_TRUE(c.ok) << c.text;
+  EXPECT_NEAR(volume(e), v0, 1e-12 * v0);
+  move_merit fresh(e);
+  ASSERT_TRUE(fresh.fill_valence_records());
+  for (unsigned n = 0; n < e.nodes.cols(); ++n)
+    if (e.ancestors[n] != NONE) {
+      EXPECT_NEAR(g.merit.valence_records[n].count, fresh.valence_records[n].count, 1e-4);
+    }
 }

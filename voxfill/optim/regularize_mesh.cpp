@@ -10,6 +10,7 @@
 #include "delaunay/mesh_walks.h"
 #include "voxfill/optim/edge_code.h"
 #include "voxfill/optim/edge_move.h"
+#include "voxfill/optim/node_insertion.h"
 
 namespace kelvo::voxfill {
 
@@ -52,6 +53,18 @@ void drop_rewritten(const mesh_store& m, dense1D<unsigned>& list, unsigned divis
   for (unsigned k = 0; k < list.size; ++k)
     if (m.tet_stamps[list[k] / divisor] < clock) list[kept++] = list[k];
   list.size = kept;
+}
+
+// Keeps the tets whose four nodes are hard: no move on their edges can reach them.
+void keep_all_hard(const mesh_store& m, dense1D<unsigned>& tets) noexcept {
+  unsigned kept = 0;
+  for (unsigned k = 0; k < tets.size; ++k) {
+    const unsigned* r = m.tets.row(tets[k]);
+    bool all = true;
+    for (unsigned i = 0; i < 4; ++i) all = all && m.hard_set.has_node(r[i]);
+    if (all) tets[kept++] = tets[k];
+  }
+  tets.size = kept;
 }
 
 void grow_bits(bit_set& bits, unsigned n) noexcept {
@@ -262,6 +275,19 @@ void run_levels(regularizer& g, unsigned level, unsigned& nodes_left, bool smoot
                                         false, may_insert, gain_factor, 1e-12, worst, edges,
                                         nodes_left, moves, g.new_nodes);
         gm = std::max(gm, g2);
+        if (may_insert && p == 0) {
+          split_longest_edges(g, worst, nodes_left, g.new_nodes, false);
+          pick_worst_tets(g, 4 * bad, g.frozen_bits, count, worst);
+          keep_all_hard(m, worst);
+          split_longest_edges(g, worst, nodes_left, g.new_nodes, false);
+        }
+        if (may_insert && p == 1) {
+          unsigned kept = 0;
+          for (unsigned k = 0; k < worst.size; ++k)
+            if (m.tet_qualities[worst[k]] < 0.05 * bad) worst[kept++] = worst[k];
+          worst.size = kept;
+          split_beside_worst(g, worst, bad, nodes_left, g.new_nodes);
+        }
       }
       for (unsigned k = 0; k < g.new_nodes.size; ++k) {
         const unsigned node = g.new_nodes[k];
@@ -309,6 +335,8 @@ void run_levels(regularizer& g, unsigned level, unsigned& nodes_left, bool smoot
       sweep_tets(g, worst, 0.0, DBL_MAX, 0, true, true, 1e-12, 1e-12, edges, nodes_left, moves,
                  link_nodes);
     } while (moves != 0);
+    keep_all_hard(m, worst);
+    split_longest_edges(g, worst, nodes_left, link_nodes, true);
     smooth_nodes(g, link_nodes, g.merit.shape_weight);
   }
   g.merit.valence_records.clear();

@@ -46,6 +46,8 @@ class regularizer {
   dense1D<unsigned> new_nodes;
   dense1D<unsigned> last_new_nodes;
   bit_set scratch_nodes;
+  dense1D<unsigned> targets;          // of node insertion: pairs (tet, local edge or NONE)
+  dense1D<unsigned> insertion_seeds;  // seeds of an insertion's cavity
 
   regularizer(th4_engine& e, bool carry_sizes, bool with_background, bool with_topology) noexcept;
   regularizer(const regularizer&) = delete;
