@@ -17,6 +17,7 @@
 #include <string>
 #include <vector>
 
+#include "cli_run.h"
 #include "mesh_io/medit.h"
 #include "mesh_io/mesh_file.h"
 #include "voxfill/mesher_th4.h"
@@ -24,48 +25,8 @@
 namespace {
 
 using namespace kelvo::mesh_io;
+using namespace cli_run;
 namespace fs = std::filesystem;
-
-const fs::path& folder() {
-  static const fs::path p = [] {
-    const fs::path q = fs::temp_directory_path() / ("voxfill_cli_" + std::to_string(getpid()));
-    fs::create_directories(q);
-    return q;
-  }();
-  return p;
-}
-
-std::string in_folder(const std::string& name) {
-  return (folder() / name).string();
-}
-
-struct result {
-  int status = -1;
-  std::string out, err;
-};
-
-std::string slurp(const std::string& path) {
-  std::ifstream f(path, std::ios::binary);
-  std::stringstream s;
-  s << f.rdbuf();
-  return s.str();
-}
-
-// Runs the built tool with `args`, stdout and stderr caught.
-result voxfill(const std::string& args) {
-  const std::string out = in_folder("stdout.txt"), err = in_folder("stderr.txt");
-  const std::string cmd = std::string(VOXFILL_BIN) + " " + args + " >" + out + " 2>" + err;
-  const int s = std::system(cmd.c_str());
-  result r;
-  r.status = WIFEXITED(s) ? WEXITSTATUS(s) : -1;
-  r.out = slurp(out);
-  r.err = slurp(err);
-  return r;
-}
-
-void write_text(const std::string& path, const std::string& text) {
-  std::ofstream(path, std::ios::binary) << text;
-}
 
 // A jittered n x n x n lattice as .xyz: no five points on a sphere, a known hull.
 std::string lattice_xyz(const std::string& name, unsigned n) {
@@ -82,26 +43,6 @@ std::string lattice_xyz(const std::string& name, unsigned n) {
   const std::string path = in_folder(name);
   write_text(path, text);
   return path;
-}
-
-// A Python interpreter that can import meshio (Debian's python3-meshio lives beside
-// /usr/bin/python3, which another python3 on the PATH may hide), or empty.
-std::string python_with_meshio() {
-  for (const char* python : {"/usr/bin/python3", "python3"}) {
-    const std::string cmd = std::string(python) + " -c 'import meshio' >/dev/null 2>&1";
-    if (std::system(cmd.c_str()) == 0) return python;
-  }
-  return {};
-}
-
-// Runs a Python script with meshio; its standard output.
-std::string run_python(const std::string& python, const std::string& script,
-                       const std::string& args) {
-  const std::string path = in_folder("script.py"), out = in_folder("python.txt");
-  write_text(path, script);
-  const std::string cmd = python + " " + path + " " + args + " >" + out + " 2>/dev/null";
-  EXPECT_EQ(std::system(cmd.c_str()), 0) << cmd;
-  return slurp(out);
 }
 
 // Prints, for each file named, how many tets meshio finds in it and how many of them have a

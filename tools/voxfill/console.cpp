@@ -27,9 +27,10 @@ bool poll(void* pass_thru, double progress) {
 }
 
 // Phase messages at level 0, and the boundary closing report at level 2.
-void show(void* pass_thru, unsigned, const char* text) {
+void show(void* pass_thru, unsigned level, const char* text) {
   console& c = *static_cast<console*>(pass_thru);
   if (c.quiet) return;
+  if (level == 0) c.set_phase(text);
   c.clear_bar();
   std::fputs(text, stdout);
   std::fflush(stdout);
@@ -59,8 +60,9 @@ void console::clear_bar() {
 
 void console::draw(double progress) {
   const auto now = std::chrono::steady_clock::now();
-  if (bar_shown && now - last_draw < std::chrono::milliseconds(100)) return;
+  if (bar_shown && phase_drawn && now - last_draw < std::chrono::milliseconds(100)) return;
   last_draw = now;
+  phase_drawn = true;
   double f = scale > 0.0 ? (progress - offset) / scale : 0.0;
   f = std::clamp(f, 0.0, 1.0);
   constexpr int width = 40;
@@ -69,10 +71,19 @@ void console::draw(double progress) {
   for (int i = 0; i < width; ++i) line[i] = i < filled ? '#' : '.';
   line[width] = '\0';
   const double seconds = std::chrono::duration<double>(now - start).count();
-  std::fprintf(stderr, "\r[%s] %3d%%  %.1f s%s", line, int(f * 100.0), seconds,
-               interrupt_flag ? "  stopping..." : "");
+  std::fprintf(stderr, "\r[%s] %3d%%  %.1f s%s%s%s", line, int(f * 100.0), seconds,
+               phase.empty() ? "" : "  ", phase.c_str(), interrupt_flag ? "  stopping..." : "");
   std::fflush(stderr);
   bar_shown = true;
+}
+
+void console::set_phase(const char* message) {
+  // Phase messages are one short line: a longer text names no phase and leaves the bar as it is.
+  std::string p(message);
+  while (!p.empty() && (p.back() == '\n' || p.back() == '\r' || p.back() == '.')) p.pop_back();
+  if (p.find('\n') != std::string::npos || p.size() > 40) return;
+  if (p != phase) phase_drawn = false;
+  phase = p;
 }
 
 bool interrupted() {

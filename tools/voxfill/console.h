@@ -2,6 +2,7 @@
 #pragma once
 
 #include <chrono>
+#include <string>
 
 #include "voxfill/mesher_th4.h"
 
@@ -14,6 +15,8 @@ class console {
   bool bar = false;        // a progress bar is drawn on stderr (a terminal, and not quiet)
   bool bar_shown = false;  // the bar's line is on the screen
   double offset = 0.0, scale = 1.0;  // the range of progress values of the run
+  std::string phase;                 // the last phase message, without its full stop
+  bool phase_drawn = true;           // the bar on the screen shows `phase`
   std::chrono::steady_clock::time_point start, last_draw;
 
   explicit console(bool quiet_);
@@ -21,8 +24,11 @@ class console {
   void attach(voxfill::mesher::settings_type& s);
   // Takes the bar off the screen, so that other text can be printed.
   void clear_bar();
-  // Draws the bar for a progress value; at most ten times a second.
+  // Draws the bar for a progress value, with the phase; at most ten times a second, but at
+  // once when the phase has changed.
   void draw(double progress);
+  // Takes a phase message of the library ("Regularize mesh.\n") as the bar's phase.
+  void set_phase(const char* message);
 };
 
 // Catches SIGINT: the first one makes the interrupt handler return true, the second one ends

@@ -294,6 +294,29 @@ int save_case(const mesher::data_type& data, const job_options& o,
   return 0;
 }
 
+// print_info calls its handler with no pointer of the caller's: the text is gathered here.
+std::string report_buffer;
+
+void gather_report(void*, unsigned, const char* text) {
+  report_buffer += text;
+}
+
+// The library's report; a regularisation also tells the worst tet it was given, beside the
+// worst one it made and the bound that the boundary sets ("max-min").
+std::string report_text(const mesher::data_type& data, unsigned mode) {
+  report_buffer.clear();
+  data.print_info(gather_report);
+  std::string text;
+  text.swap(report_buffer);
+  const std::size_t at = text.find("Qmin            : ");
+  if (mode == 1 && at != std::string::npos) {
+    char line[64];
+    std::snprintf(line, sizeof line, "Qmin in         : %E\n", data.min_quality_in);
+    text.insert(at, line);
+  }
+  return text;
+}
+
 // The report and the codes of a finished run, then the mesh written to each of `outputs`. The
 // exit status.
 int report_and_write(const mesher::data_type& data, const mesher::settings_type& settings,
@@ -301,7 +324,7 @@ int report_and_write(const mesher::data_type& data, const mesher::settings_type&
   const unsigned mode = settings.mode;
   c.clear_bar();
   std::printf("\n");
-  data.print_info(print_text);
+  std::fputs(report_text(data, mode).c_str(), stdout);
   std::fflush(stdout);
 
   int status = data.error_raised()     ? exit_library_error
