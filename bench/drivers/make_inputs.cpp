@@ -1,6 +1,7 @@
 // Writes the inputs of one comparison case in every tool's format from one source, so that all
 // tools read the same doubles: point clouds (.xyz, TetGen .node, qhull input) and closed
-// surfaces (Medit .mesh, TetGen .poly, Gmsh .geo), the demo geometry among them.
+// surfaces (Medit .mesh, TetGen .poly, Gmsh .geo), the demo geometry among them, and the
+// starting tet meshes of the regularisation cases (Medit .mesh, TetGen lists with facets).
 #include <algorithm>
 #include <array>
 #include <cmath>
@@ -244,6 +245,79 @@ tables demo_geometry() {
   return m;
 }
 
+// Faces of the tets that one tet alone holds, turned so that their normal by the right-hand rule
+// points away from that tet.
+std::vector<std::uint32_t> skin_of(const tables& m) {
+  static constexpr unsigned sides[4][3] = {{1, 2, 3}, {0, 2, 3}, {0, 1, 3}, {0, 1, 2}};
+  std::vector<std::array<std::uint32_t, 5>> faces;  // sorted nodes, tet, side
+  faces.reserve(4 * m.tet_count());
+  for (std::uint32_t t = 0; t < m.tet_count(); ++t)
+    for (std::uint32_t i = 0; i < 4; ++i) {
+      std::array<std::uint32_t, 5> f = {m.tets[4 * t + sides[i][0]], m.tets[4 * t + sides[i][1]],
+                                        m.tets[4 * t + sides[i][2]], t, i};
+      std::sort(f.begin(), f.begin() + 3);
+      faces.push_back(f);
+    }
+  std::sort(faces.begin(), faces.end());
+  std::vector<std::uint32_t> skin;
+  const auto at = [&](std::uint32_t v, unsigned k) { return m.xyz[3 * std::size_t(v) + k]; };
+  for (std::size_t i = 0; i < faces.size();) {
+    std::size_t j = i + 1;
+    while (j < faces.size() && std::equal(faces[j].begin(), faces[j].begin() + 3, faces[i].begin()))
+      ++j;
+    if (j - i == 1) {
+      const std::uint32_t t = faces[i][3], side = faces[i][4];
+      std::uint32_t a = m.tets[4 * t + sides[side][0]], b = m.tets[4 * t + sides[side][1]],
+                    c = m.tets[4 * t + sides[side][2]];
+      const std::uint32_t d = m.tets[4 * t + side];
+      double u[3], v[3], w[3];
+      for (unsigned k = 0; k < 3; ++k)
+        u[k] = at(b, k) - at(a, k), v[k] = at(c, k) - at(a, k), w[k] = at(d, k) - at(a, k);
+      const double det = w[0] * (u[1] * v[2] - u[2] * v[1]) - w[1] * (u[0] * v[2] - u[2] * v[0]) +
+                         w[2] * (u[0] * v[1] - u[1] * v[0]);
+      if (det > 0.0) std::swap(b, c);  // the tet's own node must lie behind the face
+      skin.insert(skin.end(), {a, b, c});
+    }
+    i = j;
+  }
+  return skin;
+}
+
+// The starting mesh of a regularisation case, from TetGen's lists: as Medit with its skin as
+// triangles (the checker's reference and the Medit readers' input), and as TetGen lists again
+// with one marker per skin triangle, so that `tetgen -r` keeps every one of them as a facet.
+bool write_start(tables m, const std::string& stem) {
+  m.tris = skin_of(m);
+  m.tri_refs.assign(m.tris.size() / 3, 1);
+  m.tet_refs.assign(m.tet_count(), 1);
+  if (!bench_mesh::write_medit((stem + ".start.mesh").c_str(), m)) return false;
+  text_out node((stem + ".start.node").c_str()), ele((stem + ".start.ele").c_str()),
+      face((stem + ".start.face").c_str());
+  node.num(m.node_count()).put(" 3 0 0\n");
+  for (std::size_t k = 0; k < m.node_count(); ++k)
+    node.num(k)
+        .put(" ")
+        .real(m.xyz[3 * k])
+        .put(" ")
+        .real(m.xyz[3 * k + 1])
+        .put(" ")
+        .real(m.xyz[3 * k + 2])
+        .put("\n");
+  ele.num(m.tet_count()).put(" 4 0\n");
+  for (std::size_t t = 0; t < m.tet_count(); ++t) {
+    ele.num(t);
+    for (unsigned i = 0; i < 4; ++i) ele.put(" ").num(m.tets[4 * t + i]);
+    ele.put("\n");
+  }
+  face.num(m.tris.size() / 3).put(" 1\n");
+  for (std::size_t f = 0; f < m.tris.size() / 3; ++f) {
+    face.num(f);
+    for (unsigned i = 0; i < 3; ++i) face.put(" ").num(m.tris[3 * f + i]);
+    face.put(" ").num(f + 1).put("\n");
+  }
+  return node.close() && ele.close() && face.close();
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -278,8 +352,15 @@ int main(int argc, char** argv) {
                ? 0
                : fail(std::string("cannot write ") + argv[2]);
   }
+  if (what == "start" && argc == 4) {
+    tables m;
+    std::string error;
+    if (!bench_mesh::read_tetgen(argv[2], m, error)) return fail(error);
+    return write_start(m, argv[3]) ? 0 : fail(std::string("cannot write ") + argv[3]);
+  }
   std::fprintf(stderr,
                "usage: make_inputs cloud uniform|sphere|lattice N STEM\n"
+               "       make_inputs start IN.ele STEM\n"
                "       make_inputs surface IN.off STEM\n"
                "       make_inputs demo STEM\n");
   return 2;

@@ -1,7 +1,8 @@
 // The common judge of the comparison: reads the tets that a tool wrote (Medit .mesh, TetGen
 // .ele with its .node, Gmsh .msh 2.2 or 4.1 ASCII, or qhull's vertex lists with the input
 // points) and prints one JSON line: counts, shape quality, dihedral angles, volume, whether the
-// mesh is conforming, and how much of a reference surface it kept.
+// mesh is conforming, and how much of a reference surface it kept (to 1e-9 of its box, and bit
+// for bit).
 // With --same-as, also how many of the other mesh's tets away from its hull this one has.
 // Usage: mesh_check MESH [--points IN.xyz] [--surface REF.mesh] [--same-as OTHER.mesh]
 #include <algorithm>
@@ -25,48 +26,6 @@ namespace {
 bool ends_with(const std::string& s, const char* tail) {
   const std::size_t n = std::strlen(tail);
   return s.size() >= n && s.compare(s.size() - n, n, tail) == 0;
-}
-
-// TetGen: FILE.ele and FILE.node, numbered from the first index of the .node file.
-bool read_tetgen(const std::string& ele, tables& m, std::string& error) {
-  const std::string node = ele.substr(0, ele.size() - 4) + ".node";
-  std::string text;
-  if (!bench_mesh::slurp(node.c_str(), text)) return error = "cannot read " + node, false;
-  std::size_t n = 0, dim = 0, attrs = 0, marks = 0, first = 0;
-  {
-    scanner s(text);
-    if (!s.integer(n) || !s.integer(dim) || !s.integer(attrs) || !s.integer(marks) || dim != 3)
-      return error = node + ": bad header", false;
-    m.xyz.resize(3 * n);
-    for (std::size_t k = 0; k < n; ++k) {
-      std::size_t id = 0;
-      double skip;
-      if (!s.integer(id)) return error = node + ": bad node", false;
-      if (k == 0) first = id;
-      for (unsigned i = 0; i < 3; ++i)
-        if (!s.number(m.xyz[3 * k + i])) return error = node + ": bad node", false;
-      for (std::size_t i = 0; i < attrs + marks; ++i)
-        if (!s.number(skip)) return error = node + ": bad node", false;
-    }
-  }
-  if (!bench_mesh::slurp(ele.c_str(), text)) return error = "cannot read " + ele, false;
-  scanner s(text);
-  std::size_t t = 0, per = 0;
-  if (!s.integer(t) || !s.integer(per) || !s.integer(attrs) || per < 4)
-    return error = ele + ": bad header", false;
-  m.tets.resize(4 * t);
-  for (std::size_t k = 0; k < t; ++k) {
-    std::size_t id = 0, v = 0;
-    double skip;
-    if (!s.integer(id)) return error = ele + ": bad tet", false;
-    for (std::size_t i = 0; i < per; ++i) {
-      if (!s.integer(v) || v < first) return error = ele + ": bad tet", false;
-      if (i < 4) m.tets[4 * k + i] = std::uint32_t(v - first);
-    }
-    for (std::size_t i = 0; i < attrs; ++i)
-      if (!s.number(skip)) return error = ele + ": bad tet", false;
-  }
-  return true;
 }
 
 // Skips tokens up to and including `end`.
@@ -264,7 +223,8 @@ struct figures {
   double q_min = 2.0, q_sum = 0.0, dihedral_min = 180.0, dihedral_max = 0.0, volume = 0.0;
   std::size_t q_low = 0;
   std::size_t boundary_faces = 0, interior_faces = 0, faces_over_two = 0, open_edges = 0;
-  std::size_t ref_faces = 0, ref_faces_kept = 0, ref_edges = 0, ref_edges_kept = 0;
+  std::size_t ref_faces = 0, ref_faces_kept = 0, ref_faces_exact = 0, ref_edges = 0,
+              ref_edges_kept = 0;
   std::size_t ref_nodes = 0, ref_nodes_kept = 0, ref_unmatched = 0;
   double ref_volume = 0.0;
 };
@@ -326,6 +286,18 @@ void measure_tet(const double* p[4], double v6, double& q, double& dmin, double&
       dmin = std::min(dmin, angle), dmax = std::max(dmax, angle);
     }
 }
+
+// Hash of a point by the bits of its coordinates, for matching nodes exactly.
+struct coord_hash {
+  std::size_t operator()(const std::array<double, 3>& p) const {
+    std::uint64_t h = 1469598103934665603ull, b;
+    for (double x : p) {
+      std::memcpy(&b, &x, sizeof b);
+      h = (h ^ b) * 1099511628211ull;
+    }
+    return std::size_t(h ^ (h >> 29));
+  }
+};
 
 // Matches each node of the reference to the mesh node at the same place (to 1e-9 of the box),
 // one that a tet holds first, 0xFFFFFFFF when there is none.
@@ -442,7 +414,24 @@ void check(const tables& m, const tables* ref, figures& f) {
   const std::vector<std::uint32_t> to = match_nodes(*ref, m, used);
   f.ref_unmatched = std::size_t(std::count(to.begin(), to.end(), 0xFFFFFFFFu));
   f.ref_faces = ref->tris.size() / 3;
+  // Kept bit for bit: the three corners at exactly the reference's coordinates, and the face
+  // in the mesh.
+  std::unordered_map<std::array<double, 3>, std::uint32_t, coord_hash> at;
+  at.reserve(f.nodes);
+  for (std::size_t v = 0; v < f.nodes; ++v)
+    if (used[v])
+      at.emplace(std::array<double, 3>{m.xyz[3 * v], m.xyz[3 * v + 1], m.xyz[3 * v + 2]},
+                 std::uint32_t(v));
+  const auto exact = [&](std::uint32_t r, std::uint32_t& v) {
+    const auto it = at.find({ref->xyz[3 * std::size_t(r)], ref->xyz[3 * std::size_t(r) + 1],
+                             ref->xyz[3 * std::size_t(r) + 2]});
+    return it != at.end() && (v = it->second, true);
+  };
   for (std::size_t k = 0; k < f.ref_faces; ++k) {
+    std::uint32_t e[3];
+    if (exact(ref->tris[3 * k], e[0]) && exact(ref->tris[3 * k + 1], e[1]) &&
+        exact(ref->tris[3 * k + 2], e[2]) && faces.has(face_table::key(e[0], e[1], e[2])))
+      ++f.ref_faces_exact;
     const std::uint32_t a = to[ref->tris[3 * k]], b = to[ref->tris[3 * k + 1]],
                         c = to[ref->tris[3 * k + 2]];
     if (a != 0xFFFFFFFFu && b != 0xFFFFFFFFu && c != 0xFFFFFFFFu &&
@@ -492,16 +481,6 @@ struct same_figures {
 
 same_figures same_as(const tables& m, const tables& ref) {
   same_figures s;
-  struct coord_hash {
-    std::size_t operator()(const std::array<double, 3>& p) const {
-      std::uint64_t h = 1469598103934665603ull, b;
-      for (double x : p) {
-        std::memcpy(&b, &x, sizeof b);
-        h = (h ^ b) * 1099511628211ull;
-      }
-      return std::size_t(h ^ (h >> 29));
-    }
-  };
   std::unordered_map<std::array<double, 3>, std::uint32_t, coord_hash> index;
   index.reserve(m.node_count());
   for (std::size_t n = 0; n < m.node_count(); ++n)
@@ -603,7 +582,7 @@ int main(int argc, char** argv) {
   if (ends_with(path, ".mesh"))
     ok = bench_mesh::read_medit(path.c_str(), m, error);
   else if (ends_with(path, ".ele"))
-    ok = read_tetgen(path, m, error);
+    ok = bench_mesh::read_tetgen(path, m, error);
   else if (ends_with(path, ".msh"))
     ok = read_gmsh(path, m, error);
   else if (ends_with(path, ".qhull"))
@@ -639,12 +618,14 @@ int main(int argc, char** argv) {
       "\"q_below_0_1\": %zu, \"dihedral_min\": %.4g, \"dihedral_max\": %.4g, \"volume\": %.10g, "
       "\"boundary_faces\": %zu, \"interior_faces\": %zu, \"faces_over_two\": %zu, "
       "\"open_edges\": %zu, \"conforming\": %s, \"ref_faces\": %zu, \"ref_faces_kept\": %zu, "
+      "\"ref_faces_exact\": %zu, "
       "\"ref_edges\": %zu, \"ref_edges_kept\": %zu, \"ref_nodes\": %zu, \"ref_nodes_kept\": %zu, "
       "\"ref_unmatched\": %zu, \"ref_volume\": %.10g, \"seconds\": %.3f}\n",
       f.tets, f.nodes, f.nodes_used, f.bad_indices, f.sign, inverted, f.tets ? f.q_min : 0.0,
       f.tets ? f.q_sum / double(f.tets) : 0.0, f.q_low, f.tets ? f.dihedral_min : 0.0,
       f.tets ? f.dihedral_max : 0.0, f.volume, f.boundary_faces, f.interior_faces, f.faces_over_two,
-      f.open_edges, conforming ? "true" : "false", f.ref_faces, f.ref_faces_kept, f.ref_edges,
-      f.ref_edges_kept, f.ref_nodes, f.ref_nodes_kept, f.ref_unmatched, f.ref_volume, secs);
+      f.open_edges, conforming ? "true" : "false", f.ref_faces, f.ref_faces_kept, f.ref_faces_exact,
+      f.ref_edges, f.ref_edges_kept, f.ref_nodes, f.ref_nodes_kept, f.ref_unmatched, f.ref_volume,
+      secs);
   return 0;
 }

@@ -1,5 +1,5 @@
 // Plain mesh tables and the text formats that the comparison drivers and the checker share:
-// a whole-file scanner, Medit .mesh (read and write), OFF and .xyz (read).
+// a whole-file scanner, Medit .mesh (read and write), OFF, .xyz and TetGen .node/.ele (read).
 #pragma once
 
 #include <charconv>
@@ -254,6 +254,48 @@ inline bool read_off(const char* path, tables& m, std::string& error) {
       m.tris.insert(m.tris.end(), {v[0], v[i - 1], v[i]});
       m.tri_refs.push_back(1);
     }
+  }
+  return true;
+}
+
+// TetGen: FILE.ele and FILE.node, numbered from the first index of the .node file.
+inline bool read_tetgen(const std::string& ele, tables& m, std::string& error) {
+  const std::string node = ele.substr(0, ele.size() - 4) + ".node";
+  std::string text;
+  if (!slurp(node.c_str(), text)) return error = "cannot read " + node, false;
+  std::size_t n = 0, dim = 0, attrs = 0, marks = 0, first = 0;
+  {
+    scanner s(text);
+    if (!s.integer(n) || !s.integer(dim) || !s.integer(attrs) || !s.integer(marks) || dim != 3)
+      return error = node + ": bad header", false;
+    m.xyz.resize(3 * n);
+    for (std::size_t k = 0; k < n; ++k) {
+      std::size_t id = 0;
+      double skip;
+      if (!s.integer(id)) return error = node + ": bad node", false;
+      if (k == 0) first = id;
+      for (unsigned i = 0; i < 3; ++i)
+        if (!s.number(m.xyz[3 * k + i])) return error = node + ": bad node", false;
+      for (std::size_t i = 0; i < attrs + marks; ++i)
+        if (!s.number(skip)) return error = node + ": bad node", false;
+    }
+  }
+  if (!slurp(ele.c_str(), text)) return error = "cannot read " + ele, false;
+  scanner s(text);
+  std::size_t t = 0, per = 0;
+  if (!s.integer(t) || !s.integer(per) || !s.integer(attrs) || per < 4)
+    return error = ele + ": bad header", false;
+  m.tets.resize(4 * t);
+  for (std::size_t k = 0; k < t; ++k) {
+    std::size_t id = 0, v = 0;
+    double skip;
+    if (!s.integer(id)) return error = ele + ": bad tet", false;
+    for (std::size_t i = 0; i < per; ++i) {
+      if (!s.integer(v) || v < first) return error = ele + ": bad tet", false;
+      if (i < 4) m.tets[4 * k + i] = std::uint32_t(v - first);
+    }
+    for (std::size_t i = 0; i < attrs; ++i)
+      if (!s.number(skip)) return error = ele + ": bad tet", false;
   }
   return true;
 }

@@ -1,6 +1,7 @@
-// Voxfill's side of the comparison: reads a point cloud (.xyz) or a surface (Medit .mesh), runs
-// the mesher through its public interface and writes the tets as Medit for the common checker.
-// Usage: voxfill_run cloud IN.xyz [-o OUT.mesh] | voxfill_run surface IN.mesh [-o OUT.mesh]
+// Voxfill's side of the comparison: reads a point cloud (.xyz), a surface or a tet mesh (Medit
+// .mesh), runs the mesher through its public interface (mode 2, 0 or 1) and writes the tets as
+// Medit for the common checker.
+// Usage: voxfill_run cloud|surface|tets IN [-o OUT.mesh]
 // Prints one line: "tets N nodes M seconds S", or "not yet" when the job gives no mesh and no
 // error (a mode the library does not have yet). Exit status: 0 mesh, 3 not yet, 1 failure.
 #include <cstdio>
@@ -14,11 +15,12 @@ using namespace kelvo;
 
 int main(int argc, char** argv) {
   if (argc != 3 && !(argc == 5 && std::strcmp(argv[3], "-o") == 0)) {
-    std::fprintf(stderr, "usage: %s cloud IN.xyz [-o OUT.mesh] | surface IN.mesh [-o OUT.mesh]\n",
+    std::fprintf(stderr, "usage: %s cloud IN.xyz | surface IN.mesh | tets IN.mesh [-o OUT.mesh]\n",
                  argv[0]);
     return 2;
   }
   const bool cloud = std::strcmp(argv[1], "cloud") == 0;
+  const bool tets = std::strcmp(argv[1], "tets") == 0;
   const char* out = argc == 5 ? argv[4] : nullptr;
   bench_mesh::tables in;
   std::string error;
@@ -33,6 +35,8 @@ int main(int argc, char** argv) {
   dense2D<double> pos(3, n);
   for (unsigned j = 0; j < n; ++j)
     for (unsigned i = 0; i < 3; ++i) pos(i, j) = in.xyz[3 * std::size_t(j) + i];
+  // A tet mesh brings its own skin: the library keeps it, and any triangle handed over as well.
+  if (tets) in.tris.clear(), in.edges.clear(), in.corners.clear();
   const unsigned nt = unsigned(in.tris.size() / 3), ne = unsigned(in.edges.size() / 2);
   dense2D<unsigned> connectB(3, nt);
   for (unsigned j = 0; j < nt; ++j)
@@ -50,13 +54,24 @@ int main(int argc, char** argv) {
     for (std::uint32_t k : in.corners) data.isolated_nodes.push_back(k);
   }
 
+  if (tets) {
+    // Files turn their tets the other way from the library: nodes 1 and 2 swapped.
+    const unsigned T = unsigned(in.tet_count());
+    data.connectM.resize(4, T);
+    for (unsigned t = 0; t < T; ++t)
+      for (unsigned i = 0; i < 4; ++i)
+        data.connectM(i, t) = in.tets[4 * std::size_t(t) + (i == 1 ? 2 : i == 2 ? 1 : i)];
+  }
+
   in = bench_mesh::tables();  // the record holds the input now; keep one copy, as the peers do
 
   voxfill::mesher mesher;
   if (cloud) {
     mesher.settings.mode = 2;
     mesher.settings.optim_level = 0;
-  }  // surfaces: mode 0 with the library's defaults
+  } else if (tets) {
+    mesher.settings.mode = 1;
+  }  // surfaces: mode 0; tets: mode 1; both with the library's defaults
   mesher.run(data);
   if (data.error_code != 0) {
     std::fprintf(stderr, "voxfill_run: error %d: %s %s\n", data.error_code, data.msg_title,
@@ -67,8 +82,11 @@ int main(int argc, char** argv) {
     std::printf("not yet\n");
     return 3;
   }
-  std::printf("tets %u nodes %u seconds %.3f\n", data.tet_count, data.used_node_count,
+  std::printf("tets %u nodes %u seconds %.3f", data.tet_count, data.used_node_count,
               data.total_time);
+  if (tets)
+    std::printf(" min_quality_in %.6g min_quality %.6g", data.min_quality_in, data.min_quality);
+  std::printf("\n");
   if (!out) return 0;
 
   bench_mesh::tables m;
