@@ -22,6 +22,7 @@ struct key_set {
 
   // Entry index of an equal key (either direction), or NONE. `dir` gets the comparison result.
   unsigned find(const K& k, int* dir = nullptr) const noexcept {
+    if (!heads.size) return NONE;  // a set whose first buckets could not be had is empty
     for (unsigned e = heads[key_hash(k) & (heads.size - 1)]; e != NONE; e = next[e]) {
       const int c = compare_keys(keys[e], k);
       if (c) {
@@ -38,7 +39,7 @@ struct key_set {
   int insert(const K& k) noexcept {
     int dir = 0;
     if (find(k, &dir) != NONE) return dir;
-    if (count + 1 > heads.size && !rehash(heads.size * 2)) return 0;
+    if (count + 1 > heads.size && !rehash(heads.size ? heads.size * 2 : 8)) return 0;
     const unsigned e = keys.size;
     keys.push_back(k);
     next.push_back(NONE);
@@ -54,6 +55,7 @@ struct key_set {
   }
 
   bool erase(const K& k) noexcept {
+    if (!heads.size) return false;
     unsigned* link = &heads[key_hash(k) & (heads.size - 1)];
     for (unsigned e = *link; e != NONE; link = &next[e], e = *link) {
       if (compare_keys(keys[e], k)) {

@@ -114,12 +114,16 @@ void th4_engine::run_regularization(mesher::data_type& data) {
     if (register_skin(*this, by_colour)) {
       // The record's boundary becomes the faces that are now held; the caller's array is left.
       const unsigned count = hard_set.faces.size() + hard_set.two_way_faces.size();
-      dense2D<unsigned> faces(3, count);
-      unsigned c = 0;
-      for (const face_set* set : {&hard_set.faces, &hard_set.two_way_faces})
-        for (unsigned k = 0; k < set->keys.size; ++k)
-          if (set->live(k)) std::copy_n(set->keys[k].n, 3, faces.col(c++));
-      data.connectB = faces.sub_matrix(0, 0, 3, c);
+      dense2D<unsigned> faces;
+      if (!faces.resize(3, count)) {
+        raise_error(msg::memory_mode1_setup);
+      } else {
+        unsigned c = 0;
+        for (const face_set* set : {&hard_set.faces, &hard_set.two_way_faces})
+          for (unsigned k = 0; k < set->keys.size; ++k)
+            if (set->live(k)) std::copy_n(set->keys[k].n, 3, faces.col(c++));
+        data.connectB = faces.sub_matrix(0, 0, 3, c);
+      }
     }
     data.hard_nodes_in = hard_set.node_count;
     data.hard_edges_in = hard_set.edges.size() + hard_set.two_way_edges.size();

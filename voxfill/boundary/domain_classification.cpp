@@ -3,6 +3,7 @@
 #include "voxfill/boundary/domain_classification.h"
 
 #include <deque>
+#include <new>
 
 #include "delaunay/mesh_walks.h"
 #include "delaunay/tet_tables.h"
@@ -62,6 +63,7 @@ void order_subdomains(mesh_store& m, unsigned& count, unsigned subdomain_rule, i
   const unsigned start = start_tet(m);
   if (m.tets.cols() == 0 || count == 0 || start == NONE) return;
   dense1D<unsigned> region_map(count, DELETED);
+  if (region_map.size != count) throw std::bad_alloc();  // the run turns it into its memory error
   std::deque<unsigned> queue[2];
   std::vector<unsigned> pending;
   queue[0].push_back(start);

@@ -55,7 +55,7 @@ double solid_angle(const double* p, const double* a, const double* b, const doub
   return 2.0 * std::atan2(dot3(u, vw), dot3(uv, vpw));
 }
 
-move_merit::move_merit(mesh_store& m) noexcept : store(m) {
+move_merit::move_merit(mesh_store& m) : store(m) {
   std::fill_n(count_factors, 17, 1.0);
 }
 

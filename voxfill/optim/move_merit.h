@@ -52,7 +52,8 @@ struct move_merit {
   double hard_base = 1.0;
   double old_hard_share = 0.0;
 
-  explicit move_merit(mesh_store& m) noexcept;
+  // Allocates its lists: may throw std::bad_alloc, like every constructor of a record.
+  explicit move_merit(mesh_store& m);
   move_merit(const move_merit&) = delete;
   move_merit& operator=(const move_merit&) = delete;
 

@@ -31,7 +31,7 @@ struct move_record {
   dense2D<unsigned> best_rows;
   dense1D<double> best_qualities;
 
-  move_record(mesh_store& m, move_merit& mm) noexcept : store(m), merit(mm) {}
+  move_record(mesh_store& m, move_merit& mm) : store(m), merit(mm) {}
   move_record(const move_record&) = delete;
   move_record& operator=(const move_record&) = delete;
 

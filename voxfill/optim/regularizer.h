@@ -49,11 +49,13 @@ class regularizer {
   dense1D<unsigned> targets;          // of node insertion: pairs (tet, local edge or NONE)
   dense1D<unsigned> insertion_seeds;  // seeds of an insertion's cavity
 
-  regularizer(th4_engine& e, bool carry_sizes, bool with_background, bool with_topology) noexcept;
+  regularizer(th4_engine& e, bool carry_sizes, bool with_background, bool with_topology);
   regularizer(const regularizer&) = delete;
   regularizer& operator=(const regularizer&) = delete;
 
   bool frozen(unsigned t) const noexcept { return frozen_bits.test(t); }
+  // Gives the scratch lists the room of usual balls and shells.
+  void reserve_scratch() noexcept;
 };
 
 }  // namespace kelvo::voxfill
