@@ -18,6 +18,7 @@
 #include "voxfill/optim/edge_contraction.h"
 #include "voxfill/optim/edge_move.h"
 #include "voxfill/optim/edge_split.h"
+#include "voxfill/optim/face_swaps.h"
 #include "voxfill/optim/node_insertion.h"
 #include "voxfill/optim/shell_reconnection.h"
 
@@ -681,4 +682,52 @@ TEST(NodeInsertion, TargetsLimitsAndSoundMesh) {
     if (e.ancestors[n] != NONE) {
       EXPECT_NEAR(g.merit.valence_records[n].count, fresh.valence_records[n].count, 1e-4);
     }
+}
+
+TEST(FaceSwaps, FlatTetSwapsAcrossItsLargeFace) {
+  const double h = std::sqrt(3.0) / 2;
+  std::vector<std::array<double, 3>> pts = {
+      {0, 0, 0}, {1, 0, 0}, {0.5, h, 0}, {0.5, h / 3, 0.04}, {0.5, h / 3, -0.8}};
+  for (const bool hard : {false, true}) {
+    th4_engine e;
+    fixtures::load_mesh(e, pts, {{0, 1, 2, 3}, {0, 1, 2, 4}});
+    e.recompute_qualities(false);
+    if (hard) e.hard_set.add_face(0, 1, 2);
+    const double v0 = volume(e), q0 = std::min(e.tet_qualities[0], e.tet_qualities[1]);
+    regularizer g(e, false, false, false);
+    const fixtures::table_snapshot before(e);
+    dense1D<unsigned> tets;
+    tets.push_back(e.tet_qualities[0] < e.tet_qualities[1] ? 0 : 1);
+    unsigned moves = 0;
+    // Asked for more than the swap can give: refused, nothing changes.
+    EXPECT_EQ(face_swap_pass(g, tets, 1e6, 1e-12, moves), 1.0);
+    EXPECT_EQ(moves, 0u);
+    EXPECT_TRUE(before.same_as(e));
+    const double gain = face_swap_pass(g, tets, 1.0, 1e-12, moves);
+    if (hard) {  // a hard face is never swapped away
+      EXPECT_EQ(moves, 0u);
+      EXPECT_EQ(e.tets.cols() - e.tets.free_stack.size, 2u);
+      continue;
+    }
+    ASSERT_EQ(moves, 1u);
+    EXPECT_GT(gain, 1.0);
+    EXPECT_EQ(e.tets.cols() - e.tets.free_stack.size, 3u);
+    EXPECT_GT(e.recompute_qualities(false), q0);
+    EXPECT_NE(edge_tet(e, 3, 4), NONE);  // the new edge across the old face
+    const mesh_check_result c = full_check(e);
+    EXPECT_TRUE(c.ok) << c.text;
+    EXPECT_NEAR(volume(e), v0, 1e-12 * v0);
+    EXPECT_TRUE(tets.size == 0);
+  }
+  // A regular tet has no face as large as the others together: left alone.
+  th4_engine e;
+  fixtures::load_mesh(e, {{0, 0, 0}, {1, 0, 0}, {0.5, h, 0}, {0.5, h / 3, std::sqrt(2.0 / 3)}},
+                      {{0, 1, 2, 3}});
+  e.recompute_qualities(false);
+  regularizer g(e, false, false, false);
+  dense1D<unsigned> tets;
+  tets.push_back(0);
+  unsigned moves = 0;
+  EXPECT_EQ(face_swap_pass(g, tets, 1e-12, 1e-12, moves), 1.0);
+  EXPECT_EQ(moves, 0u);
 }

@@ -10,6 +10,7 @@
 #include "delaunay/mesh_walks.h"
 #include "voxfill/optim/edge_code.h"
 #include "voxfill/optim/edge_move.h"
+#include "voxfill/optim/face_swaps.h"
 #include "voxfill/optim/node_insertion.h"
 
 namespace kelvo::voxfill {
@@ -275,6 +276,10 @@ void run_levels(regularizer& g, unsigned level, unsigned& nodes_left, bool smoot
                                         false, may_insert, gain_factor, 1e-12, worst, edges,
                                         nodes_left, moves, g.new_nodes);
         gm = std::max(gm, g2);
+        if (reconnect) {
+          unsigned swaps = 0;
+          gm = std::max(gm, face_swap_pass(g, worst, gain_factor, 1e-12, swaps));
+        }
         if (may_insert && p == 0) {
           split_longest_edges(g, worst, nodes_left, g.new_nodes, false);
           pick_worst_tets(g, 4 * bad, g.frozen_bits, count, worst);
