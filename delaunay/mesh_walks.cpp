@@ -230,32 +230,65 @@ int locate_side(const dense2D<double>& xyz, const double* P, const unsigned* tet
   return -1;
 }
 
-int walk_to_point(const mesh_store& m, const double* P, unsigned& t, double tol,
-                  bit_source& bits) noexcept {
-  const dense2D<double>& xyz = m.nodes.data;
-  unsigned steps = m.tets.cols();
+namespace {
+
+// The walk over a mesh's tables, whichever record holds them.
+int walk_tables(const dense2D<double>& xyz, const slot_table<unsigned>& tets,
+                const slot_table<unsigned>& neighbors, const double* P, unsigned& t, double tol,
+                bit_source& bits) noexcept {
+  unsigned steps = tets.cols();
   while (t != NONE && steps) {
     --steps;
     unsigned start = bits.next();
-    const unsigned* n = m.tets.row(t);
+    const unsigned* n = tets.row(t);
     int s = locate_side(xyz, P, n, tol, start);
     if (s == -1) return 1;
     if (s == -2) {
       t = NONE;
       return -1;
     }
-    unsigned nb = m.neighbors(unsigned(s), t);
+    unsigned nb = neighbors(unsigned(s), t);
     // Beyond a hull face: a point beyond two faces leaves by the one that is not on the hull.
     for (unsigned r = 0; nb == NONE && r < 3; ++r) {
       start = (start + 1) & 3;
       s = locate_side(xyz, P, n, tol, start);
-      if (s >= 0) nb = m.neighbors(unsigned(s), t);
+      if (s >= 0) nb = neighbors(unsigned(s), t);
     }
     t = nb;
   }
   if (t == NONE) return 0;
   t = NONE;
   return -2;
+}
+
+}  // namespace
+
+int walk_to_point(const mesh_store& m, const double* P, unsigned& t, double tol,
+                  bit_source& bits) noexcept {
+  return walk_tables(m.nodes.data, m.tets, m.neighbors, P, t, tol, bits);
+}
+
+int walk_to_point(const node_locator& loc, const double* P, unsigned& t, double tol,
+                  bit_source& bits) noexcept {
+  if (!loc.nodes || !loc.tets || !loc.neighbors) {
+    t = NONE;
+    return 0;
+  }
+  return walk_tables(loc.nodes->data, *loc.tets, *loc.neighbors, P, t, tol, bits);
+}
+
+bool locate_tet(node_locator& loc, const double* P, unsigned& t, double tol,
+                bit_source& bits) noexcept {
+  if (!loc.ancestors) return false;
+  if (t == NONE) {
+    const unsigned node = loc.near_node(P);
+    if (node == NONE || node >= loc.ancestors->size) return false;
+    t = (*loc.ancestors)[node];
+    if (t == NONE) return false;
+  }
+  if (walk_to_point(loc, P, t, tol, bits) == 1) return true;
+  t = NONE;
+  return false;
 }
 
 bool locate_tet(mesh_store& m, const double* P, unsigned& t, double tol) noexcept {

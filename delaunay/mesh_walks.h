@@ -63,6 +63,13 @@ int walk_to_point(const mesh_store& m, const double* P, unsigned& t, double tol,
 // the locator's octree. False (t = NONE) when not found.
 bool locate_tet(mesh_store& m, const double* P, unsigned& t, double tol) noexcept;
 
+// The same walk and location over the tables that a locator is bound to, with the caller's random
+// bits: a mesh other than the store's (a background mesh) is walked the same way.
+int walk_to_point(const node_locator& loc, const double* P, unsigned& t, double tol,
+                  bit_source& bits) noexcept;
+bool locate_tet(node_locator& loc, const double* P, unsigned& t, double tol,
+                bit_source& bits) noexcept;
+
 // As locate_tet, but the tet must be classified; with `retry`, walks again from each tet of the
 // ball of the nearest node until a walk ends in a classified tet.
 bool locate_tet_in_domain(mesh_store& m, const double* P, unsigned& t, double tol, bool retry,

@@ -44,47 +44,10 @@ bool in_domain(const size_field& field, unsigned t) noexcept {
   return t < field.colors.size && color_in_domain(field.colors[t]);
 }
 
-// The walk of the kernel over the field's own tables and with the field's own random bits, so
-// that a background mesh is walked like the mesh itself. 1 found, 0 left the mesh, -1 met a bad
-// tet, -2 out of steps; t is NONE on all but 1.
-int walk_field(const node_locator& loc, const double* P, unsigned& t, bit_source& bits) noexcept {
-  const dense2D<double>& xyz = loc.nodes->data;
-  for (unsigned steps = loc.tets->cols(); t != NONE && steps; --steps) {
-    unsigned start = bits.next();
-    const unsigned* n = loc.tets->row(t);
-    int s = locate_side(xyz, P, n, LOCATE_TOL, start);
-    if (s == -1) return 1;
-    if (s == -2) {
-      t = NONE;
-      return -1;
-    }
-    unsigned nb = (*loc.neighbors)(unsigned(s), t);
-    // Beyond a hull face: a point beyond two faces leaves by the one that is not on the hull.
-    for (unsigned r = 0; nb == NONE && r < 3; ++r) {
-      start = (start + 1) & 3;
-      s = locate_side(xyz, P, n, LOCATE_TOL, start);
-      if (s >= 0) nb = (*loc.neighbors)(unsigned(s), t);
-    }
-    t = nb;
-  }
-  if (t == NONE) return 0;
-  t = NONE;
-  return -2;
-}
-
-// The tet holding P, from t or, with no start, from the tet of a node near P.
+// The tet holding P over the field's own tables and with its own random bits, so that a
+// background mesh is walked like the mesh itself.
 bool locate_in_field(size_field& field, const double* P, unsigned& t) noexcept {
-  node_locator& loc = field.locator;
-  if (!bound(loc)) return false;
-  if (t == NONE) {
-    const unsigned node = loc.near_node(P);
-    if (node == NONE || node >= loc.ancestors->size) return false;
-    t = (*loc.ancestors)[node];
-    if (t == NONE) return false;
-  }
-  if (walk_field(loc, P, t, field.walk_bits) == 1) return true;
-  t = NONE;
-  return false;
+  return bound(field.locator) && locate_tet(field.locator, P, t, LOCATE_TOL, field.walk_bits);
 }
 
 // The tets around `node` into field.ball, depth first from its ancestor.
@@ -121,7 +84,8 @@ bool locate_in_field_domain(size_field& field, const double* P, unsigned& t) noe
   ball_in_field(field, node);
   for (unsigned k = 0; k < field.ball.size; ++k) {
     unsigned s = field.ball[k];
-    if (walk_field(field.locator, P, s, field.walk_bits) == 1 && in_domain(field, s)) {
+    if (walk_to_point(field.locator, P, s, LOCATE_TOL, field.walk_bits) == 1 &&
+        in_domain(field, s)) {
       t = s;
       return true;
     }
