@@ -115,6 +115,7 @@ TEST(DelaunayPipeline, RandomCloud) {
   mesher m;
   m.settings.mode = 2;
   m.settings.optim_level = 0;
+  m.settings.strict_constraints = false;  // the kernel's mesh as it is: Delaunay throughout
   m.settings.positive_orientation = false;
   m.run(d);
   ASSERT_EQ(d.error_code, 0);
@@ -251,6 +252,7 @@ TEST(DelaunayPipeline, CallerNumberingKept) {
     mesher m;
     m.settings.mode = 2;
     m.settings.optim_level = 0;
+    m.settings.strict_constraints = false;
     if (variant == 2) m.settings.interrupt_hdl = [](void*, double) { return true; };
     m.run(d);
     for (unsigned j = 0; j < 3; ++j) {
@@ -272,4 +274,34 @@ TEST(DelaunayPipeline, CallerNumberingKept) {
       EXPECT_EQ(d.used_node_count, n - 1);
     }
   }
+}
+
+// With the constraints held (the default), the edges at the box corners give way to shorter ones
+// before the corners' tets are left out: a node just inside the hull no longer costs the tets
+// between it and the hull faces, and the mesh stays sound with every node in it.
+TEST(DelaunayPipeline, BoxEdgesGiveWayToTheHull) {
+  const std::vector<std::array<double, 3>> corner = {
+      {0, 0, 0}, {1, 0, 0}, {0, 1, 0}, {0, 0, 1}, {0.3, 0.3, 0.3}};
+  for (const bool strict : {false, true}) {
+    data_type d = cloud(corner);
+    mesher m;
+    m.settings.mode = 2;
+    m.settings.strict_constraints = strict;
+    m.run(d);
+    ASSERT_EQ(d.error_code, 0) << d.msg_title;
+    expect_valid_mesh(d, !strict);
+    if (strict) {
+      EXPECT_EQ(d.tet_count, 4u);
+      EXPECT_NEAR(d.volume, 1.0 / 6, 1e-15);
+    } else {
+      EXPECT_LT(d.volume, 1.0 / 6 - 1e-3);  // the kernel's mesh alone loses a tet at the hull
+    }
+  }
+  data_type d = cloud(random_points(1000, 21));
+  mesher m;
+  m.settings.mode = 2;
+  m.run(d);
+  ASSERT_EQ(d.error_code, 0) << d.msg_title;
+  expect_valid_mesh(d, false);
+  EXPECT_EQ(d.used_node_count, 1000u);
 }

@@ -85,7 +85,7 @@ double volume_of(const data_type& d) {
 
 // The output is a sound mesh, keeps every wall face with its colours, keeps the boundary nodes
 // where they were, has the input's volume, and is no worse than the input.
-void expect_regularised(const data_type& in, const data_type& out) {
+void expect_regularised(const data_type& in, const data_type& out, bool finished = true) {
   ASSERT_GT(out.tet_count, 0u);
   mesh_store s;
   ASSERT_TRUE(fixtures::load_output(s, out));
@@ -106,7 +106,11 @@ void expect_regularised(const data_type& in, const data_type& out) {
       for (unsigned i = 0; i < 3; ++i) EXPECT_EQ(out.pos(i, f[k]), in.pos(i, f[k]));
   const double v0 = volume_of(in), v1 = volume_of(out);
   EXPECT_NEAR(v1, v0, 1e-12 * std::fabs(v0));
-  EXPECT_GE(out.min_quality, out.min_quality_in);
+  // A first-stage move may trade some worst quality for merit; a finished run has made up for it
+  // on these meshes, an interrupted one need not have.
+  if (finished) {
+    EXPECT_GE(out.min_quality, out.min_quality_in);
+  }
 }
 
 }  // namespace
@@ -294,6 +298,6 @@ TEST(Regularization, InterruptionAtAnyPollGivesAValidMesh) {
     if (k + 3 < clean.polls) {
       EXPECT_EQ(d.warning_code, -10) << "poll " << k;
     }
-    expect_regularised(in, d);
+    expect_regularised(in, d, false);
   }
 }

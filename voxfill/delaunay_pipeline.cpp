@@ -10,6 +10,7 @@
 #include "delaunay/insertion_order.h"
 #include "delaunay/mesh_check.h"
 #include "gridkit/connectivity.h"
+#include "voxfill/boundary/box_edge_removal.h"
 #include "voxfill/boundary/domain_classification.h"
 #include "voxfill/boundary/hard_entities.h"
 #include "voxfill/delaunay_th4.h"
@@ -141,6 +142,10 @@ void th4_engine::run_delaunay(mesher::data_type& data) {
     }
   }
 #endif
+
+  // With the constraints held, the mesh is the one of the true convex hull: the box corners'
+  // edges give way to shorter ones before the tets at the corners are left outside.
+  if (settings.strict_constraints && !must_stop()) strip_box_edges(*this, n);
 
   single_domain_colors(*this);
   data.volume = domain_volume();

@@ -1,0 +1,74 @@
+// Box edge removal by shell reconnections that only shorten the edges at the box.
+#include "voxfill/boundary/box_edge_removal.h"
+
+#include <algorithm>
+#include <cstdint>
+#include <utility>
+#include <vector>
+
+#include "delaunay/geometry.h"
+#include "delaunay/mesh_walks.h"
+#include "voxfill/optim/replace_tets.h"
+#include "voxfill/optim/shell_reconnection.h"
+
+namespace kelvo::voxfill {
+
+void strip_box_edges(mesh_store& m, unsigned first_new) {
+  move_merit merit(m);  // shape only: no sizes, no topology
+  move_record record(m, merit);
+  replace_scratch exchange;
+  entity_set wanted;  // nothing is wanted: the best triangulation by quality
+  dense1D<unsigned> ball, shell, ring, fresh;
+  dense2D<unsigned> rows, edges;
+  dense1D<double> qualities;
+  std::vector<std::pair<double, unsigned>> far;  // (squared length, other node) at one corner
+  for (bool replaced = true; replaced;) {
+    replaced = false;
+    for (unsigned k = 0; k < m.box_nodes.size; ++k) {
+      const unsigned b = m.box_nodes[k];
+      if (b >= m.ancestors.size || m.ancestors[b] == NONE) continue;
+      ball_of_node(m, b, NONE, ball);
+      m.bump_marks();
+      for (unsigned i = 0; i < m.box_nodes.size; ++i) m.mark(m.box_nodes[i]);
+      far.clear();
+      for (unsigned i = 0; i < ball.size; ++i) {
+        const unsigned* r = m.tets.row(ball[i]);
+        for (unsigned j = 0; j < 4; ++j)
+          if (!m.marked(r[j])) {
+            m.mark(r[j]);
+            far.push_back({edge_length2(m.nodes.data, b, r[j]), r[j]});
+          }
+      }
+      // Longest first; equal lengths by node, so that the order is the same on every run.
+      std::sort(far.begin(), far.end(), [](const auto& x, const auto& y) {
+        return x.first > y.first || (x.first == y.first && x.second < y.second);
+      });
+      for (const auto& [length2, w] : far) {
+        const unsigned start = edge_tet(m, b, w);
+        if (start == NONE) continue;
+        ring.clear();
+        if (!shell_with_ring(m, b, w, start, shell, ring)) continue;
+        std::uint32_t mask = 0;
+        for (;;) {
+          double best = 1e-12;
+          unsigned pattern = NONE;
+          recover_patterns(record, b, w, ring, wanted, mask, best, pattern, rows, edges, qualities);
+          if (pattern == NONE) break;
+          double longest = 0.0;
+          for (unsigned d = 0; d < edges.cols; ++d)
+            if (edges(0, d) >= first_new || edges(1, d) >= first_new)
+              longest = std::max(longest, edge_length2(m.nodes.data, edges(0, d), edges(1, d)));
+          // Only a reconnection that puts shorter edges in the place of this one.
+          if (longest >= 0.999999999999 * length2) {
+            mask |= std::uint32_t(1) << pattern;
+            continue;
+          }
+          if (replace_tets(m, exchange, shell, rows, qualities, fresh)) replaced = true;
+          break;
+        }
+      }
+    }
+  }
+}
+
+}  // namespace kelvo::voxfill
