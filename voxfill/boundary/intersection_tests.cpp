@@ -34,8 +34,9 @@ double clamped_closest(const double* A, const double* B, const double* P, const 
 }  // namespace
 
 // The cross product is taken from the two shortest of u, v and v - u: equal in exact arithmetic,
-// it is most accurate from the short ones. Measuring from the nearest pair of ends keeps the
-// offset r short too, so the dot products below lose little to cancellation.
+// it is most accurate from the short ones, and it measures the angle of u and v. Measuring from the
+// nearest pair of ends keeps the offset r short too, so the dot products below lose little to
+// cancellation.
 double closest_lines(const double* A, const double* B, const double* P, const double* Q, double& s,
                      double& t, bool& parallel) noexcept {
   double u[3], v[3], w[3], c[3];
@@ -43,34 +44,25 @@ double closest_lines(const double* A, const double* B, const double* P, const do
   sub3(Q, P, v);
   sub3(v, u, w);
   const double Lu = dot3(u, u), Lv = dot3(v, v), Lw = dot3(w, w);
-  double L_first, L_second;
-  if (Lw > (Lu < Lv ? Lu : Lv)) {
+  if (Lw > (Lu < Lv ? Lu : Lv))
     cross3(u, v, c);
-    L_first = Lu;
-    L_second = Lv;
-  } else if (Lu < Lv) {
+  else if (Lu < Lv)
     cross3(w, u, c);
-    L_first = Lw;
-    L_second = Lu;
-  } else {
+  else
     cross3(w, v, c);
-    L_first = Lw;
-    L_second = Lv;
-  }
   const double D = dot3(c, c);
-  parallel = D <= 1e-24 * (L_first * L_second);
+  parallel = D <= 1e-24 * (Lu * Lv);
 
-  const double dAP = dist2<3>(A, P), dAQ = dist2<3>(A, Q), dBP = dist2<3>(B, P),
-               dBQ = dist2<3>(B, Q);
-  bool at_B = false, at_Q = false;
-  if (dAP < dAQ && dAP < dBP && dAP < dBQ) {
-  } else if (dAQ < dAP && dAQ < dBP && dAQ < dBQ) {
-    at_Q = true;
-  } else if (dBP < dAP && dBP < dAQ && dBP < dBQ) {
-    at_B = true;
-  } else {
-    at_B = at_Q = true;
+  // The origin: the first of (A, P), (A, Q), (B, P) that is strictly the nearest pair of ends,
+  // else (B, Q).
+  const double d[4] = {dist2<3>(A, P), dist2<3>(A, Q), dist2<3>(B, P), dist2<3>(B, Q)};
+  unsigned pick = 3;
+  for (unsigned k = 0; k < 3 && pick == 3; ++k) {
+    bool nearest = true;
+    for (unsigned j = 0; j < 4; ++j) nearest = nearest && (j == k || d[k] < d[j]);
+    if (nearest) pick = k;
   }
+  const bool at_B = pick >= 2, at_Q = pick & 1u;
   double r[3];
   sub3(at_Q ? Q : P, at_B ? B : A, r);
   if (parallel) {
