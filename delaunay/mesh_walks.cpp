@@ -303,6 +303,25 @@ bool locate_tet(mesh_store& m, const double* P, unsigned& t, double tol) noexcep
   return false;
 }
 
+bool edges_of_live_tets(const mesh_store& m, dense1D<std::uint64_t>& edges) noexcept {
+  edges.clear();
+  std::uint64_t live = 0;
+  for (unsigned t = 0; t < m.tets.cols(); ++t) live += m.tet_live(t);
+  if (6 * live > 0xFFFFFFFFull || !edges.reserve(unsigned(6 * live))) return false;
+  // Every tet lists its six; the sorted list keeps one of each.
+  for (unsigned t = 0; t < m.tets.cols(); ++t) {
+    if (!m.tet_live(t)) continue;
+    const unsigned* n = m.tets.row(t);
+    for (unsigned k = 0; k < 6; ++k) {
+      const unsigned a = n[tet_edge_nodes[k][0]], b = n[tet_edge_nodes[k][1]];
+      edges.push_back(a < b ? std::uint64_t(a) << 32 | b : std::uint64_t(b) << 32 | a);
+    }
+  }
+  std::sort(edges.begin(), edges.end());
+  edges.size = unsigned(std::unique(edges.begin(), edges.end()) - edges.begin());
+  return true;
+}
+
 bool locate_tet_in_domain(mesh_store& m, const double* P, unsigned& t, double tol, bool retry,
                           dense1D<unsigned>& ball, dense1D<unsigned>& stack,
                           index_set& seen) noexcept {

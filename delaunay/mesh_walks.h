@@ -2,6 +2,8 @@
 // tets holding an edge or a face, and point location.
 #pragma once
 
+#include <cstdint>
+
 #include "delaunay/key_set.h"
 #include "delaunay/mesh_store.h"
 
@@ -39,6 +41,10 @@ bool shell_of_edge(mesh_store& m, unsigned a, unsigned b, unsigned start,
 // appends one more node where each run stops at the hull.
 bool shell_with_ring(mesh_store& m, unsigned a, unsigned b, unsigned start, dense1D<unsigned>& out,
                      dense1D<unsigned>& ring) noexcept;
+
+// Each edge of the live tets once, as (smaller node << 32 | larger node), in increasing order.
+// False (list empty) when memory ran out.
+bool edges_of_live_tets(const mesh_store& m, dense1D<std::uint64_t>& edges) noexcept;
 
 // First tet holding n0, n1 and n2, or NONE; `out` holds the shell (or ball) that was searched.
 unsigned find_face_tet(mesh_store& m, unsigned n0, unsigned n1, unsigned n2,

@@ -3,11 +3,10 @@
 #include <algorithm>
 #include <cfloat>
 #include <cstdint>
-#include <new>
 #include <vector>
 
 #include "delaunay/geometry.h"
-#include "delaunay/tet_tables.h"
+#include "delaunay/mesh_walks.h"
 #include "voxfill/delaunay_th4.h"
 #include "voxfill/optim/move_merit.h"
 
@@ -139,25 +138,10 @@ bool th4_engine::write_output(mesher::data_type& data, unsigned first_node) {
 
 void th4_engine::fill_histo_Qh(histogram& h) const {
   h.clear_hits();
-  // Each edge once: the node pairs of all live tets, sorted, each pair kept once.
-  std::vector<std::uint64_t> edges;
-  try {
-    edges.reserve(6 * std::size_t(tets.cols()));
-  } catch (const std::bad_alloc&) {
-    return;  // a histogram is not worth failing the run for
-  }
-  for (unsigned t = 0; t < tets.cols(); ++t) {
-    if (tet_deleted(t)) continue;
-    const unsigned* n = tets.row(t);
-    for (unsigned k = 0; k < 6; ++k) {
-      const unsigned a = n[tet_edge_nodes[k][0]], b = n[tet_edge_nodes[k][1]];
-      edges.push_back(a < b ? std::uint64_t(a) << 32 | b : std::uint64_t(b) << 32 | a);
-    }
-  }
-  std::sort(edges.begin(), edges.end());
-  edges.erase(std::unique(edges.begin(), edges.end()), edges.end());
+  dense1D<std::uint64_t> edges;
+  if (!edges_of_live_tets(*this, edges)) return;  // a histogram is not worth failing the run for
   for (const std::uint64_t e : edges)
-    h.process(metric_length(*this, unsigned(e >> 32), unsigned(e)));
+    h.process(metric_length(*this, unsigned(e >> 32), unsigned(e & 0xFFFFFFFFu)));
 }
 
 void th4_engine::update_missing_lists(mesher::data_type& data) {

@@ -328,26 +328,13 @@ void sizes_from_mesh(th4_engine& engine, const mesher::data_type& data) {
     dense1D<double> raw;
     dense1D<unsigned> counts;
     dense1D<std::uint64_t> edges;  // smaller node in the high half
-    std::uint64_t live = 0;
-    for (unsigned t = 0; t < engine.tets.cols(); ++t) live += engine.tet_live(t);
     if (!engine.node_sizes.resize(N, 0.0) || !raw.resize(N, 0.0) || !counts.resize(N, 0u) ||
-        6 * live > 0xFFFFFFFFull || !edges.reserve(unsigned(6 * live))) {
+        !edges_of_live_tets(engine, edges)) {
       engine.raise_error(msg::memory_mode1_sizes);
       return;
     }
-    // Each edge once: every tet lists its six, the sorted list keeps one of each.
-    for (unsigned t = 0; t < engine.tets.cols(); ++t) {
-      if (!engine.tet_live(t)) continue;
-      const unsigned* n = engine.tets.row(t);
-      for (unsigned k = 0; k < 6; ++k) {
-        const unsigned a = n[tet_edge_nodes[k][0]], b = n[tet_edge_nodes[k][1]];
-        edges.push_back(std::uint64_t(std::min(a, b)) << 32 | std::max(a, b));
-      }
-    }
-    std::sort(edges.begin(), edges.end());
-    const auto* last = std::unique(edges.begin(), edges.end());
-    for (const auto* e = edges.begin(); e != last; ++e) {
-      const unsigned a = unsigned(*e >> 32), b = unsigned(*e & 0xFFFFFFFFu);
+    for (const std::uint64_t e : edges) {
+      const unsigned a = unsigned(e >> 32), b = unsigned(e & 0xFFFFFFFFu);
       if (a < N && b < N) add_side(xyz, a, b, raw, counts);
     }
     divide(raw, counts);
