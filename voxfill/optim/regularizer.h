@@ -39,8 +39,6 @@ class regularizer {
   // made by the current sweep and by the one before, and a node mask.
   dense1D<unsigned> worst;
   dense1D<unsigned> edges;
-  dense1D<unsigned> pick_order;
-  dense1D<double> pick_keys;
   edge_set seen_edges;
   dense1D<unsigned> stage_nodes;
   dense1D<unsigned> new_nodes;
