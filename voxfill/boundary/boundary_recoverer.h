@@ -36,13 +36,14 @@ struct boundary_recoverer {
   std::vector<std::pair<float, unsigned>> sort_keys;
   std::vector<edge_key> sort_scratch;
   // Scratch rows and lists.
-  dense2D<unsigned> ball_rows, new_rows;
+  dense2D<unsigned> ball_rows, new_rows, edge_rows;
   dense1D<double> new_qualities;
   dense1D<unsigned> new_tets;
   dense1D<unsigned> ball_tets, ball_tets_2, ball_nodes, ring_nodes, coded_faces;
   std::uint32_t pattern_mask = 0;
   // What one attempt on an edge or a face reports.
-  dense1D<unsigned> new_nodes, side_nodes;
+  dense1D<unsigned> new_nodes, edge_nodes;
+  dense1D<unsigned> pipe;  // coded faces crossed by a segment, in order from its first node
   dense1D<unsigned> blocking_nodes;
   std::vector<edge_key> blocking_edges;
   std::vector<face_key> blocking_faces;
