@@ -620,12 +620,13 @@ int main(int argc, char** argv) {
       "\"open_edges\": %zu, \"conforming\": %s, \"ref_faces\": %zu, \"ref_faces_kept\": %zu, "
       "\"ref_faces_exact\": %zu, "
       "\"ref_edges\": %zu, \"ref_edges_kept\": %zu, \"ref_nodes\": %zu, \"ref_nodes_kept\": %zu, "
-      "\"ref_unmatched\": %zu, \"ref_volume\": %.10g, \"seconds\": %.3f}\n",
+      "\"ref_unmatched\": %zu, \"ref_points\": %zu, \"ref_volume\": %.10g, "
+      "\"seconds\": %.3f}\n",
       f.tets, f.nodes, f.nodes_used, f.bad_indices, f.sign, inverted, f.tets ? f.q_min : 0.0,
       f.tets ? f.q_sum / double(f.tets) : 0.0, f.q_low, f.tets ? f.dihedral_min : 0.0,
       f.tets ? f.dihedral_max : 0.0, f.volume, f.boundary_faces, f.interior_faces, f.faces_over_two,
       f.open_edges, conforming ? "true" : "false", f.ref_faces, f.ref_faces_kept, f.ref_faces_exact,
-      f.ref_edges, f.ref_edges_kept, f.ref_nodes, f.ref_nodes_kept, f.ref_unmatched, f.ref_volume,
-      secs);
+      f.ref_edges, f.ref_edges_kept, f.ref_nodes, f.ref_nodes_kept, f.ref_unmatched,
+      surface.empty() ? std::size_t(0) : ref.node_count(), f.ref_volume, secs);
   return 0;
 }
