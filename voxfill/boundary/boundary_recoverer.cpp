@@ -5,9 +5,12 @@
 #include <algorithm>
 #include <array>
 #include <cfloat>
+#include <cstdio>
+#include <cstdlib>
 #include <new>
 
 #include "delaunay/delaunay_mgr.h"
+#include "delaunay/mesh_check.h"
 #include "delaunay/mesh_walks.h"
 #include "voxfill/boundary/domain_classification.h"
 #include "voxfill/boundary/edge_recovery.h"
@@ -349,6 +352,17 @@ void recover_boundary(boundary_recoverer& r, const dense2D<unsigned>& connectB,
   }
   m.kernel_mode = saved_mode;
   r.task->drop_sections(2);
+#ifdef VOXFILL_CHECKS
+  // Every change above is applied whole or not at all: the mesh must be sound at every exit.
+  mesh_check_options options;
+  options.stored_qualities = true;
+  const mesh_check_result check = check_mesh(m, options);
+  if (!check.ok && check.fault != mesh_fault::no_memory) {
+    std::fprintf(stderr, "%s:%d: mesh after the boundary recovery: %s\n", __FILE__, __LINE__,
+                 check.text);
+    std::abort();
+  }
+#endif
 }
 
 }  // namespace kelvo::voxfill

@@ -2,11 +2,15 @@
 #include "voxfill/boundary/pipe_recovery.h"
 
 #include <algorithm>
+#include <cfloat>
 
 #include "delaunay/geometry.h"
 #include "delaunay/mesh_walks.h"
 #include "delaunay/tet_tables.h"
 #include "voxfill/boundary/intersection_tests.h"
+#include "voxfill/boundary/steiner_nodes.h"
+#include "voxfill/optim/edge_contraction.h"
+#include "voxfill/optim/replace_tets.h"
 
 namespace kelvo::voxfill {
 
@@ -37,6 +41,11 @@ bool passes(const mesh_store& m, const unsigned* f, unsigned a, unsigned b, doub
                                                         m.nodes.row(a), m.nodes.row(b), d, false);
   if (!(c.in_face && c.on_segment)) return false;
   return c.strict || (!holds(f, 3, a) && !holds(f, 3, b));
+}
+
+double dist2_of(const double* A, const double* B) noexcept {
+  const double u[3] = {B[0] - A[0], B[1] - A[1], B[2] - A[2]};
+  return u[0] * u[0] + u[1] * u[1] + u[2] * u[2];
 }
 
 }  // namespace
@@ -190,19 +199,269 @@ int flip_pipe(boundary_recoverer& r, unsigned a, unsigned b, double d) noexcept 
   return 0;
 }
 
+void turn_pipe(boundary_recoverer& r) noexcept {
+  mesh_store& m = r.store;
+  dense1D<unsigned>& pipe = r.pipe;
+  const unsigned n = pipe.size;
+  for (unsigned k = 0; k < n; ++k) {
+    const unsigned t = pipe[k] >> 2;
+    const unsigned u = m.neighbors(pipe[k] & 3u, t);
+    pipe[k] = u == NONE ? NONE : 4 * u + face_toward(m, u, t);
+  }
+  std::reverse(pipe.begin(), pipe.end());
+}
+
+bool remove_pipe_node(boundary_recoverer& r, unsigned v, unsigned w, bool same_side) noexcept {
+  mesh_store& m = r.store;
+  if (v == w || !is_soft_node(m, v)) return false;
+  if (!ball_of_node(m, v, NONE, r.ball_tets) || !r.ball_tets.size) return false;
+  m.bump_marks();
+  for (unsigned k = 0; k < r.ball_tets.size; ++k) m.mark(r.ball_tets[k]);
+  unsigned first = NONE, last = NONE;
+  for (unsigned k = 0; k < r.pipe.size; ++k) {
+    if (!m.marked(r.pipe[k] >> 2)) continue;
+    if (first == NONE) first = k;
+    if (last != NONE && last + 1 != k) return false;  // the range must be one stretch
+    last = k;
+  }
+  if (same_side && first != NONE) {
+    // Every face of the range through v must show the same edge opposite v.
+    unsigned p = NONE, q = NONE;
+    for (unsigned k = first; k <= last; ++k) {
+      unsigned f[3];
+      face_of(m, r.pipe[k] >> 2, r.pipe[k] & 3u, f);
+      for (unsigned i = 0; i < 3; ++i) {
+        if (f[i] != v) continue;
+        const unsigned x = f[(i + 1) % 3], y = f[(i + 2) % 3];
+        if (p == NONE) p = x, q = y;
+        if (x != p || y != q) return false;
+      }
+    }
+  }
+  if (!r.ball_rows.resize(4, r.ball_tets.size)) return false;
+  r.ring_nodes.clear();
+  for (unsigned k = 0; k < r.ball_tets.size; ++k) {
+    const unsigned* row = m.tets.row(r.ball_tets[k]);
+    std::copy_n(row, 4, r.ball_rows.col(k));
+  }
+  double merit = 0.0;
+  if (!collapse_onto(r.steiner.removal_state, v, w, w, r.ring_nodes, 1e-12, r.ball_rows, r.new_rows,
+                     r.new_qualities, merit))
+    return false;
+  if (!replace_tets(m, r.steiner.exchange, r.ball_tets, r.new_rows, r.new_qualities, r.new_tets))
+    return false;
+  m.locator.remove(v);
+  m.ancestors[v] = NONE;
+  return true;
+}
+
+// Removes soft nodes from the walls of the pipe: first those of the face at its mouth onto the
+// start, then, along the pipe, the node behind each entering face onto the node across it. The
+// pipe is walked again after each removal. True when the edge has come.
+bool thin_pipe(boundary_recoverer& r, unsigned from, unsigned to, double d) noexcept {
+  mesh_store& m = r.store;
+  // At the mouth.
+  for (bool removed = true; removed && r.pipe.size;) {
+    removed = false;
+    unsigned f[3];
+    face_of(m, r.pipe[0] >> 2, r.pipe[0] & 3u, f);
+    for (unsigned i = 0; i < 3 && !removed; ++i) removed = remove_pipe_node(r, f[i], from, false);
+    if (removed) {
+      const int c = walk_pipe(r, from, to, d);
+      if (c == 2) return true;
+      if (c < 0) return false;
+    }
+  }
+  // Along the pipe.
+  for (unsigned k = 1; k < r.pipe.size;) {
+    const unsigned t = r.pipe[k] >> 2;
+    const unsigned entering = face_toward(m, t, r.pipe[k - 1] >> 2);
+    if (entering == 4) return false;
+    const unsigned c = m.tets(r.pipe[k] & 3u, t), v = m.tets(entering, t);
+    if (!remove_pipe_node(r, v, c, true)) {
+      ++k;
+      continue;
+    }
+    const int w = walk_pipe(r, from, to, d);
+    if (w == 2) return true;
+    if (w < 0) return false;
+  }
+  return r.pipe.size == 0 && edge_tet(m, from, to) != NONE;
+}
+
+namespace {
+
+// The three tets of t coned from N over its faces other than e.
+bool split_by_one(boundary_recoverer& r, unsigned t, unsigned e, unsigned N) noexcept {
+  const mesh_store& m = r.store;
+  for (unsigned i = 0; i < 4; ++i) {
+    if (i == e) continue;
+    unsigned f[3];
+    face_of(m, t, i, f);
+    const unsigned row[4] = {N, f[0], f[1], f[2]};
+    const double q = tet_quality(m.nodes.data, row[0], row[1], row[2], row[3]);
+    if (!(q > 1e-12)) return false;
+    const unsigned j = r.new_rows.cols;
+    if (!r.new_rows.resize(4, j + 1)) return false;
+    std::copy_n(row, 4, r.new_rows.col(j));
+    r.new_qualities.push_back(q);
+  }
+  return true;
+}
+
+// The five tets of t with N1 on face f1 and N2 on face f2.
+bool split_by_two(boundary_recoverer& r, unsigned t, unsigned f1, unsigned f2, unsigned N1,
+                  unsigned N2) noexcept {
+  const mesh_store& m = r.store;
+  auto add = [&r, &m](unsigned a, unsigned b, unsigned c, unsigned d) {
+    const double q = tet_quality(m.nodes.data, a, b, c, d);
+    if (!(q > 1e-12)) return false;
+    const unsigned j = r.new_rows.cols;
+    if (!r.new_rows.resize(4, j + 1)) return false;
+    unsigned* w = r.new_rows.col(j);
+    w[0] = a, w[1] = b, w[2] = c, w[3] = d;
+    r.new_qualities.push_back(q);
+    return true;
+  };
+  for (unsigned i = 0; i < 4; ++i) {
+    if (i == f1 || i == f2) continue;
+    unsigned f[3];
+    face_of(m, t, i, f);
+    if (!add(N1, f[0], f[1], f[2])) return false;
+  }
+  unsigned g[3];
+  face_of(m, t, f2, g);
+  return add(N1, N2, g[0], g[1]) && add(N1, N2, g[1], g[2]) && add(N1, N2, g[2], g[0]);
+}
+
+// The line AB meets the plane of coded face c at A + t (B - A): false when they are parallel.
+bool line_on_face(const mesh_store& m, unsigned c, const double* A, const double* B,
+                  double& t) noexcept {
+  unsigned f[3];
+  face_of(m, c >> 2, c & 3u, f);
+  double gap2 = 0.0;
+  t = segment_plane_parameter(m.nodes.data, f[0], f[1], f[2], A, B, dist2_of(A, B), gap2);
+  return t != NO_VALUE;
+}
+
+}  // namespace
+
+int pipe_steiner_step(boundary_recoverer& r, unsigned a, unsigned b, unsigned& budget,
+                      dense1D<unsigned>& new_nodes) noexcept {
+  mesh_store& m = r.store;
+  const dense1D<unsigned>& pipe = r.pipe;
+  const unsigned n = pipe.size;
+  const double* A = m.nodes.row(a);
+  const double* B = m.nodes.row(b);
+  const double D[3] = {B[0] - A[0], B[1] - A[1], B[2] - A[2]};
+  const double DD = D[0] * D[0] + D[1] * D[1] + D[2] * D[2];
+  if (n < 2 || !(DD > 0.0)) return -1;
+  auto tet_at = [&](unsigned i) {
+    return i < n ? pipe[i] >> 2 : m.neighbors(pipe[n - 1] & 3u, pipe[n - 1] >> 2);
+  };
+  const unsigned T0 = tet_at(0), T1 = tet_at(1);
+  const unsigned P = m.tets(face_toward(m, T1, T0), T1);
+  unsigned end = 3;
+  while (end < n && holds(m.tets.row(pipe[end] >> 2), 4, P)) ++end;
+  const unsigned fan = std::max(1u, std::min(end, n) - 2);
+  const double* XP = m.nodes.row(P);
+  const double PA[3] = {XP[0] - A[0], XP[1] - A[1], XP[2] - A[2]};
+  const double tP = (PA[0] * D[0] + PA[1] * D[1] + PA[2] * D[2]) / DD;
+  const double W[3] = {PA[0] - tP * D[0], PA[1] - tP * D[1], PA[2] - tP * D[2]};
+  const double L = W[0] * W[0] + W[1] * W[1] + W[2] * W[2];
+  if (!(L > 0.0)) return -1;
+  double t1;
+  if (!line_on_face(m, pipe[1], A, B, t1)) return -1;
+  const double S[3] = {A[0] + t1 * D[0], A[1] + t1 * D[1], A[2] + t1 * D[2]};
+  // The farthest point from S towards P inside the wedge of the first tet at A.
+  double s = DBL_MAX;
+  for (unsigned i = 0; i < 4; ++i) {
+    if (i == (pipe[0] & 3u)) continue;
+    double x;
+    if (!line_on_face(m, 4 * T0 + i, S, XP, x)) return -1;
+    if (x > 0.0) s = std::min(s, x);
+  }
+  if (s == DBL_MAX) return -1;
+  s = std::min(s, 1.0);
+  const double Q[3] = {S[0] + s * (XP[0] - S[0]), S[1] + s * (XP[1] - S[1]),
+                       S[2] + s * (XP[2] - S[2])};
+  const double h = ((Q[0] - A[0]) * W[0] + (Q[1] - A[1]) * W[1] + (Q[2] - A[2]) * W[2]) / L;
+  const double step = h / n;
+  if (!(step > 0.0)) return -1;
+  const unsigned k = std::min(budget, fan);
+  const unsigned first_new = new_nodes.size;
+  auto undo = [&](int code) {
+    while (new_nodes.size > first_new) m.release_node(new_nodes[--new_nodes.size]);
+    return code;
+  };
+  for (unsigned i = 1; i <= k; ++i) {
+    double ti;
+    if (!line_on_face(m, pipe[i], A, B, ti)) return undo(-1);
+    const double u = h - i * step;
+    const double tt = ti + (tP - ti) * u;
+    const unsigned N = m.new_node(A[0] + u * W[0] + tt * D[0], A[1] + u * W[1] + tt * D[1],
+                                  A[2] + u * W[2] + tt * D[2], 0.0);
+    if (N == NONE) return undo(-199);
+    new_nodes.push_back(N);
+  }
+  r.ball_tets.clear();
+  r.new_rows.resize(4, 0);
+  r.new_qualities.clear();
+  const unsigned* made = new_nodes.begin() + first_new;
+  r.ball_tets.push_back(T1);
+  if (!split_by_one(r, T1, pipe[1] & 3u, made[0])) return undo(-1);
+  for (unsigned j = 1; j < k; ++j) {
+    const unsigned t = tet_at(j + 1);
+    const unsigned e = face_toward(m, t, tet_at(j)), x = pipe[j + 1] & 3u;
+    r.ball_tets.push_back(t);
+    const bool ok = j % 2 ? split_by_two(r, t, x, e, made[j], made[j - 1])
+                          : split_by_two(r, t, e, x, made[j - 1], made[j]);
+    if (!ok) return undo(-1);
+  }
+  const unsigned t = tet_at(k + 1);
+  if (t == NONE) return undo(-1);
+  r.ball_tets.push_back(t);
+  if (!split_by_one(r, t, face_toward(m, t, tet_at(k)), made[k - 1])) return undo(-1);
+  if (!replace_tets(m, r.steiner.exchange, r.ball_tets, r.new_rows, r.new_qualities, r.new_tets))
+    return undo(-1);
+  budget -= k;
+  return 1;
+}
+
 int recover_edge_by_pipe(boundary_recoverer& r, unsigned a, unsigned b, double d, unsigned& budget,
                          dense1D<unsigned>& new_nodes) noexcept {
-  (void)new_nodes;
-  int c = walk_pipe(r, a, b, d);
-  if (c == 2 || c < 0) return c;
-  c = check_pipe(r, a, b);
-  if (c) return c;
-  if (flip_pipe(r, a, b, d) == 1) return 1;
-  if (edge_tet(r.store, a, b) != NONE) return 1;
-  if (r.pipe.size < 2) return -4;
-  // Thinning of the pipe and Steiner nodes in its fan are not made yet: the edge waits for a
-  // later pass, when the mesh around it has changed.
-  return budget ? -1 : 0;
+  unsigned steiner_steps = 0, last_length = NONE;
+  for (;;) {
+    int c = walk_pipe(r, a, b, d);
+    if (c == 2 || c < 0) return c;
+    c = check_pipe(r, a, b);
+    if (c) return c;
+    bool turned = false;
+    for (;;) {
+      const unsigned from = turned ? b : a, to = turned ? a : b;
+      if (flip_pipe(r, from, to, d) == 1) return 1;
+      // Swaps and thinning take turns while the pipe gets shorter, before any Steiner node.
+      if (!(r.pipe.size < last_length) || steiner_steps) break;
+      last_length = r.pipe.size;
+      if (thin_pipe(r, from, to, d)) return 1;
+      turn_pipe(r);
+      turned = !turned;
+      if (thin_pipe(r, to, from, d)) return 1;
+      if (!(r.pipe.size < last_length)) break;
+    }
+    if (edge_tet(r.store, a, b) != NONE) return 1;
+    // Steiner nodes go in from a, whatever the last direction of the swaps was.
+    c = walk_pipe(r, a, b, d);
+    if (c == 2) return 1;
+    if (c < 0) return c;
+    const unsigned n = r.pipe.size;
+    if (n > 16 && budget < n / 2) budget = 0;
+    if (n < 2) return -4;
+    if (!budget) return 0;
+    c = pipe_steiner_step(r, a, b, budget, new_nodes);
+    if (c != 1) return c;
+    ++steiner_steps;
+  }
 }
 
 }  // namespace kelvo::voxfill

@@ -23,4 +23,20 @@ int check_pipe(boundary_recoverer& r, unsigned a, unsigned b) noexcept;
 // Two-into-three swaps along the pipe, shortening it: 1 when the edge ab now exists.
 int flip_pipe(boundary_recoverer& r, unsigned a, unsigned b, double d) noexcept;
 
+// The same pipe seen from its other end.
+void turn_pipe(boundary_recoverer& r) noexcept;
+
+// Takes the soft node v out onto w when its ball covers one stretch of the pipe (with
+// `same_side`, its faces on the pipe all show v the same edge). False leaves the mesh unchanged.
+bool remove_pipe_node(boundary_recoverer& r, unsigned v, unsigned w, bool same_side) noexcept;
+
+// Removal of soft nodes from the walls of the pipe walked from `from`: true when the edge came.
+bool thin_pipe(boundary_recoverer& r, unsigned from, unsigned to, double d) noexcept;
+
+// Nodes on the crossed faces of the fan at the pipe's start, between the segment ab and the fan's
+// apex, so that the fan no longer lies across the segment: 1 done (`budget` lowered), -1 not
+// possible, -199 no node could be had; nothing changes unless 1.
+int pipe_steiner_step(boundary_recoverer& r, unsigned a, unsigned b, unsigned& budget,
+                      dense1D<unsigned>& new_nodes) noexcept;
+
 }  // namespace kelvo::voxfill
