@@ -77,6 +77,4 @@ void th4_engine::run_steps(mesher::data_type& data, refine_context* context) {
   tasks = nullptr;
 }
 
-void th4_engine::run_mesh_generation(mesher::data_type&, refine_context&) {}
-
 }  // namespace kelvo::voxfill
