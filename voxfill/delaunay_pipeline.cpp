@@ -13,6 +13,7 @@
 #include "voxfill/boundary/box_edge_removal.h"
 #include "voxfill/boundary/domain_classification.h"
 #include "voxfill/boundary/hard_entities.h"
+#include "voxfill/boundary/hull_completion.h"
 #include "voxfill/delaunay_th4.h"
 #include "voxfill/kernel_task.h"
 #include "voxfill/optim/regularize_mesh.h"
@@ -144,8 +145,14 @@ void th4_engine::run_delaunay(mesher::data_type& data) {
 #endif
 
   // With the constraints held, the mesh is the one of the true convex hull: the box corners'
-  // edges give way to shorter ones before the tets at the corners are left outside.
-  if (settings.strict_constraints && !must_stop()) strip_box_edges(*this, n);
+  // edges give way to shorter ones, then what the box still holds is rebuilt as Delaunay tets of
+  // the given nodes up to the hull.
+  if (settings.strict_constraints && !must_stop()) {
+    strip_box_edges(*this, n);
+    const hull_completion done = complete_hull(*this);
+    if (done == hull_completion::no_memory) raise_error(msg::memory_error_run);
+    if (done == hull_completion::failed) raise_error(msg::internal_error);
+  }
 
   single_domain_colors(*this);
   data.volume = domain_volume();
