@@ -497,13 +497,14 @@ TEST(VoxfillCli, SaveCaseChecksItsWriteAndSparesTheInputs) {
   EXPECT_EQ(d.isolated_nodes.size, 27u);
 }
 
-// Catches a demo that fails, writes nothing, or hides that it shows the Delaunay mesh; and
-// an info that misreads what was written.
+// Catches a demo that fails, writes nothing, or does not count what the mesh holds; and an
+// info that misreads what was written.
 TEST(VoxfillCli, DemoAndInfo) {
   const result r = voxfill("demo -o " + in_folder("demo"));
   ASSERT_EQ(r.status, 0) << r.err;
-  EXPECT_NE(r.out.find("this is the Delaunay mesh (mode 2) of the geometry's nodes"),
-            std::string::npos);
+  EXPECT_NE(r.out.find("Mode 0 (volume mesh of a surface)"), std::string::npos);
+  EXPECT_NE(r.out.find(" of 1472 boundary triangles, "), std::string::npos);
+  EXPECT_NE(r.out.find("Demo: 2 subdomains: colour 0: "), std::string::npos);
   EXPECT_NE(r.out.find("*    Kelvo Voxfill(R) Iso ("), std::string::npos);
   mesh_file m, v;
   std::string e;

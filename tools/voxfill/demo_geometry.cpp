@@ -7,14 +7,11 @@
 #include <cstdio>
 #include <filesystem>
 #include <map>
+#include <vector>
 
 namespace kelvo::voxfill_tool {
 
 namespace {
-
-// Volume meshing (mode 0) is what the demo is about; until it lands the demo shows the
-// Delaunay mesh (mode 2) of the geometry's nodes. Set to 0 to mesh the two subdomains.
-constexpr unsigned demo_mode = 2;
 
 constexpr unsigned sphere_levels = 3;  // 642 nodes, 1280 triangles
 constexpr unsigned cube_cells = 4;     // 4 x 4 squares on each side of the cube
@@ -113,6 +110,44 @@ void add_cube(mesh_file& m, unsigned n, double h) {
     }
 }
 
+// What came out, counted rather than assumed: the boundary triangles, the hard edge and node
+// that the mesh holds, and the tets and volume of each subdomain.
+void print_demo_counts(const mesher::data_type& d) {
+  const unsigned faces = d.connectB.cols, edges = d.connectE.cols;
+  const unsigned nodes = d.isolated_nodes.size;
+  unsigned nodes_held = 0;  // missing_nodes lists every hard node lost, surface nodes too
+  for (unsigned v : d.isolated_nodes)
+    nodes_held +=
+        std::find(d.missing_nodes.begin(), d.missing_nodes.end(), v) == d.missing_nodes.end();
+  std::printf(
+      "Demo: %u of %u boundary triangles, %u of %u hard edges and %u of %u hard nodes in the "
+      "mesh\n",
+      faces - std::min(faces, d.missing_faces.size), faces,
+      edges - std::min(edges, d.missing_edges.size), edges, nodes_held, nodes);
+  std::vector<unsigned> tets(d.subdomains, 0u);
+  std::vector<double> volume(d.subdomains, 0.0);
+  for (unsigned t = 0; t < d.connectM.cols; ++t) {
+    const unsigned c = d.colors[t];
+    if (c >= d.subdomains) continue;
+    const double* p[4];
+    for (unsigned k = 0; k < 4; ++k) p[k] = d.pos.col(d.connectM(k, t));
+    double a[3], b[3], e[3];
+    for (unsigned k = 0; k < 3; ++k) {
+      a[k] = p[0][k] - p[3][k];
+      b[k] = p[1][k] - p[3][k];
+      e[k] = p[2][k] - p[3][k];
+    }
+    ++tets[c];
+    volume[c] += (a[0] * (b[1] * e[2] - b[2] * e[1]) - a[1] * (b[0] * e[2] - b[2] * e[0]) +
+                  a[2] * (b[0] * e[1] - b[1] * e[0])) /
+                 6.0;
+  }
+  std::printf("Demo: %u subdomain%s", d.subdomains, d.subdomains == 1 ? "" : "s");
+  for (unsigned c = 0; c < d.subdomains; ++c)
+    std::printf("%s colour %u: %u tets, volume %.6g", c ? ";" : ":", c, tets[c], volume[c]);
+  std::printf("\n");
+}
+
 }  // namespace
 
 mesh_file demo_geometry() {
@@ -137,23 +172,16 @@ int run_demo(mesher::settings_type settings, const job_options& o) {
   const mesh_io::mesh_file g = demo_geometry();
   if (!o.quiet)
     std::printf(
-        "Demo: a sphere holding a cube-shaped inclusion (two subdomains), a hard edge and "
+        "Demo input: a sphere holding a cube-shaped inclusion (two subdomains), a hard edge and "
         "a hard node inside: %u nodes, %u triangles\n",
         g.node_count(), g.triangle_count());
-  mesh_io::mesh_file input;
-  if (demo_mode == 2) {
-    input.pos = g.pos;
-    std::printf(
-        "Volume meshing (mode 0) is not available yet: this is the Delaunay mesh (mode 2) "
-        "of the geometry's nodes, one subdomain\n");
-  } else {
-    input = g;
-  }
   mesher::data_type data;
-  if (!fill_record(input, demo_mode, data)) return fail(exit_library_error, "out of memory");
-  settings.mode = demo_mode;
+  if (!fill_record(g, 0, data)) return fail(exit_library_error, "out of memory");
+  settings.mode = 0;
   const std::string base = (fs::path(folder) / "demo").string();
-  return run_record(settings, data, o, {base + ".vtu", base + ".mesh"});
+  const int status = run_record(settings, data, o, {base + ".vtu", base + ".mesh"});
+  if (!o.quiet && data.tet_count != 0) print_demo_counts(data);
+  return status;
 }
 
 }  // namespace kelvo::voxfill_tool
