@@ -303,6 +303,34 @@ TEST(MeshGeneration, OpenSurfaceIsNotWatertight) {
   }
 }
 
+// An error before the end hands over no mesh, and the record's input as it came: here a nodes
+// limit below the count of hard nodes, with the numbering for locality on.
+TEST(MeshGeneration, ErrorLeavesNoMesh) {
+  const surface s = ellipsoid(2);
+  data_type d = record_of(s);
+  dense1D<double> metrics;
+  metrics.resize(unsigned(s.pts.size()), 0.0);
+  for (unsigned j = 0; j < s.pts.size(); ++j) metrics[j] = 0.2 + 0.001 * j;
+  d.metrics = metrics;
+  message_log log;
+  mesher::settings_type st;
+  st.nodes_limit = 20;
+  st.display_hdl = message_log::hdl;
+  st.pass_thru = &log;
+  mesher(st).run(d);
+  EXPECT_EQ(d.error_code, -103);
+  EXPECT_TRUE(d.connectM.empty());
+  EXPECT_EQ(d.tet_count, 0u);
+  EXPECT_EQ(d.min_quality, 0.0);
+  EXPECT_EQ(log.all, "Initialization.\n");
+  EXPECT_TRUE(input_columns_kept(d, s));
+  EXPECT_EQ(d.pos.cols, s.pts.size());
+  EXPECT_TRUE(boundary_kept(d, s));
+  // The record's sizes are the run's (none were made); the caller's array is left alone.
+  EXPECT_GE(d.metrics.size, unsigned(s.pts.size()));
+  for (unsigned j = 0; j < s.pts.size(); ++j) EXPECT_EQ(metrics[j], 0.2 + 0.001 * j) << j;
+}
+
 // A convex surface with Delaunay triangles, no refinement and no optimisation: the Delaunay mesh
 // of its nodes inside it, every triangle a face, the enclosed volume, one subdomain, and only the
 // messages of the two phases that ran.

@@ -221,8 +221,8 @@ void th4_engine::run_mesh_generation(mesher::data_type& data, refine_context& co
   // The front's mesh as the background comes with the background mesh.
   data.front_time = clock_now() - T;
 
-  // Refinement: comes with the refinement loop; with `refine` on, the rest of the run is as
-  // without it.
+  // Refinement: the reservation for it, the loop and its nodes-limit warning come with the
+  // refinement; with `refine` on, the rest of the run is as without it.
   T = clock_now();
   tasks->close_phase(phase_refine);
   data.refine_time = clock_now() - T;
