@@ -92,8 +92,14 @@ unsigned mesh_store::new_tet(unsigned n0, unsigned n1, unsigned n2, unsigned n3,
 }
 
 void mesh_store::release_tet(unsigned t) noexcept {
-  tets.release(t);
-  neighbors.release(t);
+  // Both tables free the row or neither does: they must hand out the same rows later. A row that
+  // cannot be freed stays taken, deleted and unused.
+  if (!tets.release(t)) {
+    lost_rows = true;
+  } else if (!neighbors.release(t)) {
+    tets.take_back(t);
+    lost_rows = true;
+  }
   colors[t] = DELETED;
   tet_stamps[t] = NONE;
 }
@@ -175,6 +181,7 @@ void mesh_store::clear() {
   nodes.clear_hard();
   tets.clear_hard();
   neighbors.clear_hard();
+  lost_rows = false;
   ancestors.clear_hard();
   colors.clear_hard();
   node_sizes.clear_hard();

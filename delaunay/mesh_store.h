@@ -32,6 +32,7 @@ class mesh_store {
   dense1D<unsigned> marks;
   unsigned mark_value = 1;
   unsigned mark_step = 1;
+  bool lost_rows = false;  // a tet row could not be freed for want of memory: it stays, unused
   node_octree exclusion_octree;
   unsigned exclusion_count = 0;
   dense1D<unsigned> work_stack;  // scratch of the walks and queries; holds nothing across a call

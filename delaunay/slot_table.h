@@ -70,6 +70,14 @@ struct slot_table {
     return true;
   }
 
+  // Undoes the last release of row i, after a failure elsewhere: the row is taken again.
+  void take_back(unsigned i) noexcept {
+    if (free_stack.size && free_stack[free_stack.size - 1] == i) {
+      free_stack.pop_back();
+      free_bits.reset(i);
+    }
+  }
+
   // Undoes an acquire after a failure elsewhere: the table is cut back to `old_cols` columns and
   // the row goes back on the free list.
   void give_back(unsigned i, unsigned old_cols) noexcept {

@@ -363,3 +363,56 @@ TEST(StoreAllocation, RegularizationSurvivesEveryFailedAllocation) {
     EXPECT_NEAR(d->volume, clean->volume, 1e-12 * clean->volume) << "allocation " << k;
   }
 }
+
+// A volume mesh whose recovery needs swaps, thinning and Steiner nodes: a box with hard edges
+// between hard nodes inside. Every failing allocation ends in -199 or a sound, whole mesh.
+TEST(StoreAllocation, RecoverySurvivesEveryFailedAllocation) {
+  std::vector<std::array<double, 3>> pts;
+  for (unsigned c = 0; c < 8; ++c)
+    pts.push_back({double(c & 1), double(c >> 1 & 1), double(c >> 2)});
+  const unsigned box[12][3] = {{0, 2, 1}, {1, 2, 3}, {4, 5, 6}, {5, 7, 6}, {0, 1, 4}, {1, 5, 4},
+                               {2, 6, 3}, {3, 6, 7}, {0, 4, 2}, {2, 4, 6}, {1, 3, 5}, {3, 7, 5}};
+  std::mt19937 gen(5);
+  std::uniform_real_distribution<double> u(0.15, 0.85);
+  for (unsigned k = 0; k < 16; ++k) pts.push_back({u(gen), u(gen), u(gen)});
+  kelvo::dense2D<double> pos(3, unsigned(pts.size()));
+  for (unsigned j = 0; j < pts.size(); ++j)
+    for (unsigned i = 0; i < 3; ++i) pos(i, j) = pts[j][i];
+  kelvo::dense2D<unsigned> B(3, 12);
+  for (unsigned j = 0; j < 12; ++j)
+    for (unsigned i = 0; i < 3; ++i) B(i, j) = box[j][i];
+  auto run = [&](long fail) {
+    auto data = std::make_unique<mesher::data_type>(pos, B);
+    data->connectE.resize(2, 8);
+    for (unsigned k = 0; k < 8; ++k) {
+      data->connectE(0, k) = 8 + 2 * k;
+      data->connectE(1, k) = 9 + 2 * k;
+    }
+    auto job = std::make_unique<mesher>();
+    job->settings.refine = false;
+    job->settings.optim_level = 0;
+    const long before = allocations;
+    fail_countdown = fail;
+    job->run(*data);
+    fail_countdown = -1;
+    return std::make_pair(std::move(data), allocations - before);
+  };
+  const auto [clean, total] = run(-1);
+  ASSERT_EQ(clean->error_code, 0) << clean->msg_title;
+  ASSERT_EQ(clean->missing_edges.size, 0u);
+  mesh_check_options options;
+  options.positive_quality = options.stored_qualities = true;
+  for (long k = 0; k<total; k += total> 800 ? total / 800 : 1) {
+    const auto [d, count] = run(k);
+    (void)count;
+    if (d->error_code != 0) {
+      ASSERT_EQ(d->error_code, -199) << "allocation " << k << ": " << d->msg_title;
+      continue;
+    }
+    mesh_store s;
+    ASSERT_TRUE(fixtures::load_output(s, *d)) << "allocation " << k;
+    const mesh_check_result c = check_mesh(s, options);
+    ASSERT_TRUE(c.ok) << "allocation " << k << ": " << c.text;
+    EXPECT_NEAR(d->volume, 1.0, 1e-12) << "allocation " << k << ": " << d->msg_title;
+  }
+}

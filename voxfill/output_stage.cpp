@@ -29,10 +29,17 @@ void th4_engine::drop_outside(unsigned first_node) {
     release_tet(t);
     released = true;
   }
+  if (lost_rows) {
+    // A row that could not be freed would come out as a tet: the run ends with a memory error.
+    raise_error(msg::memory_error_run);
+    empty_mesh();
+    lost_rows = false;
+    released = true;
+  }
   if (released) {
     ancestors.clear();
     ancestors.resize(nodes.cols(), NONE);
-    for (unsigned t = 0; t < count; ++t)
+    for (unsigned t = 0; t < tets.cols(); ++t)
       if (tet_live(t)) set_ancestors(t, t + 1);
   }
   for (unsigned n = first_node; n < nodes.cols(); ++n) {

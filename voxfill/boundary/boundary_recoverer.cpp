@@ -88,7 +88,7 @@ void seed_missing(boundary_recoverer& r, recovery_state& s, dense1D<unsigned>& s
     const unsigned n = m.new_node(P[0], P[1], P[2], 0.0);
     if (n == NONE) return false;
     if (insert_node(m, r.engine.kernel, n, r.engine.kernel.seeds, 1e-12)) {
-      made.push_back(n);
+      push_checked(made, n);
     } else {
       m.release_node(n);
     }
@@ -108,7 +108,7 @@ void seed_missing(boundary_recoverer& r, recovery_state& s, dense1D<unsigned>& s
     if (!seed(M)) break;
   }
   smooth_steiner_nodes(r.steiner, made);
-  for (unsigned k = 0; k < made.size; ++k) steiner_list.push_back(made[k]);
+  for (unsigned k = 0; k < made.size; ++k) push_checked(steiner_list, made[k]);
 }
 
 // Sweeps of the optimiser over a list of tets, with removal and smoothing of the soft nodes.
@@ -140,7 +140,7 @@ void clean_tangle(boundary_recoverer& r, recovery_state& s, dense1D<unsigned>& s
     faces.clear();
     const double d = std::sqrt(edge_length2(m.nodes.data, a, b)) * tol;
     crossing_tets_of_edge(r, a, b, d, faces, true);
-    for (unsigned k = 0; k < faces.size; ++k) L.push_back(faces[k] >> 2);
+    for (unsigned k = 0; k < faces.size; ++k) push_checked(L, faces[k] >> 2);
   };
   for (unsigned k = s.faces_given_up; k < s.faces.size(); ++k) {
     const face_key& f = s.faces[k];
@@ -163,7 +163,7 @@ void clean_tangle(boundary_recoverer& r, recovery_state& s, dense1D<unsigned>& s
         const unsigned t0 = edge_tet(m, e.n[0], e.n[1]);
         if (t0 == NONE) continue;
         shell_of_edge(m, e.n[0], e.n[1], t0, r.ball_tets);
-        for (unsigned i = 0; i < r.ball_tets.size; ++i) L.push_back(r.ball_tets[i]);
+        for (unsigned i = 0; i < r.ball_tets.size; ++i) push_checked(L, r.ball_tets[i]);
       }
     }
   }
@@ -180,7 +180,7 @@ void clean_tangle(boundary_recoverer& r, recovery_state& s, dense1D<unsigned>& s
       const unsigned w = m.tets(i, t);
       if (!node_alive(m, w)) continue;
       ball_of_node(m, w, NONE, r.ball_tets);
-      for (unsigned j = 0; j < r.ball_tets.size; ++j) L.push_back(r.ball_tets[j]);
+      for (unsigned j = 0; j < r.ball_tets.size; ++j) push_checked(L, r.ball_tets[j]);
     }
   }
   // Each tet once, first occurrences kept; then layers across soft faces for long tangles.
@@ -204,7 +204,7 @@ void clean_tangle(boundary_recoverer& r, recovery_state& s, dense1D<unsigned>& s
         const unsigned* row = m.tets.row(t);
         if (m.hard_set.has_face(row[fn[0]], row[fn[1]], row[fn[2]])) continue;
         m.mark(n);
-        L.push_back(n);
+        push_checked(L, n);
       }
     }
   }
@@ -222,7 +222,7 @@ void clean_tangle(boundary_recoverer& r, recovery_state& s, dense1D<unsigned>& s
     for (unsigned i = 0; i < 4; ++i)
       if (!m.marked(row[i])) {
         m.mark(row[i]);
-        if (is_soft_node(m, row[i]) && node_alive(m, row[i])) S.push_back(row[i]);
+        if (is_soft_node(m, row[i]) && node_alive(m, row[i])) push_checked(S, row[i]);
       }
   }
   for (unsigned k = 0; k < 6 && L.size; ++k) {
@@ -322,21 +322,25 @@ void recover_boundary(boundary_recoverer& r, const dense2D<unsigned>& connectB,
   r.shuffle_source.seed(1u);
   m.kernel_mode = kernel_mode_type::hard_edges;
 
-  while (!r.must_stop() && run_pass(r, s, progress, steiner_list)) {
-  }
-
-  std::sort(steiner_list.begin(), steiner_list.end());
-  steiner_list.size =
-      unsigned(std::unique(steiner_list.begin(), steiner_list.end()) - steiner_list.begin());
-  // The last clean-up: worst tets, smoothing and removal while removal still pays.
-  while (steiner_list.size && !r.must_stop()) {
-    unsigned nodes_left = 0, count = 0;
-    regularizer& g = *r.optimiser;
-    improve_worst(g, 0.01, live_tets(m) / 16, 0.0, DBL_MAX, 5, false, false, 1.2, 1.2, g.worst,
-                  g.edges, nodes_left, count, g.new_nodes);
-    smooth_steiner_nodes(r.steiner, steiner_list);
-    const unsigned removed = remove_steiner_nodes(r.steiner, steiner_list, false, true, true);
-    if (!(steiner_list.size < 30 * removed)) break;
+  try {
+    while (!r.must_stop() && run_pass(r, s, progress, steiner_list)) {
+    }
+    std::sort(steiner_list.begin(), steiner_list.end());
+    steiner_list.size =
+        unsigned(std::unique(steiner_list.begin(), steiner_list.end()) - steiner_list.begin());
+    // The last clean-up: worst tets, smoothing and removal while removal still pays.
+    while (steiner_list.size && !r.must_stop()) {
+      unsigned nodes_left = 0, count = 0;
+      regularizer& g = *r.optimiser;
+      improve_worst(g, 0.01, live_tets(m) / 16, 0.0, DBL_MAX, 5, false, false, 1.2, 1.2, g.worst,
+                    g.edges, nodes_left, count, g.new_nodes);
+      smooth_steiner_nodes(r.steiner, steiner_list);
+      const unsigned removed = remove_steiner_nodes(r.steiner, steiner_list, false, true, true);
+      if (!(steiner_list.size < 30 * removed)) break;
+    }
+  } catch (const std::bad_alloc&) {
+    // Every change is made whole or not at all: the mesh is sound, only the work stops here.
+    r.task->raise_error(msg::memory_error_recovery);
   }
   propagate_unenforced(m);
   dense1D<unsigned> map;

@@ -5,6 +5,8 @@
 
 #include <array>
 #include <memory>
+#include <new>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -67,6 +69,15 @@ struct boundary_recoverer {
 
   bool must_stop() const { return task && task->must_stop(); }
 };
+
+// Appends v, or throws std::bad_alloc when the list could not grow: a recovery that lost an entry
+// of its lists would take wrong decisions, so it ends with a memory error instead.
+template <class T>
+void push_checked(dense1D<T>& list, std::type_identity_t<T> v) {
+  const unsigned n = list.size;
+  list.push_back(v);
+  if (list.size != n + 1) throw std::bad_alloc();
+}
 
 // Makes the mesh hold the faces of `connectB`, the edges of `connectE` and the nodes of
 // `isolated_nodes` where it can; what it cannot is noted in `unenforced_set` and left absent. The

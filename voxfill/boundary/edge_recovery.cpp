@@ -18,12 +18,12 @@ namespace kelvo::voxfill {
 
 namespace {
 
-bool face_holds(const unsigned* f, unsigned n) noexcept {
+bool face_holds(const unsigned* f, unsigned n) {
   return f[0] == n || f[1] == n || f[2] == n;
 }
 
 // The nodes of coded face c, in table order.
-void coded_face_nodes(const mesh_store& m, unsigned c, unsigned* f) noexcept {
+void coded_face_nodes(const mesh_store& m, unsigned c, unsigned* f) {
   const unsigned* r = m.tets.row(c >> 2);
   const unsigned* fn = tet_face_nodes[c & 3u];
   f[0] = r[fn[0]], f[1] = r[fn[1]], f[2] = r[fn[2]];
@@ -31,14 +31,14 @@ void coded_face_nodes(const mesh_store& m, unsigned c, unsigned* f) noexcept {
 
 // A crossing of the segment AB with face f that is more than a touch at a shared node.
 bool face_crossed(const mesh_store& m, const unsigned* f, const double* A, const double* B,
-                  unsigned a, unsigned b, double d) noexcept {
+                  unsigned a, unsigned b, double d) {
   const triangle_contact c =
       intersect_segment_triangle(m.nodes.data, f[0], f[1], f[2], A, B, d, false);
   if (!(c.in_face && c.on_segment)) return false;
   return c.strict || !(face_holds(f, a) || face_holds(f, b));
 }
 
-bool shell_one_colour(const mesh_store& m, const dense1D<unsigned>& shell) noexcept {
+bool shell_one_colour(const mesh_store& m, const dense1D<unsigned>& shell) {
   for (unsigned k = 1; k < shell.size; ++k)
     if (m.colors[shell[k]] != m.colors[shell[0]]) return false;
   return true;
@@ -46,7 +46,7 @@ bool shell_one_colour(const mesh_store& m, const dense1D<unsigned>& shell) noexc
 
 // Whether the new edge xy runs across the target.
 bool crosses_target(const mesh_store& m, unsigned x, unsigned y, const recovery_target& target,
-                    double d) noexcept {
+                    double d) {
   if (target.count == 2) {
     if (target.n[0] == target.n[1]) return false;
     const segment_contact c =
@@ -62,7 +62,7 @@ bool crosses_target(const mesh_store& m, unsigned x, unsigned y, const recovery_
 }
 
 // Rows of the ball of v (in ball order), its faces opposite v, and the other nodes once, sorted.
-bool gather_node_ball(boundary_recoverer& r, unsigned v) noexcept {
+bool gather_node_ball(boundary_recoverer& r, unsigned v) {
   mesh_store& m = r.store;
   if (!ball_of_node(m, v, NONE, r.ball_tets) || !r.ball_tets.size) return false;
   if (!shell_one_colour(m, r.ball_tets)) return false;
@@ -75,9 +75,9 @@ bool gather_node_ball(boundary_recoverer& r, unsigned v) noexcept {
     std::copy_n(row, 4, r.ball_rows.col(k));
     for (unsigned i = 0; i < 4; ++i) {
       if (row[i] == v)
-        r.coded_faces.push_back(4 * t + i);
+        push_checked(r.coded_faces, 4 * t + i);
       else
-        r.ring_nodes.push_back(row[i]);
+        push_checked(r.ring_nodes, row[i]);
     }
   }
   if (r.coded_faces.size != r.ball_tets.size || r.ring_nodes.size != 3 * r.ball_tets.size)
@@ -104,20 +104,20 @@ void sort_longest_first(boundary_recoverer& r, std::vector<edge_key>& crossing) 
 
 }  // namespace
 
-bool error_standing(const boundary_recoverer& r) noexcept {
+bool error_standing(const boundary_recoverer& r) {
   return r.task && r.task->error_code && *r.task->error_code != 0;
 }
 
-void note_unenforced_edge(mesh_store& m, unsigned a, unsigned b) noexcept {
+void note_unenforced_edge(mesh_store& m, unsigned a, unsigned b) {
   m.unenforced_set.add_edge(a, b, true);
 }
 
-void note_unenforced_face(mesh_store& m, unsigned a, unsigned b, unsigned c) noexcept {
+void note_unenforced_face(mesh_store& m, unsigned a, unsigned b, unsigned c) {
   if (a != b && b != c && a != c) m.unenforced_set.add_face(a, b, c, true);
 }
 
 int crossing_tets_of_edge(boundary_recoverer& r, unsigned a, unsigned b, double d,
-                          dense1D<unsigned>& faces, bool stop_at_hard) noexcept {
+                          dense1D<unsigned>& faces, bool stop_at_hard) {
   mesh_store& m = r.store;
   const double* A = m.nodes.row(a);
   const double* B = m.nodes.row(b);
@@ -132,7 +132,7 @@ int crossing_tets_of_edge(boundary_recoverer& r, unsigned a, unsigned b, double 
     unsigned f[3];
     coded_face_nodes(m, 4 * t + i, f);
     if (face_holds(f, b)) return 2;
-    if (face_crossed(m, f, A, B, a, b, d)) stack.push_back(4 * t + i);
+    if (face_crossed(m, f, A, B, a, b, d)) push_checked(stack, 4 * t + i);
   }
   if (!stack.size) return -1;
   m.bump_marks();
@@ -145,7 +145,7 @@ int crossing_tets_of_edge(boundary_recoverer& r, unsigned a, unsigned b, double 
     unsigned f[3];
     coded_face_nodes(m, c, f);
     if (stop_at_hard && m.hard_set.has_face(f[0], f[1], f[2])) continue;
-    faces.push_back(c);
+    push_checked(faces, c);
     if (m.marked(n)) continue;
     m.mark(n);
     const unsigned* nb = m.neighbors.row(n);
@@ -154,14 +154,14 @@ int crossing_tets_of_edge(boundary_recoverer& r, unsigned a, unsigned b, double 
       unsigned g[3];
       coded_face_nodes(m, 4 * n + j, g);
       if (face_holds(g, a) && face_holds(g, b)) continue;
-      if (face_crossed(m, g, A, B, a, b, d)) stack.push_back(4 * n + j);
+      if (face_crossed(m, g, A, B, a, b, d)) push_checked(stack, 4 * n + j);
     }
   }
   return 1;
 }
 
 int crossing_edges_of_edge(boundary_recoverer& r, unsigned a, unsigned b, double d,
-                           std::vector<edge_key>& crossing, dense1D<unsigned>& faces) noexcept {
+                           std::vector<edge_key>& crossing, dense1D<unsigned>& faces) {
   mesh_store& m = r.store;
   crossing.clear();
   faces.clear();
@@ -180,8 +180,7 @@ int crossing_edges_of_edge(boundary_recoverer& r, unsigned a, unsigned b, double
   return 1;
 }
 
-bool move_node_off_edge(boundary_recoverer& r, unsigned v, unsigned a, unsigned b,
-                        double d) noexcept {
+bool move_node_off_edge(boundary_recoverer& r, unsigned v, unsigned a, unsigned b, double d) {
   mesh_store& m = r.store;
   if (!gather_node_ball(r, v)) return false;
   if (!place_node_in_ball(r.steiner, v, r.coded_faces, r.ring_nodes, a, b, d, r.ball_rows,
@@ -195,7 +194,7 @@ bool move_node_off_edge(boundary_recoverer& r, unsigned v, unsigned a, unsigned 
 std::pair<unsigned, bool> remove_crossing_edges(boundary_recoverer& r,
                                                 std::vector<edge_key>& crossing,
                                                 const recovery_target& target, double d,
-                                                bool repeat) noexcept {
+                                                bool repeat) {
   mesh_store& m = r.store;
   const unsigned start = unsigned(crossing.size());
   bool ok = true;
@@ -243,7 +242,7 @@ std::pair<unsigned, bool> remove_crossing_edges(boundary_recoverer& r,
 }
 
 unsigned split_crossing_edge(boundary_recoverer& r, unsigned p, unsigned q, unsigned a, unsigned b,
-                             double d) noexcept {
+                             double d) {
   mesh_store& m = r.store;
   if (p == a || p == b || q == a || q == b) return NONE;
   const unsigned t0 = edge_tet(m, p, q);
@@ -269,12 +268,12 @@ unsigned split_crossing_edge(boundary_recoverer& r, unsigned p, unsigned q, unsi
     for (unsigned i = 0; i < 4; ++i) {
       u[i] = row[i] == p ? n : row[i];
       v[i] = row[i] == q ? n : row[i];
-      if (row[i] == p || row[i] == q) r.coded_faces.push_back(4 * t + i);
+      if (row[i] == p || row[i] == q) push_checked(r.coded_faces, 4 * t + i);
     }
   }
   // The new node's ring: the shell's ring and both ends, sorted.
-  r.ring_nodes.push_back(p);
-  r.ring_nodes.push_back(q);
+  push_checked(r.ring_nodes, p);
+  push_checked(r.ring_nodes, q);
   std::sort(r.ring_nodes.begin(), r.ring_nodes.end());
   if (r.coded_faces.size != 2 * S ||
       !place_node_in_ball(r.steiner, n, r.coded_faces, r.ring_nodes, a, b, d, r.new_rows,
@@ -288,7 +287,7 @@ unsigned split_crossing_edge(boundary_recoverer& r, unsigned p, unsigned q, unsi
 
 int edge_obstacles(boundary_recoverer& r, unsigned a, unsigned b, double d,
                    std::vector<edge_key>& crossing, unsigned& budget,
-                   dense1D<unsigned>& new_nodes) noexcept {
+                   dense1D<unsigned>& new_nodes) {
   mesh_store& m = r.store;
   if (crossing.empty()) return 1;
   const double* A = m.nodes.row(a);
@@ -308,10 +307,10 @@ int edge_obstacles(boundary_recoverer& r, unsigned a, unsigned b, double d,
       const double t = closest_on_segment<3>(A, B, m.nodes.row(v), &g2);
       if (!(g2 <= d * d)) continue;
       if (is_soft_node(m, v)) {
-        r.near_nodes.push_back(v);
+        push_checked(r.near_nodes, v);
       } else if (length2 > 0.0 && 0.0 <= t && t <= 1.0 &&
                  triangle_quality(m.nodes.data, a, b, v) < 1e-12) {
-        r.blocking_nodes.push_back(v);
+        push_checked(r.blocking_nodes, v);
       }
     }
   if (r.blocking_nodes.size) return -11;
@@ -372,7 +371,7 @@ int edge_obstacles(boundary_recoverer& r, unsigned a, unsigned b, double d,
     if (budget) {
       const unsigned n = split_crossing_edge(r, crossing[k].n[0], crossing[k].n[1], a, b, d);
       if (n != NONE) {
-        new_nodes.push_back(n);
+        push_checked(new_nodes, n);
         --budget;
         continue;
       }
@@ -386,7 +385,7 @@ int edge_obstacles(boundary_recoverer& r, unsigned a, unsigned b, double d,
 }
 
 int recover_edge(boundary_recoverer& r, unsigned a, unsigned b, double tol_rel, unsigned& budget,
-                 dense1D<unsigned>& new_nodes) noexcept {
+                 dense1D<unsigned>& new_nodes) {
   mesh_store& m = r.store;
   r.blocking_nodes.clear();
   r.blocking_edges.clear();
@@ -410,7 +409,7 @@ int recover_edge(boundary_recoverer& r, unsigned a, unsigned b, double tol_rel, 
 }
 
 unsigned recover_edge_list(boundary_recoverer& r, std::vector<edge_key>& list, unsigned& given_up,
-                           unsigned budget, dense1D<unsigned>& steiner_list) noexcept {
+                           unsigned budget, dense1D<unsigned>& steiner_list) {
   mesh_store& m = r.store;
   unsigned recovered = 0;
   r.given_edges.clear();
@@ -448,7 +447,7 @@ unsigned recover_edge_list(boundary_recoverer& r, std::vector<edge_key>& list, u
       for (const face_key& f : r.blocking_faces) note_unenforced_face(m, f.n[0], f.n[1], f.n[2]);
     }
     if (c > 0 || c < -8) remove_steiner_nodes(r.steiner, made, false, true, false);
-    for (unsigned i = 0; i < made.size; ++i) steiner_list.push_back(made[i]);
+    for (unsigned i = 0; i < made.size; ++i) push_checked(steiner_list, made[i]);
   }
   // Head, then the edges given up now, then the open ones in order, then those not reached.
   unsigned w = given_up;

@@ -16,11 +16,11 @@ namespace kelvo::voxfill {
 
 namespace {
 
-bool face_holds(const face_key& f, unsigned n) noexcept {
+bool face_holds(const face_key& f, unsigned n) {
   return f.n[0] == n || f.n[1] == n || f.n[2] == n;
 }
 
-double dot(const double* u, const double* v) noexcept {
+double dot(const double* u, const double* v) {
   return u[0] * v[0] + u[1] * v[1] + u[2] * v[2];
 }
 
@@ -28,7 +28,7 @@ double dot(const double* u, const double* v) noexcept {
 struct face_plane {
   double n[3], N2, inv, G[3];
 
-  face_plane(const mesh_store& m, const face_key& f) noexcept {
+  face_plane(const mesh_store& m, const face_key& f) {
     face_normal(m.nodes.data, f.n[0], f.n[1], f.n[2], n);
     N2 = dot(n, n);
     inv = N2 > 0.0 ? 1.0 / N2 : 0.0;
@@ -41,9 +41,9 @@ struct face_plane {
 };
 
 void heights(const mesh_store& m, const face_plane& pl, const dense1D<unsigned>& list,
-             dense1D<double>& out) noexcept {
+             dense1D<double>& out) {
   out.clear();
-  for (unsigned k = 0; k < list.size; ++k) out.push_back(pl.height(m.nodes.row(list[k])));
+  for (unsigned k = 0; k < list.size; ++k) push_checked(out, pl.height(m.nodes.row(list[k])));
 }
 
 // Turns every edge of the list to run upwards, along n.
@@ -66,24 +66,24 @@ void split_sides(boundary_recoverer& r, const face_key& f, const std::vector<edg
   for (const edge_key& e : crossing)
     if (!m.marked(e.n[0])) {
       m.mark(e.n[0]);
-      r.below.push_back(e.n[0]);
+      push_checked(r.below, e.n[0]);
     }
   for (const edge_key& e : crossing)
     if (!m.marked(e.n[1])) {
       m.mark(e.n[1]);
-      r.above.push_back(e.n[1]);
+      push_checked(r.above, e.n[1]);
     }
 }
 
 // Moves the nodes of `list` whose height (in `h`) is in the band to `in_plane`: from below those
 // at or above -band, from above those at or under band.
 void take_in_plane(dense1D<unsigned>& list, dense1D<double>& h, bool from_below, double band,
-                   dense1D<unsigned>& in_plane) noexcept {
+                   dense1D<unsigned>& in_plane) {
   unsigned kept = 0;
   for (unsigned k = 0; k < list.size; ++k) {
     const bool in_band = from_below ? h[k] >= -band : h[k] <= band;
     if (in_band) {
-      in_plane.push_back(list[k]);
+      push_checked(in_plane, list[k]);
     } else {
       list[kept] = list[k];
       h[kept++] = h[k];
@@ -105,18 +105,18 @@ void drop_hard_edges(const mesh_store& m, std::vector<edge_key>& crossing,
   crossing.resize(kept);
 }
 
-bool face_in_mesh(boundary_recoverer& r, const face_key& f) noexcept {
+bool face_in_mesh(boundary_recoverer& r, const face_key& f) {
   return find_face_tet(r.store, f.n[0], f.n[1], f.n[2], r.ball_tets_2) != NONE;
 }
 
-recovery_target face_target(const face_key& f) noexcept {
+recovery_target face_target(const face_key& f) {
   recovery_target t;
   t.n[0] = f.n[0], t.n[1] = f.n[1], t.n[2] = f.n[2], t.count = 3;
   return t;
 }
 
 // The ball of v, closed and of one colour, with its faces opposite v in `coded_faces`.
-bool node_ball(boundary_recoverer& r, unsigned v) noexcept {
+bool node_ball(boundary_recoverer& r, unsigned v) {
   mesh_store& m = r.store;
   if (!ball_of_node(m, v, NONE, r.ball_tets) || !r.ball_tets.size) return false;
   r.coded_faces.clear();
@@ -125,14 +125,14 @@ bool node_ball(boundary_recoverer& r, unsigned v) noexcept {
     if (m.colors[t] != m.colors[r.ball_tets[0]]) return false;
     const unsigned* row = m.tets.row(t);
     for (unsigned i = 0; i < 4; ++i)
-      if (row[i] == v) r.coded_faces.push_back(4 * t + i);
+      if (row[i] == v) push_checked(r.coded_faces, 4 * t + i);
   }
   return r.coded_faces.size == r.ball_tets.size;
 }
 
 // Moves v by `step` times D when every tet of its ball (gathered by node_ball) stays above
 // 1e-12; the qualities are stored then. Otherwise v stays.
-bool try_move(boundary_recoverer& r, unsigned v, const double* D, double step) noexcept {
+bool try_move(boundary_recoverer& r, unsigned v, const double* D, double step) {
   mesh_store& m = r.store;
   double* X = m.nodes.row(v);
   const double X0[3] = {X[0], X[1], X[2]};
@@ -142,7 +142,7 @@ bool try_move(boundary_recoverer& r, unsigned v, const double* D, double step) n
     const unsigned* row = m.tets.row(r.ball_tets[k]);
     const double q = tet_quality(m.nodes.data, row[0], row[1], row[2], row[3]);
     if (!(q > 1e-12)) break;
-    r.new_qualities.push_back(q);
+    push_checked(r.new_qualities, q);
   }
   if (r.new_qualities.size != r.ball_tets.size) {
     X[0] = X0[0], X[1] = X0[1], X[2] = X0[2];
@@ -153,7 +153,7 @@ bool try_move(boundary_recoverer& r, unsigned v, const double* D, double step) n
   return true;
 }
 
-bool nudge_node(boundary_recoverer& r, unsigned v, const double* D) noexcept {
+bool nudge_node(boundary_recoverer& r, unsigned v, const double* D) {
   if (!node_ball(r, v)) return false;
   const double t = free_travel(r.store, r.store.nodes.row(v), r.coded_faces, D);
   if (t == 0.0 || t == DBL_MAX) return false;
@@ -162,8 +162,7 @@ bool nudge_node(boundary_recoverer& r, unsigned v, const double* D) noexcept {
 
 // Moves nodes of `in_plane` off the plane, each to the side that frees more crossing edges, and
 // rebuilds the list of crossing edges without those freed. The number of nodes moved.
-unsigned swap_plane_nodes(boundary_recoverer& r, std::vector<edge_key>& crossing,
-                          const double* n) noexcept {
+unsigned swap_plane_nodes(boundary_recoverer& r, std::vector<edge_key>& crossing, const double* n) {
   std::vector<edge_key>& S = r.saved_edges;
   S = crossing;
   const double minus_n[3] = {-n[0], -n[1], -n[2]};
@@ -196,11 +195,11 @@ unsigned swap_plane_nodes(boundary_recoverer& r, std::vector<edge_key>& crossing
     }
     if (side < 0) {
       erase(1);
-      r.below.push_back(v);
+      push_checked(r.below, v);
       ++moved;
     } else if (side > 0) {
       erase(0);
-      r.above.push_back(v);
+      push_checked(r.above, v);
       ++moved;
     } else {
       r.in_plane[kept++] = v;
@@ -231,7 +230,7 @@ void rebuild_sides(boundary_recoverer& r, const face_key& f, const face_plane& p
   take_in_plane(r.above, r.above_heights, false, band, r.in_plane);
 }
 
-double mean(const dense1D<double>& h) noexcept {
+double mean(const dense1D<double>& h) {
   double s = 0.0;
   for (unsigned k = 0; k < h.size; ++k) s += h[k];
   return h.size ? s / h.size : 0.0;
@@ -240,7 +239,7 @@ double mean(const dense1D<double>& h) noexcept {
 }  // namespace
 
 double free_travel(const mesh_store& m, const double* X, const dense1D<unsigned>& faces,
-                   const double* D) noexcept {
+                   const double* D) {
   double best = DBL_MAX;
   for (unsigned k = 0; k < faces.size; ++k) {
     const unsigned t = faces[k] >> 2;
@@ -259,14 +258,14 @@ double free_travel(const mesh_store& m, const double* X, const dense1D<unsigned>
 }
 
 unsigned nudge_nodes_off_plane(boundary_recoverer& r, const dense1D<unsigned>& list,
-                               const double* D) noexcept {
+                               const double* D) {
   unsigned moved = 0;
   for (unsigned k = 0; k < list.size; ++k) moved += nudge_node(r, list[k], D);
   return moved;
 }
 
 unsigned push_nodes_to_side(boundary_recoverer& r, const dense1D<unsigned>& list, const double* G,
-                            const double* n, double inv, double level) noexcept {
+                            const double* n, double inv, double level) {
   mesh_store& m = r.store;
   const double minus_n[3] = {-n[0], -n[1], -n[2]};
   unsigned moved = 0;
@@ -291,7 +290,7 @@ unsigned push_nodes_to_side(boundary_recoverer& r, const dense1D<unsigned>& list
 }
 
 int crossing_edges_of_face(boundary_recoverer& r, const face_key& face, double d,
-                           std::vector<edge_key>& crossing) noexcept {
+                           std::vector<edge_key>& crossing) {
   mesh_store& m = r.store;
   r.crossing_seen.clear();
   r.crossing_stack.clear();
@@ -341,7 +340,7 @@ int crossing_edges_of_face(boundary_recoverer& r, const face_key& face, double d
   return 1;
 }
 
-bool face_state(boundary_recoverer& r, const face_key& face, bool& exists) noexcept {
+bool face_state(boundary_recoverer& r, const face_key& face, bool& exists) {
   mesh_store& m = r.store;
   exists = false;
   const unsigned a = face.n[0], b = face.n[1], c = face.n[2];
@@ -375,7 +374,7 @@ bool face_state(boundary_recoverer& r, const face_key& face, bool& exists) noexc
 }
 
 int clear_face_crossings(boundary_recoverer& r, const face_key& face,
-                         std::vector<edge_key>& crossing, double h) noexcept {
+                         std::vector<edge_key>& crossing, double h) {
   mesh_store& m = r.store;
   const recovery_target target = face_target(face);
   {
@@ -409,7 +408,7 @@ int clear_face_crossings(boundary_recoverer& r, const face_key& face,
           triangle_barycentric(m.nodes.data, face.n[0], face.n[1], face.n[2], m.nodes.row(v), w);
       if (area > 0.0 && classify_triangle_point(w[0], w[1], 0.0) == -1 &&
           std::fabs(tet_quality(m.nodes.data, face.n[0], face.n[1], face.n[2], v)) < 1e-12)
-        r.conflict_nodes.push_back(v);
+        push_checked(r.conflict_nodes, v);
     }
     if (r.conflict_nodes.size) return -11;
   }
@@ -455,7 +454,7 @@ int clear_face_crossings(boundary_recoverer& r, const face_key& face,
 }
 
 int recover_face(boundary_recoverer& r, const face_key& face, double tol, unsigned budget,
-                 dense1D<unsigned>& new_nodes) noexcept {
+                 dense1D<unsigned>& new_nodes) {
   mesh_store& m = r.store;
   std::vector<edge_key>& L = r.crossing_2;
   const face_plane pl(m, face);
@@ -486,17 +485,17 @@ int recover_face(boundary_recoverer& r, const face_key& face, double tol, unsign
   if (r.below.size) {
     heights(m, pl, r.below, r.below_heights);
     take_in_plane(r.below, r.below_heights, true, band, r.in_plane);
-    for (unsigned v : face.n) r.below.push_back(v);
+    for (unsigned v : face.n) push_checked(r.below, v);
     removed += remove_steiner_nodes(r.steiner, r.below, true, true, false);
   }
   if (r.above.size) {
     heights(m, pl, r.above, r.above_heights);
     take_in_plane(r.above, r.above_heights, false, band, r.in_plane);
-    for (unsigned v : face.n) r.above.push_back(v);
+    for (unsigned v : face.n) push_checked(r.above, v);
     removed += remove_steiner_nodes(r.steiner, r.above, true, true, false);
   }
   if (r.in_plane.size) {
-    for (unsigned v : face.n) r.in_plane.push_back(v);
+    for (unsigned v : face.n) push_checked(r.in_plane, v);
     removed += remove_steiner_nodes(r.steiner, r.in_plane, true, true, false);
   }
   if (removed) {
@@ -589,7 +588,7 @@ int recover_face(boundary_recoverer& r, const face_key& face, double tol, unsign
       for (const unsigned* w : {static_cast<const unsigned*>(u), static_cast<const unsigned*>(v)}) {
         const double qw = tet_quality(m.nodes.data, w[0], w[1], w[2], w[3]);
         sound = sound && qw > 1e-12;
-        r.new_qualities.push_back(qw);
+        push_checked(r.new_qualities, qw);
       }
     }
     if (!sound || !replace_tets(m, r.steiner.exchange, r.ball_tets, r.new_rows, r.new_qualities,
@@ -598,7 +597,7 @@ int recover_face(boundary_recoverer& r, const face_key& face, double tol, unsign
       ++cursor;
       continue;
     }
-    new_nodes.push_back(N);
+    push_checked(new_nodes, N);
     --budget;
     L[cursor] = lower ? edge_key{{N, q}} : edge_key{{p, N}};
     if (edges > 31) {
@@ -630,7 +629,7 @@ int recover_face(boundary_recoverer& r, const face_key& face, double tol, unsign
 }
 
 unsigned recover_face_list(boundary_recoverer& r, std::vector<face_key>& list, unsigned& given_up,
-                           unsigned budget, dense1D<unsigned>& steiner_list) noexcept {
+                           unsigned budget, dense1D<unsigned>& steiner_list) {
   mesh_store& m = r.store;
   unsigned recovered = 0;
   r.given_faces.clear();
@@ -677,7 +676,7 @@ unsigned recover_face_list(boundary_recoverer& r, std::vector<face_key>& list, u
       note_unenforced_face(m, a, b, c);
     }
     if (code > 0 || code < -8) remove_steiner_nodes(r.steiner, r.new_nodes, false, true, false);
-    for (unsigned i = 0; i < r.new_nodes.size; ++i) steiner_list.push_back(r.new_nodes[i]);
+    for (unsigned i = 0; i < r.new_nodes.size; ++i) push_checked(steiner_list, r.new_nodes[i]);
   }
   unsigned w = given_up;
   for (const face_key& f : r.given_faces) list[w++] = f;

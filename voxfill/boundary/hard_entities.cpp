@@ -2,6 +2,7 @@
 #include "voxfill/boundary/hard_entities.h"
 
 #include <algorithm>
+#include <new>
 
 #include "delaunay/mesh_walks.h"
 
@@ -18,21 +19,24 @@ void register_hard_entities(mesh_store& m, mesher::data_type& data, bool keep_tw
   const unsigned nB = B.empty() ? 0 : B.cols, nE = E.empty() ? 0 : E.cols;
 
   // About 1.5 sides per triangle on a closed surface; the face table gets a bucket per face.
+  // A set short of memory would leave entities out unnoticed: the run ends with a memory error.
+  bool ok = true;
   unsigned buckets = 8;
   while (buckets < (3 * nB / 2 + nE)) buckets <<= 1;
-  h.edges.rehash(buckets);
+  ok = h.edges.rehash(buckets) && ok;
   buckets = 8;
   while (buckets < nB) buckets <<= 1;
-  h.faces.rehash(buckets);
+  ok = h.faces.rehash(buckets) && ok;
 
   unsigned top = 0;
   for (unsigned k = 0; k < iso.size; ++k) top = iso[k] > top ? iso[k] : top;
   for (unsigned j = 0; j < nE; ++j) top = std::max({top, E(0, j), E(1, j)});
-  h.node_bits.grow(top + 1);
+  ok = h.node_bits.grow(top + 1) && ok;
 
-  for (unsigned k = 0; k < iso.size; ++k) h.add_node(iso[k]);
-  for (unsigned j = 0; j < nE; ++j) h.add_edge(E(0, j), E(1, j), keep_two_way);
-  for (unsigned j = 0; j < nB; ++j) h.add_face(B(0, j), B(1, j), B(2, j), keep_two_way);
+  for (unsigned k = 0; k < iso.size && ok; ++k) ok = h.add_node(iso[k]);
+  for (unsigned j = 0; j < nE && ok; ++j) ok = h.add_edge(E(0, j), E(1, j), keep_two_way);
+  for (unsigned j = 0; j < nB && ok; ++j) ok = h.add_face(B(0, j), B(1, j), B(2, j), keep_two_way);
+  if (!ok) throw std::bad_alloc();
 
   data.hard_nodes_in = h.node_count;
   data.hard_edges_in = h.edges.size();

@@ -16,19 +16,19 @@ namespace kelvo::voxfill {
 
 namespace {
 
-bool holds(const unsigned* f, unsigned count, unsigned n) noexcept {
+bool holds(const unsigned* f, unsigned count, unsigned n) {
   for (unsigned k = 0; k < count; ++k)
     if (f[k] == n) return true;
   return false;
 }
 
-void face_of(const mesh_store& m, unsigned t, unsigned i, unsigned* f) noexcept {
+void face_of(const mesh_store& m, unsigned t, unsigned i, unsigned* f) {
   const unsigned* r = m.tets.row(t);
   const unsigned* fn = tet_face_nodes[i];
   f[0] = r[fn[0]], f[1] = r[fn[1]], f[2] = r[fn[2]];
 }
 
-unsigned face_toward(const mesh_store& m, unsigned t, unsigned other) noexcept {
+unsigned face_toward(const mesh_store& m, unsigned t, unsigned other) {
   const unsigned* nb = m.neighbors.row(t);
   for (unsigned k = 0; k < 4; ++k)
     if (nb[k] == other) return k;
@@ -36,21 +36,21 @@ unsigned face_toward(const mesh_store& m, unsigned t, unsigned other) noexcept {
 }
 
 // The segment passes through face f: both flags, and more than a touch at a node of the face.
-bool passes(const mesh_store& m, const unsigned* f, unsigned a, unsigned b, double d) noexcept {
+bool passes(const mesh_store& m, const unsigned* f, unsigned a, unsigned b, double d) {
   const triangle_contact c = intersect_segment_triangle(m.nodes.data, f[0], f[1], f[2],
                                                         m.nodes.row(a), m.nodes.row(b), d, false);
   if (!(c.in_face && c.on_segment)) return false;
   return c.strict || (!holds(f, 3, a) && !holds(f, 3, b));
 }
 
-double dist2_of(const double* A, const double* B) noexcept {
+double dist2_of(const double* A, const double* B) {
   const double u[3] = {B[0] - A[0], B[1] - A[1], B[2] - A[2]};
   return u[0] * u[0] + u[1] * u[1] + u[2] * u[2];
 }
 
 }  // namespace
 
-int walk_pipe(boundary_recoverer& r, unsigned a, unsigned b, double d) noexcept {
+int walk_pipe(boundary_recoverer& r, unsigned a, unsigned b, double d) {
   mesh_store& m = r.store;
   r.pipe.clear();
   ball_of_node(m, a, NONE, r.ball_tets);
@@ -72,7 +72,7 @@ int walk_pipe(boundary_recoverer& r, unsigned a, unsigned b, double d) noexcept 
   for (;;) {
     const unsigned n = m.neighbors(c & 3u, c >> 2);
     if (n == NONE) return -1;
-    r.pipe.push_back(c);
+    push_checked(r.pipe, c);
     if (m.marked(n)) return -1;  // round in a circle
     m.mark(n);
     const unsigned* row = m.tets.row(n);
@@ -91,7 +91,7 @@ int walk_pipe(boundary_recoverer& r, unsigned a, unsigned b, double d) noexcept 
   }
 }
 
-int check_pipe(boundary_recoverer& r, unsigned a, unsigned b) noexcept {
+int check_pipe(boundary_recoverer& r, unsigned a, unsigned b) {
   mesh_store& m = r.store;
   r.blocking_faces.clear();
   if (!r.pipe.size) return 0;
@@ -115,7 +115,7 @@ int check_pipe(boundary_recoverer& r, unsigned a, unsigned b) noexcept {
   return r.blocking_faces.empty() ? 0 : -30;
 }
 
-int flip_pipe(boundary_recoverer& r, unsigned a, unsigned b, double d) noexcept {
+int flip_pipe(boundary_recoverer& r, unsigned a, unsigned b, double d) {
   mesh_store& m = r.store;
   dense1D<unsigned>& pipe = r.pipe;
   const double* A = m.nodes.row(a);
@@ -164,7 +164,7 @@ int flip_pipe(boundary_recoverer& r, unsigned a, unsigned b, double d) noexcept 
       row[0] = a1, row[1] = a2, row[2] = rf[k], row[3] = rf[(k + 1) % 3];
       const double q = tet_quality(m.nodes.data, row[0], row[1], row[2], row[3]);
       if (!(q > 1e-12)) break;
-      r.new_qualities.push_back(q);
+      push_checked(r.new_qualities, q);
     }
     if (r.new_qualities.size != 3) {
       ++p;
@@ -177,8 +177,8 @@ int flip_pipe(boundary_recoverer& r, unsigned a, unsigned b, double d) noexcept 
       behind_face = behind == NONE ? 4 : face_toward(m, behind, n);
     }
     r.ball_tets.clear();
-    r.ball_tets.push_back(t);
-    r.ball_tets.push_back(n);
+    push_checked(r.ball_tets, t);
+    push_checked(r.ball_tets, n);
     if (!replace_tets(m, r.steiner.exchange, r.ball_tets, r.new_rows, r.new_qualities,
                       r.new_tets)) {
       ++p;
@@ -199,7 +199,7 @@ int flip_pipe(boundary_recoverer& r, unsigned a, unsigned b, double d) noexcept 
   return 0;
 }
 
-void turn_pipe(boundary_recoverer& r) noexcept {
+void turn_pipe(boundary_recoverer& r) {
   mesh_store& m = r.store;
   dense1D<unsigned>& pipe = r.pipe;
   const unsigned n = pipe.size;
@@ -211,7 +211,7 @@ void turn_pipe(boundary_recoverer& r) noexcept {
   std::reverse(pipe.begin(), pipe.end());
 }
 
-bool remove_pipe_node(boundary_recoverer& r, unsigned v, unsigned w, bool same_side) noexcept {
+bool remove_pipe_node(boundary_recoverer& r, unsigned v, unsigned w, bool same_side) {
   mesh_store& m = r.store;
   if (v == w || !is_soft_node(m, v)) return false;
   if (!ball_of_node(m, v, NONE, r.ball_tets) || !r.ball_tets.size) return false;
@@ -258,7 +258,7 @@ bool remove_pipe_node(boundary_recoverer& r, unsigned v, unsigned w, bool same_s
 // Removes soft nodes from the walls of the pipe: first those of the face at its mouth onto the
 // start, then, along the pipe, the node behind each entering face onto the node across it. The
 // pipe is walked again after each removal. True when the edge has come.
-bool thin_pipe(boundary_recoverer& r, unsigned from, unsigned to, double d) noexcept {
+bool thin_pipe(boundary_recoverer& r, unsigned from, unsigned to, double d) {
   mesh_store& m = r.store;
   // At the mouth.
   for (bool removed = true; removed && r.pipe.size;) {
@@ -292,7 +292,7 @@ bool thin_pipe(boundary_recoverer& r, unsigned from, unsigned to, double d) noex
 namespace {
 
 // The three tets of t coned from N over its faces other than e.
-bool split_by_one(boundary_recoverer& r, unsigned t, unsigned e, unsigned N) noexcept {
+bool split_by_one(boundary_recoverer& r, unsigned t, unsigned e, unsigned N) {
   const mesh_store& m = r.store;
   for (unsigned i = 0; i < 4; ++i) {
     if (i == e) continue;
@@ -304,14 +304,14 @@ bool split_by_one(boundary_recoverer& r, unsigned t, unsigned e, unsigned N) noe
     const unsigned j = r.new_rows.cols;
     if (!r.new_rows.resize(4, j + 1)) return false;
     std::copy_n(row, 4, r.new_rows.col(j));
-    r.new_qualities.push_back(q);
+    push_checked(r.new_qualities, q);
   }
   return true;
 }
 
 // The five tets of t with N1 on face f1 and N2 on face f2.
 bool split_by_two(boundary_recoverer& r, unsigned t, unsigned f1, unsigned f2, unsigned N1,
-                  unsigned N2) noexcept {
+                  unsigned N2) {
   const mesh_store& m = r.store;
   auto add = [&r, &m](unsigned a, unsigned b, unsigned c, unsigned d) {
     const double q = tet_quality(m.nodes.data, a, b, c, d);
@@ -320,7 +320,7 @@ bool split_by_two(boundary_recoverer& r, unsigned t, unsigned f1, unsigned f2, u
     if (!r.new_rows.resize(4, j + 1)) return false;
     unsigned* w = r.new_rows.col(j);
     w[0] = a, w[1] = b, w[2] = c, w[3] = d;
-    r.new_qualities.push_back(q);
+    push_checked(r.new_qualities, q);
     return true;
   };
   for (unsigned i = 0; i < 4; ++i) {
@@ -335,8 +335,7 @@ bool split_by_two(boundary_recoverer& r, unsigned t, unsigned f1, unsigned f2, u
 }
 
 // The line AB meets the plane of coded face c at A + t (B - A): false when they are parallel.
-bool line_on_face(const mesh_store& m, unsigned c, const double* A, const double* B,
-                  double& t) noexcept {
+bool line_on_face(const mesh_store& m, unsigned c, const double* A, const double* B, double& t) {
   unsigned f[3];
   face_of(m, c >> 2, c & 3u, f);
   double gap2 = 0.0;
@@ -347,12 +346,13 @@ bool line_on_face(const mesh_store& m, unsigned c, const double* A, const double
 }  // namespace
 
 int pipe_steiner_step(boundary_recoverer& r, unsigned a, unsigned b, unsigned& budget,
-                      dense1D<unsigned>& new_nodes) noexcept {
+                      dense1D<unsigned>& new_nodes) {
   mesh_store& m = r.store;
   const dense1D<unsigned>& pipe = r.pipe;
   const unsigned n = pipe.size;
-  const double* A = m.nodes.row(a);
-  const double* B = m.nodes.row(b);
+  // Copies: new nodes may move the table.
+  const double A[3] = {m.nodes(0, a), m.nodes(1, a), m.nodes(2, a)};
+  const double B[3] = {m.nodes(0, b), m.nodes(1, b), m.nodes(2, b)};
   const double D[3] = {B[0] - A[0], B[1] - A[1], B[2] - A[2]};
   const double DD = D[0] * D[0] + D[1] * D[1] + D[2] * D[2];
   if (n < 2 || !(DD > 0.0)) return -1;
@@ -364,7 +364,7 @@ int pipe_steiner_step(boundary_recoverer& r, unsigned a, unsigned b, unsigned& b
   unsigned end = 3;
   while (end < n && holds(m.tets.row(pipe[end] >> 2), 4, P)) ++end;
   const unsigned fan = std::max(1u, std::min(end, n) - 2);
-  const double* XP = m.nodes.row(P);
+  const double XP[3] = {m.nodes(0, P), m.nodes(1, P), m.nodes(2, P)};
   const double PA[3] = {XP[0] - A[0], XP[1] - A[1], XP[2] - A[2]};
   const double tP = (PA[0] * D[0] + PA[1] * D[1] + PA[2] * D[2]) / DD;
   const double W[3] = {PA[0] - tP * D[0], PA[1] - tP * D[1], PA[2] - tP * D[2]};
@@ -402,25 +402,29 @@ int pipe_steiner_step(boundary_recoverer& r, unsigned a, unsigned b, unsigned& b
     const unsigned N = m.new_node(A[0] + u * W[0] + tt * D[0], A[1] + u * W[1] + tt * D[1],
                                   A[2] + u * W[2] + tt * D[2], 0.0);
     if (N == NONE) return undo(-199);
-    new_nodes.push_back(N);
+    push_checked(new_nodes, N);
+    if (new_nodes.size != first_new + i) {
+      m.release_node(N);
+      return undo(-199);
+    }
   }
   r.ball_tets.clear();
   r.new_rows.resize(4, 0);
   r.new_qualities.clear();
   const unsigned* made = new_nodes.begin() + first_new;
-  r.ball_tets.push_back(T1);
+  push_checked(r.ball_tets, T1);
   if (!split_by_one(r, T1, pipe[1] & 3u, made[0])) return undo(-1);
   for (unsigned j = 1; j < k; ++j) {
     const unsigned t = tet_at(j + 1);
     const unsigned e = face_toward(m, t, tet_at(j)), x = pipe[j + 1] & 3u;
-    r.ball_tets.push_back(t);
+    push_checked(r.ball_tets, t);
     const bool ok = j % 2 ? split_by_two(r, t, x, e, made[j], made[j - 1])
                           : split_by_two(r, t, e, x, made[j - 1], made[j]);
     if (!ok) return undo(-1);
   }
   const unsigned t = tet_at(k + 1);
   if (t == NONE) return undo(-1);
-  r.ball_tets.push_back(t);
+  push_checked(r.ball_tets, t);
   if (!split_by_one(r, t, face_toward(m, t, tet_at(k)), made[k - 1])) return undo(-1);
   if (!replace_tets(m, r.steiner.exchange, r.ball_tets, r.new_rows, r.new_qualities, r.new_tets))
     return undo(-1);
@@ -429,7 +433,7 @@ int pipe_steiner_step(boundary_recoverer& r, unsigned a, unsigned b, unsigned& b
 }
 
 int recover_edge_by_pipe(boundary_recoverer& r, unsigned a, unsigned b, double d, unsigned& budget,
-                         dense1D<unsigned>& new_nodes) noexcept {
+                         dense1D<unsigned>& new_nodes) {
   unsigned steiner_steps = 0, last_length = NONE;
   for (;;) {
     int c = walk_pipe(r, a, b, d);
