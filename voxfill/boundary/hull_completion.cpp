@@ -25,6 +25,8 @@ constexpr double INSIDE_LIMIT = 1.0 - 1e-9;
 constexpr double BOX_LIMIT = 1.0 + 1e-9;
 // Two apexes whose spheres' centres differ by less than this, relative to the radius, tie.
 constexpr double TIE_TOL = 1e-10;
+// Rebuilds with a grown region before the completion gives up.
+constexpr unsigned MAX_ATTEMPTS = 24;
 // Points per leaf of the candidate tree.
 constexpr unsigned LEAF_SIZE = 8;
 
@@ -93,10 +95,25 @@ struct kd_tree {
   }
 };
 
+// Whether q beats p as the apex beyond the face g when both lie on one sphere through it. The tie
+// is broken as if every node were lifted off the paraboloid by an infinitesimal that shrinks with
+// its index, lower indices going down the most: the lowest index of the five decides, so that all
+// faces around a cospherical group choose alike. When it is a face node, q wins when it lies on
+// the far side, from that node, of the plane through p and the other two face nodes.
+bool wins_tie(const dense2D<double>& xyz, const unsigned g[3], unsigned p, unsigned q) noexcept {
+  const unsigned low = std::min(std::min(g[0], g[1]), std::min(g[2], std::min(p, q)));
+  if (low == q) return true;
+  if (low == p) return false;
+  unsigned r[4] = {p, g[0], g[1], g[2]};
+  for (unsigned i = 1; i < 4; ++i)
+    if (r[i] == low) r[i] = q;
+  return orient_det(xyz, r[0], r[1], r[2], r[3]) < 0.0;
+}
+
 // The Delaunay apex beyond the face (g0, g1, g2), which turns positively seen from beyond: among
-// the candidates p that make (p, g0, g1, g2) a tet of quality above STAR_TOL, the one whose sphere
-// through the face has its centre furthest back along the face's normal, so that its sphere holds
-// no other such candidate. NONE when there is none: a hull face.
+// the candidates p clearly beyond the plane of the face (a tet (p, g0, g1, g2) of positive
+// quality), the one whose sphere through the face has its centre furthest back along the face's
+// normal, so that its sphere holds no other such candidate. NONE when there is none: a hull face.
 unsigned find_apex(const kd_tree& kd, const dense2D<double>& xyz, const unsigned g[3],
                    std::vector<unsigned>& stack) {
   const double* A = xyz.col(g[0]);
@@ -145,8 +162,11 @@ unsigned find_apex(const kd_tree& kd, const dense2D<double>& xyz, const unsigned
       const double t = (dot(w, w) - R2) / (2.0 * d);
       const double tie = TIE_TOL * (radius / nlen + std::fabs(best_t));
       if (best != NONE && t > best_t + tie) continue;
-      if (!(tet_quality(Q, A, B, C) > STAR_TOL)) continue;
-      if (best == NONE || t < best_t - tie || q < best) {
+      // Clearly off the plane, by angle rather than shape: a far apex makes a needle, not a flat
+      // tet.
+      if (!(d > SQUARE_TOL * nlen * std::sqrt(dot(w, w))) || !(tet_quality(Q, A, B, C) > 0.0))
+        continue;
+      if (best == NONE || t < best_t - tie || wins_tie(xyz, g, best, q)) {
         best = q;
         best_t = t;
         for (unsigned k = 0; k < 3; ++k) centre[k] = c0[k] + t * n[k];
@@ -218,10 +238,16 @@ class completion {
 
   hull_completion run() {
     if (!collect_region()) return hull_completion::done;
-    collect_candidates();
-    if (!open_front()) return hull_completion::failed;
-    if (!wrap()) return hull_completion::failed;
-    return apply() ? hull_completion::done : hull_completion::no_memory;
+    // A clash means that kept tets near it were not Delaunay for the given nodes alone, or were
+    // cut from a cospherical group another way than the filling cuts it: they are rebuilt too.
+    for (unsigned attempt = 0; attempt < MAX_ATTEMPTS; ++attempt) {
+      collect_candidates();
+      clash_ = NONE;
+      if (open_front() && wrap())
+        return apply() ? hull_completion::done : hull_completion::no_memory;
+      if (!grow_at_clash()) break;
+    }
+    return hull_completion::failed;
   }
 
  private:
@@ -236,6 +262,52 @@ class completion {
   std::vector<unsigned> queue_;      // entries to find an apex for, in order
   std::vector<unsigned> rows_;       // new tets, four nodes each
   std::vector<unsigned> links_;      // new tets, four face entries each
+
+  unsigned clash_ = NONE;  // the entry a clash was found on, NONE when none
+  face_key clash_face_{};
+
+  // Adds to the region every kept tet at a node of the face of the last clash, or at a node of
+  // the region's front when the clash was at the start. False when nothing could be added.
+  bool grow_at_clash() {
+    std::vector<unsigned> nodes;
+    if (clash_ != NONE) {
+      nodes.assign(clash_face_.n, clash_face_.n + 3);
+    } else {
+      for (unsigned t : region_)
+        for (unsigned k = 0; k < 4; ++k)
+          if (!is_box(m_.tets(k, t))) nodes.push_back(m_.tets(k, t));
+    }
+    const std::size_t before = region_.size();
+    dense1D<unsigned> ball, walk;
+    index_set seen;
+    for (unsigned q : nodes) {
+      // The ball is walked from a tet of the region that holds the node.
+      unsigned start = NONE;
+      for (unsigned t : region_) {
+        const unsigned* r = m_.tets.row(t);
+        if (r[0] == q || r[1] == q || r[2] == q || r[3] == q) {
+          start = t;
+          break;
+        }
+      }
+      if (start == NONE) continue;
+      ball_of_node_unmarked(m_, q, start, ball, walk, seen);
+      for (unsigned t : ball)
+        if (!in_region(t)) {
+          m_.mark(t);
+          region_.push_back(t);
+        }
+    }
+    faces_ = key_set<face_key>();
+    entries_.clear();
+    keyed_.clear();
+    queue_.clear();
+    rows_.clear();
+    links_.clear();
+    kd_.points.clear();
+    kd_.tree.clear();
+    return region_.size() > before;
+  }
 
   bool is_box(unsigned n) const noexcept {
     for (unsigned k = 0; k < m_.box_nodes.size; ++k)
@@ -322,6 +394,8 @@ class completion {
       const unsigned e = keyed_[k];
       face_entry& other = entries_[e];
       if (dir != -1 || other.hull || other.partner != NONE) {
+        clash_face_ = key;
+        clash_ = e;
         clash = true;
         return NONE;
       }
