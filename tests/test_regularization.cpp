@@ -109,7 +109,9 @@ void expect_regularised(const data_type& in, const data_type& out, bool finished
   // A first-stage move may trade some worst quality for merit; a finished run has made up for it
   // on these meshes, an interrupted one need not have.
   if (finished) {
-    EXPECT_GE(out.min_quality, out.min_quality_in);
+    // Equal up to rounding: a tet kept as it was may come back as another row order of its nodes.
+    EXPECT_GE(out.min_quality, out.min_quality_in * (1.0 - 1e-12))
+        << out.min_quality - out.min_quality_in;
   }
 }
 
