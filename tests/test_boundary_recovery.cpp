@@ -349,3 +349,35 @@ TEST(BoundaryRecovery, InterruptionAtAnyPollLeavesASoundMesh) {
     }
   }
 }
+
+TEST(BoundaryRecovery, CloudWithHardEntitiesKeepsItsNodes) {
+  std::mt19937 gen(7);
+  std::uniform_real_distribution<double> u(-1.0, 1.0);
+  input s;
+  for (unsigned k = 0; k < 300; ++k) s.pts.push_back({u(gen), u(gen), u(gen)});
+  for (unsigned k = 0; k < 300; ++k) s.nodes.push_back(k);
+  auto delaunay = [](input in) {
+    mesher::settings_type st;
+    st.mode = 2;
+    st.optim_level = 0;
+    data_type d = record_of(in);
+    mesher(st).run(d);
+    return d;
+  };
+  // Hard faces of a tet of four cloud nodes: recovered without a new node, or reported.
+  input faces = s;
+  faces.tris = {{0, 2, 1}, {0, 1, 3}, {1, 2, 3}, {0, 3, 2}};
+  const data_type f = delaunay(faces);
+  EXPECT_EQ(f.pos.cols, 300u);
+  EXPECT_EQ(f.steiner_nodes, 0u);
+  EXPECT_TRUE(sound(f));
+  EXPECT_EQ(absent_by_coords(f, faces).faces, f.missing_faces.size + f.conflicting_faces.size);
+  // A hard edge across the cloud has no way in without a Steiner node.
+  input edge = s;
+  edge.edges.push_back({0, 1});
+  const data_type e = delaunay(edge);
+  EXPECT_EQ(e.error_code, -103);
+  EXPECT_STREQ(e.msg_title, "NODES LIMIT ERROR");
+  EXPECT_NE(std::string(e.msg_text).find("line = 161"), std::string::npos) << e.msg_text;
+  EXPECT_EQ(e.connectM.cols, 0u);
+}

@@ -10,6 +10,7 @@
 #include "delaunay/insertion_order.h"
 #include "delaunay/mesh_check.h"
 #include "gridkit/connectivity.h"
+#include "voxfill/boundary/boundary_recoverer.h"
 #include "voxfill/boundary/box_edge_removal.h"
 #include "voxfill/boundary/domain_classification.h"
 #include "voxfill/boundary/hard_entities.h"
@@ -148,6 +149,19 @@ void th4_engine::run_delaunay(mesher::data_type& data) {
   // edges give way to shorter ones, then what the box still holds is rebuilt as Delaunay tets of
   // the given nodes up to the hull.
   if (settings.strict_constraints && !must_stop()) {
+    // Hard faces and edges among the nodes are recovered first, without Steiner nodes: a mesh of
+    // given nodes keeps its nodes.
+    std::optional<boundary_recoverer> recoverer;
+    try {
+      recoverer.emplace(*this, tasks->phase_task(phase_recovery), 0u);
+    } catch (const std::bad_alloc&) {
+      raise_error(msg::memory_error_recovery);
+    }
+    if (recoverer && !must_stop()) {
+      dense1D<unsigned> steiner_list;
+      recover_boundary(*recoverer, data.connectB, data.connectE, data.isolated_nodes, steiner_list);
+    }
+    recoverer.reset();
     strip_box_edges(*this, n);
     const hull_completion done = complete_hull(*this);
     if (done == hull_completion::no_memory) raise_error(msg::memory_error_run);

@@ -243,14 +243,16 @@ void clean_tangle(boundary_recoverer& r, recovery_state& s, dense1D<unsigned>& s
 bool run_pass(boundary_recoverer& r, recovery_state& s, const Ptr<task_type>& progress,
               dense1D<unsigned>& steiner_list) {
   const unsigned F = unsigned(s.faces.size()), E = unsigned(s.edges.size());
-  recover_face_list(r, s.faces, s.faces_given_up, s.steiner_budget, steiner_list);
+  // Without room for Steiner nodes (a mesh of given nodes) no attempt may make one.
+  const unsigned budget = r.steiner_limit ? s.steiner_budget : 0;
+  recover_face_list(r, s.faces, s.faces_given_up, budget, steiner_list);
   unsigned dF = F - unsigned(s.faces.size());
   progress->advance(dF);
   if (!s.edges.empty() && steiner_list.size >= r.steiner_limit) {
     r.task->raise_error(msg::nodes_limit_recovery);
     return false;
   }
-  recover_edge_list(r, s.edges, s.edges_given_up, s.steiner_budget, steiner_list);
+  recover_edge_list(r, s.edges, s.edges_given_up, budget, steiner_list);
   unsigned dE = E - unsigned(s.edges.size());
   progress->advance(dE);
   if (s.edges.empty() && s.faces.empty()) return false;
@@ -274,7 +276,7 @@ bool run_pass(boundary_recoverer& r, recovery_state& s, const Ptr<task_type>& pr
   }
   if (s.pass % 3 == 2) remove_steiner_nodes(r.steiner, steiner_list, false, true, false);
   if (s.poor) clean_tangle(r, s, steiner_list);
-  if (s.stalled_passes % 5 == 1) seed_missing(r, s, steiner_list);
+  if (s.stalled_passes % 5 == 1 && r.steiner_limit) seed_missing(r, s, steiner_list);
   for (unsigned k = s.faces_given_up; k < s.faces.size(); ++k) {
     face_key& f = s.faces[k];
     f = face_key{{f.n[1], f.n[2], f.n[0]}};
@@ -301,7 +303,12 @@ void recover_boundary(boundary_recoverer& r, const dense2D<unsigned>& connectB,
   th4_engine& m = r.engine;
   const kernel_mode_type saved_mode = m.kernel_mode;
   steiner_list.clear();
-  m.unenforced_set.clear_hard();
+  // The nodes that the kernel could not place stay noted, with the reason it found; the edges and
+  // faces are judged anew here.
+  m.unenforced_set.edges.clear_hard();
+  m.unenforced_set.two_way_edges.clear_hard();
+  m.unenforced_set.faces.clear_hard();
+  m.unenforced_set.two_way_faces.clear_hard();
   recovery_state s;
   collect(r, connectB, connectE, isolated_nodes, s);
   if (s.faces.empty() && s.edges.empty() && !s.nodes.size) return;
