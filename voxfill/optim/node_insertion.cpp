@@ -14,6 +14,17 @@ namespace kelvo::voxfill {
 
 namespace {
 
+// Appends the pair (tet, local edge or NONE) whole or not at all: a half pair would shift every
+// later one. False when the list could not grow.
+bool push_target(dense1D<unsigned>& targets, unsigned t, unsigned e) noexcept {
+  const unsigned n = targets.size;
+  targets.push_back(t);
+  targets.push_back(e);
+  if (targets.size == n + 2) return true;
+  targets.size = n;
+  return false;
+}
+
 bool interrupted(const regularizer& g) {
   return g.task && g.task->must_stop();
 }
@@ -138,8 +149,7 @@ void split_longest_edges(regularizer& g, dense1D<unsigned>& tets, unsigned& node
       }
     }
     if (choice == NONE && !forced) continue;
-    targets.push_back(t);
-    targets.push_back(choice);
+    if (!push_target(targets, t, choice)) break;
   }
   insert_at_targets(g, targets, nodes_left, new_nodes);
   drop_touched(m, tets);
@@ -159,8 +169,7 @@ void split_beside_worst(regularizer& g, dense1D<unsigned>& tets, double quality_
       if (n == NONE || g.frozen(n) || !(m.tet_qualities[n] >= quality_limit)) continue;
       const unsigned* fn = tet_face_nodes[f];
       if (m.hard_set.has_face(r[fn[0]], r[fn[1]], r[fn[2]])) continue;
-      targets.push_back(n);
-      targets.push_back(NONE);
+      if (!push_target(targets, n, NONE)) break;
     }
   }
   insert_at_targets(g, targets, nodes_left, new_nodes);
