@@ -1,0 +1,208 @@
+// Placement of one candidate point per face of the front.
+#include "voxfill/refine/front_placement.h"
+
+#include <cfloat>
+#include <cmath>
+
+#include "delaunay/geometry.h"
+#include "delaunay/mesh_walks.h"
+#include "delaunay/tet_tables.h"
+#include "voxfill/delaunay_th4.h"
+#include "voxfill/optim/move_merit.h"
+#include "voxfill/refine/metric_trace.h"
+
+namespace kelvo::voxfill {
+
+namespace {
+
+constexpr double THIRD = 0.3333333333333333;
+constexpr double SQRT3 = 1.7320508075688772;
+constexpr double REGULAR_HEIGHT = 0.2721655269759087;  // sqrt(2/3) / 3
+constexpr double HALF_SQRT2 = 0.7071067811865476;
+constexpr double FLAT = 1e-12;
+constexpr unsigned ITERATIONS = 10;
+constexpr unsigned HEIGHTS = 6;
+
+double distance(const double* p, const double* q) noexcept {
+  return std::sqrt(geometry_detail::dist2<3>(p, q));
+}
+
+// Shape alone from a weight of 1 up; below, the worst size fit pulls the merit down.
+double blend(double worst, double q, double shape_weight) noexcept {
+  if (shape_weight >= 1.0) return q;
+  return worst * std::pow(q / worst, shape_weight);
+}
+
+bool walkable(const size_field& f) noexcept {
+  const node_locator& loc = f.locator;
+  return loc.nodes && loc.tets && loc.neighbors && loc.ancestors;
+}
+
+// Length of the edge from face node i to the apex in the field; false when it can't be traced.
+bool apex_edge_length(size_field& f, const apex_frame& frame, const double* frame_sizes,
+                      unsigned* frame_tets, unsigned i, double& L) noexcept {
+  const double* p = frame.col(i);
+  const double* P = frame.col(3);
+  if (f.direct_lengths) {
+    const double h = log_mean(frame_sizes[i], frame_sizes[3]);
+    L = h > 0.0 ? distance(p, P) / h : 0.0;
+    return true;
+  }
+  if (frame_tets[i] == NONE && walkable(f))
+    locate_tet(f.locator, p, frame_tets[i], LOCATE_TOL, f.walk_bits);
+  const bool ok = frame_tets[i] != NONE
+                      ? trace_length(f, p, frame_tets[i], frame_sizes[i], P, frame_tets[3],
+                                     frame_sizes[3], DBL_MAX)
+                      : trace_steps(f, p, P, NONE, frame_sizes[i], frame_sizes[3], DBL_MAX);
+  L = ok ? trace_last_length(f) : 0.0;
+  return ok;
+}
+
+}  // namespace
+
+double first_apex(const apex_frame& frame, const double* frame_sizes, const unsigned* face_order,
+                  double height_factor, double shape_weight, double* apex) noexcept {
+  const double* xyz = frame.col(0);
+  double N[3];
+  face_normal(xyz, face_order[0], face_order[1], face_order[2], N);
+  const double nn = geometry_detail::dot3(N, N);
+  if (nn != 0.0 && nn != 1.0) {
+    const double r = std::sqrt(nn);
+    for (unsigned k = 0; k < 3; ++k) N[k] /= r;
+  }
+  const double *p0 = frame.col(0), *p1 = frame.col(1), *p2 = frame.col(2);
+  double G[3];
+  for (unsigned k = 0; k < 3; ++k) G[k] = (p0[k] + p1[k] + p2[k]) * THIRD;
+  const double S = frame_sizes[0] + frame_sizes[1] + frame_sizes[2];
+  const double R = distance(G, p0) + distance(G, p1) + distance(G, p2);
+  // For an equilateral face sqrt(3) R is the sum of the sides: the weight blends the wanted
+  // sizes with the face's own.
+  const double base = S + (SQRT3 * R - S) * shape_weight;
+  const double H = height_factor * REGULAR_HEIGHT * base;
+  for (unsigned k = 0; k < 3; ++k) apex[k] = G[k] + H * N[k];
+  return H;
+}
+
+bool adjust_apex(size_field& field, const refine_context& c, apex_frame& frame, double* frame_sizes,
+                 unsigned* frame_tets, double height_factor, double shape_weight,
+                 double& quality) noexcept {
+  double* P = frame.col(3);
+  first_apex(frame, frame_sizes, c.face_order, height_factor, shape_weight, P);
+  if (!field_size_at(field, P, frame_tets[3], frame_sizes[3])) return false;
+  const double* xyz = frame.col(0);
+  const unsigned* o = c.tet_order;
+  double best_merit = 0.0, best_worst = 0.0;
+  apex_frame saved;
+  double saved_sizes[4] = {0.0, 0.0, 0.0, 0.0};
+  bool kept = false;
+  bool go = true;
+  for (unsigned k = 0; k < ITERATIONS && go; ++k) {
+    double L[3];
+    bool traced = true;
+    for (unsigned i = 0; i < 3 && traced; ++i)
+      traced = apex_edge_length(field, frame, frame_sizes, frame_tets, i, L[i]);
+    if (!traced) break;
+    double worst = DBL_MAX, deviation = 0.0, step[3] = {0.0, 0.0, 0.0};
+    for (unsigned i = 0; i < 3; ++i) {
+      const double inv = 1.0 / L[i];
+      const double r = L[i] <= 1.0 ? L[i] : inv;
+      if (r < worst) worst = r;
+      const double dev = std::fabs(inv - 1.0);
+      if (dev > deviation) deviation = dev;
+      // A long edge pulls the apex towards its node by at most a quarter of the edge; a short one
+      // pushes it away by at most a half.
+      double ci = std::sqrt(inv) - 1.0;
+      ci = ci < -0.5 ? -0.5 : (ci > 1.0 ? 1.0 : ci);
+      ci *= 0.5;
+      const double* p = frame.col(i);
+      for (unsigned d = 0; d < 3; ++d) step[d] += ci * (P[d] - p[d]);
+    }
+    // The frame's tet turns the other way from the bad tet's: the apex stands on its side.
+    const double q = -tet_quality(xyz, o[0], o[1], o[2], o[3]);
+    if (q < FLAT) break;
+    const double m = blend(worst, q, shape_weight);
+    // While the size fit is poor and getting better, better size beats merit: a new start.
+    if (k == 0 || (worst < HALF_SQRT2 && worst > best_worst)) {
+      best_worst = worst;
+      best_merit = m;
+    }
+    if (!(m < best_merit)) {
+      best_merit = m;
+      saved = frame;
+      for (unsigned i = 0; i < 4; ++i) saved_sizes[i] = frame_sizes[i];
+      quality = q;
+      kept = true;
+      if (deviation > FLAT) {
+        for (unsigned d = 0; d < 3; ++d) P[d] += step[d];
+        if (!field_size_at(field, P, frame_tets[3], frame_sizes[3])) go = false;
+      }
+    } else {
+      go = false;
+    }
+    if (!(deviation > 0.02)) go = false;
+  }
+  if (!kept) return false;
+  frame = saved;
+  for (unsigned i = 0; i < 4; ++i) frame_sizes[i] = saved_sizes[i];
+  return true;
+}
+
+double front_point(th4_engine& e, refine_context& c, unsigned f0, unsigned f1, unsigned f2,
+                   double* P, double& h) noexcept {
+  h = 0.0;
+  size_field& field = e.size_field ? *e.size_field : *e.own_size_field;
+  const node_locator& loc = field.locator;
+  apex_frame frame;
+  double frame_sizes[4] = {0.0, 0.0, 0.0, 0.0};
+  unsigned frame_tets[4] = {NONE, NONE, NONE, NONE};
+  const unsigned face[3] = {f0, f1, f2};
+  for (unsigned i = 0; i < 3; ++i) {
+    const unsigned n = face[i];
+    const double* p = e.nodes.row(n);
+    for (unsigned k = 0; k < 3; ++k) frame(k, i) = p[k];
+    frame_sizes[i] = n < e.node_sizes.size ? e.node_sizes[n] : 0.0;
+    if (loc.ancestors && n < loc.ancestors->size) frame_tets[i] = (*loc.ancestors)[n];
+    if (frame_tets[i] == NONE && walkable(field))
+      locate_tet(field.locator, frame.col(i), frame_tets[i], LOCATE_TOL, field.walk_bits);
+  }
+  frame_tets[3] = frame_tets[2];
+  double height_factor = 1.0;
+  double quality = 0.0;
+  bool found = false;
+  for (unsigned k = 0; k < HEIGHTS && !found; ++k) {
+    found = adjust_apex(field, c, frame, frame_sizes, frame_tets, height_factor, c.shape_weight,
+                        quality);
+    height_factor *= 0.5;
+  }
+  if (!found || !(quality > FLAT)) return 0.0;
+  for (unsigned k = 0; k < 3; ++k) P[k] = frame(k, 3);
+  h = frame_sizes[3];
+  return -orient_det(frame.col(0), frame.col(1), frame.col(2), frame.col(3));
+}
+
+void place_candidates(th4_engine& e, refine_context& c, dense2D<double>& points,
+                      dense1D<double>& sizes) {
+  points.resize(3, 0);
+  sizes.clear();
+  const unsigned n = c.front_faces.size;
+  if (!points.reserve(3, n) || !sizes.reserve(n)) return;
+  unsigned count = 0;
+  for (unsigned k = 0; k < n; ++k) {
+    const unsigned code = c.front_faces[k];
+    const unsigned t = code >> 2, i = code & 3;
+    const unsigned* row = e.tets.row(t);
+    const unsigned* fn = tet_face_nodes[i];
+    double P[3], h;
+    if (!(front_point(e, c, row[fn[0]], row[fn[1]], row[fn[2]], P, h) > 0.0)) continue;
+    // A point in a good tet, in another subdomain or out of the mesh is no candidate.
+    unsigned u = t;
+    if (!locate_tet(e.locator, P, u, LOCATE_TOL, c.context_bits)) continue;
+    if (c.good_tets.test(u) || e.colors[u] != e.colors[t]) continue;
+    points.resize(3, count + 1);
+    for (unsigned d = 0; d < 3; ++d) points(d, count) = P[d];
+    sizes.push_back(h);
+    ++count;
+  }
+}
+
+}  // namespace kelvo::voxfill

@@ -1,0 +1,48 @@
+// Length of a segment in the size field: the integral of 1 / size along it. Over the mesh itself it
+// comes from the two end sizes; over a background mesh the segment is traced through its tets, or
+// sampled where the walk can't follow it, into the polyline held by the field's scratch.
+#pragma once
+
+#include "voxfill/refine/size_field.h"
+
+namespace kelvo::voxfill {
+
+// Empties the polyline of the field's scratch.
+void trace_clear(size_field& f) noexcept;
+
+// Appends the point P of size h to the polyline, with the length up to it: the last length plus
+// |P - previous| over log_mean of the two sizes (nothing when that mean is not positive). False
+// when memory ran out; the polyline is then emptied.
+bool trace_append(size_field& f, const double* P, double h) noexcept;
+
+// The last cumulative length of the polyline; 0.0 when it is empty.
+double trace_last_length(const size_field& f) noexcept;
+
+// The polyline from P to Q: straight when both lie in one tet, else by trace_walk from tP, and by
+// trace_steps when the walk fails. Stops soon after the length passed `limit`.
+bool trace_length(size_field& f, const double* P, unsigned tP, double hP, const double* Q,
+                  unsigned tQ, double hQ, double limit) noexcept;
+
+// Follows the segment P Q through the field's tets from t (which holds P), appending the point of
+// each face crossed with its interpolated size. Steps past an edge or a node by 1e-10 of the
+// segment. True when it reached the tet of Q or passed `limit`; false when it left the domain, met
+// a bad tet or ran out of nudges. Does not append Q.
+bool trace_walk(size_field& f, const double* P, const double* Q, unsigned t, double limit) noexcept;
+
+// The polyline from P to Q sampled at 2 m - 1 inner points, m the length from the end sizes
+// alone (at least 1), with sizes by field_size_at from the hint t (the parents beyond the
+// field's domain). False, with the polyline P Q of the end sizes, when a size is missing.
+bool trace_steps(size_field& f, const double* P, const double* Q, unsigned t, double hP, double hQ,
+                 double limit) noexcept;
+
+// L = the length of P Q in the field; tP, tQ are tets of the field's mesh holding P and Q, or
+// NONE. False (L = 0.0) when the trace failed.
+bool field_length(size_field& f, const double* P, unsigned tP, double hP, const double* Q,
+                  unsigned tQ, double hQ, double& L) noexcept;
+
+// True when the length of P Q is above `limit`, or can't be traced. Traces little further than
+// the limit, so that the cost does not grow with the segment.
+bool longer_than(size_field& f, const double* P, unsigned tP, double hP, const double* Q,
+                 unsigned tQ, double hQ, double limit) noexcept;
+
+}  // namespace kelvo::voxfill

@@ -1,0 +1,160 @@
+// The spacing filter of new points: against each other and against the nodes of the mesh.
+#include "voxfill/refine/spacing_filter.h"
+
+#include <cfloat>
+#include <cmath>
+#include <new>
+
+#include "delaunay/geometry.h"
+#include "delaunay/mesh_walks.h"
+#include "voxfill/delaunay_th4.h"
+#include "voxfill/optim/move_merit.h"
+#include "voxfill/refine/metric_trace.h"
+
+namespace kelvo::voxfill {
+
+namespace {
+
+constexpr unsigned FOUND_ROOM = 512;
+constexpr double NEAR_BOX = 1.5;
+constexpr double EXCLUSION_BOX = 4.0;
+
+double direct_length(const double* P, double hP, const double* Q, double hQ) noexcept {
+  const double h = log_mean(hP, hQ);
+  return h > 0.0 ? std::sqrt(geometry_detail::dist2<3>(P, Q)) / h : 0.0;
+}
+
+void cube(const double* P, double half, double* lo, double* hi) noexcept {
+  for (unsigned k = 0; k < 3; ++k) {
+    lo[k] = P[k] - half;
+    hi[k] = P[k] + half;
+  }
+}
+
+// The nodes of `octree` in the cube of half width `half` around P, into `found`.
+bool octree_box(node_octree& octree, const double* P, double half,
+                dense1D<unsigned>& found) noexcept {
+  double lo[3], hi[3];
+  unsigned ilo[3], ihi[3];
+  cube(P, half, lo, hi);
+  octree.to_cell_coords(lo, ilo);
+  octree.to_cell_coords(hi, ihi);
+  found.clear();
+  return octree.nodes_in_box(ilo, ihi, lo, hi, found);
+}
+
+// The nodes of the mesh in the cube of half width `half` around P, into `found`: the locator's
+// octree may still hold nodes that left the mesh.
+void live_nodes_in_box(th4_engine& e, const double* P, double half,
+                       dense1D<unsigned>& found) noexcept {
+  double lo[3], hi[3];
+  cube(P, half, lo, hi);
+  found.clear();
+  e.locator.nodes_in_box(lo, hi, found);
+  unsigned w = 0;
+  for (unsigned k = 0; k < found.size; ++k) {
+    const unsigned n = found[k];
+    if (n < e.ancestors.size && e.ancestors[n] != NONE) found[w++] = n;
+  }
+  found.size = w;
+}
+
+}  // namespace
+
+spacing_filter::spacing_filter(double ratio_in, double box_factor_in)
+    : ratio(ratio_in), box_factor(box_factor_in) {
+  if (!found.reserve(FOUND_ROOM)) throw std::bad_alloc();
+}
+
+bool far_from(spacing_filter& F, const double* P, double h, const dense2D<double>& table,
+              const dense1D<double>& sizes, size_field& field,
+              const dense1D<unsigned>& list) noexcept {
+  for (unsigned k = 0; k < list.size; ++k) {
+    const unsigned n = list[k];
+    // A node without size keeps nothing away.
+    const double s = n < sizes.size ? sizes[n] : 0.0;
+    if (s == 0.0) continue;
+    const double* X = table.col(n);
+    double d;
+    if (field.direct_lengths) {
+      d = direct_length(P, h, X, s);
+    } else {
+      unsigned t = NONE;
+      if (field.locator.ancestors) locate_tet(field.locator, P, t, LOCATE_TOL, field.walk_bits);
+      const bool ok = t != NONE ? trace_length(field, P, t, h, X, NONE, s, F.ratio)
+                                : trace_steps(field, P, X, NONE, h, s, F.ratio);
+      d = ok ? trace_last_length(field) : DBL_MAX;
+    }
+    if (d <= F.ratio) return false;
+  }
+  return true;
+}
+
+bool far_from_octree(spacing_filter& F, const double* P, double h, const dense1D<double>& sizes,
+                     node_octree& octree, unsigned count) noexcept {
+  if (count == 0 || !octree.coords) return true;
+  octree_box(octree, P, F.box_factor * h, F.found);
+  const dense2D<double>& xyz = octree.coords->data;
+  for (unsigned k = 0; k < F.found.size; ++k) {
+    const unsigned n = F.found[k];
+    const double s = n < sizes.size ? sizes[n] : 0.0;
+    if (s == 0.0) continue;
+    if (direct_length(P, h, xyz.col(n), s) <= F.ratio) return false;
+  }
+  return true;
+}
+
+void filter_candidates(th4_engine& e, dense2D<double>& points, dense1D<double>& sizes,
+                       double ratio) {
+  const unsigned n = points.cols < sizes.size ? points.cols : sizes.size;
+  if (n == 0) {
+    points.resize(3, 0);
+    sizes.clear();
+    return;
+  }
+  size_field& field = e.size_field ? *e.size_field : *e.own_size_field;
+  try {
+    spacing_filter F(ratio, NEAR_BOX);
+    // The kept candidates, indexed over the very columns of `points`: a kept point moves down to
+    // its column before it is added.
+    slot_table<double> kept_points(3);
+    kept_points.data = points;
+    node_octree accepted(&kept_points);
+    unsigned accepted_count = 0;
+    accepted.set_box(e.box_min, e.box_max);
+    const bool mesh_nodes = e.tets.cols() != 0 && e.locator.count != 0;
+    unsigned kept = 0;
+    for (unsigned k = 0; k < n; ++k) {
+      const double P[3] = {points(0, k), points(1, k), points(2, k)};
+      const double h = sizes[k];
+      if (accepted_count) {
+        octree_box(accepted, P, F.box_factor * h, F.found);
+        if (!far_from(F, P, h, points, sizes, field, F.found)) continue;
+      }
+      if (mesh_nodes) {
+        live_nodes_in_box(e, P, F.box_factor * h, F.found);
+        if (!far_from(F, P, h, e.nodes.data, e.node_sizes, field, F.found)) continue;
+      }
+      if (e.exclusion_count) {
+        F.box_factor = EXCLUSION_BOX;
+        const bool far =
+            far_from_octree(F, P, h, e.node_sizes, e.exclusion_octree, e.exclusion_count);
+        F.box_factor = NEAR_BOX;
+        if (!far) continue;
+      }
+      for (unsigned c = 0; c < 3; ++c) points(c, kept) = P[c];
+      sizes[kept] = h;
+      // A point outside of the box stays a candidate but keeps no later one away.
+      if (accepted.add(kept)) ++accepted_count;
+      ++kept;
+    }
+    points.resize(3, kept);
+    sizes.resize(kept);
+  } catch (const std::bad_alloc&) {
+    // Without its scratch the filter can't vouch for any point: none is made in this pass.
+    points.resize(3, 0);
+    sizes.clear();
+  }
+}
+
+}  // namespace kelvo::voxfill
