@@ -4,62 +4,15 @@
 // interruption at any poll and determinism.
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <array>
-#include <cmath>
-#include <fstream>
 #include <random>
-#include <set>
-#include <sstream>
 #include <string>
-#include <vector>
 
-#include "delaunay/mesh_check.h"
-#include "delaunay/tet_tables.h"
-#include "mesh_fixtures.h"
-#include "voxfill/mesher_th4.h"
+#include "surface_fixtures.h"
 
-using kelvo::dense1D;
-using kelvo::dense2D;
 using kelvo::voxfill::mesher;
-using data_type = mesher::data_type;
-using point = std::array<double, 3>;
-using triangle = std::array<unsigned, 3>;
+using namespace surfaces;
 
 namespace {
-
-struct input {
-  std::vector<point> pts;
-  std::vector<triangle> tris;
-  std::vector<std::array<unsigned, 2>> edges;
-  std::vector<unsigned> nodes;
-};
-
-// The volume the triangles enclose, by the divergence theorem.
-double enclosed_volume(const input& s) {
-  double v = 0.0;
-  for (const triangle& f : s.tris) {
-    const point &a = s.pts[f[0]], &b = s.pts[f[1]], &c = s.pts[f[2]];
-    v += a[0] * (b[1] * c[2] - b[2] * c[1]) - a[1] * (b[0] * c[2] - b[2] * c[0]) +
-         a[2] * (b[0] * c[1] - b[1] * c[0]);
-  }
-  return std::abs(v) / 6.0;
-}
-
-data_type record_of(const input& s) {
-  dense2D<double> pos(3, unsigned(s.pts.size()));
-  for (unsigned j = 0; j < s.pts.size(); ++j)
-    for (unsigned i = 0; i < 3; ++i) pos(i, j) = s.pts[j][i];
-  dense2D<unsigned> B(3, unsigned(s.tris.size()));
-  for (unsigned j = 0; j < s.tris.size(); ++j)
-    for (unsigned i = 0; i < 3; ++i) B(i, j) = s.tris[j][i];
-  data_type d(pos, B);
-  d.connectE.resize(2, unsigned(s.edges.size()));
-  for (unsigned j = 0; j < s.edges.size(); ++j)
-    for (unsigned i = 0; i < 2; ++i) d.connectE(i, j) = s.edges[j][i];
-  for (unsigned n : s.nodes) d.isolated_nodes.push_back(n);
-  return d;
-}
 
 data_type run(const input& s, bool strict = true, bool (*interrupt)(void*, double) = nullptr,
               void* pass_thru = nullptr) {
@@ -72,69 +25,6 @@ data_type run(const input& s, bool strict = true, bool (*interrupt)(void*, doubl
   data_type d = record_of(s);
   mesher(st).run(d);
   return d;
-}
-
-::testing::AssertionResult sound(const data_type& d) {
-  kelvo::voxfill::mesh_store m;
-  if (!fixtures::load_output(m, d)) return ::testing::AssertionFailure() << "tables disagree";
-  kelvo::voxfill::mesh_check_options o;
-  o.positive_quality = o.stored_qualities = true;
-  const kelvo::voxfill::mesh_check_result r = kelvo::voxfill::check_mesh(m, o);
-  if (!r.ok) return ::testing::AssertionFailure() << r.text;
-  return ::testing::AssertionSuccess();
-}
-
-point at(const data_type& d, unsigned n) {
-  return {d.pos(0, n), d.pos(1, n), d.pos(2, n)};
-}
-
-// What of the input the mesh lacks, compared by coordinates: triangles, edges, nodes.
-struct absent_count {
-  unsigned faces = 0, edges = 0, nodes = 0;
-};
-
-absent_count absent_by_coords(const data_type& d, const input& s) {
-  std::set<std::array<point, 3>> faces;
-  std::set<std::array<point, 2>> edges;
-  std::set<point> nodes;
-  for (unsigned t = 0; t < d.connectM.cols; ++t) {
-    for (unsigned f = 0; f < 4; ++f) {
-      const unsigned* fn = kelvo::voxfill::tet_face_nodes[f];
-      std::array<point, 3> k = {at(d, d.connectM(fn[0], t)), at(d, d.connectM(fn[1], t)),
-                                at(d, d.connectM(fn[2], t))};
-      std::sort(k.begin(), k.end());
-      faces.insert(k);
-    }
-    for (unsigned i = 0; i < 4; ++i) {
-      nodes.insert(at(d, d.connectM(i, t)));
-      for (unsigned j = i + 1; j < 4; ++j) {
-        std::array<point, 2> k = {at(d, d.connectM(i, t)), at(d, d.connectM(j, t))};
-        std::sort(k.begin(), k.end());
-        edges.insert(k);
-      }
-    }
-  }
-  absent_count a;
-  for (const triangle& t : s.tris) {
-    std::array<point, 3> k = {s.pts[t[0]], s.pts[t[1]], s.pts[t[2]]};
-    std::sort(k.begin(), k.end());
-    a.faces += !faces.count(k);
-  }
-  for (const auto& e : s.edges) {
-    std::array<point, 2> k = {s.pts[e[0]], s.pts[e[1]]};
-    std::sort(k.begin(), k.end());
-    a.edges += !edges.count(k);
-  }
-  for (unsigned n : s.nodes) a.nodes += !nodes.count(s.pts[n]);
-  return a;
-}
-
-double mesh_volume(const data_type& d) {
-  double v = 0.0;
-  for (unsigned t = 0; t < d.connectM.cols; ++t)
-    v += kelvo::voxfill::orient_det(d.pos.col(d.connectM(0, t)), d.pos.col(d.connectM(1, t)),
-                                    d.pos.col(d.connectM(2, t)), d.pos.col(d.connectM(3, t)));
-  return std::abs(v) / 6.0;
 }
 
 // Everything of the input held, sound, the enclosed volume filled.
@@ -183,39 +73,6 @@ input twisted_prism(double twist) {
   return best;
 }
 
-// The surface of the box [0, 1]^3, each side split into k x k squares of two triangles.
-void add_box(input& s, unsigned k) {
-  const unsigned first = unsigned(s.pts.size());
-  auto node = [&](point p) {
-    for (unsigned j = first; j < s.pts.size(); ++j)
-      if (s.pts[j] == p) return j;
-    s.pts.push_back(p);
-    return unsigned(s.pts.size() - 1);
-  };
-  for (unsigned axis = 0; axis < 3; ++axis)
-    for (unsigned side = 0; side < 2; ++side)
-      for (unsigned i = 0; i < k; ++i)
-        for (unsigned j = 0; j < k; ++j) {
-          unsigned q[4];
-          const double u[4] = {double(i), double(i + 1), double(i + 1), double(i)};
-          const double v[4] = {double(j), double(j), double(j + 1), double(j + 1)};
-          for (unsigned c = 0; c < 4; ++c) {
-            point p;
-            p[axis] = side;
-            p[(axis + 1) % 3] = u[c] / k;
-            p[(axis + 2) % 3] = v[c] / k;
-            q[c] = node(p);
-          }
-          if (side) {
-            s.tris.push_back({q[0], q[1], q[2]});
-            s.tris.push_back({q[0], q[2], q[3]});
-          } else {
-            s.tris.push_back({q[0], q[2], q[1]});
-            s.tris.push_back({q[0], q[3], q[2]});
-          }
-        }
-}
-
 // A box with hard nodes and hard edges between them inside: the edges run through the Delaunay
 // mesh of the nodes and must be recovered by swaps, thinning and Steiner nodes.
 input box_with_inner_edges(unsigned seed) {
@@ -229,32 +86,6 @@ input box_with_inner_edges(unsigned seed) {
     s.nodes.push_back(first + k);
   }
   for (unsigned k = 0; k + 1 < 30; k += 2) s.edges.push_back({first + k, first + k + 1});
-  return s;
-}
-
-input read_off(const std::string& path) {
-  input s;
-  std::ifstream file(path);
-  // Comment lines out, then plain whitespace-separated fields.
-  std::stringstream in;
-  for (std::string line; std::getline(file, line);)
-    if (line.empty() || line[0] != '#') in << line << '\n';
-  std::string head;
-  unsigned nv = 0, nf = 0, ne = 0;
-  if (!(in >> head >> nv >> nf >> ne) || head != "OFF") return s;
-  s.pts.resize(nv);
-  for (point& p : s.pts) in >> p[0] >> p[1] >> p[2];
-  for (unsigned f = 0; f < nf; ++f) {
-    unsigned k = 0, a = 0, b = 0, c = 0;
-    in >> k >> a >> b >> c;
-    s.tris.push_back({a, b, c});
-    for (unsigned i = 3; i < k; ++i) {
-      b = c;
-      in >> c;
-      s.tris.push_back({a, b, c});
-    }
-  }
-  if (!in) s = input();
   return s;
 }
 
