@@ -16,6 +16,7 @@
 #include "voxfill/node_ordering.h"
 #include "voxfill/optim/regularize_mesh.h"
 #include "voxfill/refine/refine_context.h"
+#include "voxfill/refine/refinement_loop.h"
 #include "voxfill/refine/size_field.h"
 #include "voxfill/run_clock.h"
 
@@ -103,7 +104,6 @@ bool live_tet_table(const mesh_store& m, dense2D<unsigned>& table) noexcept {
 }  // namespace
 
 void th4_engine::run_mesh_generation(mesher::data_type& data, refine_context& context) {
-  static_cast<void>(context);  // the refinement's state; used once the refinement comes
   if (data.connectB.empty()) return;
   const unsigned n = data.pos.cols;
 
@@ -221,9 +221,24 @@ void th4_engine::run_mesh_generation(mesher::data_type& data, refine_context& co
   // The front's mesh as the background comes with the background mesh.
   data.front_time = clock_now() - T;
 
-  // Refinement: the reservation for it, the loop and its nodes-limit warning come with the
-  // refinement; with `refine` on, the rest of the run is as without it.
   T = clock_now();
+  if (data.volume > 0.0 && settings.refine && !must_stop()) {
+    display("Refine mesh.\n");
+    // The reservation of the tables for the refinement comes with its estimate.
+    kernel_mode =
+        data.connectE.empty() ? kernel_mode_type::hard_faces : kernel_mode_type::hard_edges;
+    if (!must_stop()) {
+      unsigned alive = 0;
+      for (unsigned v = 0; v < ancestors.size; ++v) alive += ancestors[v] != NONE;
+      context.nodes_left = settings.nodes_limit == NONE
+                               ? NONE
+                               : settings.nodes_limit - std::min(settings.nodes_limit, alive);
+      context.protected_nodes.clear();
+      for (unsigned v : steiner_list) context.protected_nodes.insert(index_key{{v}});
+      refine_mesh(*this, context, *tasks->phase_task(phase_refine));
+      if (context.nodes_left == 0) tasks->raise_warning(msg::nodes_limit_warning);
+    }
+  }
   tasks->close_phase(phase_refine);
   data.refine_time = clock_now() - T;
 

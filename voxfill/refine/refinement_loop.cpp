@@ -1,0 +1,340 @@
+// The refinement loop: judging of new tets, the front, candidates from its faces, the insertion of
+// each pass, and the last step on the edges still too long.
+#include "voxfill/refine/refinement_loop.h"
+
+#include <algorithm>
+#include <tuple>
+#include <vector>
+
+#include "delaunay/delaunay_mgr.h"
+#include "delaunay/insertion_order.h"
+#include "delaunay/mesh_walks.h"
+#include "delaunay/tet_tables.h"
+#include "voxfill/delaunay_th4.h"
+#include "voxfill/kernel_task.h"
+#include "voxfill/refine/front_placement.h"
+#include "voxfill/refine/metric_trace.h"
+#include "voxfill/refine/size_field.h"
+#include "voxfill/refine/spacing_filter.h"
+
+namespace kelvo::voxfill {
+
+namespace {
+
+// Resizes a list, false when memory ran out.
+template <class T>
+bool sized(dense1D<T>& list, unsigned n) noexcept {
+  return list.resize(n) && list.size == n;
+}
+
+// The tets made since the last judging, their rows in local node numbers, which new tets hold
+// each local node and which local nodes share a tet. False when memory ran out.
+bool build_local_graph(th4_engine& e, refine_context& c) noexcept {
+  const unsigned T = c.new_tets.size;
+  if (!c.new_tet_rows.resize(4, T)) return false;
+  if (c.local_index.size < e.nodes.cols() && !sized(c.local_index, e.nodes.cols())) return false;
+  c.local_nodes.clear();
+  for (unsigned k = 0; k < T; ++k) {
+    const unsigned* r = e.tets.row(c.new_tets[k]);
+    for (unsigned i = 0; i < 4; ++i) {
+      const unsigned n = r[i];
+      unsigned& local = c.local_index[n];
+      // The entry is trusted only when it points back to n: no clearing between passes.
+      if (!(local < c.local_nodes.size && c.local_nodes[local] == n)) {
+        local = c.local_nodes.size;
+        c.local_nodes.push_back(n);
+        if (c.local_nodes.size != local + 1) return false;
+      }
+      c.new_tet_rows(i, k) = local;
+    }
+  }
+  const unsigned L = c.local_nodes.size;
+  // Positions of the tets of each local node, ascending since the tets are read in order.
+  if (!sized(c.node_tet_offsets, L + 1) || !sized(c.node_tets, 4 * T)) return false;
+  std::fill(c.node_tet_offsets.begin(), c.node_tet_offsets.end(), 0u);
+  for (unsigned k = 0; k < T; ++k)
+    for (unsigned i = 0; i < 4; ++i) ++c.node_tet_offsets[c.new_tet_rows(i, k) + 1];
+  for (unsigned v = 0; v < L; ++v) c.node_tet_offsets[v + 1] += c.node_tet_offsets[v];
+  {
+    dense1D<unsigned>& fill = c.size_stamps;  // scratch here; the size limiting reuses it later
+    if (!sized(fill, L)) return false;
+    std::copy_n(c.node_tet_offsets.begin(), L, fill.begin());
+    for (unsigned k = 0; k < T; ++k)
+      for (unsigned i = 0; i < 4; ++i) c.node_tets[fill[c.new_tet_rows(i, k)]++] = k;
+  }
+  // Local neighbours: the other nodes of the tets of each node, each once.
+  c.graph_nodes.clear();
+  if (!sized(c.graph_offsets, L + 1)) return false;
+  c.graph_offsets[0] = 0;
+  dense1D<unsigned>& seen = c.size_stamps;
+  std::fill(seen.begin(), seen.end(), NONE);
+  for (unsigned v = 0; v < L; ++v) {
+    for (unsigned p = c.node_tet_offsets[v]; p < c.node_tet_offsets[v + 1]; ++p) {
+      const unsigned k = c.node_tets[p];
+      for (unsigned i = 0; i < 4; ++i) {
+        const unsigned w = c.new_tet_rows(i, k);
+        if (w == v || seen[w] == v) continue;
+        seen[w] = v;
+        const unsigned before = c.graph_nodes.size;
+        c.graph_nodes.push_back(w);
+        if (c.graph_nodes.size != before + 1) return false;
+      }
+    }
+    c.graph_offsets[v + 1] = c.graph_nodes.size;
+  }
+  return true;
+}
+
+bool insert_front(refine_context& c, unsigned code) noexcept {
+  const unsigned n = c.front_faces.size;
+  c.front_faces.push_back(code);
+  return c.front_faces.size == n + 1;
+}
+
+}  // namespace
+
+void mark_long_edges(th4_engine& e, refine_context& c) {
+  size_field& field = *e.size_field;
+  const unsigned L = c.local_nodes.size;
+  for (unsigned i = 0; i < L; ++i) {
+    const unsigned a = c.local_nodes[i];
+    for (unsigned p = c.graph_offsets[i]; p < c.graph_offsets[i + 1]; ++p) {
+      const unsigned j = c.graph_nodes[p];
+      if (j < i) continue;
+      const unsigned b = c.local_nodes[j];
+      if (!longer_than(field, e.nodes.row(a), NONE, e.node_sizes[a], e.nodes.row(b), NONE,
+                       e.node_sizes[b], c.max_edge_length))
+        continue;
+      // A hard edge that is too long condemns nothing: it cannot be split here.
+      if (e.hard_set.has_edge(a, b)) continue;
+      // The new tets that hold both ends: the common positions of two ascending rows.
+      unsigned x = c.node_tet_offsets[i], y = c.node_tet_offsets[j];
+      const unsigned xe = c.node_tet_offsets[i + 1], ye = c.node_tet_offsets[j + 1];
+      while (x < xe && y < ye) {
+        if (c.node_tets[x] < c.node_tets[y]) {
+          ++x;
+        } else if (c.node_tets[y] < c.node_tets[x]) {
+          ++y;
+        } else {
+          c.good_tets.reset(c.new_tets[c.node_tets[x]]);
+          ++x, ++y;
+        }
+      }
+    }
+  }
+}
+
+void collect_long_edges(th4_engine& e, refine_context& c, const unsigned* n) {
+  static constexpr unsigned order[6][2] = {{1, 2}, {2, 0}, {0, 1}, {3, 0}, {3, 1}, {3, 2}};
+  size_field& field = *e.size_field;
+  for (const auto& [i, j] : order) {
+    const unsigned a = n[i], b = n[j];
+    if (e.hard_set.has_edge(a, b)) continue;
+    const auto key = std::minmax(a, b);
+    if (c.long_edges.count(key)) continue;
+    double L = 0.0;
+    if (!field_length(field, e.nodes.row(a), NONE, e.node_sizes[a], e.nodes.row(b), NONE,
+                      e.node_sizes[b], L))
+      continue;
+    if (L > c.max_edge_length) c.long_edges.emplace(key, L);
+  }
+}
+
+void collect_front(th4_engine& e, refine_context& c) {
+  bool any_hard = false;
+  c.front_faces.clear();
+  for (unsigned t = 0; t < e.tets.cols(); ++t) {
+    if (e.tet_deleted(t) || c.good_tets.test(t)) continue;
+    const unsigned* r = e.tets.row(t);
+    for (unsigned i = 0; i < 4; ++i) {
+      const unsigned nb = e.neighbors(i, t);
+      if (nb == NONE || e.tet_deleted(nb)) continue;
+      if (c.good_tets.test(nb)) {
+        if (!insert_front(c, 4 * t + i)) return;
+      } else if (c.hard_front) {
+        const unsigned* fn = tet_face_nodes[i];
+        if (e.hard_set.has_face(r[fn[0]], r[fn[1]], r[fn[2]])) {
+          if (!insert_front(c, 4 * t + i)) return;
+          any_hard = true;
+        }
+      }
+    }
+  }
+  c.hard_front = any_hard;
+}
+
+int sort_front(const th4_engine& e, refine_context& c) {
+  std::vector<std::pair<unsigned, unsigned>>& keys = c.front_keys;
+  keys.clear();
+  try {
+    keys.reserve(c.front_faces.size);
+  } catch (const std::bad_alloc&) {
+    return -199;
+  }
+  for (unsigned k = 0; k < c.front_faces.size; ++k) {
+    const unsigned code = c.front_faces[k];
+    const unsigned* r = e.tets.row(code >> 2);
+    const unsigned* fn = tet_face_nodes[code & 3u];
+    keys.emplace_back(std::min({r[fn[0]], r[fn[1]], r[fn[2]]}), code);
+  }
+  std::sort(keys.begin(), keys.end());
+  for (unsigned k = 0; k < keys.size(); ++k) c.front_faces[k] = keys[k].second;
+  return 0;
+}
+
+int make_front(th4_engine& e, refine_context& c, const dense1D<unsigned>& inserted) {
+  (void)inserted;  // the size limiting under a target size reads it, when it comes
+  const unsigned T = e.tets.cols();
+  if (c.pass_count == 0) {
+    if (!c.new_tets.reserve(T) || !c.ring_tets.reserve(T) || !c.good_tets.grow(T)) return -199;
+    c.pass_clock = 0;
+    std::fill(e.tet_stamps.begin(), e.tet_stamps.end(), 1u);
+    e.tet_clock = 1;
+  }
+  const unsigned old_bits = std::min(c.good_tets.length, T);
+  if (!c.good_tets.grow(T)) return -199;
+  for (unsigned t = old_bits; t < T; ++t) c.good_tets.set(t);
+  c.new_tets.clear();
+  for (unsigned t = 0; t < T; ++t)
+    if (e.tet_stamps[t] > c.pass_clock && e.colors[t] < DELETED) {
+      c.new_tets.push_back(t);
+      c.good_tets.set(t);
+    }
+  c.ring_tets.clear();
+  for (unsigned t = 0; t < old_bits; ++t) {
+    if (c.good_tets.test(t) || e.colors[t] == DELETED) continue;
+    const unsigned* nb = e.neighbors.row(t);
+    for (unsigned i = 0; i < 4; ++i)
+      if (nb[i] != NONE && c.good_tets.test(nb[i])) {
+        c.ring_tets.push_back(t);
+        break;
+      }
+  }
+  if (!build_local_graph(e, c)) return -199;
+  mark_long_edges(e, c);
+  for (unsigned k = 0; k < c.ring_tets.size; ++k) {
+    const unsigned t = c.ring_tets[k];
+    c.good_tets.set(t);
+    collect_long_edges(e, c, e.tets.row(t));
+  }
+  collect_front(e, c);
+  if (sort_front(e, c) < 0) return -199;
+  // Size limiting under a target size comes with its own step.
+  return 0;
+}
+
+void add_candidates(th4_engine& e, refine_context& c, const dense2D<double>& points,
+                    const dense1D<double>& sizes, dense1D<unsigned>& inserted) {
+  const unsigned n = std::min(points.cols, c.nodes_left);
+  inserted.clear();
+  for (unsigned k = 0; k < n; ++k) {
+    const double* p = points.col(k);
+    const unsigned v = e.new_node(p[0], p[1], p[2], sizes[k]);
+    if (v == NONE) break;
+    const unsigned before = inserted.size;
+    inserted.push_back(v);
+    if (inserted.size != before + 1) {
+      e.release_node(v);
+      break;
+    }
+  }
+  if (c.nodes_left != NONE) c.nodes_left -= inserted.size;
+}
+
+void split_long_edges(th4_engine& e, refine_context& c, unsigned per_edge_cap,
+                      dense1D<unsigned>& inserted) {
+  if (c.long_edges.empty() || per_edge_cap < 2 || c.nodes_left == 0) return;
+  std::vector<std::tuple<double, unsigned, unsigned>> edges;
+  for (auto it = c.long_edges.begin(); it != c.long_edges.end(); it = c.long_edges.erase(it)) {
+    const auto [a, b] = it->first;
+    const double length = it->second;
+    if (length >= c.max_edge_length && a < e.ancestors.size && b < e.ancestors.size &&
+        edge_tet(e, a, b) != NONE)
+      edges.emplace_back(length, a, b);
+  }
+  std::sort(edges.begin(), edges.end(), [](const auto& x, const auto& y) {
+    if (std::get<0>(x) != std::get<0>(y)) return std::get<0>(x) > std::get<0>(y);
+    if (std::get<1>(x) != std::get<1>(y)) return std::get<1>(x) < std::get<1>(y);
+    return std::get<2>(x) < std::get<2>(y);
+  });
+  // The points of all edges gathered first, the table made once: edges may be many.
+  dense2D<double> part(3, 0);
+  dense1D<double> part_sizes;
+  std::vector<double> xyz, hs;
+  const bool own_field = e.size_field == e.own_size_field.get();
+  for (const auto& [length, a, b] : edges) {
+    if (!subdivide_edge(e.nodes.row(a), e.nodes.row(b), e.node_sizes[a], e.node_sizes[b], length,
+                        false, 2, per_edge_cap, part, part_sizes))
+      break;
+    for (unsigned k = 0; k < part.cols; ++k) {
+      const double* p = part.col(k);
+      xyz.insert(xyz.end(), p, p + 3);
+      double h = part_sizes[k];
+      if (!own_field) {
+        unsigned t = NONE;
+        double asked = 0.0;
+        if (field_size_at(*e.size_field, p, t, asked)) h = asked;
+      }
+      hs.push_back(h);
+    }
+  }
+  dense2D<double> points(3, 0);
+  dense1D<double> sizes;
+  if (!points.resize(3, unsigned(hs.size())) || !sizes.resize(unsigned(hs.size()))) return;
+  std::copy(xyz.begin(), xyz.end(), points.col(0));
+  std::copy(hs.begin(), hs.end(), sizes.begin());
+  filter_candidates(e, points, sizes, c.half_max_edge_length);
+  add_candidates(e, c, points, sizes, inserted);
+}
+
+void refine_mesh(th4_engine& e, refine_context& c, const task_type& task) {
+  const unsigned room = e.nodes.data.capacity_cols() - e.nodes.cols();
+  Ptr<task_type> placing = task.section(0.33, room);
+  Ptr<task_type> inserting = task.section(0.67, room);
+  dense1D<unsigned> inserted, failed;
+  dense2D<double> points(3, 0);
+  dense1D<double> sizes;
+  for (bool again = true; again;) {
+    again = false;
+    if (c.nodes_left == 0) {
+      inserted.clear();
+    } else if (make_front(e, c, inserted) < 0) {
+      // Memory ran out: the refinement ends here with a sound mesh and no error.
+      inserted.clear();
+    } else {
+      inserted.clear();
+      if (c.front_faces.size == 0 && !c.long_edges.empty()) {
+        split_long_edges(e, c, c.nodes_left / unsigned(c.long_edges.size()), inserted);
+      } else if (c.front_faces.size != 0) {
+        points.resize(3, 0);
+        sizes.clear();
+        if (c.nodes_left != 0) {
+          place_candidates(e, c, points, sizes);
+          // Merging of close candidates comes with its own step.
+          filter_candidates(e, points, sizes, 0.7071067811865476);
+          add_candidates(e, c, points, sizes, inserted);
+        }
+      }
+      ++c.pass_count;
+      c.pass_clock = e.tet_clock;
+      ++e.tet_clock;
+      again = c.front_faces.size != 0;
+    }
+    placing->advance(inserted.size);
+    failed.clear();
+    if (inserted.size > 8 &&
+        !order_for_insertion(e.nodes.row(0), inserted.data(), inserted.size, e.random_source))
+      again = false;
+    kernel_progress progress = progress_of(*inserting);
+    insert_node_list(e, e.kernel, inserted.data(), inserted.size, true, failed, progress);
+    if (again && e.must_stop()) break;
+  }
+  e.kernel.cavity.node = NONE;
+  e.kernel.cavity.tets.clear_hard();
+  e.kernel.cavity.faces.clear_hard();
+  e.kernel.cavity.hard_faces.clear_hard();
+  e.kernel.cavity.face_qualities.clear_hard();
+  task.drop_sections(2);
+}
+
+}  // namespace kelvo::voxfill
