@@ -410,7 +410,8 @@ TEST(MeshGeneration, CallersNumberingComesBack) {
   mesher(st).run(d);
   EXPECT_EQ(d.error_code, 0) << d.msg_title;
   EXPECT_EQ(d.warning_code, -12) << d.msg_title;  // the hard node outside
-  EXPECT_EQ(log.all, "Initialization.\nFront mesh.\nRegularize mesh.\nFinalize mesh.\n");
+  EXPECT_EQ(log.all,
+            "Initialization.\nFront mesh.\nRefine mesh.\nRegularize mesh.\nFinalize mesh.\n");
   expect_sound_mesh(d);
   EXPECT_TRUE(input_columns_kept(d, s));
   EXPECT_TRUE(boundary_kept(d, s));
