@@ -8,6 +8,7 @@
 #include <array>
 #include <cmath>
 #include <fstream>
+#include <map>
 #include <set>
 #include <sstream>
 #include <string>
@@ -179,6 +180,60 @@ inline input read_off(const std::string& path) {
   }
   if (!in) s = input();
   return s;
+}
+
+// An icosahedron split `levels` times with its nodes on the ellipsoid of half axes `r` around
+// `c`, turned outwards or inwards. Unequal half axes keep the nodes off a common sphere, so that
+// the Delaunay mesh of the nodes is unique; fine enough, its triangles are Delaunay faces.
+inline void add_ellipsoid(input& s, unsigned levels, point r, point c, bool outward) {
+  const double t = (1.0 + std::sqrt(5.0)) / 2.0;
+  std::vector<point> unit = {{-1, t, 0}, {1, t, 0}, {-1, -t, 0}, {1, -t, 0},
+                             {0, -1, t}, {0, 1, t}, {0, -1, -t}, {0, 1, -t},
+                             {t, 0, -1}, {t, 0, 1}, {-t, 0, -1}, {-t, 0, 1}};
+  auto normalise = [](point p) {
+    const double l = std::sqrt(p[0] * p[0] + p[1] * p[1] + p[2] * p[2]);
+    return point{p[0] / l, p[1] / l, p[2] / l};
+  };
+  for (auto& p : unit) p = normalise(p);
+  std::vector<triangle> faces = {{0, 11, 5}, {0, 5, 1},  {0, 1, 7},   {0, 7, 10}, {0, 10, 11},
+                                 {1, 5, 9},  {5, 11, 4}, {11, 10, 2}, {10, 7, 6}, {7, 1, 8},
+                                 {3, 9, 4},  {3, 4, 2},  {3, 2, 6},   {3, 6, 8},  {3, 8, 9},
+                                 {4, 9, 5},  {2, 4, 11}, {6, 2, 10},  {8, 6, 7},  {9, 8, 1}};
+  for (unsigned level = 0; level < levels; ++level) {
+    std::map<std::pair<unsigned, unsigned>, unsigned> middle;
+    auto mid = [&](unsigned a, unsigned b) {
+      const auto key = std::minmax(a, b);
+      auto it = middle.find(key);
+      if (it != middle.end()) return it->second;
+      const point& p = unit[a];
+      const point& q = unit[b];
+      unit.push_back(normalise({p[0] + q[0], p[1] + q[1], p[2] + q[2]}));
+      middle.emplace(key, unsigned(unit.size() - 1));
+      return unsigned(unit.size() - 1);
+    };
+    std::vector<triangle> finer;
+    for (const auto& [a, b, cc] : faces) {
+      const unsigned ab = mid(a, b), bc = mid(b, cc), ca = mid(cc, a);
+      finer.push_back({a, ab, ca});
+      finer.push_back({b, bc, ab});
+      finer.push_back({cc, ca, bc});
+      finer.push_back({ab, bc, ca});
+    }
+    faces.swap(finer);
+  }
+  const unsigned first = unsigned(s.pts.size());
+  for (const auto& u : unit)
+    s.pts.push_back({c[0] + r[0] * u[0], c[1] + r[1] * u[1], c[2] + r[2] * u[2]});
+  for (auto f : faces) {
+    const point &a = s.pts[first + f[0]], &b = s.pts[first + f[1]], &d = s.pts[first + f[2]];
+    const point u = {b[0] - a[0], b[1] - a[1], b[2] - a[2]};
+    const point v = {d[0] - a[0], d[1] - a[1], d[2] - a[2]};
+    const point n = {u[1] * v[2] - u[2] * v[1], u[2] * v[0] - u[0] * v[2],
+                     u[0] * v[1] - u[1] * v[0]};
+    const double away = n[0] * (a[0] - c[0]) + n[1] * (a[1] - c[1]) + n[2] * (a[2] - c[2]);
+    if ((away > 0.0) != outward) std::swap(f[1], f[2]);
+    s.tris.push_back({first + f[0], first + f[1], first + f[2]});
+  }
 }
 
 }  // namespace surfaces

@@ -15,6 +15,7 @@
 #include "delaunay/mesh_check.h"
 #include "delaunay/tet_tables.h"
 #include "mesh_fixtures.h"
+#include "surface_fixtures.h"
 #include "voxfill/mesher_th4.h"
 #include "voxfill/node_ordering.h"
 
@@ -29,64 +30,9 @@ namespace {
 
 constexpr unsigned NONE = 0xFFFFFFFFu;
 
-struct surface {
-  std::vector<point> pts;
-  std::vector<triangle> tris;
-};
-
-// An icosahedron split `levels` times with its nodes on the ellipsoid of half axes `r` around
-// `c`, turned outwards or inwards. Unequal half axes keep the nodes off a common sphere, so that
-// the Delaunay mesh of the nodes is unique; fine enough, its triangles are Delaunay faces.
-void add_ellipsoid(surface& s, unsigned levels, point r, point c, bool outward) {
-  const double t = (1.0 + std::sqrt(5.0)) / 2.0;
-  std::vector<point> unit = {{-1, t, 0}, {1, t, 0}, {-1, -t, 0}, {1, -t, 0},
-                             {0, -1, t}, {0, 1, t}, {0, -1, -t}, {0, 1, -t},
-                             {t, 0, -1}, {t, 0, 1}, {-t, 0, -1}, {-t, 0, 1}};
-  auto normalise = [](point p) {
-    const double l = std::sqrt(p[0] * p[0] + p[1] * p[1] + p[2] * p[2]);
-    return point{p[0] / l, p[1] / l, p[2] / l};
-  };
-  for (auto& p : unit) p = normalise(p);
-  std::vector<triangle> faces = {{0, 11, 5}, {0, 5, 1},  {0, 1, 7},   {0, 7, 10}, {0, 10, 11},
-                                 {1, 5, 9},  {5, 11, 4}, {11, 10, 2}, {10, 7, 6}, {7, 1, 8},
-                                 {3, 9, 4},  {3, 4, 2},  {3, 2, 6},   {3, 6, 8},  {3, 8, 9},
-                                 {4, 9, 5},  {2, 4, 11}, {6, 2, 10},  {8, 6, 7},  {9, 8, 1}};
-  for (unsigned level = 0; level < levels; ++level) {
-    std::map<std::pair<unsigned, unsigned>, unsigned> middle;
-    auto mid = [&](unsigned a, unsigned b) {
-      const auto key = std::minmax(a, b);
-      auto it = middle.find(key);
-      if (it != middle.end()) return it->second;
-      const point& p = unit[a];
-      const point& q = unit[b];
-      unit.push_back(normalise({p[0] + q[0], p[1] + q[1], p[2] + q[2]}));
-      middle.emplace(key, unsigned(unit.size() - 1));
-      return unsigned(unit.size() - 1);
-    };
-    std::vector<triangle> finer;
-    for (const auto& [a, b, cc] : faces) {
-      const unsigned ab = mid(a, b), bc = mid(b, cc), ca = mid(cc, a);
-      finer.push_back({a, ab, ca});
-      finer.push_back({b, bc, ab});
-      finer.push_back({cc, ca, bc});
-      finer.push_back({ab, bc, ca});
-    }
-    faces.swap(finer);
-  }
-  const unsigned first = unsigned(s.pts.size());
-  for (const auto& u : unit)
-    s.pts.push_back({c[0] + r[0] * u[0], c[1] + r[1] * u[1], c[2] + r[2] * u[2]});
-  for (auto f : faces) {
-    const point &a = s.pts[first + f[0]], &b = s.pts[first + f[1]], &d = s.pts[first + f[2]];
-    const point u = {b[0] - a[0], b[1] - a[1], b[2] - a[2]};
-    const point v = {d[0] - a[0], d[1] - a[1], d[2] - a[2]};
-    const point n = {u[1] * v[2] - u[2] * v[1], u[2] * v[0] - u[0] * v[2],
-                     u[0] * v[1] - u[1] * v[0]};
-    const double away = n[0] * (a[0] - c[0]) + n[1] * (a[1] - c[1]) + n[2] * (a[2] - c[2]);
-    if ((away > 0.0) != outward) std::swap(f[1], f[2]);
-    s.tris.push_back({first + f[0], first + f[1], first + f[2]});
-  }
-}
+using surface = surfaces::input;
+using surfaces::add_ellipsoid;
+using surfaces::record_of;
 
 // The volume that the triangles enclose (outward), by the divergence theorem.
 double enclosed_volume(const surface& s, unsigned first_tri, unsigned count) {
@@ -98,16 +44,6 @@ double enclosed_volume(const surface& s, unsigned first_tri, unsigned count) {
          a[2] * (b[0] * c[1] - b[1] * c[0]);
   }
   return std::abs(v) / 6.0;
-}
-
-data_type record_of(const surface& s) {
-  dense2D<double> pos(3, unsigned(s.pts.size()));
-  for (unsigned j = 0; j < s.pts.size(); ++j)
-    for (unsigned i = 0; i < 3; ++i) pos(i, j) = s.pts[j][i];
-  dense2D<unsigned> B(3, unsigned(s.tris.size()));
-  for (unsigned j = 0; j < s.tris.size(); ++j)
-    for (unsigned i = 0; i < 3; ++i) B(i, j) = s.tris[j][i];
-  return data_type(pos, B);
 }
 
 mesher::settings_type plain_settings() {
