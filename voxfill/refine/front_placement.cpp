@@ -88,6 +88,8 @@ bool adjust_apex(size_field& field, const refine_context& c, apex_frame& frame, 
                  double& quality) noexcept {
   double* P = frame.col(3);
   first_apex(frame, frame_sizes, c.face_order, height_factor, shape_weight, P);
+  // A walk from beside the face is short; without a start the locator's tree is searched.
+  if (frame_tets[3] == NONE) frame_tets[3] = frame_tets[2];
   if (!field_size_at(field, P, frame_tets[3], frame_sizes[3])) return false;
   const double* xyz = frame.col(0);
   const unsigned* o = c.tet_order;
@@ -134,6 +136,7 @@ bool adjust_apex(size_field& field, const refine_context& c, apex_frame& frame, 
       kept = true;
       if (deviation > FLAT) {
         for (unsigned d = 0; d < 3; ++d) P[d] += step[d];
+        if (frame_tets[3] == NONE) frame_tets[3] = frame_tets[2];
         if (!field_size_at(field, P, frame_tets[3], frame_sizes[3])) go = false;
       }
     } else {
