@@ -23,30 +23,6 @@
 namespace kelvo::voxfill {
 namespace {
 
-// The nodes of the hard set in increasing order, and their bounding box.
-void hard_node_list(const mesh_store& m, dense1D<unsigned>& list, double lo[3], double hi[3]) {
-  list.clear();
-  const bit_set& bits = m.hard_set.node_bits;
-  list.reserve(m.hard_set.node_count);
-  for (unsigned n = 0; n < bits.length && n < m.nodes.cols(); ++n)
-    if (bits.test(n)) list.push_back(n);
-  for (unsigned k = 0; k < 3; ++k) {
-    lo[k] = list.size ? m.nodes(k, list[0]) : 0.0;
-    hi[k] = lo[k];
-  }
-  for (unsigned n : list)
-    for (unsigned k = 0; k < 3; ++k) {
-      const double x = m.nodes(k, n);
-      if (!std::isfinite(x)) {
-        // A box that cannot be made: the kernel refuses it with its own error.
-        lo[0] = lo[1] = lo[2] = hi[0] = hi[1] = hi[2] = std::nan("");
-        return;
-      }
-      lo[k] = std::min(lo[k], x);
-      hi[k] = std::max(hi[k], x);
-    }
-}
-
 // A numbering of the input nodes along a Hilbert curve, so that nodes close in space get close
 // rows and the kernel, which inserts along the same curve, finds coordinates, ancestors and marks
 // in the caches. `order` takes new indices to the caller's, `rank` the caller's to new ones.
@@ -120,7 +96,7 @@ void th4_engine::run_delaunay(mesher::data_type& data) {
   {
     dense1D<unsigned> list;
     double lo[3], hi[3];
-    hard_node_list(*this, list, lo, hi);
+    hard_nodes_and_box(*this, list, lo, hi);
     for (unsigned k = 0; k < 3; ++k) {
       data.hard_box_min[k] = lo[k];
       data.hard_box_max[k] = hi[k];

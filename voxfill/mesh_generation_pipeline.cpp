@@ -23,27 +23,6 @@
 namespace kelvo::voxfill {
 namespace {
 
-// The nodes of the hard set in increasing order, and their bounding box.
-void hard_nodes_and_box(const mesh_store& m, dense1D<unsigned>& list, double lo[3], double hi[3]) {
-  list.clear();
-  const bit_set& bits = m.hard_set.node_bits;
-  list.reserve(m.hard_set.node_count);
-  for (unsigned v = 0; v < bits.length && v < m.nodes.cols(); ++v)
-    if (bits.test(v)) list.push_back(v);
-  for (unsigned k = 0; k < 3; ++k) lo[k] = hi[k] = list.size ? m.nodes(k, list[0]) : 0.0;
-  for (unsigned v : list)
-    for (unsigned k = 0; k < 3; ++k) {
-      const double x = m.nodes(k, v);
-      if (!std::isfinite(x)) {
-        // A box that cannot be made: the kernel refuses it with its own error.
-        lo[0] = lo[1] = lo[2] = hi[0] = hi[1] = hi[2] = std::nan("");
-        return;
-      }
-      lo[k] = std::min(lo[k], x);
-      hi[k] = std::max(hi[k], x);
-    }
-}
-
 // Whether two views sit on one buffer with a common stretch up to the end of its reserve.
 template <class A, class B>
 bool reserves_overlap(const A& a, const B& b) noexcept {

@@ -2,6 +2,7 @@
 #include "voxfill/boundary/hard_entities.h"
 
 #include <algorithm>
+#include <cmath>
 #include <new>
 
 #include "delaunay/mesh_walks.h"
@@ -42,6 +43,29 @@ void register_hard_entities(mesh_store& m, mesher::data_type& data, bool keep_tw
   data.hard_edges_in = h.edges.size();
   data.hard_faces_in = h.faces.size();
   if (task.settings->nodes_limit < h.node_count) task.raise_error(msg::insufficient_nodes_limit);
+}
+
+void hard_nodes_and_box(const mesh_store& m, dense1D<unsigned>& list, double lo[3], double hi[3]) {
+  list.clear();
+  const bit_set& bits = m.hard_set.node_bits;
+  list.reserve(m.hard_set.node_count);
+  for (unsigned n = 0; n < bits.length && n < m.nodes.cols(); ++n)
+    if (bits.test(n)) list.push_back(n);
+  for (unsigned k = 0; k < 3; ++k) {
+    lo[k] = list.size ? m.nodes(k, list[0]) : 0.0;
+    hi[k] = lo[k];
+  }
+  for (unsigned n : list)
+    for (unsigned k = 0; k < 3; ++k) {
+      const double x = m.nodes(k, n);
+      if (!std::isfinite(x)) {
+        // A box that cannot be made: the kernel refuses it with its own error.
+        lo[0] = lo[1] = lo[2] = hi[0] = hi[1] = hi[2] = std::nan("");
+        return;
+      }
+      lo[k] = std::min(lo[k], x);
+      hi[k] = std::max(hi[k], x);
+    }
 }
 
 void collect_missing(mesh_store& m, const dense2D<unsigned>& connectB,

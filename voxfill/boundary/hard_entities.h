@@ -16,6 +16,10 @@ namespace kelvo::voxfill {
 void register_hard_entities(mesh_store& m, mesher::data_type& data, bool keep_two_way,
                             const task_type& task);
 
+// The nodes of the hard set in increasing order, and their bounding box (NaN when a coordinate is
+// not finite: the kernel then refuses the box with its own error).
+void hard_nodes_and_box(const mesh_store& m, dense1D<unsigned>& list, double lo[3], double hi[3]);
+
 // Lists the faces, edges and nodes of the input that the mesh lacks (each node once, first
 // occurrence kept). With `with_entity_nodes`, the nodes of absent faces and edges are checked too.
 void collect_missing(mesh_store& m, const dense2D<unsigned>& connectB,
