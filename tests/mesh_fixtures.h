@@ -1,6 +1,8 @@
 // Small hand-built meshes for the tests: loaded into a mesh store with neighbours and ancestors.
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <algorithm>
 #include <array>
 #include <map>
@@ -8,6 +10,7 @@
 #include <vector>
 
 #include "delaunay/geometry.h"
+#include "delaunay/mesh_check.h"
 #include "delaunay/mesh_store.h"
 #include "delaunay/tet_tables.h"
 #include "voxfill/mesher_th4.h"
@@ -56,6 +59,21 @@ inline bool load_output(mesh_store& m, const kelvo::voxfill::mesher::data_type& 
   }
   for (unsigned n = 0; n < d.ancestors.size; ++n) m.ancestors[n] = d.ancestors[n];
   return true;
+}
+
+// A run's output through the library's checker: positive tets, links on reversed faces,
+// conformity, ancestors, stored qualities and, with `empty_sphere`, the empty sphere across every
+// interior face.
+inline ::testing::AssertionResult output_sound(const kelvo::voxfill::mesher::data_type& d,
+                                               bool empty_sphere = false) {
+  mesh_store m;
+  if (!load_output(m, d)) return ::testing::AssertionFailure() << "tables disagree";
+  kelvo::voxfill::mesh_check_options o;
+  o.positive_quality = o.stored_qualities = true;
+  o.empty_sphere = empty_sphere;
+  const kelvo::voxfill::mesh_check_result r = kelvo::voxfill::check_mesh(m, o);
+  if (!r.ok) return ::testing::AssertionFailure() << r.text;
+  return ::testing::AssertionSuccess();
 }
 
 // The Delaunay mesh of n random points in [-1, 1]^3, made through the public interface and

@@ -86,12 +86,7 @@ void expect_sound_mesh(const data_type& d) {
   ASSERT_EQ(d.colors.size, m);
   ASSERT_EQ(d.shape_qualities.size, m);
   ASSERT_EQ(d.ancestors.size, d.pos.cols);
-  kelvo::voxfill::mesh_store s;
-  ASSERT_TRUE(fixtures::load_output(s, d));
-  kelvo::voxfill::mesh_check_options all;
-  all.positive_quality = all.stored_qualities = true;
-  const kelvo::voxfill::mesh_check_result r = kelvo::voxfill::check_mesh(s, all);
-  EXPECT_TRUE(r.ok) << r.text;
+  EXPECT_TRUE(fixtures::output_sound(d));
   double volume = 0.0;
   for (unsigned t = 0; t < m; ++t) volume += tet_volume(d, t);
   EXPECT_NEAR(d.volume, volume, 1e-9 * std::max(1.0, std::abs(volume)));
