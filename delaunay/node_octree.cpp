@@ -448,6 +448,68 @@ bool node_octree::nodes_in_box(const unsigned ilo[3], const unsigned ihi[3], con
   return out.size == expected;
 }
 
+bool node_octree::any_in_box(const unsigned ilo[3], const unsigned ihi[3], const double lo[3],
+                             const double hi[3], const unsigned from[3], node_filter hit) noexcept {
+  if (cells.cols() <= ROOT || !coords || !hit.test) return false;
+  for (unsigned a = 0; a < 3; ++a)
+    if (ilo[a] > ihi[a] || ilo[a] > TOP) return false;
+  if (!stack.reserve(2 * STACK_ENTRIES)) return false;
+  const unsigned* base = cells.row(0);
+  const std::size_t cld = cells.data.ld;
+  const double* xyz = coords->row(0);
+  const std::size_t xld = coords->data.ld;
+  const unsigned node_cols = coords->cols();
+  unsigned row, level;
+  containing_cell(base, cld, ilo, ihi, row, level);
+  unsigned corner[3] = {ilo[0], ilo[1], ilo[2]};
+  unsigned* st = stack.data();
+  st[0] = octant(ilo, level) + 8 * level;
+  st[1] = row;
+  unsigned top = 1;
+  while (top) {
+    --top;
+    const unsigned code = st[2 * top], r = st[2 * top + 1];
+    const unsigned* w = base + cld * r;
+    if (w[0] == 0) continue;
+    const unsigned lv = code >> 3;
+    enter_cell(corner, lv, code & 7u);
+    const unsigned ext = (1u << lv) - 1u;
+    if (w[0] >= 8) {
+      // The child on the side of `from` goes on top, the one across all three walls at the
+      // bottom.
+      const unsigned half = 1u << (lv - 1);
+      const unsigned first = octant(from, lv - 1);
+      for (unsigned j = 8; j-- > 0;) {
+        const unsigned k = first ^ j;
+        if (base[cld * w[k]] == 0) continue;
+        unsigned cc[3];
+        for (unsigned a = 0; a < 3; ++a) cc[a] = corner[a] | (((k >> a) & 1u) ? half : 0u);
+        if (!overlaps(cc, half - 1u, ilo, ihi)) continue;
+        st[2 * top] = 8 * (lv - 1) + k;
+        st[2 * top + 1] = w[k];
+        ++top;
+      }
+      continue;
+    }
+    bool inside = true;
+    for (unsigned a = 0; a < 3 && inside; ++a)
+      inside = corner[a] > ilo[a] && corner[a] + ext < ihi[a];
+    const unsigned count = w[0];
+    for (unsigned i = 1; i <= count; ++i) {
+      const unsigned n = w[i];
+      if (!inside) {
+        if (n >= node_cols) continue;
+        const double* x = xyz + xld * n;
+        if (!(lo[0] <= x[0] && x[0] <= hi[0] && lo[1] <= x[1] && x[1] <= hi[1] && lo[2] <= x[2] &&
+              x[2] <= hi[2]))
+          continue;
+      }
+      if (hit.test(hit.ctx, n)) return true;
+    }
+  }
+  return false;
+}
+
 bool node_octree::reserve(unsigned node_count) noexcept {
   return cells.reserve(ROOT + 1 + node_count / 2);
 }

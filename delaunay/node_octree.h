@@ -68,6 +68,21 @@ struct node_octree {
   bool nodes_in_box(const unsigned ilo[3], const unsigned ihi[3], const double lo[3],
                     const double hi[3], dense1D<unsigned>& out) noexcept;
 
+  // True as soon as `hit` accepts a node of the closed box lo..hi (corners as for nodes_in_box):
+  // the search stops there. The cells on the side of the integer position `from` come first, so
+  // that a node near it ends the search early. False when none is accepted, or when the scratch
+  // could not grow.
+  bool any_in_box(const unsigned ilo[3], const unsigned ihi[3], const double lo[3],
+                  const double hi[3], const unsigned from[3], node_filter hit) noexcept;
+  template <class F>
+  bool any_in_box(const unsigned ilo[3], const unsigned ihi[3], const double lo[3],
+                  const double hi[3], const unsigned from[3], const F& hit) noexcept {
+    node_filter f;
+    f.test = [](const void* c, unsigned n) { return bool((*static_cast<const F*>(c))(n)); };
+    f.ctx = &hit;
+    return any_in_box(ilo, ihi, lo, hi, from, f);
+  }
+
   // True when no node is stored.
   bool empty() const noexcept { return cells.cols() <= ROOT || cells(0, ROOT) == 0; }
   // Room for the cells of about `node_count` nodes; false when memory ran out.

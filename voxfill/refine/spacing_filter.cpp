@@ -24,6 +24,20 @@ double direct_length(const double* P, double hP, const double* Q, double hQ) noe
   return h > 0.0 ? std::sqrt(geometry_detail::dist2<3>(P, Q)) / h : 0.0;
 }
 
+// direct_length(P, hP, Q, hQ) <= ratio, with the logarithm only when the distance lies between
+// ratio times the smaller and the larger size: the mean lies between them. The margins keep the
+// rounding of the mean from turning an answer.
+bool directly_near(const double* P, double hP, const double* Q, double hQ, double ratio) noexcept {
+  const double lo = hP < hQ ? hP : hQ, hi = hP < hQ ? hQ : hP;
+  if (lo > 0.0 && hi < DBL_MAX) {
+    const double d2 = geometry_detail::dist2<3>(P, Q);
+    const double far = ratio * hi, near = ratio * lo;
+    if (d2 > far * far * (1.0 + 1e-9)) return false;
+    if (d2 < near * near * (1.0 - 1e-9)) return true;
+  }
+  return direct_length(P, hP, Q, hQ) <= ratio;
+}
+
 void cube(const double* P, double half, double* lo, double* hi) noexcept {
   for (unsigned k = 0; k < 3; ++k) {
     lo[k] = P[k] - half;
@@ -41,6 +55,27 @@ bool octree_box(node_octree& octree, const double* P, double half,
   octree.to_cell_coords(hi, ihi);
   found.clear();
   return octree.nodes_in_box(ilo, ihi, lo, hi, found);
+}
+
+// True when a node of `octree` in the cube of half width `half` around P, with a size in `sizes`
+// other than 0.0 and alive when `ancestors` is given, lies within `ratio` of P by the end sizes.
+// Whichever node is met first decides, so the search stops there.
+bool near_in_octree(node_octree& octree, const double* P, double h, double half, double ratio,
+                    const dense1D<double>& sizes, const dense1D<unsigned>* ancestors) noexcept {
+  if (!octree.coords) return false;
+  double lo[3], hi[3];
+  unsigned ilo[3], ihi[3], from[3];
+  cube(P, half, lo, hi);
+  octree.to_cell_coords(lo, ilo);
+  octree.to_cell_coords(hi, ihi);
+  octree.to_cell_coords(P, from);
+  const dense2D<double>& xyz = octree.coords->data;
+  auto near = [&](unsigned n) {
+    if (ancestors && (n >= ancestors->size || (*ancestors)[n] == NONE)) return false;
+    const double s = n < sizes.size ? sizes[n] : 0.0;
+    return s != 0.0 && directly_near(P, h, xyz.col(n), s, ratio);
+  };
+  return octree.any_in_box(ilo, ihi, lo, hi, from, near);
 }
 
 // The nodes of the mesh in the cube of half width `half` around P, into `found`: the locator's
@@ -75,17 +110,15 @@ bool far_from(spacing_filter& F, const double* P, double h, const dense2D<double
     const double s = n < sizes.size ? sizes[n] : 0.0;
     if (s == 0.0) continue;
     const double* X = table.col(n);
-    double d;
     if (field.direct_lengths) {
-      d = direct_length(P, h, X, s);
-    } else {
-      unsigned t = NONE;
-      if (field.locator.ancestors) locate_tet(field.locator, P, t, LOCATE_TOL, field.walk_bits);
-      const bool ok = t != NONE ? trace_length(field, P, t, h, X, NONE, s, F.ratio)
-                                : trace_steps(field, P, X, NONE, h, s, F.ratio);
-      d = ok ? trace_last_length(field) : DBL_MAX;
+      if (directly_near(P, h, X, s, F.ratio)) return false;
+      continue;
     }
-    if (d <= F.ratio) return false;
+    unsigned t = NONE;
+    if (field.locator.ancestors) locate_tet(field.locator, P, t, LOCATE_TOL, field.walk_bits);
+    const bool ok = t != NONE ? trace_length(field, P, t, h, X, NONE, s, F.ratio)
+                              : trace_steps(field, P, X, NONE, h, s, F.ratio);
+    if (ok && trace_last_length(field) <= F.ratio) return false;
   }
   return true;
 }
@@ -99,7 +132,7 @@ bool far_from_octree(spacing_filter& F, const double* P, double h, const dense1D
     const unsigned n = F.found[k];
     const double s = n < sizes.size ? sizes[n] : 0.0;
     if (s == 0.0) continue;
-    if (direct_length(P, h, xyz.col(n), s) <= F.ratio) return false;
+    if (directly_near(P, h, xyz.col(n), s, F.ratio)) return false;
   }
   return true;
 }
@@ -127,13 +160,22 @@ void filter_candidates(th4_engine& e, dense2D<double>& points, dense1D<double>& 
     for (unsigned k = 0; k < n; ++k) {
       const double P[3] = {points(0, k), points(1, k), points(2, k)};
       const double h = sizes[k];
-      if (accepted_count) {
-        octree_box(accepted, P, F.box_factor * h, F.found);
-        if (!far_from(F, P, h, points, sizes, field, F.found)) continue;
-      }
-      if (mesh_nodes) {
-        live_nodes_in_box(e, P, F.box_factor * h, F.found);
-        if (!far_from(F, P, h, e.nodes.data, e.node_sizes, field, F.found)) continue;
+      if (field.direct_lengths) {
+        // Only whether some node is too near matters: the searches stop at the first one.
+        const double half = F.box_factor * h;
+        if (accepted_count && near_in_octree(accepted, P, h, half, ratio, sizes, nullptr)) continue;
+        if (mesh_nodes &&
+            near_in_octree(e.locator.octree, P, h, half, ratio, e.node_sizes, &e.ancestors))
+          continue;
+      } else {
+        if (accepted_count) {
+          octree_box(accepted, P, F.box_factor * h, F.found);
+          if (!far_from(F, P, h, points, sizes, field, F.found)) continue;
+        }
+        if (mesh_nodes) {
+          live_nodes_in_box(e, P, F.box_factor * h, F.found);
+          if (!far_from(F, P, h, e.nodes.data, e.node_sizes, field, F.found)) continue;
+        }
       }
       if (e.exclusion_count) {
         F.box_factor = EXCLUSION_BOX;
