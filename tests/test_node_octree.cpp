@@ -211,6 +211,30 @@ TEST(NodeOctree, MatchesBruteForce) {
       std::vector<unsigned> got_box(out.begin(), out.end());
       std::sort(got_box.begin(), got_box.end());
       ASSERT_EQ(got_box, want_box) << q;
+
+      // The early-stopping search: every node of the box is offered until one is accepted.
+      unsigned ilo[3], ihi[3], from[3];
+      loc.octree.to_cell_coords(blo, ilo);
+      loc.octree.to_cell_coords(bhi, ihi);
+      loc.octree.to_cell_coords(p, from);
+      std::vector<unsigned> offered;
+      EXPECT_FALSE(loc.octree.any_in_box(ilo, ihi, blo, bhi, from, [&](unsigned n) {
+        offered.push_back(n);
+        return false;
+      }));
+      std::sort(offered.begin(), offered.end());
+      ASSERT_EQ(offered, want_box) << q;
+      if (!want_box.empty()) {
+        const unsigned pick = want_box[q % want_box.size()];
+        unsigned calls = 0, hit = NONE;
+        EXPECT_TRUE(loc.octree.any_in_box(ilo, ihi, blo, bhi, from, [&](unsigned n) {
+          ++calls;
+          hit = n;
+          return n == pick;
+        }));
+        EXPECT_EQ(hit, pick);
+        EXPECT_LE(calls, unsigned(want_box.size()));
+      }
     }
   };
   run_queries(1000);
