@@ -15,6 +15,7 @@
 #include "voxfill/refine/front_placement.h"
 #include "voxfill/refine/metric_trace.h"
 #include "voxfill/refine/refine_context.h"
+#include "voxfill/refine/refinement_loop.h"
 #include "voxfill/refine/spacing_filter.h"
 
 using namespace kelvo::voxfill;
@@ -340,4 +341,44 @@ TEST(FrontPlacement, ApexBeyondAFlatTet) {
   place_candidates(e, c, pts, sizes);
   EXPECT_EQ(pts.cols, 0u);
   EXPECT_EQ(sizes.size, 0u);
+}
+
+// Tets outside of the domain stay in the mesh until the end: the first judging counts them good,
+// so that no front face and no long edge comes from them, though every edge is too long.
+TEST(RefinementLoop, FirstFrontLeavesTheOutsideAlone) {
+  th4_engine e;
+  fixtures::kuhn_lattice(e, 2);
+  for (unsigned n = 0; n < e.nodes.cols(); ++n) e.node_sizes[n] = 0.1;
+  build_locator(e);
+  // The tets of the lower half in x are outside.
+  for (unsigned t = 0; t < e.tets.cols(); ++t) {
+    double x = 0.0;
+    for (unsigned i = 0; i < 4; ++i) x += e.nodes(0, e.tets(i, t));
+    if (x < 4.0) e.colors[t] = NONE;
+  }
+  refine_context c(e.settings);
+  const dense1D<unsigned> none;
+  ASSERT_EQ(make_front(e, c, none), 0);
+  unsigned outside = 0;
+  for (unsigned t = 0; t < e.tets.cols(); ++t) {
+    if (e.colors[t] != NONE) continue;
+    ++outside;
+    EXPECT_TRUE(c.good_tets.test(t)) << t;
+  }
+  ASSERT_GT(outside, 0u);
+  ASSERT_GT(c.front_faces.size, 0u);
+  for (unsigned k = 0; k < c.front_faces.size; ++k)
+    EXPECT_NE(e.colors[c.front_faces[k] >> 2], NONE) << k;
+  for (const auto& [edge, length] : c.long_edges) {
+    // Each end on a domain tet: an edge between outside tets alone was not looked at.
+    bool a_in = false, b_in = false;
+    for (unsigned t = 0; t < e.tets.cols(); ++t) {
+      if (e.colors[t] == NONE) continue;
+      for (unsigned i = 0; i < 4; ++i) {
+        a_in |= e.tets(i, t) == edge.first;
+        b_in |= e.tets(i, t) == edge.second;
+      }
+    }
+    EXPECT_TRUE(a_in && b_in) << edge.first << " " << edge.second << " " << length;
+  }
 }

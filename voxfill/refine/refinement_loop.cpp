@@ -186,7 +186,11 @@ int make_front(th4_engine& e, refine_context& c, const dense1D<unsigned>& insert
   (void)inserted;  // the size limiting under a target size reads it, when it comes
   const unsigned T = e.tets.cols();
   if (c.pass_count == 0) {
-    if (!c.new_tets.reserve(T) || !c.ring_tets.reserve(T) || !c.good_tets.grow(T)) return -199;
+    // Room only: the bits must come in below as added ones, set, so that the tets outside of the
+    // domain are good and never refined.
+    if (!c.new_tets.reserve(T) || !c.ring_tets.reserve(T) ||
+        !c.good_tets.words.reserve((T + 31) >> 5))
+      return -199;
     c.pass_clock = 0;
     std::fill(e.tet_stamps.begin(), e.tet_stamps.end(), 1u);
     e.tet_clock = 1;
