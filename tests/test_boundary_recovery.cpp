@@ -212,3 +212,42 @@ TEST(BoundaryRecovery, CloudWithHardEntitiesKeepsItsNodes) {
   EXPECT_NE(std::string(e.msg_text).find("line = 161"), std::string::npos) << e.msg_text;
   EXPECT_EQ(e.connectM.cols, 0u);
 }
+
+TEST(BoundaryRecovery, HardNodesOnOnePlace) {
+  // Two listed nodes at one place, and a listed node on a corner of the boundary: the later one
+  // in the order of the input gives way, and the pair is a conflict. Nodes apart by more than
+  // the kernel's tolerance are all held.
+  for (double gap : {0.0, 1e-15, 1e-12, 1e-9}) {
+    input s;
+    add_box(s, 2);
+    const unsigned a = unsigned(s.pts.size());
+    s.pts.push_back({0.3, 0.4, 0.5});
+    s.pts.push_back({0.3 + gap, 0.4, 0.5});
+    s.pts.push_back({gap, gap, gap});  // next to the box's corner at the origin
+    s.nodes = {a, a + 1, a + 2};
+    const bool apart = gap > 1e-13;
+    for (bool strict : {false, true}) {
+      const std::string what = "gap " + std::to_string(gap) + (strict ? ", strict" : "");
+      const data_type d = run(s, strict);
+      if (apart) {
+        expect_whole(d, s, what);
+        continue;
+      }
+      if (strict) {
+        EXPECT_EQ(d.error_code, -104) << what;
+        EXPECT_STREQ(d.msg_title, "NODE ERROR") << what;
+        EXPECT_EQ(d.connectM.cols, 0u) << what;
+        continue;
+      }
+      EXPECT_EQ(d.error_code, 0) << what;
+      EXPECT_EQ(d.warning_code, -12) << what;
+      ASSERT_EQ(d.missing_nodes.size, 2u) << what;
+      EXPECT_EQ(d.missing_nodes[0], a + 1) << what;
+      EXPECT_EQ(d.missing_nodes[1], a + 2) << what;
+      EXPECT_TRUE(sound(d)) << what;
+      const absent_count absent = absent_by_coords(d, s);
+      EXPECT_EQ(absent.faces, 0u) << what;
+      EXPECT_NEAR(mesh_volume(d), 1.0, 1e-12) << what;
+    }
+  }
+}

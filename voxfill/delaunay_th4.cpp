@@ -28,6 +28,7 @@ th4_engine::~th4_engine() {
 void th4_engine::clear() {
   mesh_store::clear();
   kernel.clear();
+  last_recovery = recovery_counts();
   if (size_field != own_size_field.get()) delete size_field;
   size_field = own_size_field.get();
   own_size_field->reseed();

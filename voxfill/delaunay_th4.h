@@ -6,6 +6,7 @@
 
 #include "delaunay/kernel_workspace.h"
 #include "delaunay/mesh_store.h"
+#include "voxfill/boundary/recovery_counts.h"
 #include "voxfill/mesher_th4.h"
 #include "voxfill/refine/size_field.h"
 #include "voxfill/task_mgr.h"
@@ -34,6 +35,7 @@ class th4_engine : public mesh_store {
   mesher::settings_type settings;  // the run's copy; the run may change it
   Ptr<task_type> tasks;            // null outside of a run
   kernel_workspace kernel;         // scratch of the Delaunay kernel, handed to its every call
+  recovery_counts last_recovery;   // what the last boundary recovery of the run did
 
   th4_engine();
   ~th4_engine();

@@ -143,8 +143,10 @@ void th4_engine::run_mesh_generation(mesher::data_type& data, refine_context& co
     } catch (const std::bad_alloc&) {
       raise_error(msg::memory_error_recovery);
     }
-    if (recoverer && !must_stop())
+    if (recoverer && !must_stop()) {
       recover_boundary(*recoverer, data.connectB, data.connectE, data.isolated_nodes, steiner_list);
+      last_recovery = recoverer->counts;
+    }
   }
   tasks->close_phase(phase_recovery);
 

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <array>
 #include <cfloat>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <new>
@@ -16,6 +17,7 @@
 #include "voxfill/boundary/edge_recovery.h"
 #include "voxfill/boundary/face_recovery.h"
 #include "voxfill/boundary/hard_entities.h"
+#include "voxfill/boundary/node_reinsertion.h"
 #include "voxfill/delaunay_th4.h"
 #include "voxfill/optim/regularize_mesh.h"
 #include "voxfill/optim/regularizer.h"
@@ -44,6 +46,8 @@ struct recovery_state {
   unsigned steiner_budget = 4;
   unsigned pass = 0, stalled_passes = 0, poor_passes = 0;
   bool poor = false, stalled = false;
+  unsigned best_absent_nodes = 0, node_failures = 0;
+  dense1D<unsigned> hard_node_order;  // empty when no hard node was absent at the start
 };
 
 void collect(boundary_recoverer& r, const dense2D<unsigned>& connectB,
@@ -72,6 +76,14 @@ void shuffle_list(boundary_recoverer& r, dense1D<unsigned>& list) {
     const unsigned j = unsigned(r.shuffle_source()) % (i + 1);
     if (j != i) std::swap(list[i], list[j]);
   }
+}
+
+// The edges and faces noted as unenforced are judged anew; the nodes stay.
+void clear_unenforced_links(mesh_store& m) {
+  m.unenforced_set.edges.clear_hard();
+  m.unenforced_set.two_way_edges.clear_hard();
+  m.unenforced_set.faces.clear_hard();
+  m.unenforced_set.two_way_faces.clear_hard();
 }
 
 unsigned live_tets(const mesh_store& m) noexcept {
@@ -108,6 +120,7 @@ void seed_missing(boundary_recoverer& r, recovery_state& s, dense1D<unsigned>& s
     if (!seed(M)) break;
   }
   smooth_steiner_nodes(r.steiner, made);
+  r.counts.seeds += made.size;
   for (unsigned k = 0; k < made.size; ++k) push_checked(steiner_list, made[k]);
 }
 
@@ -118,6 +131,7 @@ void clean_tangle(boundary_recoverer& r, recovery_state& s, dense1D<unsigned>& s
   unsigned nodes_left = 0, moves = 0;
   dense1D<unsigned>& L = g.worst;
   const double tol = s.poor_passes * 1e-12;
+  ++r.counts.tangle_cleanups;
   if (s.poor_passes % 5 == 4) {
     shuffle_list(r, steiner_list);
     for (unsigned k = 0; k < 4; ++k) {
@@ -240,8 +254,23 @@ void clean_tangle(boundary_recoverer& r, recovery_state& s, dense1D<unsigned>& s
 }
 
 // The passes; false when they end.
-bool run_pass(boundary_recoverer& r, recovery_state& s, const Ptr<task_type>& progress,
-              dense1D<unsigned>& steiner_list) {
+bool run_pass(boundary_recoverer& r, recovery_state& s, const dense2D<unsigned>& connectB,
+              const dense2D<unsigned>& connectE, const dense1D<unsigned>& isolated,
+              const Ptr<task_type>& progress, dense1D<unsigned>& steiner_list) {
+  ++r.counts.passes;
+  // Hard nodes first: their cavities may cut what is recovered, so all is looked up again after.
+  if (s.nodes.size && s.hard_node_order.size && (s.pass % 13 == 0 || s.stalled) &&
+      reinsert_hard_nodes(r, s.nodes, s.hard_node_order)) {
+    collect(r, connectB, connectE, isolated, s);
+    if (s.nodes.size < s.best_absent_nodes) {
+      s.best_absent_nodes = s.nodes.size;
+      s.node_failures = 0;
+    } else if (s.stalled_passes && s.node_failures++ > 4) {
+      s.stalled_passes = 12;
+    }
+    s.faces_given_up = s.edges_given_up = 0;
+    clear_unenforced_links(r.engine);
+  }
   const unsigned F = unsigned(s.faces.size()), E = unsigned(s.edges.size());
   // Without room for Steiner nodes (a mesh of given nodes) no attempt may make one.
   const unsigned budget = r.steiner_limit ? s.steiner_budget : 0;
@@ -301,14 +330,21 @@ void recover_boundary(boundary_recoverer& r, const dense2D<unsigned>& connectB,
                       const dense2D<unsigned>& connectE, const dense1D<unsigned>& isolated_nodes,
                       dense1D<unsigned>& steiner_list) {
   th4_engine& m = r.engine;
+  const auto started = std::chrono::steady_clock::now();
+  struct clock_guard {
+    recovery_counts& counts;
+    std::chrono::steady_clock::time_point started;
+    ~clock_guard() {
+      counts.seconds =
+          std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
+    }
+  } timing{r.counts, started};
   const kernel_mode_type saved_mode = m.kernel_mode;
   steiner_list.clear();
-  // The nodes that the kernel could not place stay noted, with the reason it found; the edges and
-  // faces are judged anew here.
-  m.unenforced_set.edges.clear_hard();
-  m.unenforced_set.two_way_edges.clear_hard();
-  m.unenforced_set.faces.clear_hard();
-  m.unenforced_set.two_way_faces.clear_hard();
+  // Absent nodes are noted again by their reinsertion, with the hard node in their way.
+  clear_unenforced_links(m);
+  m.unenforced_set.node_bits.clear();
+  m.unenforced_set.node_count = 0;
   recovery_state s;
   collect(r, connectB, connectE, isolated_nodes, s);
   if (s.faces.empty() && s.edges.empty() && !s.nodes.size) return;
@@ -328,9 +364,14 @@ void recover_boundary(boundary_recoverer& r, const dense2D<unsigned>& connectB,
   }
   r.shuffle_source.seed(1u);
   m.kernel_mode = kernel_mode_type::hard_edges;
+  s.best_absent_nodes = s.nodes.size;
+  if (s.nodes.size && build_hard_node_order(connectB, connectE, isolated_nodes, m.nodes.cols(),
+                                            s.hard_node_order) != 0)
+    r.task->raise_error(msg::memory_error_recovery);
 
   try {
-    while (!r.must_stop() && run_pass(r, s, progress, steiner_list)) {
+    while (!r.must_stop() &&
+           run_pass(r, s, connectB, connectE, isolated_nodes, progress, steiner_list)) {
     }
     std::sort(steiner_list.begin(), steiner_list.end());
     steiner_list.size =

@@ -13,6 +13,7 @@
 #include "delaunay/key_set.h"
 #include "delaunay/keys.h"
 #include "delaunay/random_source.h"
+#include "voxfill/boundary/recovery_counts.h"
 #include "voxfill/boundary/steiner_nodes.h"
 #include "voxfill/task_mgr.h"
 
@@ -31,6 +32,8 @@ struct boundary_recoverer {
   steiner_workspace steiner;   // removal and placement of Steiner nodes, with their scratch
   random_source_type shuffle_source{1u};
   std::unique_ptr<regularizer> optimiser;  // the clean-up's moves; made by recover_boundary
+  recovery_counts counts;
+  unsigned steps_used = 0;  // recovery_step bits of the entity under work
 
   // The search of crossing edges.
   edge_set crossing_seen;
@@ -61,6 +64,9 @@ struct boundary_recoverer {
   std::vector<edge_key> sides, kept_edges, given_edges;
   std::vector<face_key> kept_faces, given_faces;
   std::vector<edge_key> crossing, crossing_2;
+  // Reinsertion of hard nodes: the nodes in their way, and the (order, node) pairs to insert.
+  dense1D<unsigned> in_the_way;
+  std::vector<std::pair<unsigned, unsigned>> reinsertion_pairs;
 
   boundary_recoverer(th4_engine& e, Ptr<task_type> t, unsigned limit);
   ~boundary_recoverer();
@@ -77,6 +83,13 @@ void push_checked(dense1D<T>& list, std::type_identity_t<T> v) {
   const unsigned n = list.size;
   list.push_back(v);
   if (list.size != n + 1) throw std::bad_alloc();
+}
+
+// Counts one entity recovered, in `total` and under each step it used.
+inline void tally_steps(boundary_recoverer& r, unsigned& total) noexcept {
+  ++total;
+  for (unsigned k = 0; k < step_count; ++k)
+    if (r.steps_used >> k & 1u) ++r.counts.by_step[k];
 }
 
 // Makes the mesh hold the faces of `connectB`, the edges of `connectE` and the nodes of

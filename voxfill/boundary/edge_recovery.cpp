@@ -397,7 +397,10 @@ int recover_edge(boundary_recoverer& r, unsigned a, unsigned b, double tol_rel, 
   if (crossing_edges_of_edge(r, a, b, d, r.crossing, r.coded_faces) == 2) return 2;
   const int c = edge_obstacles(r, a, b, d, r.crossing, budget, new_nodes);
   if (c != 1) return c;
-  if (edge_tet(m, a, b) != NONE) return 1;
+  if (edge_tet(m, a, b) != NONE) {
+    r.steps_used |= step_crossing_edges;
+    return 1;
+  }
   int p = recover_edge_by_pipe(r, a, b, d, budget, new_nodes);
   if (r.pipe.size > 31 && p > -8) p = -8;
   if (-8 <= p && p <= -1) {
@@ -420,6 +423,7 @@ unsigned recover_edge_list(boundary_recoverer& r, std::vector<edge_key>& list, u
     if (k % 500 == 499 && r.must_stop()) break;
     const unsigned a = list[k].n[0], b = list[k].n[1];
     made.clear();
+    if (&list != &r.sides) r.steps_used = 0;
     unsigned left = budget;
     int c = recover_edge(r, a, b, 1e-12, left, made);
     if (-7 <= c && c <= -1) {
@@ -435,6 +439,8 @@ unsigned recover_edge_list(boundary_recoverer& r, std::vector<edge_key>& list, u
     }
     if (c == 1) {
       ++recovered;
+      // The sides of a face count with their face.
+      if (&list != &r.sides) tally_steps(r, r.counts.edges);
     } else if (c == 2) {
     } else if (c >= -8) {
       r.kept_edges.push_back(list[k]);

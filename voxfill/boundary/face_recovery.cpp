@@ -511,6 +511,7 @@ int recover_face(boundary_recoverer& r, const face_key& face, double tol, unsign
     orient_edges(m, pl, L);
     c = clear_face_crossings(r, face, L, h);
   }
+  if (c == 1) r.steps_used |= step_face_moves;
   if (c != 0) return c;
   if (!budget) return 0;
 
@@ -624,7 +625,10 @@ int recover_face(boundary_recoverer& r, const face_key& face, double tol, unsign
     if (remove_crossing_edges(r, L, target, h, false).first)
       remove_crossing_edges(r, L, target, h, false);
   }
-  if (L.empty() && face_in_mesh(r, face)) return 1;
+  if (L.empty() && face_in_mesh(r, face)) {
+    r.steps_used |= step_face_steiner;
+    return 1;
+  }
   return 0;
 }
 
@@ -644,6 +648,7 @@ unsigned recover_face_list(boundary_recoverer& r, std::vector<face_key>& list, u
     r.sides.push_back(edge_key{{c, a}});
     r.sides.push_back(edge_key{{a, b}});
     r.new_nodes.clear();
+    r.steps_used = 0;
     unsigned s = 0;
     const unsigned sides_made = recover_edge_list(r, r.sides, s, budget, r.new_nodes);
     if (sides_made && !s && !r.sides.empty()) recover_edge_list(r, r.sides, s, 0, r.new_nodes);
@@ -665,7 +670,10 @@ unsigned recover_face_list(boundary_recoverer& r, std::vector<face_key>& list, u
       }
     }
     if (code > 0) {
-      if (code == 1 || (code == 2 && sides_made)) ++recovered;
+      if (code == 1 || (code == 2 && sides_made)) {
+        ++recovered;
+        tally_steps(r, r.counts.faces);
+      }
     } else if (code >= -8) {
       r.kept_faces.push_back(f);
     } else {

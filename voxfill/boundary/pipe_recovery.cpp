@@ -443,17 +443,24 @@ int recover_edge_by_pipe(boundary_recoverer& r, unsigned a, unsigned b, double d
     bool turned = false;
     for (;;) {
       const unsigned from = turned ? b : a, to = turned ? a : b;
-      if (flip_pipe(r, from, to, d) == 1) return 1;
+      if (flip_pipe(r, from, to, d) == 1) {
+        r.steps_used |= step_pipe_flips;
+        return 1;
+      }
       // Swaps and thinning take turns while the pipe gets shorter, before any Steiner node.
       if (!(r.pipe.size < last_length) || steiner_steps) break;
       last_length = r.pipe.size;
-      if (thin_pipe(r, from, to, d)) return 1;
-      turn_pipe(r);
-      turned = !turned;
-      if (thin_pipe(r, to, from, d)) return 1;
+      if (thin_pipe(r, from, to, d) ||
+          (turn_pipe(r), turned = !turned, thin_pipe(r, to, from, d))) {
+        r.steps_used |= step_pipe_thinning;
+        return 1;
+      }
       if (!(r.pipe.size < last_length)) break;
     }
-    if (edge_tet(r.store, a, b) != NONE) return 1;
+    if (edge_tet(r.store, a, b) != NONE) {
+      r.steps_used |= step_pipe_flips;
+      return 1;
+    }
     // Steiner nodes go in from a, whatever the last direction of the swaps was.
     c = walk_pipe(r, a, b, d);
     if (c == 2) return 1;
@@ -464,6 +471,7 @@ int recover_edge_by_pipe(boundary_recoverer& r, unsigned a, unsigned b, double d
     if (!budget) return 0;
     c = pipe_steiner_step(r, a, b, budget, new_nodes);
     if (c != 1) return c;
+    r.steps_used |= step_pipe_steiner;
     ++steiner_steps;
   }
 }
