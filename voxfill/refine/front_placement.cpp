@@ -151,7 +151,7 @@ bool adjust_apex(size_field& field, const refine_context& c, apex_frame& frame, 
 }
 
 double front_point(th4_engine& e, refine_context& c, unsigned f0, unsigned f1, unsigned f2,
-                   double* P, double& h) noexcept {
+                   double* P, double& h, unsigned start) noexcept {
   h = 0.0;
   size_field& field = e.size_field ? *e.size_field : *e.own_size_field;
   const node_locator& loc = field.locator;
@@ -168,7 +168,7 @@ double front_point(th4_engine& e, refine_context& c, unsigned f0, unsigned f1, u
     if (frame_tets[i] == NONE && walkable(field))
       locate_tet(field.locator, frame.col(i), frame_tets[i], LOCATE_TOL, field.walk_bits);
   }
-  frame_tets[3] = frame_tets[2];
+  frame_tets[3] = start != NONE ? start : frame_tets[2];
   double height_factor = 1.0;
   double quality = 0.0;
   bool found = false;
@@ -189,6 +189,9 @@ void place_candidates(th4_engine& e, refine_context& c, dense2D<double>& points,
   sizes.clear();
   const unsigned n = c.front_faces.size;
   if (!points.reserve(3, n) || !sizes.reserve(n)) return;
+  // Over the mesh itself the apex stands in or near the bad tet: its walk is short from there.
+  const size_field& field = e.size_field ? *e.size_field : *e.own_size_field;
+  const bool own_mesh = &field.locator == &e.locator;
   unsigned count = 0;
   for (unsigned k = 0; k < n; ++k) {
     const unsigned code = c.front_faces[k];
@@ -196,7 +199,8 @@ void place_candidates(th4_engine& e, refine_context& c, dense2D<double>& points,
     const unsigned* row = e.tets.row(t);
     const unsigned* fn = tet_face_nodes[i];
     double P[3], h;
-    if (!(front_point(e, c, row[fn[0]], row[fn[1]], row[fn[2]], P, h) > 0.0)) continue;
+    if (!(front_point(e, c, row[fn[0]], row[fn[1]], row[fn[2]], P, h, own_mesh ? t : NONE) > 0.0))
+      continue;
     // A point in a good tet, in another subdomain or out of the mesh is no candidate.
     unsigned u = t;
     if (!locate_tet(e.locator, P, u, LOCATE_TOL, c.context_bits)) continue;
