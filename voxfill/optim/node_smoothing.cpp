@@ -28,6 +28,13 @@ unsigned local_index(const unsigned* row, unsigned node) noexcept {
   return 4;
 }
 
+// symmetric_length of edge (a, b) with the log mean h of its end sizes given.
+double symmetric_length_with(const mesh_store& m, unsigned a, unsigned b, double h) noexcept {
+  const double d = std::sqrt(edge_length2(m.nodes.data, a, b));
+  if (d > h) return h / d;
+  return h > 0.0 ? d / h : 0.0;
+}
+
 // Best place along a line of unit steps, kept in the outputs when it beats `best`.
 struct line_search {
   regularizer& g;
@@ -107,9 +114,15 @@ void walk_line(line_search& w) noexcept {
     }
     if (q > 0.0) {
       double s = 1.0;
-      if (w.weight < 1.0)
-        for (unsigned e = 0; e < sm.ball_edges.cols; ++e)
-          s = std::min(s, symmetric_length(m, sm.ball_edges(0, e), sm.ball_edges(1, e)));
+      if (w.weight < 1.0) {
+        const bool cached =
+            sm.edge_means.size == sm.ball_edges.cols && m.node_sizes[w.node] == sm.means_size;
+        for (unsigned e = 0; e < sm.ball_edges.cols; ++e) {
+          const unsigned a = sm.ball_edges(0, e), b = sm.ball_edges(1, e);
+          s = std::min(s, cached ? symmetric_length_with(m, a, b, sm.edge_means[e])
+                                 : symmetric_length(m, a, b));
+        }
+      }
       merit = blend(s, q, w.weight);
     }
     const bool improved = merit > w.best;
@@ -167,9 +180,18 @@ double search_step(regularizer& g, unsigned node, double weight, const dense1D<u
     if (g.moves_carry_sizes && h > 0.0 && hb > 0.0) r_max = std::max({r_max, h / hb, hb / h});
   }
   double s_min = 1.0;
-  if (weight < 1.0)
-    for (unsigned e = 0; e < sm.ball_edges.cols; ++e)
-      s_min = std::min(s_min, symmetric_length(m, node, sm.ball_edges(1, e)));
+  sm.edge_means.clear();
+  if (weight < 1.0) {
+    const bool keep = sm.edge_means.resize(sm.ball_edges.cols);
+    sm.means_size = h;
+    for (unsigned e = 0; e < sm.ball_edges.cols; ++e) {
+      const unsigned b = sm.ball_edges(1, e);
+      const double mean = log_mean(h, m.node_sizes[b]);
+      if (keep) sm.edge_means[e] = mean;
+      s_min = std::min(s_min, symmetric_length_with(m, node, b, mean));
+    }
+    if (!keep) sm.edge_means.clear();
+  }
   const double rms = std::sqrt(d2_sum / ball.size);
   if (W_sum > 0.0)
     for (double& d : D) d /= W_sum;
@@ -237,7 +259,7 @@ double smooth_node(regularizer& g, unsigned node, double weight,
   const unsigned n = ball.size, e = 3 * n / 2;
   if (!sm.ball_rows.resize(4, n) || !sm.trial_qualities.reserve(n) ||
       !sm.best_qualities.resize(n) || !sm.ball_neighbors.reserve(e) ||
-      !sm.ball_edges.reserve(2, e) || !sm.ray.ball_faces.reserve(4, n))
+      !sm.ball_edges.reserve(2, e) || !sm.edge_means.reserve(e) || !sm.ray.ball_faces.reserve(4, n))
     return 0.0;
   for (unsigned j = 0; j < n; ++j) std::copy_n(m.tets.row(ball[j]), 4, sm.ball_rows.col(j));
   const double w = g.moves_carry_sizes ? weight : 1.0;

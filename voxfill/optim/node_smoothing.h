@@ -25,6 +25,10 @@ struct node_smoother {
   dense1D<double> best_qualities;
   dense1D<unsigned> ball_neighbors;
   dense2D<unsigned> ball_edges;
+  // The log means of the sizes at the ends of ball_edges, for the node at size means_size: the
+  // trials that keep its size need no logarithm.
+  dense1D<double> edge_means;
+  double means_size = 0.0;
   size_ray ray;
   dense1D<unsigned> ball;   // of the node under work, for smooth_nodes
   dense1D<unsigned> nodes;  // scratch of smooth_worst
