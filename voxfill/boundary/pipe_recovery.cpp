@@ -48,6 +48,31 @@ double dist2_of(const double* A, const double* B) {
   return u[0] * u[0] + u[1] * u[1] + u[2] * u[2];
 }
 
+// The face of tet t other than `entry` through which the line from a to b leaves it: the face
+// whose three sides the line turns round most clearly in one sense (a face that the line misses
+// has sides on both senses). NONE when every candidate holds a or b.
+unsigned exit_face(const mesh_store& m, unsigned t, unsigned entry, unsigned a, unsigned b) {
+  const double* A = m.nodes.row(a);
+  const double* B = m.nodes.row(b);
+  unsigned best = NONE;
+  double best_score = -DBL_MAX;
+  for (unsigned j = 0; j < 4; ++j) {
+    if (j == entry) continue;
+    unsigned f[3];
+    face_of(m, t, j, f);
+    if (holds(f, 3, a) || holds(f, 3, b)) continue;
+    double lo = DBL_MAX, hi = -DBL_MAX;
+    for (unsigned k = 0; k < 3; ++k) {
+      const double s = orient_det(A, B, m.nodes.row(f[k]), m.nodes.row(f[(k + 1) % 3]));
+      lo = std::min(lo, s);
+      hi = std::max(hi, s);
+    }
+    const double score = std::max(lo, -hi);
+    if (score > best_score) best_score = score, best = 4 * t + j;
+  }
+  return best;
+}
+
 }  // namespace
 
 int walk_pipe(boundary_recoverer& r, unsigned a, unsigned b, double d) {
@@ -86,6 +111,11 @@ int walk_pipe(boundary_recoverer& r, unsigned a, unsigned b, double d) {
       if (holds(f, 3, a) && holds(f, 3, b)) continue;
       if (passes(m, f, a, b, d)) next = 4 * n + j;
     }
+    // A segment that runs along a face within rounding meets its plane anywhere, and the test
+    // above may find no way out. The line leaves the tet through the one other face whose sides
+    // it turns round in one sense; the signs of those turns are well posed however flat the
+    // segment lies to the face.
+    if (next == NONE && !holds(m.tets.row(n), 4, a)) next = exit_face(m, n, g, a, b);
     if (next == NONE) return 1;
     c = next;
   }
