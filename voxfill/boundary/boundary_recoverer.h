@@ -49,6 +49,7 @@ struct boundary_recoverer {
   // What one attempt on an edge or a face reports.
   dense1D<unsigned> new_nodes, edge_nodes;
   dense1D<unsigned> pipe;  // coded faces crossed by a segment, in order from its first node
+  std::vector<edge_key> turning_edges;  // edges shared by consecutive faces of the pipe
   dense1D<unsigned> blocking_nodes;
   std::vector<edge_key> blocking_edges;
   std::vector<face_key> blocking_faces;

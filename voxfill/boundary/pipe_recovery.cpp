@@ -7,6 +7,7 @@
 #include "delaunay/geometry.h"
 #include "delaunay/mesh_walks.h"
 #include "delaunay/tet_tables.h"
+#include "voxfill/boundary/edge_recovery.h"
 #include "voxfill/boundary/intersection_tests.h"
 #include "voxfill/boundary/steiner_nodes.h"
 #include "voxfill/optim/edge_contraction.h"
@@ -71,6 +72,36 @@ unsigned exit_face(const mesh_store& m, unsigned t, unsigned entry, unsigned a, 
     if (score > best_score) best_score = score, best = 4 * t + j;
   }
   return best;
+}
+
+recovery_target edge_target(unsigned a, unsigned b) {
+  recovery_target target;
+  target.n[0] = a, target.n[1] = b, target.count = 2;
+  return target;
+}
+
+// The soft edges shared by consecutive faces of the pipe, away from a and b, into `turning_edges`;
+// their number.
+unsigned pipe_turning_edges(boundary_recoverer& r, unsigned a, unsigned b) {
+  mesh_store& m = r.store;
+  std::vector<edge_key>& list = r.turning_edges;
+  list.clear();
+  for (unsigned k = 0; k + 1 < r.pipe.size; ++k) {
+    unsigned f[3], g[3];
+    face_of(m, r.pipe[k] >> 2, r.pipe[k] & 3u, f);
+    face_of(m, r.pipe[k + 1] >> 2, r.pipe[k + 1] & 3u, g);
+    unsigned common[3], count = 0;
+    for (unsigned i = 0; i < 3; ++i)
+      if (holds(g, 3, f[i])) common[count++] = f[i];
+    if (count != 2 || holds(common, 2, a) || holds(common, 2, b)) continue;
+    if (m.hard_set.has_edge(common[0], common[1])) continue;
+    const edge_key e{{common[0], common[1]}};
+    if (std::find_if(list.begin(), list.end(), [&](const edge_key& x) {
+          return (x.n[0] == e.n[0] && x.n[1] == e.n[1]) || (x.n[0] == e.n[1] && x.n[1] == e.n[0]);
+        }) == list.end())
+      list.push_back(e);
+  }
+  return unsigned(list.size());
 }
 
 }  // namespace
@@ -464,7 +495,7 @@ int pipe_steiner_step(boundary_recoverer& r, unsigned a, unsigned b, unsigned& b
 
 int recover_edge_by_pipe(boundary_recoverer& r, unsigned a, unsigned b, double d, unsigned& budget,
                          dense1D<unsigned>& new_nodes) {
-  unsigned steiner_steps = 0, last_length = NONE;
+  unsigned steiner_steps = 0, last_length = NONE, edge_rounds = 0;
   for (;;) {
     int c = walk_pipe(r, a, b, d);
     if (c == 2 || c < 0) return c;
@@ -490,6 +521,22 @@ int recover_edge_by_pipe(boundary_recoverer& r, unsigned a, unsigned b, double d
     if (edge_tet(r.store, a, b) != NONE) {
       r.steps_used |= step_pipe_flips;
       return 1;
+    }
+    // A segment that passes close by a node turns round the edges at it: consecutive faces of
+    // the pipe share an edge, and no 2-3 swap applies. Those edges go by reconnection of their
+    // shells, a few rounds at most, before any Steiner node.
+    if (!steiner_steps && edge_rounds < 4) {
+      ++edge_rounds;
+      c = walk_pipe(r, a, b, d);
+      if (c == 2) return 1;
+      if (c < 0) return c;
+      if (pipe_turning_edges(r, a, b) &&
+          remove_crossing_edges(r, r.turning_edges, edge_target(a, b), d, true).first) {
+        r.steps_used |= step_crossing_edges;
+        if (edge_tet(r.store, a, b) != NONE) return 1;
+        last_length = NONE;
+        continue;
+      }
     }
     // Steiner nodes go in from a, whatever the last direction of the swaps was.
     c = walk_pipe(r, a, b, d);
