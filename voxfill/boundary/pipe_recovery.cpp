@@ -80,26 +80,40 @@ recovery_target edge_target(unsigned a, unsigned b) {
   return target;
 }
 
-// The soft edges shared by consecutive faces of the pipe, away from a and b, into `turning_edges`;
-// their number.
+// The soft edges, away from a and b, round which the pipe turns, into `turning_edges`: those
+// shared by consecutive faces, and the side of each face that passes nearest to the segment
+// (three tets round it are a 3-2 swap that no 2-3 swap reaches). Their number.
 unsigned pipe_turning_edges(boundary_recoverer& r, unsigned a, unsigned b) {
   mesh_store& m = r.store;
   std::vector<edge_key>& list = r.turning_edges;
   list.clear();
-  for (unsigned k = 0; k + 1 < r.pipe.size; ++k) {
-    unsigned f[3], g[3];
+  auto add = [&](unsigned p, unsigned q) {
+    if (p == a || p == b || q == a || q == b || m.hard_set.has_edge(p, q)) return;
+    for (const edge_key& x : list)
+      if ((x.n[0] == p && x.n[1] == q) || (x.n[0] == q && x.n[1] == p)) return;
+    list.push_back(edge_key{{p, q}});
+  };
+  const double* A = m.nodes.row(a);
+  const double* B = m.nodes.row(b);
+  for (unsigned k = 0; k < r.pipe.size; ++k) {
+    unsigned f[3];
     face_of(m, r.pipe[k] >> 2, r.pipe[k] & 3u, f);
-    face_of(m, r.pipe[k + 1] >> 2, r.pipe[k + 1] & 3u, g);
-    unsigned common[3], count = 0;
-    for (unsigned i = 0; i < 3; ++i)
-      if (holds(g, 3, f[i])) common[count++] = f[i];
-    if (count != 2 || holds(common, 2, a) || holds(common, 2, b)) continue;
-    if (m.hard_set.has_edge(common[0], common[1])) continue;
-    const edge_key e{{common[0], common[1]}};
-    if (std::find_if(list.begin(), list.end(), [&](const edge_key& x) {
-          return (x.n[0] == e.n[0] && x.n[1] == e.n[1]) || (x.n[0] == e.n[1] && x.n[1] == e.n[0]);
-        }) == list.end())
-      list.push_back(e);
+    if (k + 1 < r.pipe.size) {
+      unsigned g[3], common[3], count = 0;
+      face_of(m, r.pipe[k + 1] >> 2, r.pipe[k + 1] & 3u, g);
+      for (unsigned i = 0; i < 3; ++i)
+        if (holds(g, 3, f[i])) common[count++] = f[i];
+      if (count == 2) add(common[0], common[1]);
+    }
+    unsigned nearest = 3;
+    double least = DBL_MAX;
+    for (unsigned i = 0; i < 3; ++i) {
+      double s, u;
+      const double d2 =
+          segment_distance2(m.nodes.row(f[i]), m.nodes.row(f[(i + 1) % 3]), A, B, s, u, nullptr);
+      if (d2 < least) least = d2, nearest = i;
+    }
+    if (nearest < 3) add(f[nearest], f[(nearest + 1) % 3]);
   }
   return unsigned(list.size());
 }
