@@ -12,6 +12,7 @@
 #include "voxfill/optim/edge_move.h"
 #include "voxfill/optim/face_swaps.h"
 #include "voxfill/optim/node_insertion.h"
+#include "voxfill/optim/worst_polish.h"
 
 namespace kelvo::voxfill {
 
@@ -360,6 +361,7 @@ void regularize_mesh(th4_engine& e, bool with_background, double boundary_qualit
     nodes_left = s.nodes_limit > used ? s.nodes_limit - used : 0;
   }
   if (s.optim_level == 0 || interrupted(g)) return;
+  const unsigned nodes_given = nodes_left;
   run_levels(g, s.optim_level, nodes_left, s.optim_node_smoothing, s.optim_node_insertion,
              s.optim_node_removal, s.optim_shell_reconnection, s.optim_hard_links, 1);
   const double q = worst_live_quality(e);
@@ -383,6 +385,13 @@ void regularize_mesh(th4_engine& e, bool with_background, double boundary_qualit
     }
     run_levels(g, s.optim_level - 2, nodes_left, s.optim_node_smoothing, s.optim_node_insertion,
                s.optim_node_removal, s.optim_shell_reconnection, s.optim_hard_links, 1);
+  }
+  // The polish of the worst tets, for a caller's mesh, whose worst tets no size has shaped.
+  if (s.mode == 1 && s.optim_node_smoothing && !interrupted(g)) {
+    prepare_masks(g);
+    // Nodes that the moves removed do not widen the caller's budget.
+    unsigned left = s.optim_node_insertion ? std::min(nodes_left, nodes_given) : 0;
+    polish_worst(g, std::max(64u, live_tet_count(e) / 100), 24, left);
   }
 }
 

@@ -8,6 +8,7 @@
 #include "voxfill/optim/move_record.h"
 #include "voxfill/optim/node_smoothing.h"
 #include "voxfill/optim/replace_tets.h"
+#include "voxfill/optim/worst_polish.h"
 
 namespace kelvo::voxfill {
 
@@ -34,6 +35,7 @@ class regularizer {
   dense1D<unsigned> new_tets;
   contraction_candidate contraction;
   node_smoother smoother;
+  polish_scratch polish;
 
   // Scratch of the driver: the worst tets, their edge codes, the edges seen in a pick, the nodes
   // made by the current sweep and by the one before, and a node mask.

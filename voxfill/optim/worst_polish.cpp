@@ -1,0 +1,381 @@
+// Max-min polish of the worst tets.
+#include "voxfill/optim/worst_polish.h"
+
+#include <algorithm>
+#include <cfloat>
+#include <cmath>
+
+#include "delaunay/geometry.h"
+#include "delaunay/mesh_walks.h"
+#include "delaunay/tet_tables.h"
+#include "voxfill/optim/edge_code.h"
+#include "voxfill/optim/regularize_mesh.h"
+#include "voxfill/optim/regularizer.h"
+
+namespace kelvo::voxfill {
+
+namespace {
+
+using namespace geometry_detail;
+
+unsigned local_index(const unsigned* row, unsigned node) noexcept {
+  for (unsigned i = 0; i < 4; ++i)
+    if (row[i] == node) return i;
+  return 4;
+}
+
+// The worst quality of the tets `rows` with the node at `p`, each into `out`, or 0.0 as soon as
+// one falls to `floor` or below: such a place cannot win.
+double worst_at(regularizer& g, unsigned node, const double* p, double floor,
+                dense1D<double>& out) noexcept {
+  th4_engine& m = g.engine;
+  const dense2D<unsigned>& rows = g.polish.rows;
+  double* x = m.nodes.row(node);
+  const double old[3] = {x[0], x[1], x[2]};
+  x[0] = p[0], x[1] = p[1], x[2] = p[2];
+  double q = 1.0;
+  for (unsigned j = 0; j < rows.cols; ++j) {
+    const unsigned* r = rows.col(j);
+    const double v = tet_quality(m.nodes.data, r[0], r[1], r[2], r[3]);
+    out[j] = v;
+    if (!(v > floor)) {
+      q = 0.0;
+      break;
+    }
+    q = std::min(q, v);
+  }
+  x[0] = old[0], x[1] = old[1], x[2] = old[2];
+  return q;
+}
+
+// Tries `at` and keeps it in (best, best_at, polish.best) when it beats `best`.
+bool try_place(regularizer& g, unsigned node, const double* at, double& best,
+               double* best_at) noexcept {
+  polish_scratch& s = g.polish;
+  const double q = worst_at(g, node, at, best, s.trial);
+  if (!(q > best)) return false;
+  best = q;
+  std::copy_n(at, 3, best_at);
+  std::copy_n(s.trial.begin(), s.rows.cols, s.best.begin());
+  return true;
+}
+
+// From best_at, steps up the sum of the unit gradients of the tets within 2 % of the worst one
+// (by differences), halving each step until it wins. `polish.best` holds the qualities at
+// best_at; `scale` is the ball's mean edge.
+void ascend(regularizer& g, unsigned node, double scale, double& best, double* best_at) noexcept {
+  th4_engine& m = g.engine;
+  polish_scratch& s = g.polish;
+  double* x = m.nodes.row(node);
+  const double kept[3] = {x[0], x[1], x[2]};
+  const double h = 1e-6 * scale;
+  for (unsigned it = 0; it < 8 && scale > 0.0; ++it) {
+    double dir[3] = {0.0, 0.0, 0.0};
+    const double at[3] = {best_at[0], best_at[1], best_at[2]};
+    for (unsigned j = 0; j < s.rows.cols; ++j) {
+      if (s.best[j] > 1.02 * best) continue;
+      const unsigned* r = s.rows.col(j);
+      double grad[3];
+      for (unsigned c = 0; c < 3; ++c) {
+        std::copy_n(at, 3, x);
+        x[c] += h;
+        grad[c] = (tet_quality(m.nodes.data, r[0], r[1], r[2], r[3]) - s.best[j]) / h;
+      }
+      const double len = std::sqrt(dot3(grad, grad));
+      if (len > 0.0)
+        for (unsigned c = 0; c < 3; ++c) dir[c] += grad[c] / len;
+    }
+    std::copy_n(kept, 3, x);
+    const double len = std::sqrt(dot3(dir, dir));
+    if (!(len > 0.0)) break;
+    bool gained = false;
+    double step = 0.25 * scale / len;
+    for (unsigned k = 0; k < 10 && !gained; ++k, step *= 0.5) {
+      double trial[3];
+      for (unsigned c = 0; c < 3; ++c) trial[c] = at[c] + step * dir[c];
+      gained = try_place(g, node, trial, best, best_at);
+    }
+    if (!gained) break;
+  }
+}
+
+// The mean edge of the tets `rows` at `node`.
+double mean_edge_at(const mesh_store& m, const dense2D<unsigned>& rows, unsigned node) noexcept {
+  double sum = 0.0;
+  unsigned count = 0;
+  const double* p = m.nodes.row(node);
+  for (unsigned j = 0; j < rows.cols; ++j) {
+    const unsigned* r = rows.col(j);
+    for (unsigned i = 0; i < 4; ++i)
+      if (r[i] != node) sum += std::sqrt(dist2<3>(m.nodes.row(r[i]), p)), ++count;
+  }
+  return count ? sum / count : 0.0;
+}
+
+bool in_region(const dense1D<unsigned>& region, unsigned t) noexcept {
+  return std::find(region.begin(), region.end(), t) != region.end();
+}
+
+// Grows `region` by the neighbours across faces that are not hard, up to `cap` tets.
+void grow_region(regularizer& g, dense1D<unsigned>& region, unsigned cap) noexcept {
+  const th4_engine& m = g.engine;
+  const unsigned n = region.size;
+  for (unsigned k = 0; k < n; ++k) {
+    const unsigned t = region[k];
+    const unsigned* r = m.tets.row(t);
+    for (unsigned f = 0; f < 4; ++f) {
+      const unsigned nb = m.neighbors(f, t);
+      if (nb == NONE || g.frozen(nb) || in_region(region, nb)) continue;
+      const unsigned* fn = tet_face_nodes[f];
+      if (m.hard_set.has_face(r[fn[0]], r[fn[1]], r[fn[2]])) continue;
+      if (region.size >= cap) return;
+      region.push_back(nb);
+    }
+  }
+}
+
+// The star of a new node over the outer faces of `region` into polish.rows. False when a node of
+// the region is on none of those faces (it would be lost) or memory ran out.
+bool star_rows(regularizer& g, const dense1D<unsigned>& region, unsigned node) noexcept {
+  const th4_engine& m = g.engine;
+  polish_scratch& s = g.polish;
+  s.rows.resize(4, 0);
+  s.region_nodes.clear();
+  for (unsigned k = 0; k < region.size; ++k) {
+    const unsigned t = region[k];
+    const unsigned* r = m.tets.row(t);
+    for (unsigned f = 0; f < 4; ++f) {
+      const unsigned nb = m.neighbors(f, t);
+      if (nb != NONE && in_region(region, nb)) continue;
+      const unsigned c = s.rows.cols;
+      if (!s.rows.resize(4, c + 1)) return false;
+      unsigned* out = s.rows.col(c);
+      std::copy_n(r, 4, out);
+      out[f] = node;  // in place of the node opposite the face: the turn is kept
+    }
+    for (unsigned i = 0; i < 4; ++i) s.region_nodes.push_back(r[i]);
+  }
+  std::sort(s.region_nodes.begin(), s.region_nodes.end());
+  s.region_nodes.size =
+      unsigned(std::unique(s.region_nodes.begin(), s.region_nodes.end()) - s.region_nodes.begin());
+  for (unsigned k = 0; k < s.region_nodes.size; ++k) {
+    bool on_face = false;
+    for (unsigned j = 0; j < s.rows.cols && !on_face; ++j)
+      on_face = local_index(s.rows.col(j), s.region_nodes[k]) < 4;
+    if (!on_face) return false;
+  }
+  return s.trial.resize(s.rows.cols) && s.best.resize(s.rows.cols);
+}
+
+// The best place of a new node in the star over `region`, if it beats `beat`. The rows and their
+// qualities stay in polish.rows and polish.best.
+bool best_star(regularizer& g, const dense1D<unsigned>& region, unsigned node, double beat,
+               double* best_at, double& best) noexcept {
+  th4_engine& m = g.engine;
+  polish_scratch& s = g.polish;
+  if (!star_rows(g, region, node)) return false;
+  best = 1e-12;
+  bool any = false;
+  // Starts: the centre of each tet of the region, and of the region's nodes.
+  double centre[3] = {0.0, 0.0, 0.0};
+  for (unsigned k = 0; k < s.region_nodes.size; ++k) {
+    const double* y = m.nodes.row(s.region_nodes[k]);
+    for (unsigned c = 0; c < 3; ++c) centre[c] += y[c] / s.region_nodes.size;
+  }
+  any = try_place(g, node, centre, best, best_at);
+  for (unsigned k = 0; k < region.size; ++k) {
+    const unsigned* r = m.tets.row(region[k]);
+    double at[3] = {0.0, 0.0, 0.0};
+    for (unsigned i = 0; i < 4; ++i)
+      for (unsigned c = 0; c < 3; ++c) at[c] += 0.25 * m.nodes.row(r[i])[c];
+    any = try_place(g, node, at, best, best_at) || any;
+  }
+  if (!any) return false;
+  double* x = m.nodes.row(node);
+  std::copy_n(best_at, 3, x);
+  ascend(g, node, mean_edge_at(m, s.rows, node), best, best_at);
+  return best > beat;
+}
+
+}  // namespace
+
+bool polish_node(regularizer& g, unsigned node) noexcept {
+  th4_engine& m = g.engine;
+  polish_scratch& s = g.polish;
+  const unsigned start = node < m.ancestors.size ? m.ancestors[node] : NONE;
+  if (start == NONE || !ball_of_node(m, node, start, s.ball) || !s.ball.size) return false;
+  const unsigned n = s.ball.size;
+  if (!s.rows.resize(4, n) || !s.trial.resize(n) || !s.best.resize(n)) return false;
+  double q0 = 1.0;
+  for (unsigned j = 0; j < n; ++j) {
+    if (g.frozen(s.ball[j])) return false;
+    std::copy_n(m.tets.row(s.ball[j]), 4, s.rows.col(j));
+    s.best[j] = m.tet_qualities[s.ball[j]];
+    q0 = std::min(q0, s.best[j]);
+  }
+  const double* p = m.nodes.row(node);
+  const double here[3] = {p[0], p[1], p[2]};
+
+  // The regular apex over the face opposite the node in each of the three worst tets of the
+  // ball, and the centre of the ball's other nodes, each tried at halving steps.
+  double targets[4][3];
+  unsigned count = 0, picked[3] = {NONE, NONE, NONE};
+  for (unsigned k = 0; k < 3 && k < n; ++k) {
+    unsigned w = NONE;
+    for (unsigned j = 0; j < n; ++j) {
+      if (j == picked[0] || j == picked[1]) continue;
+      if (w == NONE || m.tet_qualities[s.ball[j]] < m.tet_qualities[s.ball[w]]) w = j;
+    }
+    picked[k] = w;
+    const unsigned* r = s.rows.col(w);
+    apex_target(g, r, local_index(r, node), 1.0, m.node_sizes[node], targets[count++]);
+  }
+  double centre[3] = {0.0, 0.0, 0.0};
+  for (unsigned j = 0; j < n; ++j) {
+    const unsigned* r = s.rows.col(j);
+    for (unsigned i = 0; i < 4; ++i)
+      if (r[i] != node)
+        for (unsigned c = 0; c < 3; ++c) centre[c] += m.nodes.row(r[i])[c] / (3.0 * n);
+  }
+  std::copy_n(centre, 3, targets[count++]);
+
+  double best = q0, best_at[3] = {here[0], here[1], here[2]};
+  for (unsigned t = 0; t < count; ++t) {
+    double step = 1.0;
+    for (unsigned k = 0; k < 8; ++k, step *= 0.5) {
+      double trial[3];
+      for (unsigned c = 0; c < 3; ++c) trial[c] = here[c] + step * (targets[t][c] - here[c]);
+      if (try_place(g, node, trial, best, best_at)) break;  // the longest step that wins
+    }
+  }
+  ascend(g, node, mean_edge_at(m, s.rows, node), best, best_at);
+  if (!(best > q0 * (1.0 + 1e-9))) return false;
+  double* x = m.nodes.row(node);
+  x[0] = best_at[0], x[1] = best_at[1], x[2] = best_at[2];
+  for (unsigned j = 0; j < n; ++j) m.tet_qualities[s.ball[j]] = s.best[j];
+  return true;
+}
+
+bool star_insert(regularizer& g, unsigned t, unsigned& nodes_left) noexcept {
+  th4_engine& m = g.engine;
+  polish_scratch& s = g.polish;
+  if (nodes_left == 0 || g.frozen(t)) return false;
+  const unsigned* row = m.tets.row(t);
+  double size = 0.0;
+  for (unsigned i = 0; i < 4; ++i) size += 0.25 * m.node_sizes[row[i]];
+  const unsigned node = m.new_node(0.0, 0.0, 0.0, size);
+  if (node == NONE) return false;
+
+  // Regions: the tet with its neighbours across soft faces, the shell of each soft edge, and
+  // the tet grown twice. The best star over them wins if it beats their worst tet.
+  unsigned best_kind = NONE;
+  double best = 0.0, best_at[3] = {0.0, 0.0, 0.0};
+  for (unsigned kind = 0; kind < 8; ++kind) {
+    dense1D<unsigned>& region = s.region;
+    region.clear();
+    if (kind < 6) {
+      unsigned a, b;
+      edge_nodes(m, t, kind, a, b);
+      if (m.hard_set.has_edge(a, b) || !shell_of_edge(m, a, b, t, region)) continue;
+    } else {
+      region.push_back(t);
+      grow_region(g, region, 24);
+      if (kind == 7) grow_region(g, region, 24);
+    }
+    if (region.size < 2 || region.size > 24) continue;
+    double q0 = 1.0;
+    bool frozen = false;
+    for (unsigned k = 0; k < region.size; ++k) {
+      frozen = frozen || g.frozen(region[k]);
+      q0 = std::min(q0, m.tet_qualities[region[k]]);
+    }
+    double at[3], q = 0.0;
+    if (frozen || !best_star(g, region, node, q0 * (1.0 + 1e-9), at, q)) continue;
+    // Gains are compared against each region's own worst tet.
+    if (best_kind == NONE || q / q0 > best)
+      best = q / q0, best_kind = kind, std::copy_n(at, 3, best_at);
+  }
+  bool done = false;
+  if (best_kind != NONE) {
+    dense1D<unsigned>& region = s.region;
+    region.clear();
+    if (best_kind < 6) {
+      unsigned a, b;
+      edge_nodes(m, t, best_kind, a, b);
+      shell_of_edge(m, a, b, t, region);
+    } else {
+      region.push_back(t);
+      grow_region(g, region, 24);
+      if (best_kind == 7) grow_region(g, region, 24);
+    }
+    double* x = m.nodes.row(node);
+    std::copy_n(best_at, 3, x);
+    if (star_rows(g, region, node) && g.old_rows.resize(4, region.size)) {
+      for (unsigned k = 0; k < region.size; ++k)
+        std::copy_n(m.tets.row(region[k]), 4, g.old_rows.col(k));
+      double q = 1.0;
+      for (unsigned j = 0; j < s.rows.cols; ++j) {
+        const unsigned* r = s.rows.col(j);
+        s.best[j] = tet_quality(m.nodes.data, r[0], r[1], r[2], r[3]);
+        q = std::min(q, s.best[j]);
+      }
+      g.merit.add_valence_record(node);
+      if (q > 1e-12 && replace_tets(m, g.exchange, region, s.rows, s.best, g.new_tets)) {
+        g.merit.commit_valence(g.old_rows, s.rows);
+        done = true;
+      } else {
+        g.merit.clear_valence_record(node);
+      }
+    }
+  }
+  if (!done) {
+    m.release_node(node);
+    return false;
+  }
+  if (nodes_left != NONE) --nodes_left;
+  s.new_nodes.push_back(node);
+  return true;
+}
+
+double polish_worst(regularizer& g, unsigned count, unsigned rounds,
+                    unsigned& nodes_left) noexcept {
+  th4_engine& m = g.engine;
+  polish_scratch& s = g.polish;
+  double gain = 1.0;
+  for (unsigned r = 0; r < rounds; ++r) {
+    if (g.task && g.task->must_stop()) break;
+    pick_worst_tets(g, 1.0, g.frozen_bits, count, s.tets);
+    if (!s.tets.size) break;
+    const double before = m.tet_qualities[s.tets[0]];
+    // Moves of the free nodes first; then a node in a star round the worst tets that stayed.
+    s.nodes.clear();
+    m.bump_marks();
+    for (unsigned k = 0; k < s.tets.size; ++k) {
+      const unsigned* row = m.tets.row(s.tets[k]);
+      for (unsigned i = 0; i < 4; ++i)
+        if (!m.marked(row[i]) && !g.settled_nodes.test(row[i]) && !m.hard_set.has_node(row[i])) {
+          m.mark(row[i]);
+          s.nodes.push_back(row[i]);
+        }
+    }
+    bool changed = false;
+    for (unsigned k = 0; k < s.nodes.size; ++k) changed = polish_node(g, s.nodes[k]) || changed;
+    s.new_nodes.clear();
+    const unsigned clock = ++m.tet_clock;
+    for (unsigned k = 0; k < s.tets.size; ++k) {
+      const unsigned t = s.tets[k];
+      if (m.tet_deleted(t) || m.tet_stamps[t] >= clock || m.tet_qualities[t] > 2.0 * before)
+        continue;
+      changed = star_insert(g, t, nodes_left) || changed;
+    }
+    for (unsigned k = 0; k < s.new_nodes.size; ++k) polish_node(g, s.new_nodes[k]);
+    if (!changed) break;
+    pick_worst_tets(g, 1.0, g.frozen_bits, 1, s.tets);
+    if (!s.tets.size) break;
+    const double after = m.tet_qualities[s.tets[0]];
+    if (before > 0.0 && after > before) gain = std::max(gain, after / before);
+  }
+  return gain;
+}
+
+}  // namespace kelvo::voxfill
