@@ -5,6 +5,7 @@
 #include <cfloat>
 #include <cmath>
 
+#include "delaunay/cavity.h"
 #include "delaunay/geometry.h"
 #include "delaunay/mesh_walks.h"
 #include "delaunay/tet_tables.h"
@@ -266,23 +267,61 @@ bool star_insert(regularizer& g, unsigned t, unsigned& nodes_left) noexcept {
   const unsigned node = m.new_node(0.0, 0.0, 0.0, size);
   if (node == NONE) return false;
 
-  // Regions: the tet with its neighbours across soft faces, the shell of each soft edge, and
-  // the tet grown twice. The best star over them wins if it beats their worst tet.
-  unsigned best_kind = NONE;
+  // Where a node would lift the tet: over its hard faces, the mean of their regular apexes on
+  // the tet's side; else its centre. The Delaunay cavity of that place is one of the regions.
+  double lift[3] = {0.0, 0.0, 0.0};
+  unsigned hard_faces = 0;
+  for (unsigned f = 0; f < 4; ++f) {
+    const unsigned* fn = tet_face_nodes[f];
+    if (!m.hard_set.has_face(row[fn[0]], row[fn[1]], row[fn[2]])) continue;
+    double apex[3];
+    apex_target(g, row, f, 1.0, size, apex);
+    for (unsigned c = 0; c < 3; ++c) lift[c] += apex[c];
+    ++hard_faces;
+  }
+  for (unsigned c = 0; c < 3; ++c) {
+    if (hard_faces) {
+      lift[c] /= hard_faces;
+    } else {
+      lift[c] = 0.0;
+      for (unsigned i = 0; i < 4; ++i) lift[c] += 0.25 * m.nodes.row(row[i])[c];
+    }
+  }
+
+  // Regions: the shell of each soft edge, the tet with its neighbours across soft faces (once
+  // and twice grown), and the cavity of the lift. The best star over them wins if it beats their
+  // worst tet.
   double best = 0.0, best_at[3] = {0.0, 0.0, 0.0};
-  for (unsigned kind = 0; kind < 8; ++kind) {
+  bool found = false;
+  s.winner.clear();
+  for (unsigned kind = 0; kind < 9; ++kind) {
     dense1D<unsigned>& region = s.region;
     region.clear();
+    unsigned cap = 24;
     if (kind < 6) {
       unsigned a, b;
       edge_nodes(m, t, kind, a, b);
       if (m.hard_set.has_edge(a, b) || !shell_of_edge(m, a, b, t, region)) continue;
-    } else {
+    } else if (kind < 8) {
       region.push_back(t);
-      grow_region(g, region, 24);
-      if (kind == 7) grow_region(g, region, 24);
+      grow_region(g, region, cap);
+      if (kind == 7) grow_region(g, region, cap);
+    } else {
+      cap = 64;
+      double* x = m.nodes.row(node);
+      std::copy_n(lift, 3, x);
+      kernel_workspace& ws = m.kernel;
+      cavity_record& cav = ws.cavity;
+      dense1D<unsigned>& seeds = g.insertion_seeds;
+      seeds.clear();
+      seeds.push_back(t);
+      collect_cavity(m, node, seeds, cav, CAVITY_TOL);
+      correct_cavity(m, ws, cav, kernel_mode_type::hard_edges, m.hard_set);
+      if (cav.node == NONE || cav.tets.size > cap) continue;
+      for (unsigned k = 0; k < cav.tets.size; ++k) region.push_back(cav.tets[k]);
+      if (!in_region(region, t)) continue;
     }
-    if (region.size < 2 || region.size > 24) continue;
+    if (region.size < 2 || region.size > cap) continue;
     double q0 = 1.0;
     bool frozen = false;
     for (unsigned k = 0; k < region.size; ++k) {
@@ -291,28 +330,23 @@ bool star_insert(regularizer& g, unsigned t, unsigned& nodes_left) noexcept {
     }
     double at[3], q = 0.0;
     if (frozen || !best_star(g, region, node, q0 * (1.0 + 1e-9), at, q)) continue;
-    // Gains are compared against each region's own worst tet.
-    if (best_kind == NONE || q / q0 > best)
-      best = q / q0, best_kind = kind, std::copy_n(at, 3, best_at);
-  }
-  bool done = false;
-  if (best_kind != NONE) {
-    dense1D<unsigned>& region = s.region;
-    region.clear();
-    if (best_kind < 6) {
-      unsigned a, b;
-      edge_nodes(m, t, best_kind, a, b);
-      shell_of_edge(m, a, b, t, region);
-    } else {
-      region.push_back(t);
-      grow_region(g, region, 24);
-      if (best_kind == 7) grow_region(g, region, 24);
+    // Gains are weighed against each region's own worst tet.
+    if (!found || q / q0 > best) {
+      found = true;
+      best = q / q0;
+      std::copy_n(at, 3, best_at);
+      s.winner.clear();
+      for (unsigned k = 0; k < region.size; ++k) s.winner.push_back(region[k]);
     }
+  }
+
+  bool done = false;
+  if (found) {
     double* x = m.nodes.row(node);
     std::copy_n(best_at, 3, x);
-    if (star_rows(g, region, node) && g.old_rows.resize(4, region.size)) {
-      for (unsigned k = 0; k < region.size; ++k)
-        std::copy_n(m.tets.row(region[k]), 4, g.old_rows.col(k));
+    if (star_rows(g, s.winner, node) && g.old_rows.resize(4, s.winner.size)) {
+      for (unsigned k = 0; k < s.winner.size; ++k)
+        std::copy_n(m.tets.row(s.winner[k]), 4, g.old_rows.col(k));
       double q = 1.0;
       for (unsigned j = 0; j < s.rows.cols; ++j) {
         const unsigned* r = s.rows.col(j);
@@ -320,7 +354,7 @@ bool star_insert(regularizer& g, unsigned t, unsigned& nodes_left) noexcept {
         q = std::min(q, s.best[j]);
       }
       g.merit.add_valence_record(node);
-      if (q > 1e-12 && replace_tets(m, g.exchange, region, s.rows, s.best, g.new_tets)) {
+      if (q > 1e-12 && replace_tets(m, g.exchange, s.winner, s.rows, s.best, g.new_tets)) {
         g.merit.commit_valence(g.old_rows, s.rows);
         done = true;
       } else {
@@ -342,6 +376,7 @@ double polish_worst(regularizer& g, unsigned count, unsigned rounds,
   th4_engine& m = g.engine;
   polish_scratch& s = g.polish;
   double gain = 1.0;
+  unsigned stalled = 0;
   for (unsigned r = 0; r < rounds; ++r) {
     if (g.task && g.task->must_stop()) break;
     pick_worst_tets(g, 1.0, g.frozen_bits, count, s.tets);
@@ -374,6 +409,9 @@ double polish_worst(regularizer& g, unsigned count, unsigned rounds,
     if (!s.tets.size) break;
     const double after = m.tet_qualities[s.tets[0]];
     if (before > 0.0 && after > before) gain = std::max(gain, after / before);
+    // Rounds that keep the worst tet where it was only spend time on the ones above it.
+    stalled = after > before ? 0 : stalled + 1;
+    if (stalled == 4) break;
   }
   return gain;
 }

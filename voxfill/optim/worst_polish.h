@@ -20,6 +20,7 @@ struct polish_scratch {
   dense1D<double> best;            // ... at the best place so far
   dense1D<unsigned> region;        // tets that a star of a new node replaces
   dense1D<unsigned> region_nodes;  // their nodes, sorted
+  dense1D<unsigned> winner;        // the region whose star is best so far
   dense1D<unsigned> new_nodes;     // made by the stars of a round
 };
 
