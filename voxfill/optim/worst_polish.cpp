@@ -175,7 +175,8 @@ bool best_star(regularizer& g, const dense1D<unsigned>& region, unsigned node, d
   th4_engine& m = g.engine;
   polish_scratch& s = g.polish;
   if (!star_rows(g, region, node)) return false;
-  best = 1e-12;
+  // A start far below what must be beaten seldom climbs to it: such places are cut short.
+  best = std::max(0.5 * beat, 1e-12);
   bool any = false;
   // Starts: the centre of each tet of the region, and of the region's nodes.
   double centre[3] = {0.0, 0.0, 0.0};
@@ -329,7 +330,8 @@ bool star_insert(regularizer& g, unsigned t, unsigned& nodes_left) noexcept {
       q0 = std::min(q0, m.tet_qualities[region[k]]);
     }
     double at[3], q = 0.0;
-    if (frozen || !best_star(g, region, node, q0 * (1.0 + 1e-9), at, q)) continue;
+    const double beat = q0 * std::max(found ? best : 0.0, 1.0 + 1e-9);
+    if (frozen || !best_star(g, region, node, beat, at, q)) continue;
     // Gains are weighed against each region's own worst tet.
     if (!found || q / q0 > best) {
       found = true;
@@ -337,6 +339,7 @@ bool star_insert(regularizer& g, unsigned t, unsigned& nodes_left) noexcept {
       std::copy_n(at, 3, best_at);
       s.winner.clear();
       for (unsigned k = 0; k < region.size; ++k) s.winner.push_back(region[k]);
+      if (best >= 2.0) break;  // good enough: the other regions would cost more than they add
     }
   }
 
@@ -411,7 +414,7 @@ double polish_worst(regularizer& g, unsigned count, unsigned rounds,
     if (before > 0.0 && after > before) gain = std::max(gain, after / before);
     // Rounds that keep the worst tet where it was only spend time on the ones above it.
     stalled = after > before ? 0 : stalled + 1;
-    if (stalled == 4) break;
+    if (stalled == 2) break;
   }
   return gain;
 }
