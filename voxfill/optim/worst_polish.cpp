@@ -142,6 +142,7 @@ bool star_rows(regularizer& g, const dense1D<unsigned>& region, unsigned node) n
   polish_scratch& s = g.polish;
   s.rows.resize(4, 0);
   s.region_nodes.clear();
+  s.lost.clear();
   for (unsigned k = 0; k < region.size; ++k) {
     const unsigned t = region[k];
     const unsigned* r = m.tets.row(t);
@@ -160,10 +161,13 @@ bool star_rows(regularizer& g, const dense1D<unsigned>& region, unsigned node) n
   s.region_nodes.size =
       unsigned(std::unique(s.region_nodes.begin(), s.region_nodes.end()) - s.region_nodes.begin());
   for (unsigned k = 0; k < s.region_nodes.size; ++k) {
+    const unsigned v = s.region_nodes[k];
     bool on_face = false;
     for (unsigned j = 0; j < s.rows.cols && !on_face; ++j)
-      on_face = local_index(s.rows.col(j), s.region_nodes[k]) < 4;
-    if (!on_face) return false;
+      on_face = local_index(s.rows.col(j), v) < 4;
+    // A node inside the region goes: only a free one may.
+    if (!on_face && (m.hard_set.has_node(v) || g.settled_nodes.test(v))) return false;
+    if (!on_face) s.lost.push_back(v);
   }
   return s.trial.resize(s.rows.cols) && s.best.resize(s.rows.cols);
 }
@@ -295,11 +299,29 @@ bool star_insert(regularizer& g, unsigned t, unsigned& nodes_left) noexcept {
   double best = 0.0, best_at[3] = {0.0, 0.0, 0.0};
   bool found = false;
   s.winner.clear();
-  for (unsigned kind = 0; kind < 9; ++kind) {
+  // Free nodes next to the tet, across its soft faces: each may move into the tet's place.
+  unsigned near[4], near_count = 0;
+  for (unsigned f = 0; f < 4; ++f) {
+    const unsigned nb = m.neighbors(f, t);
+    const unsigned* fn = tet_face_nodes[f];
+    if (nb == NONE || m.hard_set.has_face(row[fn[0]], row[fn[1]], row[fn[2]])) continue;
+    const unsigned* r = m.tets.row(nb);
+    for (unsigned i = 0; i < 4; ++i)
+      if (local_index(row, r[i]) == 4 && !m.hard_set.has_node(r[i]) &&
+          !g.settled_nodes.test(r[i]) &&
+          std::find(near, near + near_count, r[i]) == near + near_count)
+        near[near_count++] = r[i];
+  }
+  for (unsigned kind = 0; kind < 9 + near_count; ++kind) {
     dense1D<unsigned>& region = s.region;
     region.clear();
     unsigned cap = 24;
-    if (kind < 6) {
+    if (kind >= 9) {
+      const unsigned v = near[kind - 9];
+      if (m.ancestors[v] == NONE || !ball_of_node(m, v, m.ancestors[v], region)) continue;
+      cap = 40;
+      if (!in_region(region, t)) region.push_back(t);
+    } else if (kind < 6) {
       unsigned a, b;
       edge_nodes(m, t, kind, a, b);
       if (m.hard_set.has_edge(a, b) || !shell_of_edge(m, a, b, t, region)) continue;
@@ -360,6 +382,10 @@ bool star_insert(regularizer& g, unsigned t, unsigned& nodes_left) noexcept {
       if (q > 1e-12 && replace_tets(m, g.exchange, s.winner, s.rows, s.best, g.new_tets)) {
         g.merit.commit_valence(g.old_rows, s.rows);
         done = true;
+        for (unsigned k = 0; k < s.lost.size; ++k) {
+          g.merit.clear_valence_record(s.lost[k]);
+          if (nodes_left != NONE) ++nodes_left;
+        }
       } else {
         g.merit.clear_valence_record(node);
       }

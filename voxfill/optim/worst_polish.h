@@ -21,6 +21,7 @@ struct polish_scratch {
   dense1D<unsigned> region;        // tets that a star of a new node replaces
   dense1D<unsigned> region_nodes;  // their nodes, sorted
   dense1D<unsigned> winner;        // the region whose star is best so far
+  dense1D<unsigned> lost;          // free nodes inside a region, which its star drops
   dense1D<unsigned> new_nodes;     // made by the stars of a round
 };
 
