@@ -8,7 +8,7 @@
 #include <cstdio>
 #include <string>
 
-#include "mesh_text.h"
+#include "medit_record.h"
 #include "voxfill/delaunay_th4.h"
 #include "voxfill/refine/refine_context.h"
 
@@ -22,21 +22,7 @@ bool read_surface(const char* path, mesher::data_type& data) {
   bench_mesh::tables in;
   std::string error;
   if (!bench_mesh::read_medit(path, in, error)) return false;
-  const unsigned n = unsigned(in.node_count());
-  const unsigned nt = unsigned(in.tris.size() / 3), ne = unsigned(in.edges.size() / 2);
-  dense2D<double> pos(3, n);
-  for (unsigned j = 0; j < n; ++j)
-    for (unsigned i = 0; i < 3; ++i) pos(i, j) = in.xyz[3 * std::size_t(j) + i];
-  dense2D<unsigned> connectB(3, nt);
-  for (unsigned j = 0; j < nt; ++j)
-    for (unsigned i = 0; i < 3; ++i) connectB(i, j) = in.tris[3 * std::size_t(j) + i];
-  data = mesher::data_type(pos, connectB);
-  if (ne) {
-    data.connectE.resize(2, ne);
-    for (unsigned j = 0; j < ne; ++j)
-      for (unsigned i = 0; i < 2; ++i) data.connectE(i, j) = in.edges[2 * std::size_t(j) + i];
-  }
-  for (std::uint32_t k : in.corners) data.isolated_nodes.push_back(k);
+  data = bench_mesh::record_from_tables(in);
   return true;
 }
 

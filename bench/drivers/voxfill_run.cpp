@@ -12,7 +12,7 @@
 #include <cstring>
 #include <string>
 
-#include "mesh_text.h"
+#include "medit_record.h"
 #include "voxfill/mesher_th4.h"
 
 using namespace kelvo;
@@ -52,26 +52,12 @@ int main(int argc, char** argv) {
   }
 
   const unsigned n = unsigned(in.node_count());
-  dense2D<double> pos(3, n);
-  for (unsigned j = 0; j < n; ++j)
-    for (unsigned i = 0; i < 3; ++i) pos(i, j) = in.xyz[3 * std::size_t(j) + i];
   // A tet mesh brings its own skin: the library keeps it, and any triangle handed over as well.
   if (tets) in.tris.clear(), in.edges.clear(), in.corners.clear();
-  const unsigned nt = unsigned(in.tris.size() / 3), ne = unsigned(in.edges.size() / 2);
-  dense2D<unsigned> connectB(3, nt);
-  for (unsigned j = 0; j < nt; ++j)
-    for (unsigned i = 0; i < 3; ++i) connectB(i, j) = in.tris[3 * std::size_t(j) + i];
-  voxfill::mesher::data_type data(pos, connectB);
-  if (ne) {
-    data.connectE.resize(2, ne);
-    for (unsigned j = 0; j < ne; ++j)
-      for (unsigned i = 0; i < 2; ++i) data.connectE(i, j) = in.edges[2 * std::size_t(j) + i];
-  }
+  voxfill::mesher::data_type data = bench_mesh::record_from_tables(in);
   if (cloud) {
     data.isolated_nodes.reserve(n);
     for (unsigned k = 0; k < n; ++k) data.isolated_nodes.push_back(k);
-  } else {
-    for (std::uint32_t k : in.corners) data.isolated_nodes.push_back(k);
   }
 
   if (tets) {
