@@ -212,7 +212,9 @@ TEST(Regularization, TetgenMeshesOfRealSurfaces) {
     expect_regularised(in, out);
     // These surfaces have no needles: the worst tet can be lifted past 0.1, above what Delaunay
     // refinement of the same mesh reaches.
-    if (std::string(name) != "rotor") EXPECT_GT(out.min_quality, 0.1) << name;
+    if (std::string(name) != "rotor") {
+      EXPECT_GT(out.min_quality, 0.1) << name;
+    }
     std::printf("%s: tets %u -> %u, worst %.4f -> %.4f, bound %.3f, %.2f s\n", name,
                 in.connectM.cols, out.tet_count, out.min_quality_in, out.min_quality,
                 out.quality_bound, out.total_time);
