@@ -150,22 +150,34 @@ double search_step(regularizer& g, unsigned node, double weight, const dense1D<u
   sm.ball_neighbors.clear();
   m.bump_marks();
   m.mark(node);
-  for (unsigned j = 0; j < ball.size; ++j) {
+  // Every neighbour of a closed ball is in three tets at least: the first two can be left out.
+  for (unsigned j = 2; j < ball.size; ++j) {
     const unsigned* r = sm.ball_rows.col(j);
-    const double q = m.tet_qualities[ball[j]];
-    qmin = std::min(qmin, q);
-    double target[3];
-    apex_target(g, r, local_index(r, node), weight, h, target);
-    const double W = q > 0.001 ? 1.0 / (q * q) : 1000000.0;
-    W_sum += W;
-    for (unsigned c = 0; c < 3; ++c) D[c] += W * (target[c] - p[c]);
-    // Every neighbour of a closed ball is in three tets at least: the first two can be left out.
-    if (j < 2) continue;
     for (unsigned i = 0; i < 4; ++i)
       if (!m.marked(r[i])) {
         m.mark(r[i]);
         sm.ball_neighbors.push_back(r[i]);
       }
+  }
+  // Each neighbour's mean with the node once, instead of once per tet that the two share.
+  const unsigned cols = m.nodes.cols();
+  const bool cached =
+      weight < 1.0 &&
+      (sm.node_means.size >= cols || sm.node_means.resize(std::max(cols, 2 * sm.node_means.size)));
+  if (cached)
+    for (unsigned e = 0; e < sm.ball_neighbors.size; ++e) {
+      const unsigned b = sm.ball_neighbors[e];
+      sm.node_means[b] = log_mean(h, m.node_sizes[b]);
+    }
+  for (unsigned j = 0; j < ball.size; ++j) {
+    const unsigned* r = sm.ball_rows.col(j);
+    const double q = m.tet_qualities[ball[j]];
+    qmin = std::min(qmin, q);
+    double target[3];
+    apex_target(g, r, local_index(r, node), weight, h, target, cached ? &sm.node_means : nullptr);
+    const double W = q > 0.001 ? 1.0 / (q * q) : 1000000.0;
+    W_sum += W;
+    for (unsigned c = 0; c < 3; ++c) D[c] += W * (target[c] - p[c]);
   }
   double d2_min = DBL_MAX, d2_sum = 0.0, r_max = 1.0;
   sm.ball_edges.resize(2, sm.ball_neighbors.size);
@@ -186,7 +198,7 @@ double search_step(regularizer& g, unsigned node, double weight, const dense1D<u
     sm.means_size = h;
     for (unsigned e = 0; e < sm.ball_edges.cols; ++e) {
       const unsigned b = sm.ball_edges(1, e);
-      const double mean = log_mean(h, m.node_sizes[b]);
+      const double mean = cached ? sm.node_means[b] : log_mean(h, m.node_sizes[b]);
       if (keep) sm.edge_means[e] = mean;
       s_min = std::min(s_min, symmetric_length_with(m, node, b, mean));
     }
@@ -230,7 +242,7 @@ double search_step(regularizer& g, unsigned node, double weight, const dense1D<u
 }  // namespace
 
 void apex_target(const regularizer& g, const unsigned* row, unsigned local, double weight,
-                 double size, double* target) noexcept {
+                 double size, double* target, const dense1D<double>* means) noexcept {
   const mesh_store& m = g.engine;
   const unsigned* f = tet_face_nodes[local];
   const double* a = m.nodes.row(row[f[0]]);
@@ -244,7 +256,10 @@ void apex_target(const regularizer& g, const unsigned* row, unsigned local, doub
   double e = std::sqrt(dist2<3>(a, b)) + std::sqrt(dist2<3>(b, c)) + std::sqrt(dist2<3>(c, a));
   if (weight < 1.0) {
     double s = 0.0;
-    for (unsigned k = 0; k < 3; ++k) s += log_mean(m.node_sizes[row[f[k]]], size);
+    for (unsigned k = 0; k < 3; ++k) {
+      const unsigned v = row[f[k]];
+      s += means && m.marked(v) ? (*means)[v] : log_mean(m.node_sizes[v], size);
+    }
     e = s + weight * (e - s);
   }
   for (unsigned k = 0; k < 3; ++k)

@@ -29,6 +29,9 @@ struct node_smoother {
   // trials that keep its size need no logarithm.
   dense1D<double> edge_means;
   double means_size = 0.0;
+  // The same means indexed by the neighbour's node, for the targets of the ball's tets; valid for
+  // the nodes that the vote marks.
+  dense1D<double> node_means;
   size_ray ray;
   dense1D<unsigned> ball;   // of the node under work, for smooth_nodes
   dense1D<unsigned> nodes;  // scratch of smooth_worst
@@ -36,8 +39,9 @@ struct node_smoother {
 
 // Where the node would make the tet regular: above the centroid of the face opposite it, at the
 // height of a regular tet on the face's mean edge (blended with the sizes when weight < 1).
+// With `means`, the entries of the nodes marked now stand for their log mean with `size`.
 void apex_target(const regularizer& g, const unsigned* row, unsigned local, double weight,
-                 double size, double* target) noexcept;
+                 double size, double* target, const dense1D<double>* means = nullptr) noexcept;
 
 // Moves the node to the best place along its vote when that raises the merit of its ball. The
 // gain; 1.0 when the node stays, 0.0 when memory ran out.
