@@ -7,6 +7,7 @@
 
 #include "delaunay/mesh_walks.h"
 #include "delaunay/tet_tables.h"
+#include "voxfill/boundary/hard_entities.h"
 
 namespace kelvo::voxfill {
 namespace {
@@ -173,15 +174,27 @@ void report_hard_entities(mesh_store& m, mesher::data_type& data, bool strict_co
     return false;
   };
   const dense2D<unsigned>& B = data.connectB;
+  // Which tets hold the hard faces, in one pass instead of a walk around each face.
+  dense1D<unsigned char> holders;
+  if (!B.empty() && !hard_face_holders(m, holders)) holders.clear();
   if (!B.empty())
     for (unsigned i = 0; i < B.cols; ++i) {
       const unsigned a = B(0, i), b = B(1, i), c = B(2, i);
       if (a == b || b == c || a == c) continue;
-      tets_of_face(m, a, b, c, list);
+      bool held = false, in_domain = false;
+      const unsigned e = holder_entry(m, holders, a, b, c);
+      if (e != NONE) {
+        held = holders[e] != 0;
+        in_domain = (holders[e] & 2) != 0;
+      } else {
+        tets_of_face(m, a, b, c, list);
+        held = list.size != 0;
+        in_domain = any_in_domain(list);
+      }
       const bool unenforced = u.has_face(a, b, c);
-      if (!any_in_domain(list)) {
+      if (!in_domain) {
         data.missing_faces.push_back(i);
-        if (list.size == 0 && !unenforced) ++lost;
+        if (!held && !unenforced) ++lost;
       }
       if (unenforced) data.conflicting_faces.push_back(i);
     }

@@ -20,6 +20,15 @@ void register_hard_entities(mesh_store& m, mesher::data_type& data, bool keep_tw
 // not finite: the kernel then refuses the box with its own error).
 void hard_nodes_and_box(const mesh_store& m, dense1D<unsigned>& list, double lo[3], double hi[3]);
 
+// For each entry of `hard_set.faces`, by one pass over the live tets: bit 0 set when a tet holds
+// the face, bit 1 when a tet of the domain does. False when memory ran out.
+bool hard_face_holders(const mesh_store& m, dense1D<unsigned char>& holders) noexcept;
+
+// The entry of the hard face (a, b, c) in `holders`, NONE when the face must be looked up in the
+// mesh itself: repeated or unknown nodes, or no such hard face.
+unsigned holder_entry(const mesh_store& m, const dense1D<unsigned char>& holders, unsigned a,
+                      unsigned b, unsigned c) noexcept;
+
 // Lists the faces, edges and nodes of the input that the mesh lacks (each node once, first
 // occurrence kept). With `with_entity_nodes`, the nodes of absent faces and edges are checked too.
 void collect_missing(mesh_store& m, const dense2D<unsigned>& connectB,
