@@ -26,21 +26,30 @@ unsigned local_index(const unsigned* row, unsigned node) noexcept {
 }
 
 // The worst quality of the tets `rows` with the node at `p`, each into `out`, or 0.0 as soon as
-// one falls to `floor` or below: such a place cannot win.
+// one falls to `floor` or below: such a place cannot win. The tet that failed moves to the front,
+// so that the next trial meets it first (with its entries of `best`, and of `ball` when the rows
+// are a ball's).
 double worst_at(regularizer& g, unsigned node, const double* p, double floor,
                 dense1D<double>& out) noexcept {
   th4_engine& m = g.engine;
-  const dense2D<unsigned>& rows = g.polish.rows;
+  polish_scratch& s = g.polish;
+  dense2D<unsigned>& rows = s.rows;
   double* x = m.nodes.row(node);
   const double old[3] = {x[0], x[1], x[2]};
   x[0] = p[0], x[1] = p[1], x[2] = p[2];
   double q = 1.0;
   for (unsigned j = 0; j < rows.cols; ++j) {
-    const unsigned* r = rows.col(j);
+    unsigned* r = rows.col(j);
     const double v = tet_quality(m.nodes.data, r[0], r[1], r[2], r[3]);
     out[j] = v;
     if (!(v > floor)) {
       q = 0.0;
+      if (j > 0) {
+        unsigned* front = rows.col(0);
+        for (unsigned i = 0; i < 4; ++i) std::swap(front[i], r[i]);
+        std::swap(s.best[0], s.best[j]);
+        if (s.rows_of_ball) std::swap(s.ball[0], s.ball[j]);
+      }
       break;
     }
     q = std::min(q, v);
@@ -179,6 +188,7 @@ bool best_star(regularizer& g, const dense1D<unsigned>& region, unsigned node, d
   th4_engine& m = g.engine;
   polish_scratch& s = g.polish;
   if (!star_rows(g, region, node)) return false;
+  s.rows_of_ball = false;
   // A start far below what must be beaten seldom climbs to it: such places are cut short.
   best = std::max(0.5 * beat, 1e-12);
   bool any = false;
@@ -212,6 +222,7 @@ bool polish_node(regularizer& g, unsigned node) noexcept {
   if (start == NONE || !ball_of_node(m, node, start, s.ball) || !s.ball.size) return false;
   const unsigned n = s.ball.size;
   if (!s.rows.resize(4, n) || !s.trial.resize(n) || !s.best.resize(n)) return false;
+  s.rows_of_ball = true;
   double q0 = 1.0;
   for (unsigned j = 0; j < n; ++j) {
     if (g.frozen(s.ball[j])) return false;

@@ -22,6 +22,7 @@ struct polish_scratch {
   dense1D<unsigned> region_nodes;  // their nodes, sorted
   dense1D<unsigned> winner;        // the region whose star is best so far
   dense1D<unsigned> lost;          // free nodes inside a region, which its star drops
+  bool rows_of_ball = false;       // rows are the tets of `ball`, in the same order
   dense1D<unsigned> new_nodes;     // made by the stars of a round
 };
 
