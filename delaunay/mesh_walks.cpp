@@ -6,12 +6,9 @@
 
 #include "delaunay/geometry.h"
 #include "delaunay/tet_tables.h"
-#include "numcore/prefetch.h"
 
 namespace kelvo::voxfill {
 namespace {
-
-using numcore::prefetch;
 
 unsigned local_index(const unsigned* tet, unsigned node) noexcept {
   for (unsigned k = 0; k < 4; ++k)
@@ -80,24 +77,16 @@ bool walk_ball(const mesh_store& m, unsigned node, unsigned start, dense1D<unsig
     const unsigned t = stack.back();
     stack.pop_back();
     const unsigned* n = m.tets.row(t);
-    const unsigned* nbs = m.neighbors.row(t);
     unsigned faces[4], count = 0;
     for (unsigned i = 0; i < 4; ++i)
       if (n[i] != node) faces[count++] = i;
-    // A ball's rows lie far apart: the marks of all the neighbours are asked for at once, and the
-    // rows of each tet taken as soon as it is, so that the misses overlap.
-    for (unsigned k = 0; k < count; ++k)
-      if (nbs[faces[k]] < m.marks.size) prefetch(m.marks.data() + nbs[faces[k]]);
     out.push_back(t);
     for (unsigned k = count; k-- > 0;) {
-      const unsigned nb = nbs[faces[k]];
-      if (nb == NONE) {
+      const unsigned nb = m.neighbors(faces[k], t);
+      if (nb == NONE)
         closed = false;
-      } else if (visit(nb)) {
-        prefetch(m.tets.row(nb));
-        prefetch(m.neighbors.row(nb));
+      else if (visit(nb))
         stack.push_back(nb);
-      }
     }
   }
   return closed;

@@ -8,7 +8,6 @@
 #include "delaunay/geometry.h"
 #include "delaunay/mesh_walks.h"
 #include "delaunay/tet_tables.h"
-#include "numcore/prefetch.h"
 #include "voxfill/optim/regularize_mesh.h"
 #include "voxfill/optim/regularizer.h"
 
@@ -17,7 +16,6 @@ namespace kelvo::voxfill {
 namespace {
 
 using namespace geometry_detail;
-using numcore::prefetch;
 
 // q^w s^(1 - w), or q alone when w >= 1.
 double blend(double s, double q, double w) noexcept {
@@ -295,15 +293,6 @@ double smooth_nodes(regularizer& g, const dense1D<unsigned>& nodes, double weigh
   double gain = 1.0;
   for (unsigned k = 0; k < nodes.size; ++k) {
     const unsigned node = nodes[k];
-    // The next node's place and first tet, asked for while this one is worked on.
-    if (k + 1 < nodes.size) {
-      const unsigned next = nodes[k + 1];
-      if (next < m.ancestors.size && m.ancestors[next] != NONE) {
-        prefetch(m.nodes.row(next));
-        prefetch(m.tets.row(m.ancestors[next]));
-        prefetch(m.neighbors.row(m.ancestors[next]));
-      }
-    }
     dense1D<unsigned>& ball = g.smoother.ball;
     const unsigned start = node < m.ancestors.size ? m.ancestors[node] : NONE;
     if (start == NONE || !ball_of_node(m, node, start, ball)) ball.clear();
