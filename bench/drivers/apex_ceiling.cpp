@@ -8,7 +8,7 @@
 #include <cstdio>
 #include <string>
 
-#include "mesh_text.h"
+#include "medit_record.h"
 #include "voxfill/refine/size_field.h"
 
 using namespace kelvo;
@@ -24,13 +24,10 @@ int main(int argc, char** argv) {
     std::printf("{\"error\": \"%s\"}\n", error.c_str());
     return 1;
   }
-  const unsigned n = unsigned(m.node_count()), nt = unsigned(m.tris.size() / 3);
-  dense2D<double> xyz(3, n);
-  for (unsigned j = 0; j < n; ++j)
-    for (unsigned i = 0; i < 3; ++i) xyz(i, j) = m.xyz[3 * std::size_t(j) + i];
-  dense2D<unsigned> tris(3, nt);
-  for (unsigned j = 0; j < nt; ++j)
-    for (unsigned i = 0; i < 3; ++i) tris(i, j) = m.tris[3 * std::size_t(j) + i];
+  const voxfill::mesher::data_type data = bench_mesh::record_from_tables(m);
+  const dense2D<double>& xyz = data.pos;
+  const dense2D<unsigned>& tris = data.connectB;
+  const unsigned nt = tris.cols;
   double ceiling = 1.0;
   unsigned worst = 0;
   for (unsigned j = 0; j < nt; ++j) {
