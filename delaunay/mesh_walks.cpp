@@ -10,12 +10,6 @@
 namespace kelvo::voxfill {
 namespace {
 
-unsigned local_index(const unsigned* tet, unsigned node) noexcept {
-  for (unsigned k = 0; k < 4; ++k)
-    if (tet[k] == node) return k;
-  return 4;
-}
-
 bool holds(const unsigned* tet, unsigned node) noexcept {
   return local_index(tet, node) < 4;
 }

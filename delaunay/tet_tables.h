@@ -72,4 +72,11 @@ constexpr tet_order_table make_tet_even_orders() noexcept {
 }
 inline constexpr tet_order_table tet_even_orders = make_tet_even_orders();
 
+// Where node stands in a tet's row of four nodes; 4 when it is not there.
+inline constexpr unsigned local_index(const unsigned* row, unsigned node) noexcept {
+  for (unsigned i = 0; i < 4; ++i)
+    if (row[i] == node) return i;
+  return 4;
+}
+
 }  // namespace kelvo::voxfill

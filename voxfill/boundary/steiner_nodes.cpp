@@ -26,12 +26,6 @@ bool alive(const mesh_store& m, unsigned n) noexcept {
   return n < m.ancestors.size && m.ancestors[n] != NONE;
 }
 
-unsigned local_index(const unsigned* row, unsigned node) noexcept {
-  for (unsigned k = 0; k < 4; ++k)
-    if (row[k] == node) return k;
-  return 4;
-}
-
 double worst_quality(const mesh_store& m, const dense1D<unsigned>& tets) noexcept {
   double q = 1.0;
   for (unsigned k = 0; k < tets.size; ++k) q = std::min(q, m.tet_qualities[tets[k]]);

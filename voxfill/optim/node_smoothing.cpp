@@ -22,12 +22,6 @@ double blend(double s, double q, double w) noexcept {
   return w >= 1.0 ? q : s * std::pow(q / s, w);
 }
 
-unsigned local_index(const unsigned* row, unsigned node) noexcept {
-  for (unsigned i = 0; i < 4; ++i)
-    if (row[i] == node) return i;
-  return 4;
-}
-
 // symmetric_length of edge (a, b) with the log mean h of its end sizes given.
 double symmetric_length_with(const mesh_store& m, unsigned a, unsigned b, double h) noexcept {
   const double d = std::sqrt(edge_length2(m.nodes.data, a, b));

@@ -19,12 +19,6 @@ namespace {
 
 using namespace geometry_detail;
 
-unsigned local_index(const unsigned* row, unsigned node) noexcept {
-  for (unsigned i = 0; i < 4; ++i)
-    if (row[i] == node) return i;
-  return 4;
-}
-
 // The worst quality of the tets `rows` with the node at `p`, each into `out`, or 0.0 as soon as
 // one falls to `floor` or below: such a place cannot win. The tet that failed moves to the front,
 // so that the next trial meets it first (with its entries of `best`, and of `ball` when the rows
