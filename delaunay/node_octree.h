@@ -33,7 +33,8 @@ struct node_octree {
   dense1D<unsigned> stack;
 
   node_octree() = default;
-  explicit node_octree(const slot_table<double>* c) noexcept : coords(c) {}
+  // Not noexcept: the cell table takes its first rows here.
+  explicit node_octree(const slot_table<double>* c) : coords(c) {}
 
   // Empties the tree and covers the box lo..hi, widened by 1e-12 of its largest extent so that
   // points on its faces are inside. False when the root row could not be had (tree unusable).

@@ -1,14 +1,18 @@
 // The engine of one run: clearing, settings in order, progress tree, dispatch on the mode.
 #include "voxfill/delaunay_th4.h"
 
+#include <algorithm>
+
+#include "voxfill/kernel_task.h"
 #include "voxfill/refine/refine_context.h"
+#include "voxfill/refine/refinement_loop.h"
 
 namespace kelvo::voxfill {
 
 const double* phase_weights(unsigned mode) noexcept {
   static constexpr double kWeights[4][6] = {
       {0.01, 0.09, 0.1, 0.55, 0.25, 0.0},  // mesh generation
-      {0.1, 0.0, 0.0, 0.0, 0.9, 0.0},      // regularisation
+      {0.1, 0.0, 0.0, 0.4, 0.5, 0.0},      // regularisation
       {0.1, 0.9, 0.0, 0.0, 0.0, 0.0},      // Delaunay of the hull
       {0.0, 0.0, 0.0, 0.0, 0.0, 0.0},      // any other mode
   };
@@ -32,6 +36,19 @@ void th4_engine::clear() {
   if (size_field != own_size_field.get()) delete size_field;
   size_field = own_size_field.get();
   own_size_field->reseed();
+}
+
+unsigned th4_engine::nodes_under_limit() const noexcept {
+  if (settings.nodes_limit == NONE) return NONE;
+  unsigned alive = 0;
+  for (unsigned v = 0; v < ancestors.size; ++v) alive += ancestors[v] != NONE;
+  return settings.nodes_limit - std::min(settings.nodes_limit, alive);
+}
+
+void th4_engine::refine_inside(refine_context& context, const dense1D<unsigned>& steiner_list) {
+  context.protected_nodes.clear();
+  for (unsigned v : steiner_list) context.protected_nodes.insert(index_key{{v}});
+  refine_mesh(*this, context, *tasks->phase_task(phase_refine));
 }
 
 void th4_engine::run(mesher::data_type& data, refine_context& context) {
@@ -62,7 +79,7 @@ void th4_engine::run_steps(mesher::data_type& data, refine_context* context) {
       if (context) run_mesh_generation(data, *context);
       break;
     case 1:
-      run_regularization(data);
+      run_regularization(data, context);
       break;
     case 2:
       run_delaunay(data);

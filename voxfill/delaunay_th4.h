@@ -57,7 +57,15 @@ class th4_engine : public mesh_store {
 
   // Pipelines of the three modes.
   void run_mesh_generation(mesher::data_type& data, refine_context& context);
-  void run_regularization(mesher::data_type& data);
+  void run_regularization(mesher::data_type& data, refine_context* context);
+  // The first steps of the regularisation: the caller's tets loaded, linked and sized, skin and
+  // walls hard, `min_quality_in` and `quality_bound` set. True when the input was inverted.
+  bool load_given_mesh(mesher::data_type& data, bool again);
+  // Nodes that may still be made under `nodes_limit`; NONE for no limit.
+  unsigned nodes_under_limit() const noexcept;
+  // The refinement loop on the classified mesh, from `context.nodes_left` on; the Steiner nodes
+  // that the boundary recovery left are protected.
+  void refine_inside(refine_context& context, const dense1D<unsigned>& steiner_list);
   void run_delaunay(mesher::data_type& data);
 
   // Output stage.

@@ -209,14 +209,8 @@ void th4_engine::run_mesh_generation(mesher::data_type& data, refine_context& co
     kernel_mode =
         data.connectE.empty() ? kernel_mode_type::hard_faces : kernel_mode_type::hard_edges;
     if (!must_stop()) {
-      unsigned alive = 0;
-      for (unsigned v = 0; v < ancestors.size; ++v) alive += ancestors[v] != NONE;
-      context.nodes_left = settings.nodes_limit == NONE
-                               ? NONE
-                               : settings.nodes_limit - std::min(settings.nodes_limit, alive);
-      context.protected_nodes.clear();
-      for (unsigned v : steiner_list) context.protected_nodes.insert(index_key{{v}});
-      refine_mesh(*this, context, *tasks->phase_task(phase_refine));
+      context.nodes_left = nodes_under_limit();
+      refine_inside(context, steiner_list);
       if (context.nodes_left == 0) tasks->raise_warning(msg::nodes_limit_warning);
     }
   }

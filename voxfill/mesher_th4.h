@@ -105,6 +105,8 @@ class mesher {
     unsigned mode = 0;  // 0 mesh a boundary, 1 regularise connectM, 2 Delaunay of the hull
     bool strict_constraints = true;
     unsigned subdomain_rule = 0;
+    // Fill the domain with nodes up to the sizes; in mode 1 from the skin of the given mesh, whose
+    // skin nodes take the mean length of their skin edges as size, before the optimiser runs.
     bool refine = true;
     bool front_as_background = false;
     bool optim_node_smoothing = true;

@@ -11,6 +11,8 @@
 #include "voxfill/boundary/hard_entities.h"
 #include "voxfill/delaunay_th4.h"
 #include "voxfill/optim/regularize_mesh.h"
+#include "voxfill/refine/refine_context.h"
+#include "voxfill/refine/refinement_loop.h"
 #include "voxfill/refine/size_field.h"
 #include "voxfill/run_clock.h"
 
@@ -83,9 +85,8 @@ bool register_skin(mesh_store& m, bool by_colour) {
 
 }  // namespace
 
-void th4_engine::run_regularization(mesher::data_type& data) {
-  const unsigned n = data.pos.cols;
-  display("Initialization.\n");
+bool th4_engine::load_given_mesh(mesher::data_type& data, bool again) {
+  if (!again) display("Initialization.\n");
   if (!load_nodes(data.pos, dense1D<double>()) || !load_tets(data.connectM, 0))
     raise_error(msg::memory_mode1_setup);
   double volume = domain_volume();
@@ -149,11 +150,51 @@ void th4_engine::run_regularization(mesher::data_type& data) {
   data.min_quality_in = recompute_qualities(true);
   data.quality_bound = quality_bound(nodes.data, data.connectB);
   tasks->close_phase(phase_init);
+  return inverted;
+}
 
+void th4_engine::run_regularization(mesher::data_type& data, refine_context* context) {
+  const unsigned n = data.pos.cols;
+  // The caller's boundary, for a second start: the first one replaces it by the skin.
+  dense2D<unsigned> boundary;
+  boundary.copy(data.connectB);
+  const bool inverted = load_given_mesh(data, false);
+
+  // A coarse mesh is filled up to its own sizes first, from the skin inwards, as mode 0 fills a
+  // recovered boundary: moves on the tets of a mesh with no inner nodes can't make good tets.
   double T = clock_now();
+  bool refined = false;
+  if (context && settings.refine && settings.optim_level != 0 && data.volume > 0.0 &&
+      !must_stop()) {
+    // With no room for a node the caller asked for the mesh's own nodes: no refinement, and no
+    // warning either.
+    context->nodes_left = nodes_under_limit();
+    if (context->nodes_left != 0) {
+      display("Refine mesh.\n");
+      kernel_mode =
+          data.connectE.empty() ? kernel_mode_type::hard_faces : kernel_mode_type::hard_edges;
+      const unsigned before = nodes.cols();
+      refine_inside(*context, dense1D<unsigned>());
+      refined = nodes.cols() != before;
+      if (context->nodes_left == 0) tasks->raise_warning(msg::nodes_limit_warning);
+    }
+  }
+  tasks->close_phase(phase_refine);
+  data.refine_time = clock_now() - T;
+
+  T = clock_now();
   if (settings.optim_level != 0 && !must_stop()) {
     display("Regularize mesh.\n");
     regularize_mesh(*this, size_field != own_size_field.get(), data.quality_bound);
+    // Nodes placed for sizes may leave a tet worse than the worst one given, where the mesh was
+    // already near its sizes: the caller then gets the regularisation of the mesh as it came.
+    if (refined && !must_stop() && data.error_code == 0 && min_quality() < data.min_quality_in) {
+      clear();
+      data.connectB.copy(boundary);
+      load_given_mesh(data, true);
+      if (!must_stop())
+        regularize_mesh(*this, size_field != own_size_field.get(), data.quality_bound);
+    }
   }
   tasks->close_phase(phase_regularize);
   data.optim_time = clock_now() - T;

@@ -27,7 +27,7 @@ void add_settings(CLI::App* app, mesher::settings_type& s) {
                   "hard face, 2 only the first region")
       ->capture_default_str()
       ->group(group);
-  flag("--refine,!--no-refine", s.refine, "add nodes to reach the sizes (mode 0)");
+  flag("--refine,!--no-refine", s.refine, "add nodes to reach the sizes (modes 0 and 1)");
   flag("--front-as-background,!--no-front-as-background", s.front_as_background,
        "the mesh of the boundary becomes the background mesh");
   flag("--optim-node-smoothing,!--no-optim-node-smoothing", s.optim_node_smoothing,

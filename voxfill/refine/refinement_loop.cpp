@@ -148,7 +148,15 @@ void collect_front(th4_engine& e, refine_context& c) {
     const unsigned* r = e.tets.row(t);
     for (unsigned i = 0; i < 4; ++i) {
       const unsigned nb = e.neighbors(i, t);
-      if (nb == NONE || e.tet_deleted(nb)) continue;
+      if (nb == NONE) {
+        // A hard face on the hull is the skin of a given mesh: nothing lies behind it, as behind
+        // the good outside tets of a generated one.
+        const unsigned* fn = tet_face_nodes[i];
+        if (e.hard_set.has_face(r[fn[0]], r[fn[1]], r[fn[2]]) && !insert_front(c, 4 * t + i))
+          return;
+        continue;
+      }
+      if (e.tet_deleted(nb)) continue;
       if (c.good_tets.test(nb)) {
         if (!insert_front(c, 4 * t + i)) return;
       } else if (c.hard_front) {
@@ -207,9 +215,10 @@ int make_front(th4_engine& e, refine_context& c, const dense1D<unsigned>& insert
   c.ring_tets.clear();
   for (unsigned t = 0; t < old_bits; ++t) {
     if (c.good_tets.test(t) || e.colors[t] == DELETED) continue;
+    // The hull counts as good: a tet on the skin of a given mesh had its turn on the front.
     const unsigned* nb = e.neighbors.row(t);
     for (unsigned i = 0; i < 4; ++i)
-      if (nb[i] != NONE && c.good_tets.test(nb[i])) {
+      if (nb[i] == NONE || c.good_tets.test(nb[i])) {
         c.ring_tets.push_back(t);
         break;
       }

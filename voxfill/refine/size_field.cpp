@@ -338,6 +338,23 @@ void sizes_from_mesh(th4_engine& engine, const mesher::data_type& data) {
       if (a < N && b < N) add_side(xyz, a, b, raw, counts);
     }
     divide(raw, counts);
+    // A skin node takes the mean of its skin edges alone: the inner edges of a mesh with few or no
+    // inner nodes cross the whole body, and their lengths would make the skin's sizes meaningless.
+    // In a mesh that is already graded the two means are nearly the same.
+    dense1D<double> skin;
+    dense1D<unsigned> skin_counts;
+    if (!skin.resize(N, 0.0) || !skin_counts.resize(N, 0u)) {
+      engine.raise_error(msg::memory_mode1_sizes);
+      return;
+    }
+    const dense2D<unsigned>& B = data.connectB;
+    for (unsigned j = 0; !B.empty() && j < B.cols; ++j) {
+      const unsigned* tri = B.col(j);
+      if (tri[0] >= N || tri[1] >= N || tri[2] >= N) continue;
+      for (unsigned i = 0; i < 3; ++i) add_side(xyz, tri[i], tri[(i + 1) % 3], skin, skin_counts);
+    }
+    divide(skin, skin_counts);
+    merge_sizes(raw, skin);
     merge_sizes(engine.node_sizes, raw);
     merge_sizes(engine.node_sizes, data.metrics);
   } catch (const std::bad_alloc&) {
