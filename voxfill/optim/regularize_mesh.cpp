@@ -391,7 +391,10 @@ void regularize_mesh(th4_engine& e, bool with_background, double boundary_qualit
     prepare_masks(g);
     // Nodes that the moves removed do not widen the caller's budget.
     unsigned left = s.optim_node_insertion ? std::min(nodes_left, nodes_given) : 0;
-    polish_worst(g, std::max(64u, live_tet_count(e) / 100), 24, left);
+    // A max-min polish: a thousand of the worst tets are what can still move the worst one, however
+    // large the mesh.
+    const unsigned count = std::min(1024u, std::max(64u, live_tet_count(e) / 100));
+    polish_worst(g, count, 24, left);
   }
 }
 
