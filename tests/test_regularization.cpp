@@ -305,6 +305,58 @@ TEST(Regularization, CubeInSixTetsGetsACentreNode) {
   EXPECT_EQ(kuhn.pos.cols, 8u);
 }
 
+// The Delaunay mesh of points on an ellipsoid (not a sphere: all its tets would share one
+// circumsphere) has every node on its skin and slivers under it. Filled from the skin, its worst
+// tet comes near the bound of the skin; under a node limit it is filled up to the limit, with the
+// warning.
+TEST(Regularization, SkinOnlyMeshIsFilledUpToTheLimit) {
+  auto ellipsoid = [] {
+    const unsigned n = 300;
+    dense2D<double> pos(3, n);
+    for (unsigned j = 0; j < n; ++j) {
+      const double z = 1.0 - (2.0 * j + 1.0) / n, r = std::sqrt(1.0 - z * z);
+      const double a = 2.399963229728653 * j;
+      pos(0, j) = r * std::cos(a), pos(1, j) = 0.8 * r * std::sin(a), pos(2, j) = 0.6 * z;
+    }
+    data_type hull(pos, dense2D<unsigned>());
+    for (unsigned j = 0; j < n; ++j) hull.isolated_nodes.push_back(j);
+    mesher d;
+    d.settings.mode = 2;
+    d.settings.optim_level = 0;
+    d.run(hull);
+    EXPECT_EQ(hull.error_code, 0) << hull.msg_title;
+    EXPECT_GT(hull.tet_count, n);
+    dense2D<double> own(3, n);
+    for (unsigned j = 0; j < n; ++j)
+      for (unsigned i = 0; i < 3; ++i) own(i, j) = hull.pos(i, j);
+    data_type in(own, dense2D<unsigned>());
+    in.connectM.resize(4, hull.tet_count);
+    for (unsigned t = 0; t < hull.tet_count; ++t)
+      for (unsigned k = 0; k < 4; ++k) in.connectM(k, t) = hull.connectM(k, t);
+    return in;
+  };
+  const data_type in = ellipsoid();
+  mesher m;
+  m.settings.mode = 1;
+  data_type out = ellipsoid();
+  m.run(out);
+  ASSERT_EQ(out.error_code, 0) << out.msg_title;
+  expect_regularised(in, out);
+  EXPECT_LT(out.min_quality_in, 0.01);
+  EXPECT_GT(out.min_quality, 0.5);
+  EXPECT_GT(out.quality_bound, out.min_quality);
+  EXPECT_GT(out.used_node_count, in.pos.cols + 100);
+  EXPECT_GT(out.refine_time, 0.0);
+
+  data_type limited = ellipsoid();
+  m.settings.nodes_limit = in.pos.cols + 20;
+  m.run(limited);
+  ASSERT_EQ(limited.error_code, 0) << limited.msg_title;
+  EXPECT_EQ(limited.warning_code, -11);
+  EXPECT_LE(limited.pos.cols, in.pos.cols + 20);
+  expect_regularised(in, limited);
+}
+
 TEST(Regularization, BadInputOrientationAndLimits) {
   mesher m;
   m.settings.mode = 1;
