@@ -15,6 +15,7 @@
 #include "voxfill/refine/front_placement.h"
 #include "voxfill/refine/metric_trace.h"
 #include "voxfill/refine/refine_context.h"
+#include "voxfill/refine/refinement_estimate.h"
 #include "voxfill/refine/refinement_loop.h"
 #include "voxfill/refine/spacing_filter.h"
 
@@ -381,4 +382,53 @@ TEST(RefinementLoop, FirstFrontLeavesTheOutsideAlone) {
     }
     EXPECT_TRUE(a_in && b_in) << edge.first << " " << edge.second << " " << length;
   }
+}
+
+// The estimate counts each tet in ideal tets of its size, at least one: a lattice of unit cubes
+// in Kuhn tets (orient_det 1 each) sized 0.5 gives 1 / (0.125 / sqrt 2) per tet. Outside tets
+// are not counted, and without a classified tet the count is 0. A fine corner is held within a
+// density ratio of 1.5 of its neighbours, densities only falling. A node limit below the estimate
+// caps the reservation at that many nodes and five times as many tets.
+TEST(RefinementEstimate, CountsIdealTetsAndLimitsJumps) {
+  th4_engine e;
+  fixtures::kuhn_lattice(e, 2);
+  const unsigned T = e.tets.cols();
+  for (unsigned n = 0; n < e.nodes.cols(); ++n) e.node_sizes[n] = 0.5;
+  double count = -1.0;
+  ASSERT_EQ(estimate_new_tets(e, DBL_MAX, 0.0, count), 0);
+  EXPECT_EQ(count, std::rint(T / (0.125 * 0.7071067811865476)));
+  for (unsigned n = 0; n < e.nodes.cols(); ++n) e.node_sizes[n] = 4.0;
+  ASSERT_EQ(estimate_new_tets(e, DBL_MAX, 0.0, count), 0);
+  EXPECT_EQ(count, double(T));
+  e.colors[0] = 0xFFFFFFFFu;
+  ASSERT_EQ(estimate_new_tets(e, DBL_MAX, 0.0, count), 0);
+  EXPECT_EQ(count, double(T - 1));
+  for (unsigned t = 0; t < T; ++t) e.colors[t] = 0xFFFFFFFFu;
+  ASSERT_EQ(estimate_new_tets(e, DBL_MAX, 0.0, count), 0);
+  EXPECT_EQ(count, 0.0);
+
+  dense1D<double> d(T, 1.0);
+  d[0] = 100.0;
+  dense1D<double> before;
+  ASSERT_TRUE(before.copy(d));
+  limit_density_jumps(e, 1.5, d);
+  for (unsigned t = 0; t < T; ++t) {
+    EXPECT_LE(d[t], before[t]);
+    for (unsigned k = 0; k < 4; ++k) {
+      const unsigned u = e.neighbors(k, t);
+      if (u != NONE) {
+        EXPECT_LE(d[t] / d[u], 1.5 * (1 + 1e-9)) << t << " " << u;
+      }
+    }
+  }
+  EXPECT_LT(d[0], 100.0);
+
+  th4_engine limited;
+  fixtures::kuhn_lattice(limited, 2);
+  for (unsigned n = 0; n < limited.nodes.cols(); ++n) limited.node_sizes[n] = 0.1;
+  limited.settings.nodes_limit = 40;
+  reserve_for_refinement(limited, 0, DBL_MAX, 0.0);
+  EXPECT_GE(limited.nodes.data.capacity_cols(), 40u);
+  EXPECT_LT(limited.nodes.data.capacity_cols(), 100u);
+  EXPECT_GE(limited.tets.data.capacity_cols(), 200u);
 }

@@ -16,6 +16,7 @@
 #include "voxfill/node_ordering.h"
 #include "voxfill/optim/regularize_mesh.h"
 #include "voxfill/refine/refine_context.h"
+#include "voxfill/refine/refinement_estimate.h"
 #include "voxfill/refine/refinement_loop.h"
 #include "voxfill/refine/size_field.h"
 #include "voxfill/run_clock.h"
@@ -205,7 +206,8 @@ void th4_engine::run_mesh_generation(mesher::data_type& data, refine_context& co
   T = clock_now();
   if (data.volume > 0.0 && settings.refine && !must_stop()) {
     display("Refine mesh.\n");
-    // The reservation of the tables for the refinement comes with its estimate.
+    reserve_for_refinement(*this, n - std::min(n, hard_set.node_count), context.size_gradation,
+                           context.target_size);
     kernel_mode =
         data.connectE.empty() ? kernel_mode_type::hard_faces : kernel_mode_type::hard_edges;
     if (!must_stop()) {

@@ -12,6 +12,7 @@
 #include "voxfill/delaunay_th4.h"
 #include "voxfill/optim/regularize_mesh.h"
 #include "voxfill/refine/refine_context.h"
+#include "voxfill/refine/refinement_estimate.h"
 #include "voxfill/refine/refinement_loop.h"
 #include "voxfill/refine/size_field.h"
 #include "voxfill/run_clock.h"
@@ -171,6 +172,8 @@ void th4_engine::run_regularization(mesher::data_type& data, refine_context* con
     context->nodes_left = nodes_under_limit();
     if (context->nodes_left != 0) {
       display("Refine mesh.\n");
+      reserve_for_refinement(*this, n - std::min(n, hard_set.node_count), context->size_gradation,
+                             context->target_size);
       kernel_mode =
           data.connectE.empty() ? kernel_mode_type::hard_faces : kernel_mode_type::hard_edges;
       const unsigned before = nodes.cols();
