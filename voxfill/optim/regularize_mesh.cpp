@@ -105,11 +105,10 @@ void pick_worst_tets(regularizer& g, double quality_limit, const bit_set& frozen
     const double qa = m.tet_qualities[a], qb = m.tet_qualities[b];
     return qa < qb || (qa == qb && a < b);
   };
-  // Only the order by (quality, index) matters; a partial sort saves work on a short pick.
-  if (4 * std::size_t(count) < tets.size && tets.size > 64)
-    std::partial_sort(tets.begin(), tets.begin() + count, tets.end(), worse);
-  else
-    std::sort(tets.begin(), tets.end(), worse);
+  // Only the order by (quality, index) matters, a total order: selecting the pick first and
+  // sorting it alone gives the same list as a sort of all.
+  if (count < tets.size) std::nth_element(tets.begin(), tets.begin() + count, tets.end(), worse);
+  std::sort(tets.begin(), tets.begin() + count, worse);
   tets.size = count;
 }
 
