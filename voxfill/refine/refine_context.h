@@ -11,6 +11,7 @@
 #include "delaunay/random_source.h"
 #include "numcore/dense1D.h"
 #include "numcore/dense2D.h"
+#include "voxfill/refine/candidate_merging.h"
 
 namespace kelvo::voxfill {
 
@@ -46,6 +47,7 @@ struct refine_context {
   random_source_type random_source{1u};  // the merging's own draws
   bit_source context_bits;               // start faces of the walks of the placement
   std::vector<std::pair<unsigned, unsigned>> front_keys;
+  merge_scratch merging;  // lists of the merging of candidates, reused from pass to pass
 
   template <class settings_type>
   explicit refine_context(const settings_type& s)

@@ -12,6 +12,7 @@
 #include "delaunay/tet_tables.h"
 #include "voxfill/delaunay_th4.h"
 #include "voxfill/kernel_task.h"
+#include "voxfill/refine/candidate_merging.h"
 #include "voxfill/refine/front_placement.h"
 #include "voxfill/refine/metric_trace.h"
 #include "voxfill/refine/size_field.h"
@@ -323,7 +324,7 @@ void refine_mesh(th4_engine& e, refine_context& c, const task_type& task) {
         sizes.clear();
         if (c.nodes_left != 0) {
           place_candidates(e, c, points, sizes);
-          // Merging of close candidates comes with its own step.
+          merge_candidates(e, c, points, sizes, c.half_max_edge_length);
           filter_candidates(e, points, sizes, 0.7071067811865476);
           add_candidates(e, c, points, sizes, inserted);
         }

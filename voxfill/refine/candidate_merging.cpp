@@ -1,0 +1,226 @@
+// Merging of close candidates of a pass into the centroids of their groups.
+#include "voxfill/refine/candidate_merging.h"
+
+#include <algorithm>
+#include <cmath>
+#include <new>
+#include <numeric>
+
+#include "delaunay/geometry.h"
+#include "delaunay/mesh_walks.h"
+#include "voxfill/delaunay_th4.h"
+#include "voxfill/optim/move_merit.h"
+#include "voxfill/refine/metric_trace.h"
+#include "voxfill/refine/refine_context.h"
+#include "voxfill/refine/size_field.h"
+#include "voxfill/refine/spacing_filter.h"
+
+namespace kelvo::voxfill {
+
+namespace {
+
+// A group collapses into its centroid when its score is above this per member.
+constexpr double COLLAPSE_SCORE = 0.85;
+constexpr double MERGE_BOX = 1.0;
+
+unsigned next_axis(unsigned axis) noexcept {
+  return axis == 2 ? 0 : axis + 1;
+}
+
+bool walkable(const size_field& f) noexcept {
+  const node_locator& loc = f.locator;
+  return loc.nodes && loc.tets && loc.neighbors && loc.ancestors;
+}
+
+// Hands a list of the scratch to the filter of one call and takes it back at the end, so that its
+// capacity survives from pass to pass.
+struct lent_items {
+  std::vector<std::pair<double, unsigned>>& owner;
+  std::vector<std::pair<double, unsigned>>& user;
+  lent_items(std::vector<std::pair<double, unsigned>>& o,
+             std::vector<std::pair<double, unsigned>>& u) noexcept
+      : owner(o), user(u) {
+    owner.swap(user);
+  }
+  ~lent_items() { owner.swap(user); }
+  lent_items(const lent_items&) = delete;
+  lent_items& operator=(const lent_items&) = delete;
+};
+
+}  // namespace
+
+unsigned kd_insert(kd_tree& tree, const dense2D<double>& points, unsigned p) {
+  const unsigned r = unsigned(tree.rows.size());
+  tree.rows.push_back({p, NONE, NONE});
+  if (r == 0) return 0;
+  const double* P = points.col(p);
+  unsigned at = 0, axis = 0;
+  for (;;) {
+    kd_tree::row& x = tree.rows[at];
+    // Equal coordinates go right: kd_box visits the right side of a row at its upper bound.
+    unsigned& link = P[axis] < points(axis, x.point) ? x.left : x.right;
+    if (link == NONE) {
+      link = r;
+      return r;
+    }
+    at = link;
+    axis = next_axis(axis);
+  }
+}
+
+void kd_box(kd_tree& tree, const dense2D<double>& points, const double* lo, const double* hi,
+            std::vector<std::pair<double, unsigned>>& items) {
+  if (tree.rows.empty()) return;
+  auto& stack = tree.stack;
+  stack.clear();
+  stack.emplace_back(0u, 0u);
+  while (!stack.empty()) {
+    const auto [r, axis] = stack.back();
+    stack.pop_back();
+    const kd_tree::row& x = tree.rows[r];
+    const double* X = points.col(x.point);
+    if (X[0] >= lo[0] && X[0] <= hi[0] && X[1] >= lo[1] && X[1] <= hi[1] && X[2] >= lo[2] &&
+        X[2] <= hi[2])
+      items.emplace_back(0.0, x.point);
+    const double c = X[axis];
+    if (c >= lo[axis] && x.left != NONE) stack.emplace_back(x.left, next_axis(axis));
+    if (c <= hi[axis] && x.right != NONE) stack.emplace_back(x.right, next_axis(axis));
+  }
+}
+
+void near_candidates(spacing_filter& F, unsigned i, const dense2D<double>& points,
+                     const dense1D<double>& sizes, kd_tree& tree, std::vector<unsigned>& near,
+                     std::vector<double>& lengths) {
+  near.clear();
+  lengths.clear();
+  const double* P = points.col(i);
+  const double h = sizes[i];
+  const double half = F.box_factor * h;
+  const double lo[3] = {P[0] - half, P[1] - half, P[2] - half};
+  const double hi[3] = {P[0] + half, P[1] + half, P[2] + half};
+  auto& items = F.near_items;
+  items.clear();
+  kd_box(tree, points, lo, hi, items);
+  unsigned kept = 0;
+  for (const auto& item : items) {
+    const unsigned j = item.second;
+    const double s = sizes[j];
+    // A candidate without size has no length to anyone.
+    if (s == 0.0) continue;
+    const double mean = log_mean(h, s);
+    const double d =
+        mean > 0.0 ? std::sqrt(geometry_detail::dist2<3>(P, points.col(j))) / mean : 0.0;
+    if (d <= F.ratio) items[kept++] = {d, j};
+  }
+  items.resize(kept);
+  std::sort(items.begin(), items.end());
+  for (const auto& [d, j] : items) {
+    if (j == i) continue;
+    near.push_back(j);
+    lengths.push_back(d);
+  }
+}
+
+double group_score(size_field& field, const dense2D<double>& points, const dense1D<double>& sizes,
+                   double r2, unsigned i, const std::vector<unsigned>& near, unsigned k,
+                   unsigned& tet, double* G, double& hG) noexcept {
+  const double* Pi = points.col(i);
+  double sum[3] = {Pi[0], Pi[1], Pi[2]};
+  for (unsigned q = 0; q < k; ++q) {
+    const double* X = points.col(near[q]);
+    for (unsigned d = 0; d < 3; ++d) sum[d] += X[d];
+  }
+  const double members = double(k + 1);
+  for (unsigned d = 0; d < 3; ++d) G[d] = sum[d] / members;
+  hG = 0.0;
+  if (!field_size_at(field, G, tet, hG)) return 0.0;
+  const unsigned tG = tet;
+  const bool walk = walkable(field);
+  // The members lie close together: each search starts from the tet found last.
+  unsigned last = tG;
+  double score = 0.0;
+  for (unsigned q = 0; q <= k; ++q) {
+    const unsigned x = q == 0 ? i : near[q - 1];
+    const double* X = points.col(x);
+    unsigned tx = NONE;
+    if (q != 0 && walk) {
+      tx = last;
+      if (locate_tet(field.locator, X, tx, LOCATE_TOL, field.walk_bits)) last = tx;
+    }
+    double d = 0.0;
+    if (!field_length(field, G, tG, hG, X, tx, sizes[x], d)) return 0.0;
+    const double term = r2 / (d * d + r2);
+    // A member at `radius` or beyond is not served by G: the group is no group.
+    if (!(term > 0.5)) return 0.0;
+    score += term;
+  }
+  return score;
+}
+
+void merge_candidates(th4_engine& e, refine_context& c, dense2D<double>& points,
+                      dense1D<double>& sizes, double radius) noexcept {
+  const unsigned n = points.cols < sizes.size ? points.cols : sizes.size;
+  if (n == 0) return;
+  size_field& field = e.size_field ? *e.size_field : *e.own_size_field;
+  merge_scratch& s = c.merging;
+  try {
+    spacing_filter F(radius, MERGE_BOX);
+    lent_items lend(s.near_items, F.near_items);
+    // The output goes to tables of their own, swapped in at the end: until then the input is
+    // untouched, and a failure leaves it as it was.
+    if (s.points.vec.get() == points.vec.get()) s.points.clear_hard();
+    if (s.sizes.vec.get() == sizes.vec.get()) s.sizes.clear_hard();
+    if (!s.points.resize(3, n) || !s.sizes.resize(n)) return;
+    s.order.resize(n);
+    s.removed.assign(n, 0);
+    s.tree.rows.clear();
+    s.tree.rows.reserve(n);
+
+    // The tree is built in random order: the front's order would make it a deep chain.
+    std::iota(s.order.begin(), s.order.end(), 0u);
+    for (unsigned k = 1; k < n; ++k) {
+      const unsigned j = unsigned(c.random_source() % (k + 1));
+      if (j != k) std::swap(s.order[k], s.order[j]);
+    }
+    for (unsigned k = 0; k < n; ++k) kd_insert(s.tree, points, s.order[k]);
+
+    const double r2 = radius * radius;
+    unsigned out = 0;
+    for (unsigned i = 0; i < n; ++i) {
+      if (s.removed[i]) continue;
+      near_candidates(F, i, points, sizes, s.tree, s.near, s.lengths);
+      // A removed neighbour belongs to another group already: the group stops before it.
+      unsigned m = 0;
+      while (m < s.near.size() && !s.removed[s.near[m]]) ++m;
+      const double* Pi = points.col(i);
+      double R[3] = {Pi[0], Pi[1], Pi[2]};
+      double hR = sizes[i];
+      double best = 1.0;
+      unsigned u = 0, tet = NONE;
+      for (unsigned k = 1; k <= m; ++k) {
+        double G[3], hG = 0.0;
+        const double score = group_score(field, points, sizes, r2, i, s.near, k, tet, G, hG);
+        if (!(score > best)) break;
+        best = score;
+        u = k;
+        std::copy(G, G + 3, R);
+        hR = hG;
+      }
+      if (u > 0 && best > COLLAPSE_SCORE * double(u + 1)) {
+        s.removed[i] = 1;
+        for (unsigned q = 0; q < u; ++q) s.removed[s.near[q]] = 1;
+      }
+      for (unsigned d = 0; d < 3; ++d) s.points(d, out) = R[d];
+      s.sizes[out] = hR;
+      ++out;
+    }
+    s.points.resize(3, out);
+    s.sizes.resize(out);
+    std::swap(points, s.points);
+    std::swap(sizes, s.sizes);
+  } catch (const std::bad_alloc&) {
+    // The candidates go on unmerged; the filter still keeps them apart.
+  }
+}
+
+}  // namespace kelvo::voxfill
