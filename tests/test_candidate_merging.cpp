@@ -67,7 +67,7 @@ TEST(CandidateMerging, KdBoxMatchesBruteForce) {
     double lo[3], hi[3];
     for (unsigned d = 0; d < 3; ++d) lo[d] = 0.25 * grid(g), hi[d] = lo[d] + 0.25 * (k % 4);
     std::vector<std::pair<double, unsigned>> items;
-    kd_box(tree, pts, lo, hi, items);
+    kd_box(tree, lo, hi, items);
     std::set<unsigned> found, expected;
     for (const auto& item : items) EXPECT_TRUE(found.insert(item.second).second);
     for (unsigned j = 0; j < pts.cols; ++j) {

@@ -51,14 +51,14 @@ struct lent_items {
 
 unsigned kd_insert(kd_tree& tree, const dense2D<double>& points, unsigned p) {
   const unsigned r = unsigned(tree.rows.size());
-  tree.rows.push_back({p, NONE, NONE});
-  if (r == 0) return 0;
   const double* P = points.col(p);
+  tree.rows.push_back({{P[0], P[1], P[2]}, p, NONE, NONE});
+  if (r == 0) return 0;
   unsigned at = 0, axis = 0;
   for (;;) {
     kd_tree::row& x = tree.rows[at];
     // Equal coordinates go right: kd_box visits the right side of a row at its upper bound.
-    unsigned& link = P[axis] < points(axis, x.point) ? x.left : x.right;
+    unsigned& link = P[axis] < x.xyz[axis] ? x.left : x.right;
     if (link == NONE) {
       link = r;
       return r;
@@ -68,7 +68,7 @@ unsigned kd_insert(kd_tree& tree, const dense2D<double>& points, unsigned p) {
   }
 }
 
-void kd_box(kd_tree& tree, const dense2D<double>& points, const double* lo, const double* hi,
+void kd_box(kd_tree& tree, const double* lo, const double* hi,
             std::vector<std::pair<double, unsigned>>& items) {
   if (tree.rows.empty()) return;
   auto& stack = tree.stack;
@@ -78,7 +78,7 @@ void kd_box(kd_tree& tree, const dense2D<double>& points, const double* lo, cons
     const auto [r, axis] = stack.back();
     stack.pop_back();
     const kd_tree::row& x = tree.rows[r];
-    const double* X = points.col(x.point);
+    const double* X = x.xyz;
     if (X[0] >= lo[0] && X[0] <= hi[0] && X[1] >= lo[1] && X[1] <= hi[1] && X[2] >= lo[2] &&
         X[2] <= hi[2])
       items.emplace_back(0.0, x.point);
@@ -100,16 +100,20 @@ void near_candidates(spacing_filter& F, unsigned i, const dense2D<double>& point
   const double hi[3] = {P[0] + half, P[1] + half, P[2] + half};
   auto& items = F.near_items;
   items.clear();
-  kd_box(tree, points, lo, hi, items);
+  kd_box(tree, lo, hi, items);
   unsigned kept = 0;
   for (const auto& item : items) {
     const unsigned j = item.second;
     const double s = sizes[j];
     // A candidate without size has no length to anyone.
     if (s == 0.0) continue;
+    const double d2 = geometry_detail::dist2<3>(P, points.col(j));
+    // The mean lies between the two sizes: beyond the ratio of the larger one, with a margin
+    // for the rounding of the mean, the candidate is far without the logarithm.
+    const double far = F.ratio * (h > s ? h : s);
+    if (h > 0.0 && d2 > far * far * (1.0 + 1e-9)) continue;
     const double mean = log_mean(h, s);
-    const double d =
-        mean > 0.0 ? std::sqrt(geometry_detail::dist2<3>(P, points.col(j))) / mean : 0.0;
+    const double d = mean > 0.0 ? std::sqrt(d2) / mean : 0.0;
     if (d <= F.ratio) items[kept++] = {d, j};
   }
   items.resize(kept);

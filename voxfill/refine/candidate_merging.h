@@ -20,6 +20,7 @@ struct spacing_filter;
 // The split axis of a row is its depth modulo 3; row 0 is the root.
 struct kd_tree {
   struct row {
+    double xyz[3];  // a copy of the point's coordinates: a visit then touches one row alone
     unsigned point;
     unsigned left;   // NONE for no child
     unsigned right;  // NONE for no child
@@ -34,7 +35,7 @@ unsigned kd_insert(kd_tree& tree, const dense2D<double>& points, unsigned p);
 
 // Appends (0.0, point) to `items` for each point of the tree in the closed box [lo, hi].
 // May throw std::bad_alloc.
-void kd_box(kd_tree& tree, const dense2D<double>& points, const double* lo, const double* hi,
+void kd_box(kd_tree& tree, const double* lo, const double* hi,
             std::vector<std::pair<double, unsigned>>& items);
 
 // The candidates within F.ratio of candidate i by their end sizes, searched in the cube of half
