@@ -139,7 +139,9 @@ double group_score(size_field& field, const dense2D<double>& points, const dense
   hG = 0.0;
   if (!field_size_at(field, G, tet, hG)) return 0.0;
   const unsigned tG = tet;
-  const bool walk = walkable(field);
+  // Over the mesh itself a length comes from the end sizes alone: the members' tets would go
+  // unused, and their searches cost more than the rest of the merge.
+  const bool walk = !field.direct_lengths && walkable(field);
   // The members lie close together: each search starts from the tet found last.
   unsigned last = tG;
   double score = 0.0;
