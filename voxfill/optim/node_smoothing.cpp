@@ -42,7 +42,17 @@ struct line_search {
   double& best;
   double* best_position;
   double& best_size;
+  unsigned worst;  // the ball's position of the worst tet at the best place so far
 };
+
+// A quality under which a trial's merit, blended with edge fit s, cannot exceed `best`. Kept a
+// little low, so that a trial given up on it would never have won.
+double hopeless_below(double best, double s, double weight) noexcept {
+  if (!(best > 0.0)) return 0.0;
+  if (weight >= 1.0) return best;
+  if (!(s > 0.0) || weight <= 0.0) return 0.0;
+  return s * std::pow(best / s, 1.0 / weight) * (1.0 - 1e-9);
+}
 
 // The size on the surface of the ball beyond trial point P, and how far one step goes there.
 void prepare_ray(regularizer& g, const double* P) noexcept {
@@ -94,37 +104,50 @@ void walk_line(line_search& w) noexcept {
     }
     p[0] = trial[0], p[1] = trial[1], p[2] = trial[2];
     if (g.moves_carry_sizes) m.node_sizes[w.node] = size;
+    // The ball's edges first: with them the quality below which the trial cannot beat `best` is
+    // known, and the tets are given up at the first one under it, the last worst one tried first.
+    double s = 1.0;
+    if (w.weight < 1.0) {
+      const bool cached =
+          sm.edge_means.size == sm.ball_edges.cols && m.node_sizes[w.node] == sm.means_size;
+      for (unsigned e = 0; e < sm.ball_edges.cols; ++e) {
+        const unsigned a = sm.ball_edges(0, e), b = sm.ball_edges(1, e);
+        s = std::min(s, cached ? symmetric_length_with(m, a, b, sm.edge_means[e])
+                               : symmetric_length(m, a, b));
+      }
+    }
+    const double hopeless = hopeless_below(w.best, s, w.weight);
+    const unsigned n = sm.ball_rows.cols;
+    sm.trial_qualities.resize(n);
     double merit = 0.0, q = 1.0;
-    sm.trial_qualities.clear();
-    for (unsigned j = 0; j < sm.ball_rows.cols; ++j) {
+    const unsigned first = w.worst < n ? w.worst : 0;
+    unsigned worst = first;
+    for (unsigned c = 0; c < n; ++c) {
+      const unsigned j = c == 0 ? first : (c <= first ? c - 1 : c);
       const unsigned* r = sm.ball_rows.col(j);
       const double v = tet_quality(m.nodes.data, r[0], r[1], r[2], r[3]);
       if (!(v > 1e-12)) {
         q = -1.0;
         break;
       }
-      sm.trial_qualities.push_back(v);
-      q = std::min(q, v);
-    }
-    if (q > 0.0) {
-      double s = 1.0;
-      if (w.weight < 1.0) {
-        const bool cached =
-            sm.edge_means.size == sm.ball_edges.cols && m.node_sizes[w.node] == sm.means_size;
-        for (unsigned e = 0; e < sm.ball_edges.cols; ++e) {
-          const unsigned a = sm.ball_edges(0, e), b = sm.ball_edges(1, e);
-          s = std::min(s, cached ? symmetric_length_with(m, a, b, sm.edge_means[e])
-                                 : symmetric_length(m, a, b));
-        }
+      sm.trial_qualities[j] = v;
+      if (v < q) {
+        q = v;
+        worst = j;
       }
-      merit = blend(s, q, w.weight);
+      if (q < hopeless) {
+        q = -1.0;
+        break;
+      }
     }
+    if (q > 0.0) merit = blend(s, q, w.weight);
     const bool improved = merit > w.best;
     if (improved) {
       std::copy_n(trial, 3, w.best_position);
       w.best_size = size;
       std::copy_n(sm.trial_qualities.begin(), sm.trial_qualities.size, sm.best_qualities.begin());
       w.best = merit;
+      w.worst = worst;
       k += 1.0;
     }
     p[0] = old[0], p[1] = old[1], p[2] = old[2];
@@ -141,6 +164,7 @@ double search_step(regularizer& g, unsigned node, double weight, const dense1D<u
   const double* p = m.nodes.row(node);
   const double h = m.node_sizes[node];
   double qmin = 1.0, W_sum = 0.0, D[3] = {0.0, 0.0, 0.0};
+  unsigned worst = 0;
   sm.ball_neighbors.clear();
   m.bump_marks();
   m.mark(node);
@@ -166,7 +190,10 @@ double search_step(regularizer& g, unsigned node, double weight, const dense1D<u
   for (unsigned j = 0; j < ball.size; ++j) {
     const unsigned* r = sm.ball_rows.col(j);
     const double q = m.tet_qualities[ball[j]];
-    qmin = std::min(qmin, q);
+    if (q < qmin) {
+      qmin = q;
+      worst = j;
+    }
     double target[3];
     apex_target(g, r, local_index(r, node), weight, h, target, cached ? &sm.node_means : nullptr);
     const double W = q > 0.001 ? 1.0 / (q * q) : 1000000.0;
@@ -228,7 +255,7 @@ double search_step(regularizer& g, unsigned node, double weight, const dense1D<u
   const double m0 = blend(s_min, qmin, weight);
   double best = m0;
   const double start[3] = {p[0], p[1], p[2]};
-  line_search w{g, node, start, h, D, weight, use_ray, N, best, best_position, best_size};
+  line_search w{g, node, start, h, D, weight, use_ray, N, best, best_position, best_size, worst};
   walk_line(w);
   return best > m0 ? best / m0 : 1.0;
 }

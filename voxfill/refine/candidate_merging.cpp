@@ -5,6 +5,7 @@
 #include <cmath>
 #include <new>
 #include <numeric>
+#include <tuple>
 
 #include "delaunay/geometry.h"
 #include "delaunay/mesh_walks.h"
@@ -71,20 +72,35 @@ unsigned kd_insert(kd_tree& tree, const dense2D<double>& points, unsigned p) {
 void kd_box(kd_tree& tree, const double* lo, const double* hi,
             std::vector<std::pair<double, unsigned>>& items) {
   if (tree.rows.empty()) return;
+  // Depth first, the left side first: a row waits on the stack only while its left sibling's
+  // subtree is visited, so the stack never holds more rows than the tree has.
   auto& stack = tree.stack;
-  stack.clear();
-  stack.emplace_back(0u, 0u);
-  while (!stack.empty()) {
-    const auto [r, axis] = stack.back();
-    stack.pop_back();
-    const kd_tree::row& x = tree.rows[r];
+  if (stack.size() < tree.rows.size()) stack.resize(tree.rows.size());
+  std::pair<unsigned, unsigned>* waiting = stack.data();
+  const kd_tree::row* rows = tree.rows.data();
+  unsigned count = 0, r = 0, axis = 0;
+  for (;;) {
+    const kd_tree::row& x = rows[r];
     const double* X = x.xyz;
     if (X[0] >= lo[0] && X[0] <= hi[0] && X[1] >= lo[1] && X[1] <= hi[1] && X[2] >= lo[2] &&
         X[2] <= hi[2])
       items.emplace_back(0.0, x.point);
     const double c = X[axis];
-    if (c >= lo[axis] && x.left != NONE) stack.emplace_back(x.left, next_axis(axis));
-    if (c <= hi[axis] && x.right != NONE) stack.emplace_back(x.right, next_axis(axis));
+    const unsigned next = next_axis(axis);
+    const bool left = c >= lo[axis] && x.left != NONE;
+    const bool right = c <= hi[axis] && x.right != NONE;
+    if (left) {
+      if (right) waiting[count++] = {x.right, next};
+      r = x.left;
+      axis = next;
+    } else if (right) {
+      r = x.right;
+      axis = next;
+    } else if (count != 0) {
+      std::tie(r, axis) = waiting[--count];
+    } else {
+      return;
+    }
   }
 }
 
