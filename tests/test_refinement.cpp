@@ -3,6 +3,7 @@
 // the node limit, interruption in the refinement, and determinism.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <string>
 
@@ -179,4 +180,46 @@ TEST(Refinement, NodesLimitAndInterruption) {
     for (unsigned t = 0; t < e.tet_count; ++t) ASSERT_EQ(e.colors[t], 0u) << "call " << k;
   }
   EXPECT_GT(refined_stops, 0u);
+}
+
+TEST(Refinement, TargetSizeGrowsAwayFromAFineBoundary) {
+  input s;
+  add_box(s, 12);
+  const data_type plain = refine(s);
+  mesher::settings_type st;
+  st.target_size = 0.4;
+  const data_type d = refine(s, st);
+  ASSERT_EQ(d.error_code, 0) << d.msg_title;
+  EXPECT_TRUE(sound(d));
+  EXPECT_EQ(absent_by_coords(d, s).faces, 0u);
+  EXPECT_NEAR(mesh_volume(d), 1.0, 1e-9);
+  EXPECT_GT(d.min_quality, 0.1);
+  // Sizes grow inwards, up to the target, and the mesh is the coarser for it.
+  double boundary = 0.0, inner = 0.0;
+  for (unsigned n = 0; n < d.pos.cols; ++n) {
+    double to_skin = 1.0;
+    for (unsigned k = 0; k < 3; ++k) to_skin = std::min({to_skin, d.pos(k, n), 1.0 - d.pos(k, n)});
+    (to_skin < 1e-12 ? boundary : inner) =
+        std::max(to_skin < 1e-12 ? boundary : inner, d.metrics[n]);
+  }
+  EXPECT_GT(inner, 2.0 * boundary);
+  EXPECT_LE(inner, 0.4 * (1.0 + 1e-12));
+  EXPECT_LT(d.tet_count, plain.tet_count * 4 / 5);
+  // No jump: along an edge the size grows by far less than the target over the boundary size.
+  unsigned steep = 0, edges = 0;
+  for (unsigned t = 0; t < d.tet_count; ++t)
+    for (unsigned i = 0; i < 4; ++i)
+      for (unsigned j = i + 1; j < 4; ++j) {
+        const unsigned a = d.connectM(i, t), b = d.connectM(j, t);
+        double e[3];
+        for (unsigned k = 0; k < 3; ++k) e[k] = d.pos(k, b) - d.pos(k, a);
+        const double L = std::sqrt(e[0] * e[0] + e[1] * e[1] + e[2] * e[2]);
+        ++edges;
+        steep += std::exp(std::fabs(d.metrics[b] - d.metrics[a]) / L) - 1.0 > 1.0;
+      }
+  EXPECT_LT(steep, edges / 100) << steep << " of " << edges;
+  const data_type again = refine(s, st);
+  ASSERT_EQ(again.tet_count, d.tet_count);
+  for (unsigned t = 0; t < d.tet_count; ++t)
+    for (unsigned k = 0; k < 4; ++k) ASSERT_EQ(again.connectM(k, t), d.connectM(k, t));
 }

@@ -17,6 +17,7 @@
 #include "voxfill/refine/refine_context.h"
 #include "voxfill/refine/refinement_estimate.h"
 #include "voxfill/refine/refinement_loop.h"
+#include "voxfill/refine/size_limiting.h"
 #include "voxfill/refine/spacing_filter.h"
 
 using namespace kelvo::voxfill;
@@ -431,4 +432,55 @@ TEST(RefinementEstimate, CountsIdealTetsAndLimitsJumps) {
   EXPECT_GE(limited.nodes.data.capacity_cols(), 40u);
   EXPECT_LT(limited.nodes.data.capacity_cols(), 100u);
   EXPECT_GE(limited.tets.data.capacity_cols(), 200u);
+}
+
+TEST(SizeLimiting, GradationAndRelaxation) {
+  // The gradation is exp(|h2 - h1| / d) - 1, whatever the order of the ends.
+  const double e[3] = {0.6, 0.0, 0.8}, zero[3] = {0.0, 0.0, 0.0};
+  EXPECT_NEAR(edge_gradation(0.2, 0.5, e), std::exp(0.3) - 1.0, 1e-12);
+  EXPECT_EQ(edge_gradation(0.5, 0.2, e), edge_gradation(0.2, 0.5, e));
+  EXPECT_EQ(edge_gradation(0.3, 0.3, e), 0.0);
+  EXPECT_EQ(edge_gradation(0.3, 0.3, zero), 0.0);
+  EXPECT_EQ(edge_gradation(0.3, 0.4, zero), DBL_MAX);
+
+  // A new node of size 1 one unit from a fixed node of size 0.1, gradation 0.5: its size comes
+  // down until the edge grows by ln 1.5, about 0.505.
+  dense2D<double> xyz(3, 3);
+  for (unsigned j = 0; j < 3; ++j)
+    for (unsigned k = 0; k < 3; ++k) xyz(k, j) = k == 0 ? double(j) : 0.0;
+  dense1D<double> sizes;
+  sizes.resize(3, 1.0);
+  sizes[1] = 0.1;
+  dense1D<unsigned> offsets, graph, local, stamps;
+  for (unsigned v : {0u, 1u, 2u}) local.push_back(v);
+  for (unsigned v : {0u, 1u, 2u, 3u}) offsets.push_back(v);  // 0 - 1, then 1 and 2 alone
+  offsets[2] = 2, offsets[3] = 2;
+  for (unsigned v : {1u, 0u}) graph.push_back(v);
+  for (unsigned v : {0u, 0xFFFFFFFFu, 0u}) stamps.push_back(v);
+  limit_scratch scratch;
+  EXPECT_EQ(spread_limit(xyz, offsets, graph, local, stamps, 0.5, sizes, scratch), 1);
+  EXPECT_NEAR(sizes[0], 0.1 + std::log(1.5), 0.002);
+  EXPECT_EQ(sizes[1], 0.1);  // fixed
+  EXPECT_EQ(sizes[2], 1.0);  // no edge
+
+  // Moves go one way: a size that came down is not sent up again, and equal sizes stay.
+  std::vector<unsigned> none;
+  sizes[0] = 0.5, sizes[2] = 2.0;
+  int down = -1;
+  EXPECT_FALSE(limit_edge(xyz, sizes, 0, 2, none, 0.5, down));
+  EXPECT_EQ(sizes[0], 0.5);
+  int free_way = 0;
+  EXPECT_TRUE(limit_edge(xyz, sizes, 0, 2, none, 0.5, free_way));
+  EXPECT_EQ(free_way, 1);
+  EXPECT_GT(sizes[0], 0.5);
+  sizes[2] = sizes[0];
+  free_way = 0;
+  EXPECT_FALSE(limit_edge(xyz, sizes, 0, 2, none, 0.5, free_way));
+
+  // A fixed neighbour already within the gradation: the move would only hurt it, so none.
+  sizes[0] = 1.0, sizes[1] = 1.0, sizes[2] = 0.1;
+  const std::vector<unsigned> fixed{1};
+  int way = 0;
+  EXPECT_FALSE(limit_edge(xyz, sizes, 0, 2, fixed, 0.5, way));
+  EXPECT_EQ(sizes[0], 1.0);
 }

@@ -12,6 +12,7 @@
 #include "numcore/dense1D.h"
 #include "numcore/dense2D.h"
 #include "voxfill/refine/candidate_merging.h"
+#include "voxfill/refine/size_limiting.h"
 
 namespace kelvo::voxfill {
 
@@ -25,9 +26,9 @@ struct refine_context {
   unsigned nodes_limit = 0xFFFFFFFFu;
   unsigned nodes_left = 0xFFFFFFFFu;  // nodes the refinement may still make; all ones: no limit
   unsigned pass_count = 0;
-  unsigned pass_clock = 0;  // a tet stamped above this was made since the last judging
-  bit_set good_tets;        // one bit per tet row: set = good (no soft edge too long)
-  bool hard_front = true;   // hard faces between two bad tets still count as front
+  unsigned pass_clock = 0;        // a tet stamped above this was made since the last judging
+  bit_set good_tets;              // one bit per tet row: set = good (no soft edge too long)
+  bool hard_front = true;         // hard faces between two bad tets still count as front
   dense1D<unsigned> front_faces;  // faces coded 4 t + i, t the bad tet
   // The tets made since the last judging, their nodes renumbered locally, and which local nodes
   // share a tet: compressed rows, ascending.
@@ -47,12 +48,16 @@ struct refine_context {
   random_source_type random_source{1u};  // the merging's own draws
   bit_source context_bits;               // start faces of the walks of the placement
   std::vector<std::pair<unsigned, unsigned>> front_keys;
-  merge_scratch merging;  // lists of the merging of candidates, reused from pass to pass
+  merge_scratch merging;   // lists of the merging of candidates, reused from pass to pass
+  limit_scratch limiting;  // heap and lists of the size limiting, reused likewise
 
   template <class settings_type>
   explicit refine_context(const settings_type& s)
-      : max_edge_length(s.max_edge_length), half_max_edge_length(0.5 * s.max_edge_length),
-        shape_weight(s.shape_weight), target_size(s.target_size), size_gradation(s.size_gradation),
+      : max_edge_length(s.max_edge_length),
+        half_max_edge_length(0.5 * s.max_edge_length),
+        shape_weight(s.shape_weight),
+        target_size(s.target_size),
+        size_gradation(s.size_gradation),
         nodes_limit(s.nodes_limit) {
     if (!(s.target_size > 0.0 && s.target_size < DBL_MAX)) size_gradation = DBL_MAX;
     context_bits.seed_from(random_source);

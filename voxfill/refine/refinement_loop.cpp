@@ -3,6 +3,7 @@
 #include "voxfill/refine/refinement_loop.h"
 
 #include <algorithm>
+#include <cfloat>
 #include <tuple>
 #include <vector>
 
@@ -16,6 +17,7 @@
 #include "voxfill/refine/front_placement.h"
 #include "voxfill/refine/metric_trace.h"
 #include "voxfill/refine/size_field.h"
+#include "voxfill/refine/size_limiting.h"
 #include "voxfill/refine/spacing_filter.h"
 
 namespace kelvo::voxfill {
@@ -192,7 +194,6 @@ int sort_front(const th4_engine& e, refine_context& c) {
 }
 
 int make_front(th4_engine& e, refine_context& c, const dense1D<unsigned>& inserted) {
-  (void)inserted;  // the size limiting under a target size reads it, when it comes
   const unsigned T = e.tets.cols();
   if (c.pass_count == 0) {
     // Room only: the bits must come in below as added ones, set, so that the tets outside of the
@@ -233,7 +234,12 @@ int make_front(th4_engine& e, refine_context& c, const dense1D<unsigned>& insert
   }
   collect_front(e, c);
   if (sort_front(e, c) < 0) return -199;
-  // Size limiting under a target size comes with its own step.
+  const double target = c.target_size;
+  if (c.front_faces.size != 0 && inserted.size != 0 && c.size_gradation < DBL_MAX && target > 0.0 &&
+      target < DBL_MAX) {
+    const int limited = limit_sizes(e, c, inserted);
+    if (limited < 0) return limited;
+  }
   return 0;
 }
 
