@@ -8,6 +8,7 @@
 
 #include "gridkit/connectivity.h"
 #include "gridkit/metric_smoothing.h"
+#include "voxfill/boundary/boundary_closing.h"
 #include "voxfill/boundary/boundary_recoverer.h"
 #include "voxfill/boundary/domain_classification.h"
 #include "voxfill/boundary/hard_entities.h"
@@ -158,10 +159,20 @@ void th4_engine::run_mesh_generation(mesher::data_type& data, refine_context& co
     data.subdomains = count;
     data.volume = domain_volume();
   }
-  // Closing a boundary that lost faces, when the constraints are not strict, comes with the
-  // boundary closing.
+  // Without strict constraints a boundary that lost faces, or had holes, is closed and the
+  // subdomains are counted again.
+  const bool closing =
+      !settings.strict_constraints && (data.subdomains == 0 || unenforced_set.faces.size() != 0);
+  if (closing) {
+    close_boundary(*this, data);
+    unsigned count = flood_colors(*this);
+    data.boundary_sign = 0;
+    if (count != 0) order_subdomains(*this, count, settings.subdomain_rule, data.boundary_sign);
+    data.subdomains = count;
+  }
   set_domain_ancestors();
   report_hard_entities(*this, data, settings.strict_constraints, *tasks);
+  if (closing) data.volume = domain_volume();
   if (data.volume > 0.0) data.quality_bound = quality_bound(nodes.data, data.connectB);
 
   if (needs_sizes && data.volume > 0.0) {
