@@ -204,17 +204,19 @@ void tets_of_face(mesh_store& m, unsigned n0, unsigned n1, unsigned n2,
 
 int locate_side(const dense2D<double>& xyz, const double* P, const unsigned* tet, double tol,
                 unsigned start) noexcept {
-  const double V = orient_det(xyz, tet[0], tet[1], tet[2], tet[3]);
+  const double* q[4] = {xyz.col(tet[0]), xyz.col(tet[1]), xyz.col(tet[2]), xyz.col(tet[3])};
+  const double V = orient_det(q[0], q[1], q[2], q[3]);
   if (!(V > 0.0) || !std::isfinite(V)) return -2;
   const double limit = V * tol;
+  // The nodes seen from P once for the four faces.
+  double d[4][3];
+  for (unsigned i = 0; i < 4; ++i)
+    for (unsigned k = 0; k < 3; ++k) d[i][k] = q[i][k] - P[k];
   for (unsigned k = 1; k <= 4; ++k) {
     const unsigned f = (start + k) & 3;
-    const double* x = xyz.col(tet[tet_face_nodes[f][0]]);
-    const double* y = xyz.col(tet[tet_face_nodes[f][1]]);
-    const double* z = xyz.col(tet[tet_face_nodes[f][2]]);
-    const double xp[3] = {x[0] - P[0], x[1] - P[1], x[2] - P[2]};
-    const double yp[3] = {y[0] - P[0], y[1] - P[1], y[2] - P[2]};
-    const double zp[3] = {z[0] - P[0], z[1] - P[1], z[2] - P[2]};
+    const double* xp = d[tet_face_nodes[f][0]];
+    const double* yp = d[tet_face_nodes[f][1]];
+    const double* zp = d[tet_face_nodes[f][2]];
     // Positive when P lies beyond the plane of face f: the face turns negatively seen from P.
     const double D = xp[0] * (yp[1] * zp[2] - yp[2] * zp[1]) +
                      xp[1] * (yp[2] * zp[0] - yp[0] * zp[2]) +
