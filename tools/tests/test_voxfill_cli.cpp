@@ -422,6 +422,28 @@ TEST(VoxfillCli, DelaunayTakesTheNodesOfASurface) {
   EXPECT_EQ(voxfill("mesh " + cube + " -o " + in_folder("x.mesh") + " --hard-faces").status, 3);
 }
 
+// Catches an open surface that --no-strict does not close, or a strict run that writes a mesh.
+TEST(VoxfillCli, NoStrictClosesAnOpenSurface) {
+  // A cube without its top: four open edges.
+  const std::string open = in_folder("open_cube.off"), out = in_folder("open_cube.mesh");
+  write_text(open,
+             "OFF\n8 5 0\n0 0 0\n1 0 0\n1 1 0\n0 1 0\n0 0 1\n1 0 1\n1 1 1\n0 1 1\n"
+             "4 0 3 2 1\n4 0 1 5 4\n4 1 2 6 5\n4 2 3 7 6\n4 3 0 4 7\n");
+  const result strict = voxfill("mesh " + open + " -o " + out);
+  EXPECT_EQ(strict.status, 2) << strict.err;
+  EXPECT_FALSE(fs::exists(out));
+  const result r = voxfill("mesh " + open + " -o " + out + " --no-strict");
+  EXPECT_EQ(r.status, 1) << r.err;
+  EXPECT_NE(r.out.find("Closing boundary mesh...\n   Open edges                  : 4\n"),
+            std::string::npos)
+      << r.out;
+  EXPECT_NE(r.err.find("warning -15 (BOUNDARY MESH IS NOT WATERTIGHT)"), std::string::npos)
+      << r.err;
+  const result info = voxfill("info " + out);
+  EXPECT_EQ(info.status, 0) << info.err;
+  EXPECT_NE(info.out.find("Volume          : 1.000000E+00\n"), std::string::npos) << info.out;
+}
+
 // Catches a run that ends with no tets and calls it success, writing an empty mesh, and a mode
 // that the tool hands to the library although no job has that number.
 TEST(VoxfillCli, NoTetsIsNeverSuccess) {
