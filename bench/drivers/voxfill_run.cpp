@@ -2,6 +2,7 @@
 // .mesh), runs the mesher through its public interface (mode 2, 0 or 1) and writes the tets as
 // Medit for the common checker.
 // Usage: voxfill_run cloud|surface|tets IN [-o OUT.mesh] [--no-refine] [--optim-level N]
+//        [--no-strict]
 // Prints one line: "tets N nodes M seconds S" (a surface adds the front time, the Steiner nodes
 // and the hard faces kept), or "not yet" when the job gives no mesh and no error (a mode the
 // library does not have yet). Exit status: 0 mesh, 3 not yet, 1 failure.
@@ -19,7 +20,7 @@ using namespace kelvo;
 
 int main(int argc, char** argv) {
   const char* out = nullptr;
-  bool refine = true, usage = argc < 3;
+  bool refine = true, strict = true, usage = argc < 3;
   long optim_level = -1;  // the library's default
   for (int i = 3; i < argc && !usage; ++i) {
     char* end = nullptr;
@@ -27,6 +28,8 @@ int main(int argc, char** argv) {
       out = argv[++i];
     else if (std::strcmp(argv[i], "--no-refine") == 0)
       refine = false;
+    else if (std::strcmp(argv[i], "--no-strict") == 0)
+      strict = false;
     else if (std::strcmp(argv[i], "--optim-level") == 0 && i + 1 < argc)
       optim_level = std::strtol(argv[++i], &end, 10), usage = *end != '\0' || optim_level < 0;
     else
@@ -35,7 +38,7 @@ int main(int argc, char** argv) {
   if (usage) {
     std::fprintf(stderr,
                  "usage: %s cloud IN.xyz | surface IN.mesh | tets IN.mesh [-o OUT.mesh] "
-                 "[--no-refine] [--optim-level N]\n",
+                 "[--no-refine] [--optim-level N] [--no-strict]\n",
                  argv[0]);
     return 2;
   }
@@ -79,6 +82,7 @@ int main(int argc, char** argv) {
     mesher.settings.mode = 1;
   }  // surfaces: mode 0; tets: mode 1; both with the library's defaults unless told otherwise
   mesher.settings.refine = refine;
+  mesher.settings.strict_constraints = strict;
   if (optim_level >= 0) mesher.settings.optim_level = unsigned(optim_level);
   mesher.run(data);
   if (data.error_code != 0) {
