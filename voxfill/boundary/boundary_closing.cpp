@@ -437,17 +437,11 @@ void close_hard_surface(boundary_closer& bc, const dense2D<unsigned>& connectB) 
     dropped += peel_faces(bc, kept);
   }
   // The faces between the outside and the inside close the surface.
-  for (unsigned t = 0; t < T; ++t) {
-    if (kept.test(t)) continue;
-    for (unsigned f = 0; f < 4; ++f) {
-      const unsigned nb = m.neighbors(f, t);
-      if (nb == NONE || !kept.test(nb)) continue;
-      unsigned n[3];
-      face_nodes(m, t, f, n);
-      if (hard_face(m, n)) continue;
-      if (!bc.added_set.add_face(n[0], n[1], n[2], false)) throw std::bad_alloc();
-    }
-  }
+  dense2D<unsigned> faces(3, 0);
+  free_faces(bc, kept, faces);
+  for (unsigned j = 0; j < faces.cols; ++j)
+    if (!bc.added_set.add_face(faces(0, j), faces(1, j), faces(2, j), false))
+      throw std::bad_alloc();
   report(bc, "   Faces added to boundary     : %d\n", bc.added_set.faces.size());
   entity_set& hard = m.hard_set;
   const entity_set& added = bc.added_set;
