@@ -1,12 +1,10 @@
 // Mode 1: a tet mesh of the caller's, its skin and the walls between its colours kept as hard
 // faces, improved by the optimiser.
 #include <algorithm>
-#include <array>
 #include <cfloat>
 #include <new>
-#include <vector>
 
-#include "delaunay/keys.h"
+#include "delaunay/face_matching.h"
 #include "delaunay/tet_tables.h"
 #include "voxfill/boundary/hard_entities.h"
 #include "voxfill/delaunay_th4.h"
@@ -20,52 +18,6 @@
 namespace kelvo::voxfill {
 
 namespace {
-
-// Neighbours by matching faces: a face may be shared by two tets, and only in opposite turns. A
-// tet with a repeated node, a third tet on a face or a pair of the same turn: false.
-bool link_input_tets(mesh_store& m) {
-  struct face_entry {
-    std::array<unsigned, 3> sorted;
-    unsigned code;
-    bool operator<(const face_entry& o) const {
-      return sorted < o.sorted || (sorted == o.sorted && code < o.code);
-    }
-  };
-  const unsigned T = m.tets.cols();
-  std::vector<face_entry> faces;
-  faces.reserve(4 * std::size_t(T));
-  for (unsigned t = 0; t < T; ++t) {
-    const unsigned* r = m.tets.row(t);
-    if (r[0] == r[1] || r[0] == r[2] || r[0] == r[3] || r[1] == r[2] || r[1] == r[3] ||
-        r[2] == r[3])
-      return false;
-    for (unsigned f = 0; f < 4; ++f) {
-      const unsigned* fn = tet_face_nodes[f];
-      std::array<unsigned, 3> s = {r[fn[0]], r[fn[1]], r[fn[2]]};
-      std::sort(s.begin(), s.end());
-      faces.push_back({s, 4 * t + f});
-    }
-  }
-  std::sort(faces.begin(), faces.end());
-  auto key_of = [&m](unsigned code) {
-    const unsigned* r = m.tets.row(code >> 2);
-    const unsigned* fn = tet_face_nodes[code & 3u];
-    return face_key{{r[fn[0]], r[fn[1]], r[fn[2]]}};
-  };
-  for (std::size_t i = 0; i < faces.size();) {
-    std::size_t j = i + 1;
-    while (j < faces.size() && faces[j].sorted == faces[i].sorted) ++j;
-    if (j - i > 2) return false;
-    if (j - i == 2) {
-      const unsigned a = faces[i].code, b = faces[i + 1].code;
-      if (compare_keys(key_of(a), key_of(b)) != -1) return false;
-      m.neighbors(a & 3u, a >> 2) = b >> 2;
-      m.neighbors(b & 3u, b >> 2) = a >> 2;
-    }
-    i = j;
-  }
-  return true;
-}
 
 // The skin and the walls between colours into the hard set, each wall face once, from the tet of
 // the smaller index. True when any face was added.
@@ -100,7 +52,7 @@ bool th4_engine::load_given_mesh(mesher::data_type& data, bool again) {
   set_ancestors(0, tets.cols());
   bool linked = false;
   try {
-    linked = link_input_tets(*this);
+    linked = link_tets_by_faces(tets, neighbors);
   } catch (const std::bad_alloc&) {
     raise_error(msg::memory_mode1_setup);
   }
