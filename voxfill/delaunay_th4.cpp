@@ -22,7 +22,9 @@ const double* phase_weights(unsigned mode) noexcept {
 th4_engine::th4_engine()
     : own_size_field(
           std::make_unique<voxfill::size_field>(node_sizes, locator, colors, true, nullptr)),
-      size_field(own_size_field.get()) {}
+      size_field(own_size_field.get()) {
+  background.bind(nodes);
+}
 
 th4_engine::~th4_engine() {
   tasks = nullptr;
@@ -35,6 +37,7 @@ void th4_engine::clear() {
   last_recovery = recovery_counts();
   if (size_field != own_size_field.get()) delete size_field;
   size_field = own_size_field.get();
+  background.clear();
   own_size_field->reseed();
 }
 

@@ -8,6 +8,7 @@
 #include "delaunay/mesh_store.h"
 #include "voxfill/boundary/recovery_counts.h"
 #include "voxfill/mesher_th4.h"
+#include "voxfill/refine/background_mesh.h"
 #include "voxfill/refine/size_field.h"
 #include "voxfill/task_mgr.h"
 
@@ -28,6 +29,7 @@ enum phase_index : unsigned {
 // All state of one run. The mesh store's tables are the engine's own fields.
 class th4_engine : public mesh_store {
  public:
+  background_tables background;  // empty without a background mesh
   // The size field over the mesh itself, made with the engine, and the field in force: the own
   // one, or a field over a background mesh, which the engine then owns as well.
   std::unique_ptr<voxfill::size_field> own_size_field;

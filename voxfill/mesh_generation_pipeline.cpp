@@ -16,6 +16,7 @@
 #include "voxfill/kernel_task.h"
 #include "voxfill/node_ordering.h"
 #include "voxfill/optim/regularize_mesh.h"
+#include "voxfill/refine/background_mesh.h"
 #include "voxfill/refine/refine_context.h"
 #include "voxfill/refine/refinement_estimate.h"
 #include "voxfill/refine/refinement_loop.h"
@@ -117,8 +118,11 @@ void th4_engine::run_mesh_generation(mesher::data_type& data, refine_context& co
   if (!renumbered && !load_nodes(data.pos, dense1D<double>()))
     raise_error(msg::memory_node_loading);
   register_hard_entities(*this, data, true, *tasks);
-  if (needs_sizes) set_boundary_sizes(*this, data);
-  // Sizes from a background mesh come with the background mesh.
+  bool background_ok = false;
+  if (needs_sizes) {
+    set_boundary_sizes(*this, data);
+    background_ok = load_background_mesh(*this, data.background_mesh);
+  }
   tasks->close_phase(phase_init);
 
   // Front: the Delaunay mesh of the hard nodes, the boundary brought in, the tets sorted.
@@ -178,7 +182,7 @@ void th4_engine::run_mesh_generation(mesher::data_type& data, refine_context& co
   if (needs_sizes && data.volume > 0.0) {
     if (!data.missing_faces.empty() || !data.missing_edges.empty())
       retry_boundary_sizes(*this, data);
-    // Sizes from a background mesh come with the background mesh.
+    if (background_ok) sizes_from_background(*this);
     if (!must_stop()) {
       // Nodes of the domain still without a size: Steiner nodes and the like.
       dense1D<unsigned> unsized;
@@ -211,7 +215,16 @@ void th4_engine::run_mesh_generation(mesher::data_type& data, refine_context& co
   data.steiner_nodes = steiner_list.size;
   // The exclusion nodes come with the refinement, which they keep away.
   if (settings.refine || settings.optim_level != 0) swap_only_pass(*this, 1);
-  // The front's mesh as the background comes with the background mesh.
+  // The mesh of the front, with the sizes that it has now, carries the sizes of the refinement.
+  if (data.background_mesh.empty() && settings.front_as_background && !must_stop()) {
+    dense1D<unsigned> map;
+    try {
+      compact_tets(map);
+      load_background_from_mesh(*this, tets.data, colors);
+    } catch (const std::bad_alloc&) {
+      raise_error(msg::memory_error_run);
+    }
+  }
   data.front_time = clock_now() - T;
 
   T = clock_now();

@@ -9,6 +9,7 @@
 #include "voxfill/boundary/hard_entities.h"
 #include "voxfill/delaunay_th4.h"
 #include "voxfill/optim/regularize_mesh.h"
+#include "voxfill/refine/background_mesh.h"
 #include "voxfill/refine/refine_context.h"
 #include "voxfill/refine/refinement_estimate.h"
 #include "voxfill/refine/refinement_loop.h"
@@ -84,6 +85,7 @@ bool th4_engine::load_given_mesh(mesher::data_type& data, bool again) {
     data.hard_faces_in = hard_set.faces.size() + hard_set.two_way_faces.size();
   }
   sizes_from_mesh(*this, data);
+  if (load_background_mesh(*this, data.background_mesh)) sizes_from_background(*this);
   if (!must_stop()) {
     double lo[3] = {DBL_MAX, DBL_MAX, DBL_MAX}, hi[3] = {-DBL_MAX, -DBL_MAX, -DBL_MAX};
     for (unsigned t = 0; t < tets.cols(); ++t) {
