@@ -87,19 +87,26 @@ struct halved_case {
   unsigned background_first = 0;
 };
 
-halved_case halved_cube(double coarse) {
+// With `shared`, a node of the grid at the place of a node of the surface is that node.
+halved_case halved_cube(double coarse, bool shared = false) {
   halved_case c;
   surfaces::add_box(c.surface, 4);
   c.record = surfaces::record_of(c.surface);
   std::vector<point> pts = c.surface.pts;
   c.background_first = unsigned(pts.size());
   const std::vector<double> xs = {0.0, 0.25, 0.45, 0.55, 0.75, 1.0}, yz = {0.0, 0.5, 1.0};
-  const auto tets = grid_tets(pts, xs, yz, yz);
+  auto tets = grid_tets(pts, xs, yz, yz);
+  if (shared)
+    for (auto& t : tets)
+      for (unsigned& v : t) {
+        const auto at = std::find(pts.begin(), pts.begin() + c.background_first, pts[v]);
+        if (at != pts.begin() + c.background_first) v = unsigned(at - pts.begin());
+      }
   c.record.pos = pos_of(pts);
   c.record.background_mesh = table_of(tets);
   dense1D<double> metrics(unsigned(pts.size()), 0.0);
-  for (unsigned j = c.background_first; j < pts.size(); ++j)
-    metrics[j] = pts[j][0] < 0.5 ? coarse : 0.5 * coarse;
+  for (const auto& t : tets)
+    for (unsigned v : t) metrics[v] = pts[v][0] < 0.5 ? coarse : 0.5 * coarse;
   c.record.metrics = metrics;
   return c;
 }
@@ -198,7 +205,7 @@ TEST(BackgroundMesh, HalvedSizesGiveAboutEightTimesTheTets) {
   std::printf("halved sizes: %u tets at the coarse end, %u at the fine end, ratio %.2f\n", coarse,
               fine, ratio);
 
-  // The same sizes on the nodes of the cube without the background: no such contrast.
+  // Without the background the sizes come from the boundary alone: no such contrast.
   data_type plain = c.record;
   plain.background_mesh = dense2D<unsigned>();
   plain.metrics = dense1D<double>();
@@ -303,6 +310,27 @@ TEST(BackgroundMesh, NodesSharedWithTheMeshAreCopied) {
   EXPECT_GT(d.tet_count, 2 * own.tet_count);
   std::printf("cloud of %u tets: %u tets with itself as background of size 0.15, %u without\n",
               in.connectM.cols, d.tet_count, own.tet_count);
+}
+
+// Mode 0 with a background that shares nodes with the surface: they are in the mesh from the
+// start on and keep the background's sizes; the boundary is whole, and the contrast holds.
+TEST(BackgroundMesh, NodesSharedWithTheSurface) {
+  const halved_case c = halved_cube(0.2, true);
+  unsigned shared = 0;
+  for (unsigned j = 0; j < c.record.background_mesh.cols; ++j)
+    for (unsigned i = 0; i < 4; ++i) shared += c.record.background_mesh(i, j) < c.background_first;
+  ASSERT_GT(shared, 0u);
+  dense2D<unsigned> background;
+  background.copy(c.record.background_mesh);
+  const data_type d = run_copy(c.record, mesher::settings_type());
+  ASSERT_EQ(d.error_code, 0) << d.msg_title;
+  EXPECT_TRUE(surfaces::sound(d));
+  EXPECT_EQ(surfaces::absent_by_coords(d, c.surface).faces, 0u);
+  EXPECT_NEAR(surfaces::mesh_volume(d), 1.0, 1e-9);
+  EXPECT_TRUE(same_table(d.background_mesh, background));
+  const double ratio = double(tets_in_slab(d, 0.55, 1.0)) / tets_in_slab(d, 0.0, 0.45);
+  EXPECT_GT(ratio, 5.0);
+  EXPECT_LT(ratio, 12.0);
 }
 
 // Mode 1 with a background whose sizes are coarse on one side and fine on the other: the fine
