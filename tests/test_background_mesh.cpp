@@ -372,6 +372,44 @@ TEST(BackgroundMesh, Deterministic) {
   EXPECT_TRUE(same_mesh(f1, run_copy(box, st)));
 }
 
+// Stopped at any poll, a run with a background hands over no mesh or a sound one, and leaves the
+// caller's background table as it was; so does a run with the front's mesh as background.
+TEST(BackgroundMesh, InterruptionAtAnyPoll) {
+  const halved_case c = halved_cube(0.3);
+  surfaces::input s;
+  surfaces::add_box(s, 4);
+  const data_type box = surfaces::record_of(s);
+  struct counter {
+    unsigned calls = 0, stop_at = 0;
+  };
+  for (const bool front : {false, true}) {
+    const data_type& in = front ? box : c.record;
+    unsigned whole = 0;
+    bool finished = false;
+    for (unsigned k = 1; k < 5000 && !finished; ++k) {
+      counter n;
+      n.stop_at = k;
+      mesher::settings_type st;
+      st.front_as_background = front;
+      st.pass_thru = &n;
+      st.interrupt_hdl = [](void* p, double) {
+        counter& n = *static_cast<counter*>(p);
+        return ++n.calls == n.stop_at;
+      };
+      data_type d = in;
+      mesher(st).run(d);
+      finished = n.calls < k;
+      EXPECT_EQ(d.error_code, 0) << "poll " << k << " " << d.msg_title;
+      EXPECT_TRUE(same_table(d.background_mesh, in.background_mesh)) << "poll " << k;
+      if (d.connectM.empty()) continue;
+      ++whole;
+      EXPECT_TRUE(surfaces::sound(d)) << "poll " << k;
+    }
+    EXPECT_TRUE(finished) << (front ? "front" : "caller's background");
+    EXPECT_GT(whole, 0u);
+  }
+}
+
 // The front's mesh as background on real surfaces: a sound mesh that keeps the boundary, of a
 // size near the mesh made without it, and no node made for the background is left over.
 TEST(BackgroundMesh, FrontAsBackgroundOnRealSurfaces) {
