@@ -2,6 +2,7 @@
 #include "voxfill/delaunay_th4.h"
 
 #include <algorithm>
+#include <cfloat>
 
 #include "voxfill/kernel_task.h"
 #include "voxfill/refine/refine_context.h"
@@ -71,6 +72,11 @@ void th4_engine::run_steps(mesher::data_type& data, refine_context* context) {
   if (!data.background_mesh.empty()) settings.target_size = 0.0;
   if (settings.mode == 0 && !settings.refine) settings.optim_node_insertion = false;
   if (settings.mode == 2) settings.compute_Qh = false;
+  // A target size that a background sets aside does not limit the refinement's sizes either.
+  if (context && !(settings.target_size > 0.0 && settings.target_size < DBL_MAX)) {
+    context->target_size = settings.target_size;
+    context->size_gradation = DBL_MAX;
+  }
 
   Ptr<progress_bar> root(new progress_bar(settings.progress_offset, settings.progress_scale));
   root->add_phase_bars(phase_weights(settings.mode), 6);
