@@ -69,6 +69,11 @@ TEST(Refinement, SharedSurfaces) {
     const data_type d = refine(s);
     expect_refined(d, s, name);
     EXPECT_EQ(d.subdomains, 1u) << name;
+    // Where no needle triangle bounds it, the worst tet is lifted well clear of the boundary's
+    // limit by the polish of the worst tets (measured 0.39 and 0.47).
+    if (std::string(name) == "elephant" || std::string(name) == "knot1") {
+      EXPECT_GT(d.min_quality, 0.3) << name;
+    }
   }
 }
 

@@ -385,14 +385,15 @@ void regularize_mesh(th4_engine& e, bool with_background, double boundary_qualit
     run_levels(g, s.optim_level - 2, nodes_left, s.optim_node_smoothing, s.optim_node_insertion,
                s.optim_node_removal, s.optim_shell_reconnection, s.optim_hard_links, 1);
   }
-  // The polish of the worst tets, for a caller's mesh, whose worst tets no size has shaped.
-  if (s.mode == 1 && s.optim_node_smoothing && !interrupted(g)) {
+  // The polish of the worst tets. A caller's mesh has many bad tets that no size has shaped: a
+  // thousand of the worst are what can still move the worst one, however large the mesh. A
+  // refined mesh has a few, and a small pick lifts them at little cost.
+  if (s.optim_node_smoothing && !interrupted(g)) {
     prepare_masks(g);
     // Nodes that the moves removed do not widen the caller's budget.
     unsigned left = s.optim_node_insertion ? std::min(nodes_left, nodes_given) : 0;
-    // A max-min polish: a thousand of the worst tets are what can still move the worst one, however
-    // large the mesh.
-    const unsigned count = std::min(1024u, std::max(64u, live_tet_count(e) / 100));
+    const unsigned count =
+        s.mode == 1 ? std::min(1024u, std::max(64u, live_tet_count(e) / 100)) : 32u;
     polish_worst(g, count, 24, left);
   }
 }

@@ -160,6 +160,18 @@ bool star_rows(regularizer& g, const dense1D<unsigned>& region, unsigned node) n
     }
     for (unsigned i = 0; i < 4; ++i) s.region_nodes.push_back(r[i]);
   }
+  // A hard edge inside the region would be lost: only one on an outer face may stay.
+  for (unsigned k = 0; k < region.size; ++k) {
+    const unsigned* r = m.tets.row(region[k]);
+    for (unsigned e = 0; e < 6; ++e) {
+      const unsigned a = r[tet_edge_nodes[e][0]], b = r[tet_edge_nodes[e][1]];
+      if (!m.hard_set.has_edge(a, b)) continue;
+      bool outer = false;
+      for (unsigned j = 0; j < s.rows.cols && !outer; ++j)
+        outer = local_index(s.rows.col(j), a) < 4 && local_index(s.rows.col(j), b) < 4;
+      if (!outer) return false;
+    }
+  }
   std::sort(s.region_nodes.begin(), s.region_nodes.end());
   s.region_nodes.size =
       unsigned(std::unique(s.region_nodes.begin(), s.region_nodes.end()) - s.region_nodes.begin());
