@@ -387,14 +387,14 @@ void regularize_mesh(th4_engine& e, bool with_background, double boundary_qualit
   }
   // The polish of the worst tets. A caller's mesh has many bad tets that no size has shaped: a
   // thousand of the worst are what can still move the worst one, however large the mesh. A
-  // refined mesh has a few, and a small pick lifts them at little cost.
+  // refined mesh has a few, and a small pick in a few rounds lifts them at little cost.
   if (s.optim_node_smoothing && !interrupted(g)) {
     prepare_masks(g);
     // Nodes that the moves removed do not widen the caller's budget.
     unsigned left = s.optim_node_insertion ? std::min(nodes_left, nodes_given) : 0;
-    const unsigned count =
-        s.mode == 1 ? std::min(1024u, std::max(64u, live_tet_count(e) / 100)) : 32u;
-    polish_worst(g, count, 24, left);
+    const bool given = s.mode == 1;
+    const unsigned count = given ? std::min(1024u, std::max(64u, live_tet_count(e) / 100)) : 32u;
+    polish_worst(g, count, given ? 24 : 4, left);
   }
 }
 
