@@ -93,6 +93,17 @@ inline bool delaunay_cloud(mesh_store& m, unsigned n, unsigned seed) {
   return d.error_code == 0 && load_output(m, d);
 }
 
+// The nodes and tets of a store as a record for mode 1, nothing else given.
+inline kelvo::voxfill::mesher::data_type record_of_store(const mesh_store& m) {
+  kelvo::dense2D<double> pos(3, m.nodes.cols());
+  for (unsigned j = 0; j < m.nodes.cols(); ++j) std::copy_n(m.nodes.row(j), 3, pos.col(j));
+  kelvo::dense2D<unsigned> tets(4, m.tets.cols());
+  for (unsigned t = 0; t < m.tets.cols(); ++t) std::copy_n(m.tets.row(t), 4, tets.col(t));
+  kelvo::voxfill::mesher::data_type d(pos, kelvo::dense2D<unsigned>());
+  d.connectM = tets;
+  return d;
+}
+
 // Unit cube, node x + 2y + 4z, split into six tets around the diagonal 0-7.
 inline void kuhn_cube(mesh_store& m) {
   std::vector<std::array<double, 3>> pts;

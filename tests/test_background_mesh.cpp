@@ -157,13 +157,7 @@ bool same_table(const dense2D<unsigned>& a, const dense2D<unsigned>& b) {
 data_type cloud_input(unsigned n, unsigned seed) {
   kelvo::voxfill::mesh_store m;
   EXPECT_TRUE(fixtures::delaunay_cloud(m, n, seed));
-  dense2D<double> pos(3, m.nodes.cols());
-  for (unsigned j = 0; j < m.nodes.cols(); ++j) std::copy_n(m.nodes.row(j), 3, pos.col(j));
-  dense2D<unsigned> tets(4, m.tets.cols());
-  for (unsigned t = 0; t < m.tets.cols(); ++t) std::copy_n(m.tets.row(t), 4, tets.col(t));
-  data_type d(pos, dense2D<unsigned>());
-  d.connectM = tets;
-  return d;
+  return fixtures::record_of_store(m);
 }
 
 // Appends a background grid on the planes xs x ys x zs to the record, its nodes after the others,

@@ -39,12 +39,7 @@ face sorted(unsigned a, unsigned b, unsigned c) {
 data_type cloud_input(unsigned n, unsigned seed, bool coloured) {
   mesh_store m;
   EXPECT_TRUE(fixtures::delaunay_cloud(m, n, seed));
-  dense2D<double> pos(3, m.nodes.cols());
-  for (unsigned j = 0; j < m.nodes.cols(); ++j) std::copy_n(m.nodes.row(j), 3, pos.col(j));
-  dense2D<unsigned> tets(4, m.tets.cols());
-  for (unsigned t = 0; t < m.tets.cols(); ++t) std::copy_n(m.tets.row(t), 4, tets.col(t));
-  data_type d(pos, dense2D<unsigned>());
-  d.connectM = tets;
+  data_type d = fixtures::record_of_store(m);
   if (coloured)
     for (unsigned t = 0; t < m.tets.cols(); ++t) {
       const unsigned* r = m.tets.row(t);
