@@ -86,10 +86,6 @@ void report(boundary_closer& bc, const char* format, unsigned count) {
   if (bc.task) bc.task->display(2, line);
 }
 
-unsigned live_faces(const face_set& s) noexcept {
-  return s.size();
-}
-
 // The dropped region grows from the corners of the box, through faces that are not hard and not
 // spanned by nodes of a rim or of a given-up entity.
 void flood(boundary_closer& bc, bit_set& visited, bit_set& kept) {
@@ -412,7 +408,7 @@ void close_hard_surface(boundary_closer& bc, const dense2D<unsigned>& connectB) 
   grow(kept, T);
   for (unsigned t = 0; t < T; ++t) kept.set(t);
   fill_closer(bc, connectB);
-  const unsigned removed = connectB.cols - std::min(connectB.cols, live_faces(m.hard_set.faces));
+  const unsigned removed = connectB.cols - std::min(connectB.cols, m.hard_set.faces.size());
   if (bc.task) bc.task->display(2, "Closing boundary mesh...\n");
   report(bc, "   Open edges                  : %d\n", bc.open_edges.size());
   unsigned open = 0, patho = 0;
