@@ -2,6 +2,7 @@
 // exactly, hold every node, and on clouds in general position be the Delaunay mesh itself, as an
 // independent program (CGAL's, when installed) makes it.
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -120,8 +121,9 @@ oracle_mesh cgal_delaunay(const std::vector<point>& pts) {
   (void)pts;
   o.why = "CGAL was not found when the tests were configured";
 #else
-  const std::string dir = ::testing::TempDir();
-  const std::string in = dir + "voxfill_hull_points.txt", out = dir + "voxfill_hull_tets.txt";
+  // Files of this process alone: ctest runs the tests that call the oracle side by side.
+  const std::string stem = ::testing::TempDir() + "voxfill_hull_" + std::to_string(getpid());
+  const std::string in = stem + "_points.txt", out = stem + "_tets.txt";
   std::FILE* f = std::fopen(in.c_str(), "w");
   if (!f) {
     o.why = "cannot write " + in;
@@ -151,6 +153,8 @@ oracle_mesh cgal_delaunay(const std::vector<point>& pts) {
       return o;
     }
   std::fclose(f);
+  std::remove(in.c_str());
+  std::remove(out.c_str());
   o.made = true;
 #endif
   return o;
