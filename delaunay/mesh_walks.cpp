@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstddef>
 
 #include "delaunay/geometry.h"
 #include "delaunay/tet_tables.h"
@@ -202,9 +203,13 @@ void tets_of_face(mesh_store& m, unsigned n0, unsigned n1, unsigned n2,
   out.size = kept;
 }
 
-int locate_side(const dense2D<double>& xyz, const double* P, const unsigned* tet, double tol,
-                unsigned start) noexcept {
-  const double* q[4] = {xyz.col(tet[0]), xyz.col(tet[1]), xyz.col(tet[2]), xyz.col(tet[3])};
+namespace {
+
+// Bit f set when P lies beyond the plane of face f by more than the tolerance; -2 for a tet of
+// non-positive or non-finite volume. The four faces are all tested: the scan order only picks
+// among them, and a point that is inside needs all four anyway.
+inline int beyond_faces(const double* const* q, const double* P, double tol) noexcept {
+  using namespace geometry_detail;
   const double V = orient_det(q[0], q[1], q[2], q[3]);
   if (!(V > 0.0) || !std::isfinite(V)) return -2;
   const double limit = V * tol;
@@ -212,43 +217,75 @@ int locate_side(const dense2D<double>& xyz, const double* P, const unsigned* tet
   double d[4][3];
   for (unsigned i = 0; i < 4; ++i)
     for (unsigned k = 0; k < 3; ++k) d[i][k] = q[i][k] - P[k];
-  for (unsigned k = 1; k <= 4; ++k) {
-    const unsigned f = (start + k) & 3;
-    const double* xp = d[tet_face_nodes[f][0]];
-    const double* yp = d[tet_face_nodes[f][1]];
-    const double* zp = d[tet_face_nodes[f][2]];
-    // Positive when P lies beyond the plane of face f: the face turns negatively seen from P.
-    const double D = xp[0] * (yp[1] * zp[2] - yp[2] * zp[1]) +
-                     xp[1] * (yp[2] * zp[0] - yp[0] * zp[2]) +
-                     xp[2] * (yp[0] * zp[1] - yp[1] * zp[0]);
-    if (D > limit) return int(f);
-  }
-  return -1;
+  // D_f = d_a . (d_b x d_c) over the nodes of face f, positive when P lies beyond its plane (the
+  // face turns negatively seen from P). Faces 1 and 2 share the product of nodes 0 and 3 with
+  // the sign turned, which rounds the same.
+  double c23[3], c03[3], c10[3];
+  cross3(d[2], d[3], c23);
+  cross3(d[0], d[3], c03);
+  cross3(d[1], d[0], c10);
+  static_assert(
+      tet_face_nodes[0][0] == 1 && tet_face_nodes[0][1] == 2 && tet_face_nodes[0][2] == 3 &&
+      tet_face_nodes[1][0] == 2 && tet_face_nodes[1][1] == 0 && tet_face_nodes[1][2] == 3 &&
+      tet_face_nodes[2][0] == 1 && tet_face_nodes[2][1] == 3 && tet_face_nodes[2][2] == 0 &&
+      tet_face_nodes[3][0] == 2 && tet_face_nodes[3][1] == 1 && tet_face_nodes[3][2] == 0);
+  const double D0 = dot3(d[1], c23), D1 = dot3(d[2], c03), D2 = -dot3(d[1], c03),
+               D3 = dot3(d[2], c10);
+  return int(D0 > limit) | int(D1 > limit) << 1 | int(D2 > limit) << 2 | int(D3 > limit) << 3;
+}
+
+// The first face of `mask` in the cyclic scan from start + 1; -1 for an empty mask.
+inline int first_face(int mask, unsigned start) noexcept {
+  if (mask == 0) return -1;
+  const unsigned s = (start + 1) & 3;
+  const unsigned rotated = (unsigned(mask) | unsigned(mask) << 4) >> s;
+  return int((unsigned(__builtin_ctz(rotated)) + s) & 3);
+}
+
+}  // namespace
+
+int locate_side(const dense2D<double>& xyz, const double* P, const unsigned* tet, double tol,
+                unsigned start) noexcept {
+  const double* q[4] = {xyz.col(tet[0]), xyz.col(tet[1]), xyz.col(tet[2]), xyz.col(tet[3])};
+  const int mask = beyond_faces(q, P, tol);
+  return mask < 0 ? mask : first_face(mask, start);
 }
 
 namespace {
 
+// Column j of a table at base + ld * j: the views of the walk's tables, read once per walk.
+template <class T>
+struct flat_table {
+  const T* base;
+  std::size_t ld;
+  explicit flat_table(const dense2D<T>& a) noexcept : base(a.vec->data + a.offset), ld(a.ld) {}
+  const T* col(unsigned j) const noexcept { return base + ld * j; }
+};
+
 // The walk over a mesh's tables, whichever record holds them.
-int walk_tables(const dense2D<double>& xyz, const slot_table<unsigned>& tets,
-                const slot_table<unsigned>& neighbors, const double* P, unsigned& t, double tol,
-                bit_source& bits) noexcept {
-  unsigned steps = tets.cols();
+int walk_tables(const dense2D<double>& xyz_table, const slot_table<unsigned>& tets_table,
+                const slot_table<unsigned>& neighbors_table, const double* P, unsigned& t,
+                double tol, bit_source& bits) noexcept {
+  const flat_table<double> xyz(xyz_table);
+  const flat_table<unsigned> tets(tets_table.data), neighbors(neighbors_table.data);
+  unsigned steps = tets_table.cols();
   while (t != NONE && steps) {
     --steps;
     unsigned start = bits.next();
-    const unsigned* n = tets.row(t);
-    int s = locate_side(xyz, P, n, tol, start);
-    if (s == -1) return 1;
-    if (s == -2) {
+    const unsigned* n = tets.col(t);
+    const double* q[4] = {xyz.col(n[0]), xyz.col(n[1]), xyz.col(n[2]), xyz.col(n[3])};
+    const int mask = beyond_faces(q, P, tol);
+    if (mask == 0) return 1;
+    if (mask < 0) {
       t = NONE;
       return -1;
     }
-    unsigned nb = neighbors(unsigned(s), t);
+    const unsigned* nbs = neighbors.col(t);
+    unsigned nb = nbs[first_face(mask, start)];
     // Beyond a hull face: a point beyond two faces leaves by the one that is not on the hull.
     for (unsigned r = 0; nb == NONE && r < 3; ++r) {
       start = (start + 1) & 3;
-      s = locate_side(xyz, P, n, tol, start);
-      if (s >= 0) nb = neighbors(unsigned(s), t);
+      nb = nbs[first_face(mask, start)];
     }
     t = nb;
   }
