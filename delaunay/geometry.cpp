@@ -71,17 +71,17 @@ double face_double_area(const double* xyz, unsigned n0, unsigned n1, unsigned n2
 // ---------------------------------------------------------------------------------------------
 // Solvers and barycentric weights
 
+namespace {
+
 // Row i of the inverse is (column i+1 x column i+2) / det. Refinement in the same precision still
-// pays: the residual of the rounded solution is computed nearly exactly for small systems.
-double solve_3x3(const double* m, double* rhs, int refinements) noexcept {
-  const double* c0 = m;
-  const double* c1 = m + 3;
-  const double* c2 = m + 6;
-  double r0[3], r1[3], r2[3];
-  cross3(c1, c2, r0);
+// pays: the residual of the rounded solution is computed nearly exactly for small systems. The
+// first row r0 = c1 x c2 and v0 = c0 . r0 come from the caller, who may have them already.
+inline double solve_3x3_rows(const double* c0, const double* c1, const double* c2, const double* r0,
+                             double v0, double* rhs, int refinements) noexcept {
+  double r1[3], r2[3];
   cross3(c2, c0, r1);
   cross3(c0, c1, r2);
-  const double det = (dot3(c0, r0) + dot3(c1, r1) + dot3(c2, r2)) / 3.0;
+  const double det = (v0 + dot3(c1, r1) + dot3(c2, r2)) / 3.0;
   if (det == 0.0) {
     rhs[0] = rhs[1] = rhs[2] = 0.0;
     return 0.0;
@@ -106,14 +106,29 @@ double solve_3x3(const double* m, double* rhs, int refinements) noexcept {
   return det;
 }
 
+}  // namespace
+
+double solve_3x3(const double* m, double* rhs, int refinements) noexcept {
+  double r0[3];
+  cross3(m + 3, m + 6, r0);
+  return solve_3x3_rows(m, m + 3, m + 6, r0, dot3(m, r0), rhs, refinements);
+}
+
 double tet_barycentric(const double* p0, const double* p1, const double* p2, const double* p3,
                        const double* p, double* w) noexcept {
-  double m[9];
+  double m[9], r0[3];
   sub3(p0, p3, m);
   sub3(p1, p3, m + 3);
   sub3(p2, p3, m + 6);
   sub3(p, p3, w);
-  return solve_3x3(m, w, 2);
+  cross3(m + 3, m + 6, r0);
+  return solve_3x3_rows(m, m + 3, m + 6, r0, dot3(m, r0), w, 2);
+}
+
+double tet_barycentric_prepared(const double* a, const double* b, const double* c, const double* bc,
+                                double V, const double* p3, const double* p, double* w) noexcept {
+  sub3(p, p3, w);
+  return solve_3x3_rows(a, b, c, bc, V, w, 2);
 }
 
 double tet_barycentric(const dense2D<double>& coords, unsigned n0, unsigned n1, unsigned n2,

@@ -274,6 +274,10 @@ double tet_barycentric(const dense2D<double>& coords, unsigned n0, unsigned n1, 
                        unsigned n3, const double* p, double* w) noexcept;
 double tet_barycentric(const double* xyz, unsigned n0, unsigned n1, unsigned n2, unsigned n3,
                        const double* p, double* w) noexcept;
+// The same weights, bit for bit, for a tet whose edge vectors a = p0 - p3, b = p1 - p3,
+// c = p2 - p3, bc = b x c and determinant V = a . bc are at hand, as orient_det computes them.
+double tet_barycentric_prepared(const double* a, const double* b, const double* c, const double* bc,
+                                double V, const double* p3, const double* p, double* w) noexcept;
 
 // Weights of p0 and p1 of the point `p` projected on the plane of the triangle (p0, p1, p2) in D
 // dimensions (2 or 3), written to `w`. Returns twice the area; 0.0 with both weights 0.0 when the

@@ -208,9 +208,20 @@ namespace {
 // Bit f set when P lies beyond the plane of face f by more than the tolerance; -2 for a tet of
 // non-positive or non-finite volume. The four faces are all tested: the scan order only picks
 // among them, and a point that is inside needs all four anyway.
-inline int beyond_faces(const double* const* q, const double* P, double tol) noexcept {
+// `e` keeps the edge vectors from node 3 and the determinant, computed as orient_det does.
+struct edge_frame {
+  double a[3], b[3], c[3], bc[3];
+  double V;
+};
+
+inline int beyond_faces(const double* const* q, const double* P, double tol,
+                        edge_frame& e) noexcept {
   using namespace geometry_detail;
-  const double V = orient_det(q[0], q[1], q[2], q[3]);
+  sub3(q[0], q[3], e.a);
+  sub3(q[1], q[3], e.b);
+  sub3(q[2], q[3], e.c);
+  cross3(e.b, e.c, e.bc);
+  const double V = e.V = dot3(e.a, e.bc);
   if (!(V > 0.0) || !std::isfinite(V)) return -2;
   const double limit = V * tol;
   // The nodes seen from P once for the four faces.
@@ -247,7 +258,8 @@ inline int first_face(int mask, unsigned start) noexcept {
 int locate_side(const dense2D<double>& xyz, const double* P, const unsigned* tet, double tol,
                 unsigned start) noexcept {
   const double* q[4] = {xyz.col(tet[0]), xyz.col(tet[1]), xyz.col(tet[2]), xyz.col(tet[3])};
-  const int mask = beyond_faces(q, P, tol);
+  edge_frame e;
+  const int mask = beyond_faces(q, P, tol, e);
   return mask < 0 ? mask : first_face(mask, start);
 }
 
@@ -262,10 +274,11 @@ struct flat_table {
   const T* col(unsigned j) const noexcept { return base + ld * j; }
 };
 
-// The walk over a mesh's tables, whichever record holds them.
+// The walk over a mesh's tables, whichever record holds them. With `w`, the weights of P in the
+// tet found, from the vectors the last test already computed.
 int walk_tables(const dense2D<double>& xyz_table, const slot_table<unsigned>& tets_table,
                 const slot_table<unsigned>& neighbors_table, const double* P, unsigned& t,
-                double tol, bit_source& bits) noexcept {
+                double tol, bit_source& bits, double* w = nullptr) noexcept {
   const flat_table<double> xyz(xyz_table);
   const flat_table<unsigned> tets(tets_table.data), neighbors(neighbors_table.data);
   unsigned steps = tets_table.cols();
@@ -274,8 +287,12 @@ int walk_tables(const dense2D<double>& xyz_table, const slot_table<unsigned>& te
     unsigned start = bits.next();
     const unsigned* n = tets.col(t);
     const double* q[4] = {xyz.col(n[0]), xyz.col(n[1]), xyz.col(n[2]), xyz.col(n[3])};
-    const int mask = beyond_faces(q, P, tol);
-    if (mask == 0) return 1;
+    edge_frame e;
+    const int mask = beyond_faces(q, P, tol, e);
+    if (mask == 0) {
+      if (w) tet_barycentric_prepared(e.a, e.b, e.c, e.bc, e.V, q[3], P, w);
+      return 1;
+    }
     if (mask < 0) {
       t = NONE;
       return -1;
@@ -310,8 +327,8 @@ int walk_to_point(const node_locator& loc, const double* P, unsigned& t, double 
   return walk_tables(loc.nodes->data, *loc.tets, *loc.neighbors, P, t, tol, bits);
 }
 
-bool locate_tet(node_locator& loc, const double* P, unsigned& t, double tol,
-                bit_source& bits) noexcept {
+bool locate_tet(node_locator& loc, const double* P, unsigned& t, double tol, bit_source& bits,
+                double* w) noexcept {
   if (!loc.ancestors) return false;
   if (t == NONE) {
     const unsigned node = loc.near_node(P);
@@ -319,9 +336,16 @@ bool locate_tet(node_locator& loc, const double* P, unsigned& t, double tol,
     t = (*loc.ancestors)[node];
     if (t == NONE) return false;
   }
-  if (walk_to_point(loc, P, t, tol, bits) == 1) return true;
+  if (loc.nodes && loc.tets && loc.neighbors &&
+      walk_tables(loc.nodes->data, *loc.tets, *loc.neighbors, P, t, tol, bits, w) == 1)
+    return true;
   t = NONE;
   return false;
+}
+
+bool locate_tet(node_locator& loc, const double* P, unsigned& t, double tol,
+                bit_source& bits) noexcept {
+  return locate_tet(loc, P, t, tol, bits, nullptr);
 }
 
 bool locate_tet(mesh_store& m, const double* P, unsigned& t, double tol) noexcept {

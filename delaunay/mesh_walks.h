@@ -75,6 +75,10 @@ int walk_to_point(const node_locator& loc, const double* P, unsigned& t, double 
                   bit_source& bits) noexcept;
 bool locate_tet(node_locator& loc, const double* P, unsigned& t, double tol,
                 bit_source& bits) noexcept;
+// The same, and on success the weights of P in t (those of tet_barycentric of its four nodes)
+// into w[0..2], taken from the last test of the walk.
+bool locate_tet(node_locator& loc, const double* P, unsigned& t, double tol, bit_source& bits,
+                double* w) noexcept;
 
 // As locate_tet, but the tet must be classified; with `retry`, walks again from each tet of the
 // ball of the nearest node until a walk ends in a classified tet.

@@ -45,9 +45,10 @@ bool in_domain(const size_field& field, unsigned t) noexcept {
 }
 
 // The tet holding P over the field's own tables and with its own random bits, so that a
-// background mesh is walked like the mesh itself.
-bool locate_in_field(size_field& field, const double* P, unsigned& t) noexcept {
-  return bound(field.locator) && locate_tet(field.locator, P, t, LOCATE_TOL, field.walk_bits);
+// background mesh is walked like the mesh itself. With `w`, also P's weights in it.
+bool locate_in_field(size_field& field, const double* P, unsigned& t,
+                     double* w = nullptr) noexcept {
+  return bound(field.locator) && locate_tet(field.locator, P, t, LOCATE_TOL, field.walk_bits, w);
 }
 
 // The tets around `node` into field.ball, depth first from its ancestor.
@@ -191,11 +192,9 @@ void interpolate_in_hull(th4_engine& engine, const dense1D<unsigned>& around,
 
 bool interpolate_size(size_field& field, const double* P, unsigned& tet, double& h) noexcept {
   h = 0.0;
-  if (!locate_in_field(field, P, tet)) return false;
-  const dense2D<double>& xyz = field.locator.nodes->data;
   double w[3];
+  if (!locate_in_field(field, P, tet, w)) return false;
   const unsigned* n = field.locator.tets->row(tet);
-  tet_barycentric(xyz, n[0], n[1], n[2], n[3], P, w);
   if (!in_domain(field, tet)) {
     // Clearly inside an outside tet: no size here. On its skin: the tet of the domain beside it.
     if (classify_tet_point(w, -LOCATE_TOL) == -1 || !locate_in_field_domain(field, P, tet)) {
@@ -203,7 +202,7 @@ bool interpolate_size(size_field& field, const double* P, unsigned& tet, double&
       return false;
     }
     n = field.locator.tets->row(tet);
-    tet_barycentric(xyz, n[0], n[1], n[2], n[3], P, w);
+    tet_barycentric(field.locator.nodes->data, n[0], n[1], n[2], n[3], P, w);
   }
   const dense1D<double>& s = field.sizes;
   if (n[0] >= s.size || n[1] >= s.size || n[2] >= s.size || n[3] >= s.size) return false;
