@@ -94,8 +94,8 @@ bool adjust_apex(size_field& field, const refine_context& c, apex_frame& frame, 
   const double* xyz = frame.col(0);
   const unsigned* o = c.tet_order;
   double best_merit = 0.0, best_worst = 0.0;
-  apex_frame saved;
-  double saved_sizes[4] = {0.0, 0.0, 0.0, 0.0};
+  // Only the apex moves: the face and its sizes stay as they are.
+  double saved[3] = {0.0, 0.0, 0.0}, saved_size = 0.0;
   bool kept = false;
   bool go = true;
   for (unsigned k = 0; k < ITERATIONS && go; ++k) {
@@ -130,14 +130,18 @@ bool adjust_apex(size_field& field, const refine_context& c, apex_frame& frame, 
     }
     if (!(m < best_merit)) {
       best_merit = m;
-      saved = frame;
-      for (unsigned i = 0; i < 4; ++i) saved_sizes[i] = frame_sizes[i];
+      for (unsigned d = 0; d < 3; ++d) saved[d] = P[d];
+      saved_size = frame_sizes[3];
       quality = q;
       kept = true;
       if (deviation > FLAT) {
         for (unsigned d = 0; d < 3; ++d) P[d] += step[d];
         if (frame_tets[3] == NONE) frame_tets[3] = frame_tets[2];
-        if (!field_size_at(field, P, frame_tets[3], frame_sizes[3])) go = false;
+        // The last move is never measured, but its walk draws the same random bits.
+        if (k + 1 == ITERATIONS || !(deviation > 0.02))
+          field_walk(field, P, frame_tets[3]);
+        else if (!field_size_at(field, P, frame_tets[3], frame_sizes[3]))
+          go = false;
       }
     } else {
       go = false;
@@ -145,8 +149,8 @@ bool adjust_apex(size_field& field, const refine_context& c, apex_frame& frame, 
     if (!(deviation > 0.02)) go = false;
   }
   if (!kept) return false;
-  frame = saved;
-  for (unsigned i = 0; i < 4; ++i) frame_sizes[i] = saved_sizes[i];
+  for (unsigned d = 0; d < 3; ++d) P[d] = saved[d];
+  frame_sizes[3] = saved_size;
   return true;
 }
 

@@ -190,25 +190,40 @@ void interpolate_in_hull(th4_engine& engine, const dense1D<unsigned>& around,
 
 }  // namespace
 
-bool interpolate_size(size_field& field, const double* P, unsigned& tet, double& h) noexcept {
+namespace {
+
+// interpolate_size; without `sized` the caller throws the size away, and the weights are worked
+// out only where the walks depend on them (the result is then meaningless, `tet` and the random
+// draws are the same).
+bool interpolate_in(size_field& field, const double* P, unsigned& tet, double& h,
+                    bool sized) noexcept {
   h = 0.0;
   double w[3];
-  if (!locate_in_field(field, P, tet, w)) return false;
+  if (!locate_in_field(field, P, tet, sized ? w : nullptr)) return false;
   const unsigned* n = field.locator.tets->row(tet);
   if (!in_domain(field, tet)) {
+    if (!sized) tet_barycentric(field.locator.nodes->data, n[0], n[1], n[2], n[3], P, w);
     // Clearly inside an outside tet: no size here. On its skin: the tet of the domain beside it.
     if (classify_tet_point(w, -LOCATE_TOL) == -1 || !locate_in_field_domain(field, P, tet)) {
       tet = NONE;
       return false;
     }
+    if (!sized) return false;
     n = field.locator.tets->row(tet);
     tet_barycentric(field.locator.nodes->data, n[0], n[1], n[2], n[3], P, w);
   }
+  if (!sized) return false;
   const dense1D<double>& s = field.sizes;
   if (n[0] >= s.size || n[1] >= s.size || n[2] >= s.size || n[3] >= s.size) return false;
   const double s3 = s[n[3]];
   h = s3 + (s[n[2]] - s3) * w[2] + (s[n[1]] - s3) * w[1] + (s[n[0]] - s3) * w[0];
   return h > 0.0 && h < DBL_MAX;
+}
+
+}  // namespace
+
+bool interpolate_size(size_field& field, const double* P, unsigned& tet, double& h) noexcept {
+  return interpolate_in(field, P, tet, h, true);
 }
 
 bool field_size_at(size_field& field, const double* P, unsigned& tet, double& h) noexcept {
@@ -221,6 +236,15 @@ bool field_size_at(size_field& field, const double* P, unsigned& tet, double& h)
   }
   h = 0.0;
   return false;
+}
+
+void field_walk(size_field& field, const double* P, unsigned& tet) noexcept {
+  double h;
+  // Whether the parents are asked hangs on the size.
+  if (field.parent_field)
+    field_size_at(field, P, tet, h);
+  else
+    interpolate_in(field, P, tet, h, false);
 }
 
 bool size_at(th4_engine& engine, const double* P, double& h) noexcept {

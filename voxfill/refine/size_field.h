@@ -51,6 +51,10 @@ bool size_at(th4_engine& engine, const double* P, double& h) noexcept;
 // no hint. `tet` is NONE after a parent was asked; `h` is 0.0 when all fail.
 bool field_size_at(size_field& field, const double* P, unsigned& tet, double& h) noexcept;
 
+// The walks of field_size_at, with the same random draws and the same `tet` after them, for a
+// caller that would throw the size away: the size is not worked out where nothing hangs on it.
+void field_walk(size_field& field, const double* P, unsigned& tet) noexcept;
+
 // The size at P interpolated linearly from the four nodes of the tet of the domain that holds it
 // (tolerance 1e-12). A point clearly inside an outside tet has none; a point on the skin of one
 // is looked for again in the domain from the ball of the nearest node. True only for a size in
