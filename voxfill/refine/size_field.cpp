@@ -2,8 +2,10 @@
 #include "voxfill/refine/size_field.h"
 
 #include <algorithm>
+#include <bit>
 #include <cfloat>
 #include <cmath>
+#include <cstdint>
 #include <memory>
 #include <new>
 #include <numbers>
@@ -227,7 +229,7 @@ bool interpolate_size(size_field& field, const double* P, unsigned& tet, double&
 }
 
 bool field_size_at(size_field& field, const double* P, unsigned& tet, double& h) noexcept {
-  if (interpolate_size(field, P, tet, h)) return true;
+  if (interpolate_in(field, P, tet, h, true)) return true;
   if (field.parent_field) {
     tet = NONE;
     const bool found = field_size_at(*field.parent_field, P, tet, h);
@@ -488,13 +490,22 @@ double best_apex(const dense2D<double>& nodes, const unsigned* tri, double tol,
   };
 
   double zbest = z0, qbest = quality(z0);
+  double zs[11] = {z0}, qs[11] = {qbest};
   for (unsigned k = 1; k <= 10; ++k) {
     const double z = z0 + step * k;
     const double q = quality(z);
+    zs[k] = z, qs[k] = q;
     if (q > qbest) zbest = z, qbest = q;
   }
+  // The ends of the bracket are most often points of the scan, bit for bit: their values are
+  // at hand.
+  auto scanned_or_new = [&](double z) {
+    for (unsigned k = 0; k <= 10; ++k)
+      if (std::bit_cast<std::uint64_t>(zs[k]) == std::bit_cast<std::uint64_t>(z)) return qs[k];
+    return quality(z);
+  };
   double lo = std::max(z0, zbest - step), hi = std::min(z1, zbest + step);
-  double qlo = quality(lo), qhi = quality(hi);
+  double qlo = scanned_or_new(lo), qhi = scanned_or_new(hi);
   const double ztol = (hi - lo) * tol;
   // Halving around the best point; the cap only guards a tolerance below the rounding of z.
   for (unsigned round = 0; round < 200 && (zbest - lo > ztol || hi - zbest > ztol); ++round) {
