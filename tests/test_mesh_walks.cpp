@@ -139,3 +139,36 @@ TEST(MeshWalks, Location) {
   EXPECT_EQ(walk_to_point(m, out, t, 1e-12, m.bits), 0);
   EXPECT_EQ(t, NONE);
 }
+
+// The walk that also gives the weights of its point ends where the plain walk ends, draws the
+// same random bits, and its weights are those of tet_barycentric, bit for bit.
+TEST(MeshWalks, LocationWithWeights) {
+  mesh_store m;
+  fixtures::kuhn_cube(m);
+  bit_source plain, weighted;
+  plain.seed_from(random_source_type(5u));
+  weighted.seed_from(random_source_type(5u));
+  std::mt19937 rng(11);
+  std::uniform_real_distribution<double> U(-0.1, 1.1);
+  unsigned found = 0;
+  for (int q = 0; q < 300; ++q) {
+    // Some points on the cube's inner planes, where several tets hold them.
+    double P[3] = {U(rng), U(rng), U(rng)};
+    if (q % 3 == 0) P[q % 2] = P[2];
+    unsigned t0 = unsigned(q) % m.tets.cols(), t1 = t0;
+    double w[3] = {-7.0, -7.0, -7.0};
+    const bool a = locate_tet(m.locator, P, t0, 1e-12, plain);
+    const bool b = locate_tet(m.locator, P, t1, 1e-12, weighted, w);
+    ASSERT_EQ(a, b);
+    ASSERT_EQ(t0, t1);
+    if (!b) continue;
+    ++found;
+    double expect[3];
+    const unsigned* n = m.tets.row(t1);
+    tet_barycentric(m.nodes.data, n[0], n[1], n[2], n[3], P, expect);
+    for (unsigned k = 0; k < 3; ++k) EXPECT_EQ(w[k], expect[k]);
+  }
+  EXPECT_GT(found, 100u);
+  EXPECT_EQ(plain.next(), weighted.next());
+  EXPECT_EQ(plain.count_left, weighted.count_left);
+}

@@ -331,3 +331,35 @@ TEST(SizeField, FillSizes) {
   run(b);
   EXPECT_EQ(a, b);
 }
+
+// field_walk leaves the same tet and the same random draws as field_size_at, also where the point
+// lies in an outside tet or on its skin.
+TEST(SizeField, FieldWalkDrawsLikeTheLookUp) {
+  th4_engine e;
+  fixtures::kuhn_lattice(e, 3);
+  for (unsigned n = 0; n < e.nodes.cols(); ++n) e.node_sizes[n] = 0.1 + 0.01 * (n % 7);
+  build_locator(e);
+  e.colors[0] = NONE;
+  size_field& f = *e.size_field;
+  std::mt19937 g(3);
+  std::uniform_real_distribution<double> u(-0.2, 3.2);
+  const unsigned* n0 = e.tets.row(0);
+  for (unsigned trial = 0; trial < 300; ++trial) {
+    double P[3] = {u(g), u(g), u(g)};
+    if (trial % 4 == 0)  // on a face of the outside tet
+      for (unsigned k = 0; k < 3; ++k)
+        P[k] = (e.nodes(k, n0[1]) + e.nodes(k, n0[2]) + e.nodes(k, n0[trial % 8 ? 3 : 0])) / 3.0;
+    const unsigned start = trial % 3 == 0 ? NONE : trial % e.tets.cols();
+    const bit_source before = f.walk_bits;
+    unsigned t_size = start, t_walk = start;
+    double h;
+    field_size_at(f, P, t_size, h);
+    const bit_source after = f.walk_bits;
+    f.walk_bits = before;
+    field_walk(f, P, t_walk);
+    EXPECT_EQ(t_walk, t_size);
+    EXPECT_EQ(f.walk_bits.generator, after.generator);
+    EXPECT_EQ(f.walk_bits.count_left, after.count_left);
+    EXPECT_EQ(f.walk_bits.word_left, after.word_left);
+  }
+}
