@@ -101,6 +101,38 @@ double move_merit::hard_share(const dense2D<unsigned>& rows) const noexcept {
 
 void move_merit::collect_fit_nodes(const dense2D<unsigned>& rows) noexcept {
   fit_nodes.clear();
+  // A node is met in many rows but only a few nodes are distinct: a mark per node drops the
+  // repeats, and the few that stay are sorted by insertion as they come.
+  // Rows name nodes of the store only: one mark per node column covers them.
+  const unsigned nodes = store.nodes.cols();
+  if (!rows.cols || !fit_nodes.reserve(4 * rows.cols) ||
+      (nodes > fit_marks.size && !fit_marks.resize(std::max(nodes, 2 * fit_marks.size), 0u))) {
+    fit_nodes_by_sort(rows);
+    return;
+  }
+  if (++fit_mark == 0) {
+    fit_marks.fill(0);
+    fit_mark = 1;
+  }
+  unsigned* marks = fit_marks.begin();
+  unsigned* out = fit_nodes.begin();
+  unsigned size = 0;
+  for (unsigned j = 0; j < rows.cols; ++j) {
+    const unsigned* r = rows.col(j);
+    for (unsigned k = 0; k < 4; ++k) {
+      const unsigned n = r[k];
+      if (marks[n] == fit_mark) continue;
+      marks[n] = fit_mark;
+      unsigned i = size++;
+      for (; i > 0 && out[i - 1] > n; --i) out[i] = out[i - 1];
+      out[i] = n;
+    }
+  }
+  fit_nodes.size = size;
+}
+
+void move_merit::fit_nodes_by_sort(const dense2D<unsigned>& rows) noexcept {
+  fit_nodes.clear();
   for (unsigned j = 0; j < rows.cols; ++j)
     for (unsigned k = 0; k < 4; ++k) fit_nodes.push_back(rows(k, j));
   std::sort(fit_nodes.begin(), fit_nodes.end());

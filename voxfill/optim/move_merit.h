@@ -49,6 +49,8 @@ struct move_merit {
   double old_mean_fit = 1.0;
   dense2D<unsigned> old_rows_copy;
   dense1D<unsigned> fit_nodes;
+  dense1D<unsigned> fit_marks;  // per node: fit_mark when it is in fit_nodes already
+  unsigned fit_mark = 0;
   double hard_base = 1.0;
   double old_hard_share = 0.0;
 
@@ -87,6 +89,8 @@ struct move_merit {
   void fits(bool trial, double& worst, double& mean) const noexcept;
   // fit_nodes = the sorted distinct nodes of the rows.
   void collect_fit_nodes(const dense2D<unsigned>& rows) noexcept;
+  // The same by a sort of all entries: without room for the marks.
+  void fit_nodes_by_sort(const dense2D<unsigned>& rows) noexcept;
 };
 
 }  // namespace kelvo::voxfill
