@@ -96,13 +96,41 @@ void pick_worst_tets(regularizer& g, double quality_limit, const bit_set& frozen
                      dense1D<unsigned>& tets) noexcept {
   const mesh_store& m = g.engine;
   tets.clear();
-  for (unsigned t = 0; t < m.tets.cols(); ++t)
-    if (!frozen.test(t) && !m.tet_deleted(t) && m.tet_qualities[t] <= quality_limit)
-      tets.push_back(t);
-  if (!tets.size) return;
-  count = std::min(count, tets.size);
-  auto worse = [&m](unsigned a, unsigned b) {
-    const double qa = m.tet_qualities[a], qb = m.tet_qualities[b];
+  const unsigned cols = m.tets.cols();
+  if (!tets.reserve(cols)) return;
+  // Qualities into bins that keep their order: the bins below the one where the pick ends are
+  // all in it, the bins above none, so that only the tets of the lower bins are selected among.
+  constexpr unsigned bins = 1024;
+  unsigned counts[bins] = {};
+  auto bin = [](double q) {
+    const double x = q * bins;
+    const unsigned b = x > 0.0 ? unsigned(x) : 0u;
+    return b < bins ? b : bins - 1;
+  };
+  const double* quality = m.tet_qualities.begin();
+  const unsigned* colors = m.colors.begin();
+  unsigned* out = tets.begin();
+  unsigned size = 0;
+  for (unsigned t = 0; t < cols; ++t) {
+    const double q = quality[t];
+    if (!(q <= quality_limit) || colors[t] == DELETED || frozen.test(t)) continue;
+    out[size++] = t;
+    ++counts[bin(q)];
+  }
+  tets.size = size;
+  if (!size) return;
+  count = std::min(count, size);
+  if (count < size) {
+    unsigned last = 0;
+    for (unsigned below = counts[0]; below < count; below += counts[++last]) {
+    }
+    unsigned kept = 0;
+    for (unsigned k = 0; k < size; ++k)
+      if (bin(quality[out[k]]) <= last) out[kept++] = out[k];
+    tets.size = kept;
+  }
+  auto worse = [quality](unsigned a, unsigned b) {
+    const double qa = quality[a], qb = quality[b];
     return qa < qb || (qa == qb && a < b);
   };
   // Only the order by (quality, index) matters, a total order: selecting the pick first and
