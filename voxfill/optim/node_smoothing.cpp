@@ -54,6 +54,31 @@ double hopeless_below(double best, double s, double weight) noexcept {
   return s * std::pow(best / s, 1.0 / weight) * (1.0 - 1e-9);
 }
 
+// apex_target on the store, inlined into the vote.
+inline void apex_of(const mesh_store& m, const unsigned* row, unsigned local, double weight,
+                    double size, double* target, const dense1D<double>* means) noexcept {
+  const unsigned* f = tet_face_nodes[local];
+  const double* a = m.nodes.row(row[f[0]]);
+  const double* b = m.nodes.row(row[f[1]]);
+  const double* c = m.nodes.row(row[f[2]]);
+  double N[3];
+  face_normal(a, b, c, N);
+  const double n2 = dot3(N, N);
+  if (n2 != 0.0 && n2 != 1.0)
+    for (double& x : N) x /= std::sqrt(n2);
+  double e = std::sqrt(dist2<3>(a, b)) + std::sqrt(dist2<3>(b, c)) + std::sqrt(dist2<3>(c, a));
+  if (weight < 1.0) {
+    double s = 0.0;
+    for (unsigned k = 0; k < 3; ++k) {
+      const unsigned v = row[f[k]];
+      s += means && m.marked(v) ? (*means)[v] : log_mean(m.node_sizes[v], size);
+    }
+    e = s + weight * (e - s);
+  }
+  for (unsigned k = 0; k < 3; ++k)
+    target[k] = (a[k] + b[k] + c[k]) / 3 + 0.2721655269759087 * e * N[k];
+}
+
 // The size on the surface of the ball beyond trial point P, and how far one step goes there.
 void prepare_ray(regularizer& g, const double* P) noexcept {
   const mesh_store& m = g.engine;
@@ -82,12 +107,63 @@ void prepare_ray(regularizer& g, const double* P) noexcept {
   }
 }
 
+// The smallest symmetric length (and 1.0) over the ball's edges (node, nb[e]) with the node at
+// `p`, size `hn`. Each edge's log mean lies between the geometric and the arithmetic mean of its
+// end sizes, and with those bounds most edges are shown to be no shorter in the metric than the
+// one of smallest bound, without their logarithm. The edges that are not ruled out give the same
+// minimum as all of them.
+double ball_edge_fit(const mesh_store& m, node_smoother& sm, unsigned node, const double* p,
+                     double hn, unsigned count) noexcept {
+  const dense2D<double>& xyz = m.nodes.data;
+  const double* base = xyz.col(0);
+  const std::size_t ld = xyz.ld;
+  const unsigned* nb = sm.ball_neighbors.begin();
+  const double* sizes = m.node_sizes.begin();
+  double* lengths = sm.edge_lengths.begin();
+  double* bounds = sm.edge_bounds.begin();
+  unsigned first = 0;
+  bool bounded = sm.edge_lengths.size >= count && sm.edge_bounds.size >= count;
+  for (unsigned e = 0; e < count && bounded; ++e) {
+    const double d = std::sqrt(dist2<3>(p, base + ld * nb[e]));
+    const double hb = sizes[nb[e]];
+    const double lo = hn < hb ? hn : hb, hi = hn < hb ? hb : hn;
+    bounded = lo > 1e-150 && hi < 1e150;
+    const double below = std::sqrt(lo * hi) * (1.0 - 1e-9), above = 0.5 * (lo + hi) * (1.0 + 1e-9);
+    lengths[e] = d;
+    bounds[e] = std::min(below / d, d / above);
+    if (bounds[e] < bounds[first]) first = e;
+  }
+  double s = 1.0;
+  if (!bounded) {
+    for (unsigned e = 0; e < count; ++e) s = std::min(s, symmetric_length(m, node, nb[e]));
+    return s;
+  }
+  auto exact = [&](unsigned e) {
+    const double d = lengths[e], h = log_mean(hn, sizes[nb[e]]);
+    if (d > h) return h / d;
+    return h > 0.0 ? d / h : 0.0;
+  };
+  if (count) s = std::min(s, exact(first));
+  for (unsigned e = 0; e < count; ++e)
+    if (e != first && !(bounds[e] >= s)) s = std::min(s, exact(e));
+  return s;
+}
+
 void walk_line(line_search& w) noexcept {
   regularizer& g = w.g;
   th4_engine& m = g.engine;
   node_smoother& sm = g.smoother;
   double* p = m.nodes.row(w.node);
   const double old[3] = {p[0], p[1], p[2]}, old_size = m.node_sizes[w.node];
+  const double* base = m.nodes.data.col(0);
+  const std::size_t ld = m.nodes.data.ld;
+  const unsigned n = sm.ball_rows.cols;
+  const unsigned* rows = sm.ball_rows.col(0);
+  const std::size_t rld = sm.ball_rows.ld;
+  const unsigned edges = sm.ball_neighbors.size;
+  const unsigned* nb = sm.ball_neighbors.begin();
+  sm.trial_qualities.resize(n);
+  double* trial_qualities = sm.trial_qualities.begin();
   double k = 1.0;
   for (unsigned i = 0; i < w.steps; ++i) {
     const double trial[3] = {w.start[0] + k * w.step[0], w.start[1] + k * w.step[1],
@@ -108,29 +184,31 @@ void walk_line(line_search& w) noexcept {
     // known, and the tets are given up at the first one under it, the last worst one tried first.
     double s = 1.0;
     if (w.weight < 1.0) {
-      const bool cached =
-          sm.edge_means.size == sm.ball_edges.cols && m.node_sizes[w.node] == sm.means_size;
-      for (unsigned e = 0; e < sm.ball_edges.cols; ++e) {
-        const unsigned a = sm.ball_edges(0, e), b = sm.ball_edges(1, e);
-        s = std::min(s, cached ? symmetric_length_with(m, a, b, sm.edge_means[e])
-                               : symmetric_length(m, a, b));
+      const double hn = m.node_sizes[w.node];
+      if (sm.edge_means.size == edges && hn == sm.means_size) {
+        const double* means = sm.edge_means.begin();
+        for (unsigned e = 0; e < edges; ++e) {
+          const double d = std::sqrt(dist2<3>(p, base + ld * nb[e])), mean = means[e];
+          s = std::min(s, d > mean ? mean / d : (mean > 0.0 ? d / mean : 0.0));
+        }
+      } else {
+        s = ball_edge_fit(m, sm, w.node, p, hn, edges);
       }
     }
     const double hopeless = hopeless_below(w.best, s, w.weight);
-    const unsigned n = sm.ball_rows.cols;
-    sm.trial_qualities.resize(n);
     double merit = 0.0, q = 1.0;
     const unsigned first = w.worst < n ? w.worst : 0;
     unsigned worst = first;
     for (unsigned c = 0; c < n; ++c) {
       const unsigned j = c == 0 ? first : (c <= first ? c - 1 : c);
-      const unsigned* r = sm.ball_rows.col(j);
-      const double v = tet_quality(m.nodes.data, r[0], r[1], r[2], r[3]);
+      const unsigned* r = rows + rld * j;
+      const double v =
+          tet_quality(base + ld * r[0], base + ld * r[1], base + ld * r[2], base + ld * r[3]);
       if (!(v > 1e-12)) {
         q = -1.0;
         break;
       }
-      sm.trial_qualities[j] = v;
+      trial_qualities[j] = v;
       if (v < q) {
         q = v;
         worst = j;
@@ -145,7 +223,7 @@ void walk_line(line_search& w) noexcept {
     if (improved) {
       std::copy_n(trial, 3, w.best_position);
       w.best_size = size;
-      std::copy_n(sm.trial_qualities.begin(), sm.trial_qualities.size, sm.best_qualities.begin());
+      std::copy_n(trial_qualities, n, sm.best_qualities.begin());
       w.best = merit;
       w.worst = worst;
       k += 1.0;
@@ -195,17 +273,19 @@ double search_step(regularizer& g, unsigned node, double weight, const dense1D<u
       worst = j;
     }
     double target[3];
-    apex_target(g, r, local_index(r, node), weight, h, target, cached ? &sm.node_means : nullptr);
+    apex_of(m, r, local_index(r, node), weight, h, target, cached ? &sm.node_means : nullptr);
     const double W = q > 0.001 ? 1.0 / (q * q) : 1000000.0;
     W_sum += W;
     for (unsigned c = 0; c < 3; ++c) D[c] += W * (target[c] - p[c]);
   }
   double d2_min = DBL_MAX, d2_sum = 0.0, r_max = 1.0;
-  sm.ball_edges.resize(2, sm.ball_neighbors.size);
-  for (unsigned e = 0; e < sm.ball_neighbors.size; ++e) {
+  const unsigned edges = sm.ball_neighbors.size;
+  if (!sm.edge_lengths.resize(edges) || !sm.edge_bounds.resize(edges)) {
+    sm.edge_lengths.clear();
+    sm.edge_bounds.clear();
+  }
+  for (unsigned e = 0; e < edges; ++e) {
     const unsigned b = sm.ball_neighbors[e];
-    sm.ball_edges(0, e) = node;
-    sm.ball_edges(1, e) = b;
     const double d2 = edge_length2(m.nodes.data, node, b);
     d2_min = std::min(d2_min, d2);
     d2_sum += d2;
@@ -215,10 +295,10 @@ double search_step(regularizer& g, unsigned node, double weight, const dense1D<u
   double s_min = 1.0;
   sm.edge_means.clear();
   if (weight < 1.0) {
-    const bool keep = sm.edge_means.resize(sm.ball_edges.cols);
+    const bool keep = sm.edge_means.resize(edges);
     sm.means_size = h;
-    for (unsigned e = 0; e < sm.ball_edges.cols; ++e) {
-      const unsigned b = sm.ball_edges(1, e);
+    for (unsigned e = 0; e < edges; ++e) {
+      const unsigned b = sm.ball_neighbors[e];
       const double mean = cached ? sm.node_means[b] : log_mean(h, m.node_sizes[b]);
       if (keep) sm.edge_means[e] = mean;
       s_min = std::min(s_min, symmetric_length_with(m, node, b, mean));
@@ -264,27 +344,7 @@ double search_step(regularizer& g, unsigned node, double weight, const dense1D<u
 
 void apex_target(const regularizer& g, const unsigned* row, unsigned local, double weight,
                  double size, double* target, const dense1D<double>* means) noexcept {
-  const mesh_store& m = g.engine;
-  const unsigned* f = tet_face_nodes[local];
-  const double* a = m.nodes.row(row[f[0]]);
-  const double* b = m.nodes.row(row[f[1]]);
-  const double* c = m.nodes.row(row[f[2]]);
-  double N[3];
-  face_normal(a, b, c, N);
-  const double n2 = dot3(N, N);
-  if (n2 != 0.0 && n2 != 1.0)
-    for (double& x : N) x /= std::sqrt(n2);
-  double e = std::sqrt(dist2<3>(a, b)) + std::sqrt(dist2<3>(b, c)) + std::sqrt(dist2<3>(c, a));
-  if (weight < 1.0) {
-    double s = 0.0;
-    for (unsigned k = 0; k < 3; ++k) {
-      const unsigned v = row[f[k]];
-      s += means && m.marked(v) ? (*means)[v] : log_mean(m.node_sizes[v], size);
-    }
-    e = s + weight * (e - s);
-  }
-  for (unsigned k = 0; k < 3; ++k)
-    target[k] = (a[k] + b[k] + c[k]) / 3 + 0.2721655269759087 * e * N[k];
+  apex_of(g.engine, row, local, weight, size, target, means);
 }
 
 double smooth_node(regularizer& g, unsigned node, double weight,
@@ -294,8 +354,8 @@ double smooth_node(regularizer& g, unsigned node, double weight,
   node_smoother& sm = g.smoother;
   const unsigned n = ball.size, e = 3 * n / 2;
   if (!sm.ball_rows.resize(4, n) || !sm.trial_qualities.reserve(n) ||
-      !sm.best_qualities.resize(n) || !sm.ball_neighbors.reserve(e) ||
-      !sm.ball_edges.reserve(2, e) || !sm.edge_means.reserve(e) || !sm.ray.ball_faces.reserve(4, n))
+      !sm.best_qualities.resize(n) || !sm.ball_neighbors.reserve(e) || !sm.edge_means.reserve(e) ||
+      !sm.edge_lengths.reserve(e) || !sm.edge_bounds.reserve(e) || !sm.ray.ball_faces.reserve(4, n))
     return 0.0;
   for (unsigned j = 0; j < n; ++j) std::copy_n(m.tets.row(ball[j]), 4, sm.ball_rows.col(j));
   const double w = g.moves_carry_sizes ? weight : 1.0;

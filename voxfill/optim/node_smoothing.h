@@ -23,11 +23,13 @@ struct node_smoother {
   dense2D<unsigned> ball_rows;
   dense1D<double> trial_qualities;
   dense1D<double> best_qualities;
-  dense1D<unsigned> ball_neighbors;
-  dense2D<unsigned> ball_edges;
-  // The log means of the sizes at the ends of ball_edges, for the node at size means_size: the
-  // trials that keep its size need no logarithm.
+  dense1D<unsigned> ball_neighbors;  // the other ends of the node's edges
+  // The log means of the sizes at the ends of the node's edges, for the node at size means_size:
+  // the trials that keep its size need no logarithm.
   dense1D<double> edge_means;
+  // Per edge at a trial that changes the node's size: length, and a floor of its symmetric length.
+  dense1D<double> edge_lengths;
+  dense1D<double> edge_bounds;
   double means_size = 0.0;
   // The same means indexed by the neighbour's node, for the targets of the ball's tets; valid for
   // the nodes that the vote marks.

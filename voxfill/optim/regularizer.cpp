@@ -47,7 +47,9 @@ void regularizer::reserve_scratch() noexcept {
     list->reserve(tets);
   exchange.partner.reserve(16 * tets);
   merit.old_rows_copy.reserve(4, tets);
-  smoother.ball_edges.reserve(2, 2 * tets);
+  for (dense1D<double>* list :
+       {&smoother.edge_means, &smoother.edge_lengths, &smoother.edge_bounds})
+    list->reserve(2 * tets);
   moves.trial_edges.reserve(2, 8);
   new_edges.reserve(2, 8);
 }
