@@ -44,15 +44,23 @@ void unit_from(const double* p, const double* q, double* u) noexcept {
 }
 }  // namespace
 
-double solid_angle(const double* p, const double* a, const double* b, const double* c) noexcept {
-  double u[3], v[3], w[3], vw[3];
-  unit_from(p, a, u);
-  unit_from(p, b, v);
-  unit_from(p, c, w);
+namespace {
+// The solid angle from the unit vectors towards the three other nodes.
+inline double solid_angle_of_units(const double* u, const double* v, const double* w) noexcept {
+  double vw[3];
   cross3(v, w, vw);
   const double uv[3] = {u[0] + v[0], u[1] + v[1], u[2] + v[2]};
   const double vpw[3] = {v[0] + w[0], v[1] + w[1], v[2] + w[2]};
   return 2.0 * std::atan2(dot3(u, vw), dot3(uv, vpw));
+}
+}  // namespace
+
+double solid_angle(const double* p, const double* a, const double* b, const double* c) noexcept {
+  double u[3], v[3], w[3];
+  unit_from(p, a, u);
+  unit_from(p, b, v);
+  unit_from(p, c, w);
+  return solid_angle_of_units(u, v, w);
 }
 
 move_merit::move_merit(mesh_store& m) : store(m) {
@@ -215,11 +223,28 @@ bool move_merit::fill_valence_records() noexcept {
   for (unsigned t = 0; t < store.tets.cols(); ++t) {
     if (!store.tet_in_domain(t)) continue;
     const unsigned* n = store.tets.row(t);
+    // The unit vectors both ways along each of the six edges share their length and its
+    // inverse: units[i][j] for i != j, as unit_from(node i, node j) gives it.
+    double units[4][4][3];
+    for (unsigned i = 0; i < 4; ++i)
+      for (unsigned j = i + 1; j < 4; ++j) {
+        const double *p = xyz.col(n[i]), *q = xyz.col(n[j]);
+        double* u = units[i][j];
+        double* r = units[j][i];
+        sub3(q, p, u);
+        sub3(p, q, r);
+        const double n2 = dot3(u, u);
+        if (n2 != 0.0 && n2 != 1.0) {
+          const double s = 1.0 / std::sqrt(n2);
+          u[0] *= s, u[1] *= s, u[2] *= s;
+          r[0] *= s, r[1] *= s, r[2] *= s;
+        }
+      }
     for (unsigned i = 0; i < 4; ++i) {
       // Seen from node i this turn makes the solid angle of a positive tet positive.
       const unsigned* o = tet_turned_face_nodes[i];
       rec[n[i]].angle +=
-          float(solid_angle(xyz.col(n[i]), xyz.col(n[o[0]]), xyz.col(n[o[1]]), xyz.col(n[o[2]])));
+          float(solid_angle_of_units(units[i][o[0]], units[i][o[1]], units[i][o[2]]));
       rec[n[i]].count += 0.62831855f;
     }
   }
