@@ -100,12 +100,14 @@ void pick_worst_tets(regularizer& g, double quality_limit, const bit_set& frozen
   if (!tets.reserve(cols)) return;
   // Qualities into bins that keep their order: the bins below the one where the pick ends are
   // all in it, the bins above none, so that only the tets of the lower bins are selected among.
+  // The bins span [0, quality_limit]: q * scale is at most `bins` there (rounding cannot carry
+  // it to bins + 1), and it keeps the order of the qualities.
   constexpr unsigned bins = 1024;
-  unsigned counts[bins] = {};
-  auto bin = [](double q) {
-    const double x = q * bins;
-    const unsigned b = x > 0.0 ? unsigned(x) : 0u;
-    return b < bins ? b : bins - 1;
+  unsigned counts[bins + 1] = {};
+  const double scale = quality_limit > 0.0 && quality_limit < DBL_MAX ? bins / quality_limit : 0.0;
+  auto bin = [scale](double q) {
+    const double x = q * scale;
+    return x > 0.0 ? unsigned(x) : 0u;
   };
   const double* quality = m.tet_qualities.begin();
   const unsigned* colors = m.colors.begin();
