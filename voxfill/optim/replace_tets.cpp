@@ -5,44 +5,65 @@
 
 #include <algorithm>
 
-#include "delaunay/keys.h"
 #include "delaunay/tet_tables.h"
 
 namespace kelvo::voxfill {
 
 namespace {
 
-face_key face_of(const dense2D<unsigned>& rows, unsigned code) noexcept {
-  const unsigned* r = rows.col(code >> 2);
-  const unsigned* f = tet_face_nodes[code & 3u];
-  return face_key{{r[f[0]], r[f[1]], r[f[2]]}};
-}
-
 // Pairs the listed coded faces of `s.star_tets` that have the same nodes in opposite turns;
 // `s.partner` gets each pair, NONE for a face left open. False when a face meets one of the same
 // turn, when a key comes up a third time, or when memory ran out.
+//
+// A face is known by its nodes from the smallest on, the other two in order (its key) and whether
+// they came turned (its turn); the table holds the first face of each key, in open addressing
+// with a stamp per slot, so that a call neither clears nor allocates once warm.
 bool link_faces(replace_scratch& s, unsigned columns) noexcept {
   s.partner.clear();
   if (!s.partner.resize(4 * columns, NONE)) return false;
-  if (!s.face_link_table.build(s.codes.size)) return false;
+  const unsigned count = s.codes.size;
+  if (!count) return true;
+  unsigned slots = 1;
+  while (slots < 2 * count) slots <<= 1;
+  if (s.face_slots.size < slots && !s.face_slots.resize(slots, 0u)) return false;
+  if (!s.face_keys.resize(4 * count)) return false;
+  if (++s.face_stamp == 0) {
+    s.face_slots.fill(0u);
+    s.face_stamp = 1;
+  }
+  if (!s.face_at.resize(slots)) return false;
+  const unsigned stamp = s.face_stamp, mask = slots - 1;
+  unsigned* slot_stamps = s.face_slots.begin();
+  unsigned* slot_faces = s.face_at.begin();
+  unsigned* keys = s.face_keys.begin();
+  unsigned* partner = s.partner.begin();
   const dense2D<unsigned>& rows = s.star_tets;
-  for (unsigned k = 0; k < s.codes.size; ++k) {
+  for (unsigned k = 0; k < count; ++k) {
     const unsigned code = s.codes[k];
-    const face_key key = face_of(rows, code);
-    const unsigned h = key_hash(key);
-    int turn = 0;
-    const unsigned p = s.face_link_table.find(h, [&](unsigned other) {
-      turn = compare_keys(face_of(rows, other), key);
-      return turn != 0;
-    });
-    if (p == NONE) {
-      if (!s.face_link_table.insert(code, h)) return false;
-      continue;
+    const unsigned* r = rows.col(code >> 2);
+    const unsigned* f = tet_face_nodes[code & 3u];
+    const unsigned n[3] = {r[f[0]], r[f[1]], r[f[2]]};
+    const unsigned i = n[0] < n[1] ? (n[0] < n[2] ? 0 : 2) : (n[1] < n[2] ? 1 : 2);
+    const unsigned x = n[i], y = n[(i + 1) % 3], z = n[(i + 2) % 3];
+    unsigned* key = keys + 4 * k;
+    key[0] = x, key[1] = y < z ? y : z, key[2] = y < z ? z : y, key[3] = y < z ? 0u : 1u;
+    unsigned h = (x * 0x9E3779B1u) ^ (key[1] * 0x85EBCA77u) ^ (key[2] * 0xC2B2AE3Du);
+    h ^= h >> 15;
+    for (unsigned p = h & mask;; p = (p + 1) & mask) {
+      if (slot_stamps[p] != stamp) {
+        slot_stamps[p] = stamp;
+        slot_faces[p] = k;
+        break;
+      }
+      const unsigned* other = keys + 4 * slot_faces[p];
+      if (other[0] != key[0] || other[1] != key[1] || other[2] != key[2]) continue;
+      // The same nodes: a pair when the turns differ, and when the first one is still open.
+      const unsigned first = s.codes[slot_faces[p]];
+      if (other[3] == key[3] || partner[first] != NONE) return false;
+      partner[first] = code;
+      partner[code] = first;
+      break;
     }
-    const unsigned other = s.face_link_table.store[p];
-    if (turn > 0 || s.partner[other] != NONE) return false;
-    s.partner[other] = code;
-    s.partner[code] = other;
   }
   return true;
 }

@@ -3,7 +3,6 @@
 #pragma once
 
 #include "delaunay/mesh_store.h"
-#include "delaunay/vector_fast.h"
 #include "numcore/dense2D.h"
 
 namespace kelvo::voxfill {
@@ -13,14 +12,15 @@ namespace kelvo::voxfill {
 struct replace_scratch {
   dense2D<unsigned> star_tets;       // node rows: the old set, then the new rows and the outside
   dense2D<unsigned> star_neighbors;  // neighbour rows of the new set, as columns of star_tets
-  vector_fast face_link_table;       // faces by key, to pair them
+  dense1D<unsigned> face_keys;       // per coded face to pair: its key and turn
+  dense1D<unsigned> face_slots;      // open addressing table of the faces: stamp per slot
+  dense1D<unsigned> face_at;         // ... and the position in `codes` of the slot's face
+  unsigned face_stamp = 0;           // the stamp of the current pairing
   dense1D<unsigned> partner;         // coded face (4 column + face) -> its partner, NONE when open
   dense1D<unsigned> codes;           // coded faces to pair
   dense1D<unsigned> outer_codes;     // outer faces of the old set, coded from the outside tet
   dense1D<unsigned> outer_tets;      // the outside tet of each appended column
   dense1D<unsigned> hull_codes;      // outer faces of the old set on the hull, coded in it
-
-  replace_scratch() { face_link_table.build(16); }
 };
 
 // Replaces the tets `old_tets` by tets with the node rows `new_rows` (4 x m) and the qualities
