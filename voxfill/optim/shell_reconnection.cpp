@@ -119,11 +119,33 @@ void reconnect_patterns(move_record& mr, unsigned a, unsigned b, const dense1D<u
   const unsigned r = ring.size;
   const mesh_store& m = mr.store;
   move_merit& merit = mr.merit;
-  for (unsigned p = 0; p < pattern_count(r); ++p) {
+  // The patterns share triangles, and a triangle (in its order of nodes) gives the same two tets
+  // in each: their qualities are kept by the triangle's ring positions, for up (a) and down (b).
+  double known[216][2];
+  bool seen[216][2] = {};
+  const unsigned count = pattern_count(r);
+  if (count && !mr.trial_qualities.reserve(2 * r - 4)) return;
+  for (unsigned p = 0; p < count; ++p) {
+    // Qualities first, in the order of the pattern's rows, given up at the first at or under
+    // `limit`: most patterns stop at a tet, and then no row, logarithm or topology is needed.
+    const shell_pattern& pat = pattern_of(r, p);
+    dense1D<double>& out = mr.trial_qualities;
+    out.clear();
+    double q = 1.0;
+    for (unsigned row = 0; row + 4 < 2 * r && q > limit; ++row) {
+      const unsigned char* tri = pat.triangles[row / 2];
+      const unsigned id = (tri[0] * 6u + tri[1]) * 6u + tri[2], side = row % 2;
+      if (!seen[id][side]) {
+        const unsigned i = ring[tri[0]], j = ring[tri[1]], k = ring[tri[2]];
+        known[id][side] = side == 0 ? tet_quality(m.nodes.data, i, j, k, a)
+                                    : tet_quality(m.nodes.data, k, j, i, b);
+        seen[id][side] = true;
+      }
+      out.push_back(known[id][side]);
+      q = std::min(q, known[id][side]);
+    }
+    if (!(q > limit)) continue;
     if (!pattern_rows(a, b, ring, p, mr.trial_rows, mr.trial_edges)) return;
-    // Qualities first: most patterns give up at a tet, and then no logarithm is spent on sizes.
-    const double q = qualities_above(m, mr.trial_rows, limit, mr.trial_qualities);
-    if (q < 0.0) continue;
     double s = 1.0;
     if (merit.shape_weight < 1.0)
       for (unsigned d = 0; d < mr.trial_edges.cols; ++d)
