@@ -181,14 +181,14 @@ void move_merit::merit_reference(const dense2D<unsigned>& old_rows) noexcept {
   if (hard_base != 1.0) old_hard_share = hard_share(old_rows);
 }
 
-double move_merit::topology_factor(const dense2D<unsigned>& new_rows) noexcept {
+double move_merit::topology_factor(const dense2D<unsigned>& new_rows, bool same_nodes) noexcept {
   const unsigned c = std::clamp<long>(long(new_rows.cols), long(old_count) - long(count_window),
                                       long(old_count) + long(count_window));
   double factor = count_factors[8 + int(c) - int(old_count)];
   if (valence_records.size && (worst_exponent != 0.0 || mean_exponent != 0.0)) {
     double worst = 1.0, mean = 1.0;
     if (new_rows.cols) {
-      collect_fit_nodes(new_rows);
+      if (!same_nodes) collect_fit_nodes(new_rows);
       topo_quality* rec = valence_records.begin();
       const unsigned size = valence_records.size;
       for (unsigned k = 0; k < fit_nodes.size; ++k)

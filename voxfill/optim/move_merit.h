@@ -71,8 +71,10 @@ struct move_merit {
   double hard_share(const dense2D<unsigned>& rows) const noexcept;
   // Remembers the old state that candidates are compared to.
   void merit_reference(const dense2D<unsigned>& old_rows) noexcept;
-  // Count term x valence term x hard term of a candidate; 1.0 with the terms off.
-  double topology_factor(const dense2D<unsigned>& new_rows) noexcept;
+  // Count term x valence term x hard term of a candidate; 1.0 with the terms off. With
+  // `same_nodes` the caller knows that the candidate has the nodes of the old rows of the last
+  // merit_reference, whose list is then taken as it is (a reconnection of a shell).
+  double topology_factor(const dense2D<unsigned>& new_rows, bool same_nodes = false) noexcept;
 
   // One record per node column from the live classified tets. False when memory ran out (the
   // records are then empty, and the valence term is off).

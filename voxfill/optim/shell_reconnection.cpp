@@ -150,7 +150,8 @@ void reconnect_patterns(move_record& mr, unsigned a, unsigned b, const dense1D<u
     if (merit.shape_weight < 1.0)
       for (unsigned d = 0; d < mr.trial_edges.cols; ++d)
         s = std::min(s, symmetric_length(m, mr.trial_edges(0, d), mr.trial_edges(1, d)));
-    const double value = merit.merit_blend(s, q) * merit.topology_factor(mr.trial_rows);
+    // Every triangulation of the ring has the shell's nodes, those of the merit's reference.
+    const double value = merit.merit_blend(s, q) * merit.topology_factor(mr.trial_rows, true);
     if (value > best + 1e-12 && take(mr.trial_rows, mr.trial_edges, mr.trial_qualities, new_rows,
                                      new_edges, new_qualities)) {
       best = value;

@@ -28,7 +28,8 @@ bool pattern_rows(unsigned a, unsigned b, const dense1D<unsigned>& ring, unsigne
 
 // The best pattern by merit whose every tet is above the quality limit `best` (in); `best` (out)
 // is its merit, 0.0 and `pattern` NONE when none qualifies. A later pattern must win by more
-// than 1e-12, so the first of equal patterns stays.
+// than 1e-12, so the first of equal patterns stays. The merit's reference must be the shell of
+// (a, b) on this ring (merit_reference of its rows).
 void reconnect_patterns(move_record& mr, unsigned a, unsigned b, const dense1D<unsigned>& ring,
                         double& best, unsigned& pattern, dense2D<unsigned>& new_rows,
                         dense2D<unsigned>& new_edges, dense1D<double>& new_qualities) noexcept;
