@@ -17,16 +17,57 @@ void sort_unique(dense1D<unsigned>& list) noexcept {
   list.size = unsigned(std::unique(list.begin(), list.end()) - list.begin());
 }
 
-// The other nodes of the tets of `ball`, sorted, each once.
-void nodes_near(const mesh_store& m, unsigned node, const dense1D<unsigned>& ball,
+// The other nodes of the tets of `ball`, sorted, each once. A ball names each node several
+// times: a mark per node drops the repeats, and the few that stay are sorted by insertion.
+void nodes_near(move_record& mr, unsigned node, const dense1D<unsigned>& ball,
                 dense1D<unsigned>& out) noexcept {
+  const mesh_store& m = mr.store;
   out.clear();
+  const unsigned nodes = m.nodes.cols();
+  if (!out.reserve(4 * ball.size) ||
+      (nodes > mr.node_marks.size &&
+       !mr.node_marks.resize(std::max(nodes, 2 * mr.node_marks.size), 0u))) {
+    for (unsigned k = 0; k < ball.size; ++k) {
+      const unsigned* r = m.tets.row(ball[k]);
+      for (unsigned i = 0; i < 4; ++i)
+        if (r[i] != node) out.push_back(r[i]);
+    }
+    sort_unique(out);
+    return;
+  }
+  if (++mr.node_mark == 0) {
+    mr.node_marks.fill(0u);
+    mr.node_mark = 1;
+  }
+  const unsigned mark = mr.node_mark;
+  unsigned* marks = mr.node_marks.begin();
+  unsigned* list = out.begin();
+  unsigned size = 0;
+  marks[node] = mark;
   for (unsigned k = 0; k < ball.size; ++k) {
     const unsigned* r = m.tets.row(ball[k]);
-    for (unsigned i = 0; i < 4; ++i)
-      if (r[i] != node) out.push_back(r[i]);
+    for (unsigned i = 0; i < 4; ++i) {
+      const unsigned v = r[i];
+      if (marks[v] == mark) continue;
+      marks[v] = mark;
+      unsigned j = size++;
+      for (; j > 0 && list[j - 1] > v; --j) list[j] = list[j - 1];
+      list[j] = v;
+    }
   }
-  sort_unique(out);
+  out.size = size;
+}
+
+// The union of two sorted lists of distinct entries, sorted, each once.
+void merge_unique(const dense1D<unsigned>& x, const dense1D<unsigned>& y,
+                  dense1D<unsigned>& out) noexcept {
+  out.clear();
+  unsigned i = 0, j = 0;
+  while (i < x.size || j < y.size) {
+    const unsigned v = j == y.size || (i < x.size && x[i] < y[j]) ? x[i++] : y[j++];
+    if (out.size && out.back() == v) continue;
+    out.push_back(v);
+  }
 }
 
 double worst_quality(const mesh_store& m, const dense1D<unsigned>& tets) noexcept {
@@ -153,7 +194,7 @@ bool try_contract(move_record& mr, unsigned t, unsigned k, double s, double qual
   auto survey = [&](unsigned e, unsigned o, dense1D<unsigned>& ball, dense1D<unsigned>& near,
                     double& s_e, double& q_e) {
     ball_of_node(m, e, t, ball);
-    nodes_near(m, e, ball, near);
+    nodes_near(mr, e, ball, near);
     if (merit.shape_weight < 1.0)
       for (unsigned i = 0; i < near.size; ++i)
         if (near[i] != o) s_e = std::min(s_e, symmetric_length(m, e, near[i]));
@@ -169,10 +210,7 @@ bool try_contract(move_record& mr, unsigned t, unsigned k, double s, double qual
     for (unsigned i = 0; i < mr.ball_a.size; ++i) out.old_tets.push_back(mr.ball_a[i]);
     for (unsigned i = 0; i < mr.ball_b.size; ++i) out.old_tets.push_back(mr.ball_b[i]);
     sort_unique(out.old_tets);
-    mr.near.clear();
-    for (unsigned i = 0; i < mr.near_a.size; ++i) mr.near.push_back(mr.near_a[i]);
-    for (unsigned i = 0; i < mr.near_b.size; ++i) mr.near.push_back(mr.near_b[i]);
-    sort_unique(mr.near);
+    merge_unique(mr.near_a, mr.near_b, mr.near);
     double p[3], h = 0.0;
     split_point(mr, a, b, p, h);
     const unsigned c =

@@ -30,6 +30,8 @@ struct move_record {
   dense1D<unsigned> order;
   dense2D<unsigned> best_rows;
   dense1D<double> best_qualities;
+  dense1D<unsigned> node_marks;  // per node: node_mark when it is in the list being made
+  unsigned node_mark = 0;
 
   move_record(mesh_store& m, move_merit& mm) : store(m), merit(mm) {}
   move_record(const move_record&) = delete;
