@@ -54,13 +54,34 @@ double hopeless_below(double best, double s, double weight) noexcept {
   return s * std::pow(best / s, 1.0 / weight) * (1.0 - 1e-9);
 }
 
-// apex_target on the store, inlined into the vote.
-inline void apex_of(const mesh_store& m, const unsigned* row, unsigned local, double weight,
-                    double size, double* target, const dense1D<double>* means) noexcept {
+// What apex_of reads of the store, by plain pointers: coordinates, sizes, the visit marks and,
+// when given, the log means of the marked nodes with the size of the apex's node.
+struct apex_view {
+  const double* xyz;
+  std::size_t ld;
+  const double* sizes;
+  const unsigned* marks;
+  unsigned marks_size;
+  unsigned mark;
+  const double* means;
+
+  apex_view(const mesh_store& m, const dense1D<double>* with) noexcept
+      : xyz(m.nodes.data.col(0)),
+        ld(m.nodes.data.ld),
+        sizes(m.node_sizes.begin()),
+        marks(m.marks.begin()),
+        marks_size(m.marks.size),
+        mark(m.mark_value),
+        means(with ? with->begin() : nullptr) {}
+};
+
+// apex_target on a view of the store, inlined into the vote.
+inline void apex_of(const apex_view& m, const unsigned* row, unsigned local, double weight,
+                    double size, double* target) noexcept {
   const unsigned* f = tet_face_nodes[local];
-  const double* a = m.nodes.row(row[f[0]]);
-  const double* b = m.nodes.row(row[f[1]]);
-  const double* c = m.nodes.row(row[f[2]]);
+  const double* a = m.xyz + m.ld * row[f[0]];
+  const double* b = m.xyz + m.ld * row[f[1]];
+  const double* c = m.xyz + m.ld * row[f[2]];
   double N[3];
   face_normal(a, b, c, N);
   const double n2 = dot3(N, N);
@@ -71,7 +92,8 @@ inline void apex_of(const mesh_store& m, const unsigned* row, unsigned local, do
     double s = 0.0;
     for (unsigned k = 0; k < 3; ++k) {
       const unsigned v = row[f[k]];
-      s += means && m.marked(v) ? (*means)[v] : log_mean(m.node_sizes[v], size);
+      s += m.means && v < m.marks_size && m.marks[v] == m.mark ? m.means[v]
+                                                               : log_mean(m.sizes[v], size);
     }
     e = s + weight * (e - s);
   }
@@ -265,6 +287,7 @@ double search_step(regularizer& g, unsigned node, double weight, const dense1D<u
       const unsigned b = sm.ball_neighbors[e];
       sm.node_means[b] = log_mean(h, m.node_sizes[b]);
     }
+  const apex_view view(m, cached ? &sm.node_means : nullptr);
   for (unsigned j = 0; j < ball.size; ++j) {
     const unsigned* r = sm.ball_rows.col(j);
     const double q = m.tet_qualities[ball[j]];
@@ -273,7 +296,7 @@ double search_step(regularizer& g, unsigned node, double weight, const dense1D<u
       worst = j;
     }
     double target[3];
-    apex_of(m, r, local_index(r, node), weight, h, target, cached ? &sm.node_means : nullptr);
+    apex_of(view, r, local_index(r, node), weight, h, target);
     const double W = q > 0.001 ? 1.0 / (q * q) : 1000000.0;
     W_sum += W;
     for (unsigned c = 0; c < 3; ++c) D[c] += W * (target[c] - p[c]);
@@ -344,7 +367,7 @@ double search_step(regularizer& g, unsigned node, double weight, const dense1D<u
 
 void apex_target(const regularizer& g, const unsigned* row, unsigned local, double weight,
                  double size, double* target, const dense1D<double>* means) noexcept {
-  apex_of(g.engine, row, local, weight, size, target, means);
+  apex_of(apex_view(g.engine, means), row, local, weight, size, target);
 }
 
 double smooth_node(regularizer& g, unsigned node, double weight,
