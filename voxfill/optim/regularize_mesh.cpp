@@ -111,11 +111,14 @@ void pick_worst_tets(regularizer& g, double quality_limit, const bit_set& frozen
   };
   const double* quality = m.tet_qualities.begin();
   const unsigned* colors = m.colors.begin();
+  const unsigned* frozen_words = frozen.words.begin();
+  const unsigned frozen_length = frozen.length;
   unsigned* out = tets.begin();
   unsigned size = 0;
   for (unsigned t = 0; t < cols; ++t) {
     const double q = quality[t];
-    if (!(q <= quality_limit) || colors[t] == DELETED || frozen.test(t)) continue;
+    if (!(q <= quality_limit) || colors[t] == DELETED) continue;
+    if (t < frozen_length && (frozen_words[t >> 5] >> (t & 31)) & 1u) continue;
     out[size++] = t;
     ++counts[bin(q)];
   }
