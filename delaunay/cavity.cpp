@@ -13,6 +13,10 @@
 #include "numcore/debug_check.h"
 #include "numcore/prefetch.h"
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 namespace kelvo::voxfill {
 namespace {
 
@@ -332,6 +336,80 @@ unsigned pick_victim(mesh_store& m, const mesh_view& v, const cavity_record& cav
   return best;
 }
 
+// in_circumsphere for two tets at once (nodes a[0..3] and b[0..3]), each lane doing the very
+// operations of the single test in the same order, so that both answers are those of
+// in_circumsphere to the bit. The rare tets that its cheap path leaves open go to the full
+// construction one by one, as there.
+void in_circumsphere_pair(const double* const a[4], const double* const b[4], const double* P,
+                          double limit, bool& in_a, bool& in_b) noexcept {
+#if defined(__SSE2__)
+  // Lane 0 holds tet a, lane 1 tet b.
+  __m128d x[4], y[4], z[4];
+  for (unsigned k = 0; k < 4; ++k) {
+    const __m128d ua = _mm_loadu_pd(a[k]), ub = _mm_loadu_pd(b[k]);
+    x[k] = _mm_unpacklo_pd(ua, ub);
+    y[k] = _mm_unpackhi_pd(ua, ub);
+    z[k] = _mm_loadh_pd(_mm_load_sd(a[k] + 2), b[k] + 2);
+  }
+  const __m128d a0 = _mm_sub_pd(x[0], x[3]), a1 = _mm_sub_pd(y[0], y[3]),
+                a2 = _mm_sub_pd(z[0], z[3]);
+  const __m128d b0 = _mm_sub_pd(x[1], x[3]), b1 = _mm_sub_pd(y[1], y[3]),
+                b2 = _mm_sub_pd(z[1], z[3]);
+  const __m128d c0 = _mm_sub_pd(x[2], x[3]), c1 = _mm_sub_pd(y[2], y[3]),
+                c2 = _mm_sub_pd(z[2], z[3]);
+  const __m128d bc0 = _mm_sub_pd(_mm_mul_pd(b1, c2), _mm_mul_pd(b2, c1));
+  const __m128d bc1 = _mm_sub_pd(_mm_mul_pd(b2, c0), _mm_mul_pd(b0, c2));
+  const __m128d bc2 = _mm_sub_pd(_mm_mul_pd(b0, c1), _mm_mul_pd(b1, c0));
+  auto dot = [](__m128d u0, __m128d u1, __m128d u2, __m128d v0, __m128d v1, __m128d v2) {
+    return _mm_add_pd(_mm_add_pd(_mm_mul_pd(u0, v0), _mm_mul_pd(u1, v1)), _mm_mul_pd(u2, v2));
+  };
+  const __m128d O = dot(a0, a1, a2, bc0, bc1, bc2);
+  const __m128d la = dot(a0, a1, a2, a0, a1, a2);
+  const __m128d lb = dot(b0, b1, b2, b0, b1, b2);
+  const __m128d lc = dot(c0, c1, c2, c0, c1, c2);
+  const __m128d L2 = _mm_max_pd(lc, _mm_max_pd(la, lb));
+  const __m128d fast = _mm_and_pd(
+      _mm_and_pd(_mm_cmpgt_pd(O, _mm_setzero_pd()), _mm_cmpge_pd(L2, _mm_set1_pd(1e-90))),
+      _mm_and_pd(_mm_cmple_pd(L2, _mm_set1_pd(1e90)),
+                 _mm_cmple_pd(_mm_mul_pd(_mm_mul_pd(L2, L2), L2),
+                              _mm_mul_pd(_mm_mul_pd(_mm_set1_pd(1e6), O), O))));
+  int open = 3;  // lanes still undecided
+  const int fast_lanes = _mm_movemask_pd(fast);
+  if (fast_lanes) {
+    const __m128d ca0 = _mm_sub_pd(_mm_mul_pd(c1, a2), _mm_mul_pd(c2, a1));
+    const __m128d ca1 = _mm_sub_pd(_mm_mul_pd(c2, a0), _mm_mul_pd(c0, a2));
+    const __m128d ca2 = _mm_sub_pd(_mm_mul_pd(c0, a1), _mm_mul_pd(c1, a0));
+    const __m128d ab0 = _mm_sub_pd(_mm_mul_pd(a1, b2), _mm_mul_pd(a2, b1));
+    const __m128d ab1 = _mm_sub_pd(_mm_mul_pd(a2, b0), _mm_mul_pd(a0, b2));
+    const __m128d ab2 = _mm_sub_pd(_mm_mul_pd(a0, b1), _mm_mul_pd(a1, b0));
+    const __m128d s = _mm_div_pd(_mm_set1_pd(0.5), O);
+    auto centre = [&](__m128d bc, __m128d ca, __m128d ab) {
+      return _mm_mul_pd(
+          _mm_add_pd(_mm_add_pd(_mm_mul_pd(la, bc), _mm_mul_pd(lb, ca)), _mm_mul_pd(lc, ab)), s);
+    };
+    const __m128d x0 = centre(bc0, ca0, ab0), x1 = centre(bc1, ca1, ab1),
+                  x2 = centre(bc2, ca2, ab2);
+    const __m128d e0 = _mm_sub_pd(_mm_sub_pd(_mm_set1_pd(P[0]), x[3]), x0);
+    const __m128d e1 = _mm_sub_pd(_mm_sub_pd(_mm_set1_pd(P[1]), y[3]), x1);
+    const __m128d e2 = _mm_sub_pd(_mm_sub_pd(_mm_set1_pd(P[2]), z[3]), x2);
+    const __m128d r2 = dot(x0, x1, x2, x0, x1, x2);
+    const __m128d ratio = _mm_div_pd(dot(e0, e1, e2, e0, e1, e2), r2);
+    const __m128d margin = _mm_mul_pd(_mm_set1_pd(1e-6), _mm_add_pd(_mm_set1_pd(1.0), ratio));
+    const __m128d L = _mm_set1_pd(limit);
+    const int inside = _mm_movemask_pd(_mm_cmplt_pd(ratio, _mm_sub_pd(L, margin))) & fast_lanes;
+    const int outside = _mm_movemask_pd(_mm_cmpgt_pd(ratio, _mm_add_pd(L, margin))) & fast_lanes;
+    in_a = inside & 1;
+    in_b = inside & 2;
+    open = 3 & ~(inside | outside);
+  }
+  if (open & 1) in_a = circumsphere_ratio(a[0], a[1], a[2], a[3], P) < limit;
+  if (open & 2) in_b = circumsphere_ratio(b[0], b[1], b[2], b[3], P) < limit;
+#else
+  in_a = in_circumsphere(a[0], a[1], a[2], a[3], P, limit);
+  in_b = in_circumsphere(b[0], b[1], b[2], b[3], P, limit);
+#endif
+}
+
 void abandon(cavity_record& cav) noexcept {
   cav.node = NONE;
   cav.tets.clear();
@@ -474,24 +552,38 @@ void collect_cavity(mesh_store& m, unsigned p, dense1D<unsigned>& seeds, cavity_
     const unsigned t = seeds.back();
     seeds.pop_back();
     const unsigned* nbs = v.nb(t);
+    // The neighbours not seen yet, marked now (so a repeated one is tested once, as before).
+    unsigned cand[4], nc = 0;
     for (unsigned i = 0; i < 4; ++i) {
       const unsigned nb = nbs[i];
       if (nb == NONE || v.marked(nb)) continue;
+      v.set(nb);
+      cand[nc++] = nb;
       const unsigned* n = v.tet(nb);
       prefetch(v.point(n[0]));
       prefetch(v.point(n[1]));
       prefetch(v.point(n[2]));
       prefetch(v.point(n[3]));
     }
-    for (unsigned i = 0; i < 4; ++i) {
-      const unsigned nb = nbs[i];
-      if (nb == NONE || v.marked(nb)) continue;
-      v.set(nb);
-      const unsigned* n = v.tet(nb);
-      if (in_circumsphere(v.point(n[0]), v.point(n[1]), v.point(n[2]), v.point(n[3]), P, limit)) {
-        if (!append(cav.tets, nb) || !append(seeds, nb)) return out_of_memory(cav, seeds);
-        ask_around(nb);
-      }
+    // Tested two at a time; taken in the order of the faces.
+    bool in[4];
+    unsigned k = 0;
+    for (; k + 1 < nc; k += 2) {
+      const unsigned* n = v.tet(cand[k]);
+      const unsigned* o = v.tet(cand[k + 1]);
+      const double* const pa[4] = {v.point(n[0]), v.point(n[1]), v.point(n[2]), v.point(n[3])};
+      const double* const pb[4] = {v.point(o[0]), v.point(o[1]), v.point(o[2]), v.point(o[3])};
+      in_circumsphere_pair(pa, pb, P, limit, in[k], in[k + 1]);
+    }
+    if (k < nc) {
+      const unsigned* n = v.tet(cand[k]);
+      in[k] = in_circumsphere(v.point(n[0]), v.point(n[1]), v.point(n[2]), v.point(n[3]), P, limit);
+    }
+    for (k = 0; k < nc; ++k) {
+      if (!in[k]) continue;
+      const unsigned nb = cand[k];
+      if (!append(cav.tets, nb) || !append(seeds, nb)) return out_of_memory(cav, seeds);
+      ask_around(nb);
     }
   }
 }
