@@ -410,6 +410,82 @@ void in_circumsphere_pair(const double* const a[4], const double* const b[4], co
 #endif
 }
 
+// The qualities of the tets (P, face f) and (P, face g), the faces given by their three node
+// coordinates, as tet_quality computes them: each lane does its operations in the same order,
+// so the values are the same to the bit. A lane that tet_quality would look at again (a doubtful
+// or tiny value, or no positive denominator) is left to tet_quality itself.
+void face_quality_pair(const double* P, const double* const f[3], const double* const g[3],
+                       double& qf, double& qg) noexcept {
+#if defined(__SSE2__)
+  // Lane 0 holds face f, lane 1 face g. Edge vectors from the third face node: a to P, b and c to
+  // the first two face nodes.
+  __m128d x[3], y[3], z[3];
+  for (unsigned k = 0; k < 3; ++k) {
+    const __m128d uf = _mm_loadu_pd(f[k]), ug = _mm_loadu_pd(g[k]);
+    x[k] = _mm_unpacklo_pd(uf, ug);
+    y[k] = _mm_unpackhi_pd(uf, ug);
+    z[k] = _mm_loadh_pd(_mm_load_sd(f[k] + 2), g[k] + 2);
+  }
+  const __m128d a0 = _mm_sub_pd(_mm_set1_pd(P[0]), x[2]), a1 = _mm_sub_pd(_mm_set1_pd(P[1]), y[2]),
+                a2 = _mm_sub_pd(_mm_set1_pd(P[2]), z[2]);
+  const __m128d b0 = _mm_sub_pd(x[0], x[2]), b1 = _mm_sub_pd(y[0], y[2]),
+                b2 = _mm_sub_pd(z[0], z[2]);
+  const __m128d c0 = _mm_sub_pd(x[1], x[2]), c1 = _mm_sub_pd(y[1], y[2]),
+                c2 = _mm_sub_pd(z[1], z[2]);
+  auto dot = [](__m128d u0, __m128d u1, __m128d u2, __m128d v0, __m128d v1, __m128d v2) {
+    return _mm_add_pd(_mm_add_pd(_mm_mul_pd(u0, v0), _mm_mul_pd(u1, v1)), _mm_mul_pd(u2, v2));
+  };
+  const __m128d L0 = dot(a0, a1, a2, a0, a1, a2), L1 = dot(b0, b1, b2, b0, b1, b2),
+                L2 = dot(c0, c1, c2, c0, c1, c2);
+  const __m128d dab = dot(a0, a1, a2, b0, b1, b2), dac = dot(a0, a1, a2, c0, c1, c2),
+                dbc = dot(b0, b1, b2, c0, c1, c2);
+  const __m128d two = _mm_set1_pd(2.0);
+  const __m128d Eab = _mm_sub_pd(_mm_add_pd(L0, L1), _mm_mul_pd(two, dab));
+  const __m128d Eac = _mm_sub_pd(_mm_add_pd(L0, L2), _mm_mul_pd(two, dac));
+  const __m128d Ebc = _mm_sub_pd(_mm_add_pd(L1, L2), _mm_mul_pd(two, dbc));
+  auto gram = [](__m128d u, __m128d v, __m128d d) {
+    return _mm_sub_pd(_mm_mul_pd(u, v), _mm_mul_pd(d, d));
+  };
+  const __m128d Gbc = gram(L1, L2, dbc), Gac = gram(L0, L2, dac), Gab = gram(L0, L1, dab);
+  const __m128d dfar = _mm_add_pd(_mm_sub_pd(L0, dab), _mm_sub_pd(dbc, dac));
+  const __m128d Gfar = gram(Eab, Eac, dfar);
+  const __m128d tol = _mm_set1_pd(SQUARE_TOL), zero = _mm_setzero_pd();
+  auto thin = [&tol](__m128d G, __m128d u, __m128d v) {
+    return _mm_cmplt_pd(G, _mm_mul_pd(_mm_mul_pd(tol, u), v));
+  };
+  const __m128d doubtful =
+      _mm_or_pd(_mm_or_pd(_mm_or_pd(_mm_cmpngt_pd(Eab, zero), _mm_cmpngt_pd(Eac, zero)),
+                          _mm_or_pd(_mm_cmpngt_pd(Ebc, zero), thin(Gbc, L1, L2))),
+                _mm_or_pd(_mm_or_pd(thin(Gac, L0, L2), thin(Gab, L0, L1)), thin(Gfar, Eab, Eac)));
+  __m128d H = _mm_max_pd(L1, L0);
+  H = _mm_max_pd(L2, H);
+  H = _mm_max_pd(Eab, H);
+  H = _mm_max_pd(Eac, H);
+  H = _mm_max_pd(Ebc, H);
+  const __m128d D = _mm_mul_pd(
+      _mm_sqrt_pd(H),
+      _mm_add_pd(_mm_add_pd(_mm_add_pd(_mm_sqrt_pd(Gbc), _mm_sqrt_pd(Gac)), _mm_sqrt_pd(Gab)),
+                 _mm_sqrt_pd(Gfar)));
+  const __m128d bc0 = _mm_sub_pd(_mm_mul_pd(b1, c2), _mm_mul_pd(b2, c1));
+  const __m128d bc1 = _mm_sub_pd(_mm_mul_pd(b2, c0), _mm_mul_pd(b0, c2));
+  const __m128d bc2 = _mm_sub_pd(_mm_mul_pd(b0, c1), _mm_mul_pd(b1, c0));
+  const __m128d raw =
+      _mm_div_pd(_mm_mul_pd(_mm_set1_pd(4.898979485566356), dot(a0, a1, a2, bc0, bc1, bc2)), D);
+  const __m128d q = _mm_min_pd(_mm_set1_pd(1.0), _mm_max_pd(_mm_set1_pd(-1.0), raw));
+  const __m128d magnitude = _mm_andnot_pd(_mm_set1_pd(-0.0), q);
+  const __m128d plain = _mm_andnot_pd(
+      doubtful, _mm_and_pd(_mm_cmpgt_pd(D, zero), _mm_cmpge_pd(magnitude, _mm_set1_pd(DOUBT_TOL))));
+  const int lanes = _mm_movemask_pd(plain);
+  alignas(16) double out[2];
+  _mm_store_pd(out, q);
+  qf = lanes & 1 ? out[0] : tet_quality(P, f[0], f[1], f[2]);
+  qg = lanes & 2 ? out[1] : tet_quality(P, g[0], g[1], g[2]);
+#else
+  qf = tet_quality(P, f[0], f[1], f[2]);
+  qg = tet_quality(P, g[0], g[1], g[2]);
+#endif
+}
+
 void abandon(cavity_record& cav) noexcept {
   cav.node = NONE;
   cav.tets.clear();
@@ -619,8 +695,24 @@ void correct_cavity(mesh_store& m, kernel_workspace& ws, cavity_record& cav,
     prefetch_for_write(m.tet_qualities.data() + cav.tets[k]);
     prefetch_for_write(m.tet_stamps.data() + cav.tets[k]);
   }
-  for (unsigned k = 0; k < cav.faces.size; ++k)
-    if (!append(cav.face_qualities, v.face_quality(P, cav.faces[k]))) return out_of_memory(cav);
+  if (!cav.face_qualities.resize(cav.faces.size)) return out_of_memory(cav);
+  {
+    const unsigned F = cav.faces.size;
+    double* q = cav.face_qualities.data();
+    auto face_points = [&v](unsigned code, const double* p[3]) {
+      const unsigned* n = v.tet(code >> 2);
+      const unsigned* f = tet_face_nodes[code & 3];
+      p[0] = v.point(n[f[0]]), p[1] = v.point(n[f[1]]), p[2] = v.point(n[f[2]]);
+    };
+    unsigned k = 0;
+    for (; k + 1 < F; k += 2) {
+      const double *f[3], *g[3];
+      face_points(cav.faces[k], f);
+      face_points(cav.faces[k + 1], g);
+      face_quality_pair(P, f, g, q[k], q[k + 1]);
+    }
+    if (k < F) q[k] = v.face_quality(P, cav.faces[k]);
+  }
   if (kernel_mode != kernel_mode_type::plain && hard_set.faces.size() > 0 &&
       !add_hard_faces(v, cav, hard_set, P))
     return out_of_memory(cav);
