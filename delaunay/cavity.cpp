@@ -118,6 +118,23 @@ unsigned faces_of_tet(const cavity_record& cav, unsigned t) noexcept {
   return c;
 }
 
+// hard.has_face(a, b, c) for nodes known to be hard: the set's own filter, then its chain, where
+// a stored face whose node sum differs cannot match and skips the rotation-aware comparison.
+bool holds_hard_face(const entity_set& hard, unsigned a, unsigned b, unsigned c) noexcept {
+  const face_key k{{a, b, c}};
+  if (!hard.may_have_face(k)) return false;
+  const face_set& s = hard.faces;
+  if (!s.heads.size) return false;
+  const unsigned sum = a + b + c;
+  const face_key* keys = s.keys.data();
+  const unsigned* next = s.next.data();
+  for (unsigned e = s.heads[key_hash(k) & (s.heads.size - 1)]; e != NONE; e = next[e]) {
+    const unsigned* x = keys[e].n;
+    if (x[0] + x[1] + x[2] == sum && compare_keys(keys[e], k) != 0) return true;
+  }
+  return false;
+}
+
 // Both sides of every hard face that runs through the cavity become boundary faces. The far side
 // of P gets a non-positive quality and leaves at the next sweep; P on the face sends both away.
 // False when a list could not grow.
@@ -125,20 +142,26 @@ bool add_hard_faces(const mesh_view& v, cavity_record& cav, const entity_set& ha
                     const double* P) noexcept {
   if (cav.tets.size < 2) return true;
   const unsigned T = cav.tets.size;
+  const unsigned* node_words = hard.node_bits.words.data();
+  const unsigned node_bits = hard.node_bits.length;
+  auto is_hard = [node_words, node_bits](unsigned x) {
+    return x < node_bits && ((node_words[x >> 5] >> (x & 31)) & 1u);
+  };
   for (unsigned k = 0; k < T; ++k) {
     const unsigned t = cav.tets[k];
     const unsigned* n = v.tet(t);
     bool h[4];
     unsigned count = 0;
-    for (unsigned i = 0; i < 4; ++i) count += (h[i] = hard.has_node(n[i]));
+    for (unsigned i = 0; i < 4; ++i) count += (h[i] = is_hard(n[i]));
     if (count < 3) continue;
+    const unsigned* nbs = v.nb(t);
     for (unsigned i = 0; i < 4; ++i) {
-      const unsigned nb = v.nb(t)[i];
+      const unsigned nb = nbs[i];
       if (nb > t) continue;  // each pair once, from the higher index; hull faces too
       if (count - h[i] < 3) continue;
       if (!v.marked(nb)) continue;
       const unsigned* f = tet_face_nodes[i];
-      if (!hard.has_face(n[f[0]], n[f[1]], n[f[2]])) continue;
+      if (!holds_hard_face(hard, n[f[0]], n[f[1]], n[f[2]])) continue;
       const unsigned j = v.back_face(nb, t);
       const unsigned c1 = 4 * t + i, c2 = 4 * nb + j;
       double q1 = v.face_quality(P, c1), q2 = -q1;
