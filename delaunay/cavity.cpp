@@ -137,42 +137,31 @@ bool holds_hard_face(const entity_set& hard, unsigned a, unsigned b, unsigned c)
 
 // Both sides of every hard face that runs through the cavity become boundary faces. The far side
 // of P gets a non-positive quality and leaves at the next sweep; P on the face sends both away.
-// False when a list could not grow.
-bool add_hard_faces(const mesh_view& v, cavity_record& cav, const entity_set& hard,
-                    const double* P) noexcept {
-  if (cav.tets.size < 2) return true;
-  const unsigned T = cav.tets.size;
+// `inner` lists the inner faces that may be hard, each once. False when a list could not grow.
+bool add_hard_faces(const mesh_view& v, cavity_record& cav, const dense1D<unsigned>& inner,
+                    const entity_set& hard, const double* P) noexcept {
   const unsigned* node_words = hard.node_bits.words.data();
   const unsigned node_bits = hard.node_bits.length;
   auto is_hard = [node_words, node_bits](unsigned x) {
     return x < node_bits && ((node_words[x >> 5] >> (x & 31)) & 1u);
   };
-  for (unsigned k = 0; k < T; ++k) {
-    const unsigned t = cav.tets[k];
+  for (unsigned k = 0; k < inner.size; ++k) {
+    const unsigned c1 = inner[k];
+    const unsigned t = c1 >> 2, i = c1 & 3;
     const unsigned* n = v.tet(t);
-    bool h[4];
-    unsigned count = 0;
-    for (unsigned i = 0; i < 4; ++i) count += (h[i] = is_hard(n[i]));
-    if (count < 3) continue;
-    const unsigned* nbs = v.nb(t);
-    for (unsigned i = 0; i < 4; ++i) {
-      const unsigned nb = nbs[i];
-      if (nb > t) continue;  // each pair once, from the higher index; hull faces too
-      if (count - h[i] < 3) continue;
-      if (!v.marked(nb)) continue;
-      const unsigned* f = tet_face_nodes[i];
-      if (!holds_hard_face(hard, n[f[0]], n[f[1]], n[f[2]])) continue;
-      const unsigned j = v.back_face(nb, t);
-      const unsigned c1 = 4 * t + i, c2 = 4 * nb + j;
-      double q1 = v.face_quality(P, c1), q2 = -q1;
-      if (q1 != 0.0) {
-        q2 = v.face_quality(P, c2);
-        if (q2 == 0.0) q1 = 0.0;
-      }
-      if (!append_face(cav, c1, q1) || !append_face(cav, c2, q2) || !append(cav.hard_faces, c1) ||
-          !append(cav.hard_faces, c2))
-        return false;
+    const unsigned* f = tet_face_nodes[i];
+    const unsigned a = n[f[0]], b = n[f[1]], c = n[f[2]];
+    if (!is_hard(a) || !is_hard(b) || !is_hard(c) || !holds_hard_face(hard, a, b, c)) continue;
+    const unsigned nb = v.nb(t)[i];
+    const unsigned c2 = 4 * nb + v.back_face(nb, t);
+    double q1 = v.face_quality(P, c1), q2 = -q1;
+    if (q1 != 0.0) {
+      q2 = v.face_quality(P, c2);
+      if (q2 == 0.0) q1 = 0.0;
     }
+    if (!append_face(cav, c1, q1) || !append_face(cav, c2, q2) || !append(cav.hard_faces, c1) ||
+        !append(cav.hard_faces, c2))
+      return false;
   }
   return true;
 }
@@ -704,20 +693,39 @@ void correct_cavity(mesh_store& m, kernel_workspace& ws, cavity_record& cav,
   }
   cav.tets.size = w;
 
+  // Boundary faces, in the order of the tets and then of their faces; and with hard faces to
+  // honour, the inner faces seen from the higher tet index, which alone can be hard faces.
+  const unsigned T = cav.tets.size;
+  const bool hard_check = kernel_mode != kernel_mode_type::plain && hard_set.faces.size() > 0;
+  dense1D<unsigned>& inner = ws.inner_faces;
   cav.faces.clear();
   cav.hard_faces.clear();
   cav.face_qualities.clear();
-  for (unsigned k = 0; k < cav.tets.size; ++k) {
-    const unsigned t = cav.tets[k];
-    const unsigned* nbs = v.nb(t);
-    for (unsigned i = 0; i < 4; ++i)
-      if ((nbs[i] == NONE || !v.marked(nbs[i])) && !append(cav.faces, 4 * t + i))
-        return out_of_memory(cav);
+  inner.clear();
+  if (!cav.faces.reserve(4 * T) || (hard_check && !inner.reserve(4 * T))) return out_of_memory(cav);
+  {
+    unsigned* faces = cav.faces.data();
+    unsigned* inner_faces = inner.data();
+    unsigned F = 0, I = 0;
+    for (unsigned k = 0; k < T; ++k) {
+      const unsigned t = cav.tets[k];
+      const unsigned* nbs = v.nb(t);
+      for (unsigned i = 0; i < 4; ++i) {
+        const unsigned nb = nbs[i];
+        if (nb == NONE || !v.marked(nb))
+          faces[F++] = 4 * t + i;
+        else if (nb < t && hard_check)
+          inner_faces[I++] = 4 * t + i;
+      }
+    }
+    cav.faces.size = F;
+    inner.size = I;
   }
-  for (unsigned k = 0; k < cav.tets.size; ++k) {  // rows that the star will mostly rewrite
+  for (unsigned k = 0; k < T; ++k) {  // rows that the star will mostly rewrite
     prefetch_for_write(m.tet_qualities.data() + cav.tets[k]);
     prefetch_for_write(m.tet_stamps.data() + cav.tets[k]);
   }
+  bool flat = false;  // a face without a positive new tet
   if (!cav.face_qualities.resize(cav.faces.size)) return out_of_memory(cav);
   {
     const unsigned F = cav.faces.size;
@@ -733,16 +741,23 @@ void correct_cavity(mesh_store& m, kernel_workspace& ws, cavity_record& cav,
       face_points(cav.faces[k], f);
       face_points(cav.faces[k + 1], g);
       face_quality_pair(P, f, g, q[k], q[k + 1]);
+      flat |= !(q[k] > STAR_TOL) | !(q[k + 1] > STAR_TOL);
     }
-    if (k < F) q[k] = v.face_quality(P, cav.faces[k]);
+    if (k < F) {
+      q[k] = v.face_quality(P, cav.faces[k]);
+      flat |= !(q[k] > STAR_TOL);
+    }
   }
-  if (kernel_mode != kernel_mode_type::plain && hard_set.faces.size() > 0 &&
-      !add_hard_faces(v, cav, hard_set, P))
-    return out_of_memory(cav);
+  if (inner.size) {
+    const unsigned before = cav.faces.size;
+    if (!add_hard_faces(v, cav, inner, hard_set, P)) return out_of_memory(cav);
+    flat |= cav.faces.size != before;
+  }
 
   for (;;) {
     // Every new tet must be positive: a face that P does not see from inside drops its tet.
-    while (cav.faces.size) {
+    // (The first time, only when some face is known to fail.)
+    while (flat && cav.faces.size) {
       const mesh_view u(m);
       bool removed = false;
       for (unsigned k = 0; k < cav.faces.size; ++k) {
@@ -756,6 +771,7 @@ void correct_cavity(mesh_store& m, kernel_workspace& ws, cavity_record& cav,
       if (!removed) break;
       if (!rebuild(u, cav, P)) return out_of_memory(cav);
     }
+    flat = true;
 
     unsigned victim = NONE;
     bool decided = false;

@@ -23,6 +23,7 @@ struct kernel_workspace {
   star_edge_table star_edges;        // pairs the star's faces through their outer edges
   vector_fast face_link_table;       // pairs them by whole faces when a row repeats a node
   edge_set scratch_edges;            // hard edges inside a cavity; edges of a flat surface
+  dense1D<unsigned> inner_faces;     // inner faces of a cavity that may be hard faces
 
   kernel_workspace() {
     seeds.reserve(128);
@@ -40,6 +41,7 @@ struct kernel_workspace {
     star_neighbors.clear_hard();
     star_edges = star_edge_table{};
     scratch_edges.clear_hard();
+    inner_faces.clear_hard();
   }
 };
 
