@@ -523,8 +523,9 @@ constexpr unsigned after[4] = {0, 3, 1, 2}, then[4] = {0, 2, 3, 1};
 // Links faces 1 to 3 of the star rows through their edges opposite p. Twins are faces of equal
 // edges in opposite directions; a third face on an edge, or two in the same direction, fail.
 bool link_by_edges(kernel_workspace& ws, unsigned F, bool& no_memory) noexcept {
-  star_edge_table& edges = ws.star_edges;
-  if (!edges.prepare(3 * F)) return !(no_memory = true);
+  star_edge_table& table = ws.star_edges;
+  if (!table.prepare(3 * F)) return !(no_memory = true);
+  const star_edge_table::view edges = table.use();
   const unsigned* star = ws.star_tets.col(0);
   unsigned* link = ws.star_neighbors.col(0);
   for (unsigned k = 0; k < F; ++k) {
@@ -809,7 +810,8 @@ bool fill_star(mesh_store& m, kernel_workspace& ws, cavity_record& cav,
   const unsigned reused = T < F ? T : F;
   if (T + F == 0) return true;
   if (T == 0) return false;
-  const unsigned color = m.colors[cav.tets[0]];
+  const unsigned* old_tets = cav.tets.data();
+  const unsigned color = m.colors[old_tets[0]];
   const unsigned p = cav.node;
 
   if (!ws.star_tets.resize(4, F) || !ws.star_neighbors.resize(4, F)) {
@@ -820,28 +822,30 @@ bool fill_star(mesh_store& m, kernel_workspace& ws, cavity_record& cav,
   }
   unsigned* star = ws.star_tets.col(0);
   unsigned* link = ws.star_neighbors.col(0);
+  unsigned* faces = cav.faces.data();
   std::fill_n(link, 4 * std::size_t(F), NONE);
   // Rows with a repeated node (or p among the face's nodes) are left to the general matching.
   bool degenerate = F >= star_edge_table::PAIRED / 4;
   {
     const mesh_view v(m);
+    const unsigned* anc = m.ancestors.data();
     for (unsigned k = 0; k < F; ++k) {
-      const unsigned code = cav.faces[k];
+      const unsigned code = faces[k];
       const unsigned t = code >> 2, i = code & 3;
       const unsigned* n = v.tet(t);
       const unsigned* f = tet_face_nodes[i];
       // Node p in the place of the node opposite the face: an even order, so the new tet is
       // positive when p sees the face from inside, and its face 0 is the cavity face.
       unsigned* s = star + 4 * std::size_t(k);
+      const unsigned s1 = n[f[0]], s2 = n[f[1]], s3 = n[f[2]];
       s[0] = p;
-      s[1] = n[f[0]];
-      s[2] = n[f[1]];
-      s[3] = n[f[2]];
-      degenerate |=
-          s[1] == s[2] || s[1] == s[3] || s[2] == s[3] || s[1] == p || s[2] == p || s[3] == p;
-      prefetch_for_write(m.ancestors.data() + s[1]);
+      s[1] = s1;
+      s[2] = s2;
+      s[3] = s3;
+      degenerate |= (s1 == s2) | (s1 == s3) | (s2 == s3) | (s1 == p) | (s2 == p) | (s3 == p);
+      prefetch_for_write(anc + s1);
       const unsigned nb = v.nb(t)[i];
-      cav.faces[k] = nb == NONE ? NONE : 4 * nb + v.back_face_of_neighbor(nb, t);
+      faces[k] = nb == NONE ? NONE : 4 * nb + v.back_face_of_neighbor(nb, t);
     }
   }
 
@@ -878,36 +882,48 @@ bool fill_star(mesh_store& m, kernel_workspace& ws, cavity_record& cav,
     }
   }
   if (!out.reserve(F)) return short_of_memory();
+  unsigned* made = out.data();
 
-  for (unsigned k = 0; k < reused; ++k) {
-    const unsigned t = cav.tets[k];
-    m.set_tet_nodes(t, star + 4 * std::size_t(k));
-    m.tet_qualities[t] = cav.face_qualities[k];
-    m.tet_stamps[t] = m.tet_clock;
-    out.push_back(t);
+  const double* qualities = cav.face_qualities.data();
+  {
+    const mesh_view v(m);
+    double* tet_qualities = m.tet_qualities.data();
+    unsigned* stamps = m.tet_stamps.data();
+    const unsigned clock = m.tet_clock;
+    for (unsigned k = 0; k < reused; ++k) {
+      const unsigned t = old_tets[k];
+      const unsigned* s = star + 4 * std::size_t(k);
+      unsigned* r = v.tet(t);
+      r[0] = s[0], r[1] = s[1], r[2] = s[2], r[3] = s[3];
+      tet_qualities[t] = qualities[k];
+      stamps[t] = clock;
+      made[k] = t;
+    }
   }
   for (unsigned k = reused; k < F; ++k) {
     const unsigned* s = star + 4 * std::size_t(k);
-    const unsigned t = m.new_tet(s[0], s[1], s[2], s[3], color, cav.face_qualities[k]);
+    const unsigned t = m.new_tet(s[0], s[1], s[2], s[3], color, qualities[k]);
     VOXFILL_ASSERT(t != NONE);
-    out.push_back(t);
+    made[k] = t;
   }
-  for (unsigned k = reused; k < T; ++k) m.release_tet(cav.tets[k]);
+  out.size = F;
+  for (unsigned k = reused; k < T; ++k) m.release_tet(old_tets[k]);
 
   const mesh_view v(m);
-  for (unsigned k = 0; k < F; ++k) {
-    const unsigned t = out[k];
-    unsigned* nbs = v.nb(t);
-    const unsigned outside = cav.faces[k];
-    nbs[0] = outside == NONE ? NONE : outside >> 2;
-    const unsigned* l = link + 4 * std::size_t(k);
-    for (unsigned f = 1; f < 4; ++f) nbs[f] = l[f] == NONE ? NONE : out[l[f]];
-    if (outside != NONE) v.nb(outside >> 2)[outside & 3] = t;
-  }
   unsigned* anc = m.ancestors.data();
   for (unsigned k = 0; k < F; ++k) {
-    const unsigned* n = v.tet(out[k]);
-    for (unsigned i = 0; i < 4; ++i) anc[n[i]] = out[k];
+    const unsigned t = made[k];
+    unsigned* nbs = v.nb(t);
+    const unsigned outside = faces[k];
+    const unsigned* l = link + 4 * std::size_t(k);
+    nbs[0] = outside == NONE ? NONE : outside >> 2;
+    for (unsigned f = 1; f < 4; ++f) nbs[f] = l[f] == NONE ? NONE : made[l[f]];
+    if (outside != NONE) v.nb(outside >> 2)[outside & 3] = t;
+  }
+  for (unsigned k = 0; k < F; ++k) {
+    const unsigned* s = star + 4 * std::size_t(k);
+    const unsigned t = made[k];
+    anc[s[0]] = t, anc[s[1]] = t, anc[s[2]] = t, anc[s[3]] = t;
   }
   ws.star_tets.clear();
   ws.star_neighbors.clear();

@@ -37,30 +37,44 @@ struct star_edge_table {
     return true;
   }
 
-  // Enters the face `code` whose edge runs from a to b. `twin` becomes the code of the reversed
-  // twin when there is one (both are then paired), else 0xFFFFFFFF. False when the edge had
-  // been paired already or comes again in the same direction: the star does not close.
-  bool enter(unsigned a, unsigned b, unsigned code, unsigned& twin) noexcept {
-    const unsigned lo = a < b ? a : b, hi = a < b ? b : a;
-    const unsigned forward = a < b ? FORWARD : 0u;
-    unsigned h = lo * 0x9E3779B1u ^ hi * 0x85EBCA77u;
-    h ^= h >> 15;
-    for (unsigned i = h & mask;; i = (i + 1) & mask) {
-      unsigned* s = slots.data() + 4 * std::size_t(i);
-      if (s[0] != stamp) {
-        s[0] = stamp;
-        s[1] = lo;
-        s[2] = hi;
-        s[3] = code | forward;
-        twin = 0xFFFFFFFFu;
+  // The table of one use, with its words held apart from the table object, so that a loop of
+  // entries keeps them in registers while it writes elsewhere.
+  struct view {
+    unsigned* slots;
+    unsigned mask;
+    unsigned stamp;
+
+    // Enters the face `code` whose edge runs from a to b. `twin` becomes the code of the reversed
+    // twin when there is one (both are then paired), else 0xFFFFFFFF. False when the edge had
+    // been paired already or comes again in the same direction: the star does not close.
+    bool enter(unsigned a, unsigned b, unsigned code, unsigned& twin) const noexcept {
+      const unsigned lo = a < b ? a : b, hi = a < b ? b : a;
+      const unsigned forward = a < b ? FORWARD : 0u;
+      unsigned h = lo * 0x9E3779B1u ^ hi * 0x85EBCA77u;
+      h ^= h >> 15;
+      for (unsigned i = h & mask;; i = (i + 1) & mask) {
+        unsigned* s = slots + 4 * std::size_t(i);
+        if (s[0] != stamp) {
+          s[0] = stamp;
+          s[1] = lo;
+          s[2] = hi;
+          s[3] = code | forward;
+          twin = 0xFFFFFFFFu;
+          return true;
+        }
+        if (s[1] != lo || s[2] != hi) continue;
+        if ((s[3] & PAIRED) || (s[3] & FORWARD) == forward) return false;
+        s[3] |= PAIRED;
+        twin = s[3] & CODE;
         return true;
       }
-      if (s[1] != lo || s[2] != hi) continue;
-      if ((s[3] & PAIRED) || (s[3] & FORWARD) == forward) return false;
-      s[3] |= PAIRED;
-      twin = s[3] & CODE;
-      return true;
     }
+  };
+  // Valid until the next prepare.
+  view use() noexcept { return view{slots.data(), mask, stamp}; }
+
+  bool enter(unsigned a, unsigned b, unsigned code, unsigned& twin) noexcept {
+    return use().enter(a, b, code, twin);
   }
 };
 
