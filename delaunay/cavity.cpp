@@ -528,15 +528,20 @@ bool link_by_edges(kernel_workspace& ws, unsigned F, bool& no_memory) noexcept {
   const star_edge_table::view edges = table.use();
   const unsigned* star = ws.star_tets.col(0);
   unsigned* link = ws.star_neighbors.col(0);
-  for (unsigned k = 0; k < F; ++k) {
-    const unsigned* s = star + 4 * std::size_t(k);
-    for (unsigned f = 1; f < 4; ++f) {
-      unsigned twin;
-      if (!edges.enter(s[after[f]], s[then[f]], 4 * k + f, twin)) return false;
-      if (twin == NONE) continue;
+  auto enter = [&edges, link](unsigned k, unsigned f, unsigned a, unsigned b) {
+    unsigned twin;
+    if (!edges.enter(a, b, 4 * k + f, twin)) return false;
+    if (twin != NONE) {
       link[4 * k + f] = twin >> 2;
       link[twin] = k;
     }
+    return true;
+  };
+  for (unsigned k = 0; k < F; ++k) {
+    const unsigned* s = star + 4 * std::size_t(k);
+    const unsigned s1 = s[1], s2 = s[2], s3 = s[3];
+    // Faces 1, 2, 3 in turn: the edges s3 -> s2, s1 -> s3 and s2 -> s1 (after, then).
+    if (!enter(k, 1, s3, s2) || !enter(k, 2, s1, s3) || !enter(k, 3, s2, s1)) return false;
   }
   return true;
 }
