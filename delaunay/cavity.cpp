@@ -118,6 +118,18 @@ unsigned faces_of_tet(const cavity_record& cav, unsigned t) noexcept {
   return c;
 }
 
+// A hash of a face that does not depend on the order of its nodes, each node well mixed first, so
+// that faces of nearby node numbers spread over all bits.
+unsigned mixed_face_hash(unsigned a, unsigned b, unsigned c) noexcept {
+  auto mix = [](unsigned x) {
+    x *= 0x9E3779B1u;
+    x ^= x >> 16;
+    x *= 0x85EBCA6Bu;
+    return x ^ (x >> 13);
+  };
+  return mix(a) + mix(b) + mix(c);
+}
+
 // hard.has_face(a, b, c) for nodes known to be hard: the set's own filter, then its chain, where
 // a stored face whose node sum differs cannot match and skips the rotation-aware comparison.
 bool holds_hard_face(const entity_set& hard, unsigned a, unsigned b, unsigned c) noexcept {
@@ -139,19 +151,26 @@ bool holds_hard_face(const entity_set& hard, unsigned a, unsigned b, unsigned c)
 // of P gets a non-positive quality and leaves at the next sweep; P on the face sends both away.
 // `inner` lists the inner faces that may be hard, each once. False when a list could not grow.
 bool add_hard_faces(const mesh_view& v, cavity_record& cav, const dense1D<unsigned>& inner,
-                    const entity_set& hard, const double* P) noexcept {
+                    const entity_set& hard, const hard_face_bits& bits, const double* P) noexcept {
   const unsigned* node_words = hard.node_bits.words.data();
   const unsigned node_bits = hard.node_bits.length;
   auto is_hard = [node_words, node_bits](unsigned x) {
     return x < node_bits && ((node_words[x >> 5] >> (x & 31)) & 1u);
   };
+  const unsigned* face_words = bits.set == &hard ? bits.words.data() : nullptr;
+  const unsigned shift = bits.shift;
   for (unsigned k = 0; k < inner.size; ++k) {
     const unsigned c1 = inner[k];
     const unsigned t = c1 >> 2, i = c1 & 3;
     const unsigned* n = v.tet(t);
     const unsigned* f = tet_face_nodes[i];
     const unsigned a = n[f[0]], b = n[f[1]], c = n[f[2]];
-    if (!is_hard(a) || !is_hard(b) || !is_hard(c) || !holds_hard_face(hard, a, b, c)) continue;
+    if (!is_hard(a) || !is_hard(b) || !is_hard(c)) continue;
+    if (face_words) {
+      const unsigned h = mixed_face_hash(a, b, c) >> shift;
+      if (!((face_words[h >> 5] >> (h & 31)) & 1u)) continue;
+    }
+    if (!holds_hard_face(hard, a, b, c)) continue;
     const unsigned nb = v.nb(t)[i];
     const unsigned c2 = 4 * nb + v.back_face(nb, t);
     double q1 = v.face_quality(P, c1), q2 = -q1;
@@ -610,6 +629,32 @@ bool link_by_faces(kernel_workspace& ws, unsigned p, unsigned F, bool& no_memory
 
 }  // namespace
 
+void make_hard_face_bits(kernel_workspace& ws, const entity_set& hard) noexcept {
+  hard_face_bits& bits = ws.hard_bits;
+  bits.set = nullptr;
+  const unsigned count = hard.faces.size();
+  unsigned log2 = 10;  // 32 bits a face: few other faces fall on a set bit
+  while (log2 < 30 && (1u << log2) < 32u * count) ++log2;
+  if (!bits.words.resize((1u << log2) >> 5)) return;
+  unsigned* words = bits.words.data();
+  std::fill_n(words, bits.words.size, 0u);
+  const unsigned shift = bits.shift = 32 - log2;
+  const face_set& faces = hard.faces;
+  const face_key* keys = faces.keys.data();
+  const unsigned* next = faces.next.data();
+  for (unsigned e = 0, E = faces.keys.size; e < E; ++e) {
+    if (next[e] == DELETED) continue;  // erased
+    const unsigned* n = keys[e].n;
+    const unsigned h = mixed_face_hash(n[0], n[1], n[2]) >> shift;
+    words[h >> 5] |= 1u << (h & 31);
+  }
+  bits.set = &hard;
+}
+
+void forget_hard_face_bits(kernel_workspace& ws) noexcept {
+  ws.hard_bits.set = nullptr;
+}
+
 void collect_cavity(mesh_store& m, unsigned p, dense1D<unsigned>& seeds, cavity_record& cav,
                     double tol) noexcept {
   cav.node = p;
@@ -756,7 +801,7 @@ void correct_cavity(mesh_store& m, kernel_workspace& ws, cavity_record& cav,
   }
   if (inner.size) {
     const unsigned before = cav.faces.size;
-    if (!add_hard_faces(v, cav, inner, hard_set, P)) return out_of_memory(cav);
+    if (!add_hard_faces(v, cav, inner, hard_set, ws.hard_bits, P)) return out_of_memory(cav);
     flat |= cav.faces.size != before;
   }
 

@@ -83,6 +83,12 @@ inline bool in_circumsphere(const double* p0, const double* p1, const double* p2
   return circumsphere_ratio(p0, p1, p2, p3, P) < limit;
 }
 
+// Makes the hard face bits of `ws` for `hard`, which must then stay as it is until
+// forget_hard_face_bits: the cavities corrected against it meanwhile skip most of their lookups.
+// Without memory for the bits nothing changes but that.
+void make_hard_face_bits(kernel_workspace& ws, const entity_set& hard) noexcept;
+void forget_hard_face_bits(kernel_workspace& ws) noexcept;
+
 // Grows the cavity of node p from `seeds` (taken unconditionally) through the neighbours whose
 // circumsphere holds the node, ratio below 1 + tol. Fills `cav.tets` (seeds first) and sets
 // `cav.node`; empties the other lists. `seeds` is used as the stack and comes back empty. Marks

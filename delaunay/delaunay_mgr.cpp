@@ -191,6 +191,14 @@ kernel_status start_delaunay(mesh_store& m, kernel_workspace& ws, dense1D<unsign
 kernel_status insert_node_list(mesh_store& m, kernel_workspace& ws, const unsigned* first,
                                unsigned count, bool add_to_octree, dense1D<unsigned>& failed,
                                kernel_progress& progress) {
+  // Insertions leave the hard set as it is: its faces are summed up once for the whole list.
+  struct held_bits {
+    kernel_workspace& ws;
+    ~held_bits() { forget_hard_face_bits(ws); }
+  } held{ws};
+  if (m.kernel_mode != kernel_mode_type::plain && m.hard_set.faces.size() > 0 &&
+      4 * std::size_t(count) >= m.hard_set.faces.size())
+    make_hard_face_bits(ws, m.hard_set);
   for (unsigned s = 0; s < count; ++s) {
     if (s % 10000 == 9999 && progress.poll()) break;
     const unsigned p = first[s];

@@ -15,6 +15,17 @@
 
 namespace kelvo::voxfill {
 
+struct entity_set;
+
+// Bits over the faces of a hard set, one per value of a well mixed hash of their three nodes: a
+// clear bit proves that a face is not in the set. Held only while the set cannot change (a list
+// of insertions), and only for that set.
+struct hard_face_bits {
+  dense1D<unsigned> words;
+  unsigned shift = 32;
+  const entity_set* set = nullptr;  // the set they were made from; nullptr while not held
+};
+
 struct kernel_workspace {
   cavity_record cavity;
   dense1D<unsigned> seeds;           // tets that hold the node; the star after an insertion
@@ -24,6 +35,7 @@ struct kernel_workspace {
   vector_fast face_link_table;       // pairs them by whole faces when a row repeats a node
   edge_set scratch_edges;            // hard edges inside a cavity; edges of a flat surface
   dense1D<unsigned> inner_faces;     // inner faces of a cavity that may be hard faces
+  hard_face_bits hard_bits;          // made by a list of insertions for the store's hard set
 
   kernel_workspace() {
     seeds.reserve(128);
@@ -42,6 +54,8 @@ struct kernel_workspace {
     star_edges = star_edge_table{};
     scratch_edges.clear_hard();
     inner_faces.clear_hard();
+    hard_bits.words.clear_hard();
+    hard_bits.set = nullptr;
   }
 };
 
