@@ -16,6 +16,14 @@
 #if defined(__SSE2__)
 #include <emmintrin.h>
 #endif
+// Four lanes at a time where the processor has AVX, chosen when the program runs.
+#if defined(__x86_64__) && (defined(__GNUC__) || defined(__clang__))
+#define VOXFILL_CAVITY_AVX 1
+#include <immintrin.h>
+#define VOXFILL_AVX __attribute__((target("avx")))
+#else
+#define VOXFILL_CAVITY_AVX 0
+#endif
 
 namespace kelvo::voxfill {
 namespace {
@@ -517,6 +525,200 @@ void face_quality_pair(const double* P, const double* const f[3], const double* 
 #endif
 }
 
+#if VOXFILL_CAVITY_AVX
+// Whether the processor runs AVX. Its lanes do the operations of the SSE2 and scalar code one for
+// one (nothing fused), so both give the same bits; AVX only does more at a time.
+const bool has_avx = [] {
+  __builtin_cpu_init();
+  return __builtin_cpu_supports("avx") != 0;
+}();
+
+// x, y and z of the points a, b, c, d in lanes 0 to 3.
+VOXFILL_AVX inline void gather_points(const double* a, const double* b, const double* c,
+                                      const double* d, __m256d& x, __m256d& y,
+                                      __m256d& z) noexcept {
+  const __m128d ua = _mm_loadu_pd(a), ub = _mm_loadu_pd(b);
+  const __m128d uc = _mm_loadu_pd(c), ud = _mm_loadu_pd(d);
+  x = _mm256_insertf128_pd(_mm256_castpd128_pd256(_mm_unpacklo_pd(ua, ub)), _mm_unpacklo_pd(uc, ud),
+                           1);
+  y = _mm256_insertf128_pd(_mm256_castpd128_pd256(_mm_unpackhi_pd(ua, ub)), _mm_unpackhi_pd(uc, ud),
+                           1);
+  z = _mm256_insertf128_pd(_mm256_castpd128_pd256(_mm_loadh_pd(_mm_load_sd(a + 2), b + 2)),
+                           _mm_loadh_pd(_mm_load_sd(c + 2), d + 2), 1);
+}
+
+VOXFILL_AVX inline __m256d dot4(__m256d u0, __m256d u1, __m256d u2, __m256d v0, __m256d v1,
+                                __m256d v2) noexcept {
+  return _mm256_add_pd(_mm256_add_pd(_mm256_mul_pd(u0, v0), _mm256_mul_pd(u1, v1)),
+                       _mm256_mul_pd(u2, v2));
+}
+
+// in_circumsphere_pair over four lanes: the tets t[0..3].
+VOXFILL_AVX void in_circumsphere_quad(const mesh_view& v, const unsigned t[4], const double* P,
+                                      double limit, bool in[4]) noexcept {
+  __m256d x[4], y[4], z[4];
+  {
+    const unsigned *n0 = v.tet(t[0]), *n1 = v.tet(t[1]), *n2 = v.tet(t[2]), *n3 = v.tet(t[3]);
+    for (unsigned k = 0; k < 4; ++k)
+      gather_points(v.point(n0[k]), v.point(n1[k]), v.point(n2[k]), v.point(n3[k]), x[k], y[k],
+                    z[k]);
+  }
+  const __m256d a0 = _mm256_sub_pd(x[0], x[3]), a1 = _mm256_sub_pd(y[0], y[3]),
+                a2 = _mm256_sub_pd(z[0], z[3]);
+  const __m256d b0 = _mm256_sub_pd(x[1], x[3]), b1 = _mm256_sub_pd(y[1], y[3]),
+                b2 = _mm256_sub_pd(z[1], z[3]);
+  const __m256d c0 = _mm256_sub_pd(x[2], x[3]), c1 = _mm256_sub_pd(y[2], y[3]),
+                c2 = _mm256_sub_pd(z[2], z[3]);
+  const __m256d bc0 = _mm256_sub_pd(_mm256_mul_pd(b1, c2), _mm256_mul_pd(b2, c1));
+  const __m256d bc1 = _mm256_sub_pd(_mm256_mul_pd(b2, c0), _mm256_mul_pd(b0, c2));
+  const __m256d bc2 = _mm256_sub_pd(_mm256_mul_pd(b0, c1), _mm256_mul_pd(b1, c0));
+  const __m256d O = dot4(a0, a1, a2, bc0, bc1, bc2);
+  const __m256d la = dot4(a0, a1, a2, a0, a1, a2);
+  const __m256d lb = dot4(b0, b1, b2, b0, b1, b2);
+  const __m256d lc = dot4(c0, c1, c2, c0, c1, c2);
+  const __m256d L2 = _mm256_max_pd(lc, _mm256_max_pd(la, lb));
+  const __m256d fast = _mm256_and_pd(
+      _mm256_and_pd(_mm256_cmp_pd(O, _mm256_setzero_pd(), _CMP_GT_OQ),
+                    _mm256_cmp_pd(L2, _mm256_set1_pd(1e-90), _CMP_GE_OQ)),
+      _mm256_and_pd(
+          _mm256_cmp_pd(L2, _mm256_set1_pd(1e90), _CMP_LE_OQ),
+          _mm256_cmp_pd(_mm256_mul_pd(_mm256_mul_pd(L2, L2), L2),
+                        _mm256_mul_pd(_mm256_mul_pd(_mm256_set1_pd(1e6), O), O), _CMP_LE_OQ)));
+  int open = 15;  // lanes still undecided
+  const int fast_lanes = _mm256_movemask_pd(fast);
+  int inside = 0;
+  if (fast_lanes) {
+    const __m256d ca0 = _mm256_sub_pd(_mm256_mul_pd(c1, a2), _mm256_mul_pd(c2, a1));
+    const __m256d ca1 = _mm256_sub_pd(_mm256_mul_pd(c2, a0), _mm256_mul_pd(c0, a2));
+    const __m256d ca2 = _mm256_sub_pd(_mm256_mul_pd(c0, a1), _mm256_mul_pd(c1, a0));
+    const __m256d ab0 = _mm256_sub_pd(_mm256_mul_pd(a1, b2), _mm256_mul_pd(a2, b1));
+    const __m256d ab1 = _mm256_sub_pd(_mm256_mul_pd(a2, b0), _mm256_mul_pd(a0, b2));
+    const __m256d ab2 = _mm256_sub_pd(_mm256_mul_pd(a0, b1), _mm256_mul_pd(a1, b0));
+    const __m256d s = _mm256_div_pd(_mm256_set1_pd(0.5), O);
+    const __m256d x0 = _mm256_mul_pd(dot4(la, lb, lc, bc0, ca0, ab0), s);
+    const __m256d x1 = _mm256_mul_pd(dot4(la, lb, lc, bc1, ca1, ab1), s);
+    const __m256d x2 = _mm256_mul_pd(dot4(la, lb, lc, bc2, ca2, ab2), s);
+    const __m256d e0 = _mm256_sub_pd(_mm256_sub_pd(_mm256_set1_pd(P[0]), x[3]), x0);
+    const __m256d e1 = _mm256_sub_pd(_mm256_sub_pd(_mm256_set1_pd(P[1]), y[3]), x1);
+    const __m256d e2 = _mm256_sub_pd(_mm256_sub_pd(_mm256_set1_pd(P[2]), z[3]), x2);
+    const __m256d r2 = dot4(x0, x1, x2, x0, x1, x2);
+    const __m256d ratio = _mm256_div_pd(dot4(e0, e1, e2, e0, e1, e2), r2);
+    const __m256d margin =
+        _mm256_mul_pd(_mm256_set1_pd(1e-6), _mm256_add_pd(_mm256_set1_pd(1.0), ratio));
+    const __m256d L = _mm256_set1_pd(limit);
+    inside =
+        _mm256_movemask_pd(_mm256_cmp_pd(ratio, _mm256_sub_pd(L, margin), _CMP_LT_OQ)) & fast_lanes;
+    const int outside =
+        _mm256_movemask_pd(_mm256_cmp_pd(ratio, _mm256_add_pd(L, margin), _CMP_GT_OQ)) & fast_lanes;
+    open = 15 & ~(inside | outside);
+  }
+  for (unsigned l = 0; l < 4; ++l) in[l] = (inside >> l) & 1;
+  for (unsigned l = 0; open; ++l, open >>= 1) {
+    if (!(open & 1)) continue;
+    const unsigned* n = v.tet(t[l]);
+    in[l] =
+        circumsphere_ratio(v.point(n[0]), v.point(n[1]), v.point(n[2]), v.point(n[3]), P) < limit;
+  }
+}
+
+// face_quality_pair over four lanes: the faces coded code[0..3] (4 tet + local face).
+VOXFILL_AVX void face_quality_quad(const mesh_view& v, const double* P, const unsigned code[4],
+                                   double q[4]) noexcept {
+  __m256d x[3], y[3], z[3];
+  {
+    const unsigned *n0 = v.tet(code[0] >> 2), *n1 = v.tet(code[1] >> 2), *n2 = v.tet(code[2] >> 2),
+                   *n3 = v.tet(code[3] >> 2);
+    const unsigned *o0 = tet_face_nodes[code[0] & 3], *o1 = tet_face_nodes[code[1] & 3],
+                   *o2 = tet_face_nodes[code[2] & 3], *o3 = tet_face_nodes[code[3] & 3];
+    for (unsigned k = 0; k < 3; ++k)
+      gather_points(v.point(n0[o0[k]]), v.point(n1[o1[k]]), v.point(n2[o2[k]]), v.point(n3[o3[k]]),
+                    x[k], y[k], z[k]);
+  }
+  const __m256d a0 = _mm256_sub_pd(_mm256_set1_pd(P[0]), x[2]),
+                a1 = _mm256_sub_pd(_mm256_set1_pd(P[1]), y[2]),
+                a2 = _mm256_sub_pd(_mm256_set1_pd(P[2]), z[2]);
+  const __m256d b0 = _mm256_sub_pd(x[0], x[2]), b1 = _mm256_sub_pd(y[0], y[2]),
+                b2 = _mm256_sub_pd(z[0], z[2]);
+  const __m256d c0 = _mm256_sub_pd(x[1], x[2]), c1 = _mm256_sub_pd(y[1], y[2]),
+                c2 = _mm256_sub_pd(z[1], z[2]);
+  const __m256d L0 = dot4(a0, a1, a2, a0, a1, a2), L1 = dot4(b0, b1, b2, b0, b1, b2),
+                L2 = dot4(c0, c1, c2, c0, c1, c2);
+  const __m256d dab = dot4(a0, a1, a2, b0, b1, b2), dac = dot4(a0, a1, a2, c0, c1, c2),
+                dbc = dot4(b0, b1, b2, c0, c1, c2);
+  const __m256d two = _mm256_set1_pd(2.0);
+  const __m256d Eab = _mm256_sub_pd(_mm256_add_pd(L0, L1), _mm256_mul_pd(two, dab));
+  const __m256d Eac = _mm256_sub_pd(_mm256_add_pd(L0, L2), _mm256_mul_pd(two, dac));
+  const __m256d Ebc = _mm256_sub_pd(_mm256_add_pd(L1, L2), _mm256_mul_pd(two, dbc));
+  const __m256d Gbc = _mm256_sub_pd(_mm256_mul_pd(L1, L2), _mm256_mul_pd(dbc, dbc));
+  const __m256d Gac = _mm256_sub_pd(_mm256_mul_pd(L0, L2), _mm256_mul_pd(dac, dac));
+  const __m256d Gab = _mm256_sub_pd(_mm256_mul_pd(L0, L1), _mm256_mul_pd(dab, dab));
+  const __m256d dfar = _mm256_add_pd(_mm256_sub_pd(L0, dab), _mm256_sub_pd(dbc, dac));
+  const __m256d Gfar = _mm256_sub_pd(_mm256_mul_pd(Eab, Eac), _mm256_mul_pd(dfar, dfar));
+  const __m256d tol = _mm256_set1_pd(SQUARE_TOL), zero = _mm256_setzero_pd();
+  const __m256d thin_bc = _mm256_cmp_pd(Gbc, _mm256_mul_pd(_mm256_mul_pd(tol, L1), L2), _CMP_LT_OQ);
+  const __m256d thin_ac = _mm256_cmp_pd(Gac, _mm256_mul_pd(_mm256_mul_pd(tol, L0), L2), _CMP_LT_OQ);
+  const __m256d thin_ab = _mm256_cmp_pd(Gab, _mm256_mul_pd(_mm256_mul_pd(tol, L0), L1), _CMP_LT_OQ);
+  const __m256d thin_far =
+      _mm256_cmp_pd(Gfar, _mm256_mul_pd(_mm256_mul_pd(tol, Eab), Eac), _CMP_LT_OQ);
+  const __m256d doubtful =
+      _mm256_or_pd(_mm256_or_pd(_mm256_or_pd(_mm256_cmp_pd(Eab, zero, _CMP_NGT_UQ),
+                                             _mm256_cmp_pd(Eac, zero, _CMP_NGT_UQ)),
+                                _mm256_or_pd(_mm256_cmp_pd(Ebc, zero, _CMP_NGT_UQ), thin_bc)),
+                   _mm256_or_pd(_mm256_or_pd(thin_ac, thin_ab), thin_far));
+  __m256d H = _mm256_max_pd(L1, L0);
+  H = _mm256_max_pd(L2, H);
+  H = _mm256_max_pd(Eab, H);
+  H = _mm256_max_pd(Eac, H);
+  H = _mm256_max_pd(Ebc, H);
+  const __m256d D = _mm256_mul_pd(
+      _mm256_sqrt_pd(H),
+      _mm256_add_pd(_mm256_add_pd(_mm256_add_pd(_mm256_sqrt_pd(Gbc), _mm256_sqrt_pd(Gac)),
+                                  _mm256_sqrt_pd(Gab)),
+                    _mm256_sqrt_pd(Gfar)));
+  const __m256d bc0 = _mm256_sub_pd(_mm256_mul_pd(b1, c2), _mm256_mul_pd(b2, c1));
+  const __m256d bc1 = _mm256_sub_pd(_mm256_mul_pd(b2, c0), _mm256_mul_pd(b0, c2));
+  const __m256d bc2 = _mm256_sub_pd(_mm256_mul_pd(b0, c1), _mm256_mul_pd(b1, c0));
+  const __m256d raw = _mm256_div_pd(
+      _mm256_mul_pd(_mm256_set1_pd(4.898979485566356), dot4(a0, a1, a2, bc0, bc1, bc2)), D);
+  const __m256d value =
+      _mm256_min_pd(_mm256_set1_pd(1.0), _mm256_max_pd(_mm256_set1_pd(-1.0), raw));
+  const __m256d magnitude = _mm256_andnot_pd(_mm256_set1_pd(-0.0), value);
+  const __m256d plain = _mm256_andnot_pd(
+      doubtful, _mm256_and_pd(_mm256_cmp_pd(D, zero, _CMP_GT_OQ),
+                              _mm256_cmp_pd(magnitude, _mm256_set1_pd(DOUBT_TOL), _CMP_GE_OQ)));
+  const int lanes = _mm256_movemask_pd(plain);
+  _mm256_storeu_pd(q, value);
+  for (unsigned l = 0, redo = ~lanes & 15; redo; ++l, redo >>= 1)
+    if (redo & 1) q[l] = v.face_quality(P, code[l]);
+}
+
+// The qualities of the new tets on the faces, four at a time, and three at the end; returns how
+// many it did (all but one or two).
+VOXFILL_AVX unsigned face_qualities_avx(const mesh_view& v, const double* P, const unsigned* faces,
+                                        unsigned F, double* q) noexcept {
+  unsigned k = 0;
+  for (; k + 4 <= F; k += 4) face_quality_quad(v, P, faces + k, q + k);
+  if (k + 3 == F) {  // three left: the last lane repeats the last face
+    const unsigned four[4] = {faces[k], faces[k + 1], faces[k + 2], faces[k + 2]};
+    double out[4];
+    face_quality_quad(v, P, four, out);
+    q[k] = out[0], q[k + 1] = out[1], q[k + 2] = out[2];
+    k = F;
+  }
+  return k;
+}
+
+// Whether the tets t[0..count) (count 1 to 4) hold P in their circumspheres, as in_circumsphere.
+VOXFILL_AVX void in_circumsphere_avx(const mesh_view& v, const unsigned* t, unsigned count,
+                                     const double* P, double limit, bool* in) noexcept {
+  const unsigned last = t[count - 1];
+  const unsigned four[4] = {t[0], count > 1 ? t[1] : last, count > 2 ? t[2] : last, last};
+  bool out[4];
+  in_circumsphere_quad(v, four, P, limit, out);
+  for (unsigned l = 0; l < count; ++l) in[l] = out[l];
+}
+#endif
+
 void abandon(cavity_record& cav) noexcept {
   cav.node = NONE;
   cav.tets.clear();
@@ -704,9 +906,15 @@ void collect_cavity(mesh_store& m, unsigned p, dense1D<unsigned>& seeds, cavity_
       prefetch(v.point(n[2]));
       prefetch(v.point(n[3]));
     }
-    // Tested two at a time; taken in the order of the faces.
+    // Tested two at a time (three or four at once with AVX); taken in the order of the faces.
     bool in[4];
     unsigned k = 0;
+#if VOXFILL_CAVITY_AVX
+    if (has_avx && nc >= 3) {
+      in_circumsphere_avx(v, cand, nc, P, limit, in);
+      k = nc;
+    }
+#endif
     for (; k + 1 < nc; k += 2) {
       const unsigned* n = v.tet(cand[k]);
       const unsigned* o = v.tet(cand[k + 1]);
@@ -787,6 +995,12 @@ void correct_cavity(mesh_store& m, kernel_workspace& ws, cavity_record& cav,
       p[0] = v.point(n[f[0]]), p[1] = v.point(n[f[1]]), p[2] = v.point(n[f[2]]);
     };
     unsigned k = 0;
+#if VOXFILL_CAVITY_AVX
+    if (has_avx) {
+      k = face_qualities_avx(v, P, cav.faces.data(), F, q);
+      for (unsigned j = 0; j < k; ++j) flat |= !(q[j] > STAR_TOL);
+    }
+#endif
     for (; k + 1 < F; k += 2) {
       const double *f[3], *g[3];
       face_points(cav.faces[k], f);
