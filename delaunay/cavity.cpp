@@ -961,7 +961,8 @@ void correct_cavity(mesh_store& m, kernel_workspace& ws, cavity_record& cav,
   cav.hard_faces.clear();
   cav.face_qualities.clear();
   inner.clear();
-  if (!cav.faces.reserve(4 * T) || (hard_check && !inner.reserve(4 * T))) return out_of_memory(cav);
+  if (T > 0x3FFFFFFFu || !cav.faces.reserve(4 * T) || (hard_check && !inner.reserve(4 * T)))
+    return out_of_memory(cav);
   {
     unsigned* faces = cav.faces.data();
     unsigned* inner_faces = inner.data();

@@ -191,7 +191,8 @@ kernel_status start_delaunay(mesh_store& m, kernel_workspace& ws, dense1D<unsign
 kernel_status insert_node_list(mesh_store& m, kernel_workspace& ws, const unsigned* first,
                                unsigned count, bool add_to_octree, dense1D<unsigned>& failed,
                                kernel_progress& progress) {
-  // Insertions leave the hard set as it is: its faces are summed up once for the whole list.
+  // Insertions leave the hard set as it is, so a list that is long next to it sums up its faces
+  // once, in bits that spare the cavities most of their lookups.
   struct held_bits {
     kernel_workspace& ws;
     ~held_bits() { forget_hard_face_bits(ws); }
