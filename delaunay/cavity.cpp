@@ -173,12 +173,12 @@ bool add_hard_faces(const mesh_view& v, cavity_record& cav, const dense1D<unsign
     const unsigned* n = v.tet(t);
     const unsigned* f = tet_face_nodes[i];
     const unsigned a = n[f[0]], b = n[f[1]], c = n[f[2]];
-    if (!is_hard(a) || !is_hard(b) || !is_hard(c)) continue;
+    // The face bits first when there are any: while a surface is meshed every node is hard.
     if (face_words) {
       const unsigned h = mixed_face_hash(a, b, c) >> shift;
       if (!((face_words[h >> 5] >> (h & 31)) & 1u)) continue;
     }
-    if (!holds_hard_face(hard, a, b, c)) continue;
+    if (!is_hard(a) || !is_hard(b) || !is_hard(c) || !holds_hard_face(hard, a, b, c)) continue;
     const unsigned nb = v.nb(t)[i];
     const unsigned c2 = 4 * nb + v.back_face(nb, t);
     double q1 = v.face_quality(P, c1), q2 = -q1;
