@@ -48,6 +48,24 @@ struct lent_items {
   lent_items& operator=(const lent_items&) = delete;
 };
 
+// group_score by the end sizes, without the calls of the general length: over the mesh itself
+// this is most of the merge.
+double direct_score(const dense2D<double>& points, const dense1D<double>& sizes, double r2,
+                    unsigned i, const std::vector<unsigned>& near, unsigned k, const double* G,
+                    double hG) noexcept {
+  double score = 0.0;
+  for (unsigned q = 0; q <= k; ++q) {
+    const unsigned x = q == 0 ? i : near[q - 1];
+    const double h = log_mean(hG, sizes[x]);
+    const double d = h > 0.0 ? std::sqrt(geometry_detail::dist2<3>(G, points.col(x))) / h : 0.0;
+    const double term = r2 / (d * d + r2);
+    // A member at `radius` or beyond is not served by G: the group is no group.
+    if (!(term > 0.5)) return 0.0;
+    score += term;
+  }
+  return score;
+}
+
 }  // namespace
 
 unsigned kd_insert(kd_tree& tree, const dense2D<double>& points, unsigned p) {
@@ -155,6 +173,7 @@ double group_score(size_field& field, const dense2D<double>& points, const dense
   hG = 0.0;
   if (!field_size_at(field, G, tet, hG)) return 0.0;
   const unsigned tG = tet;
+  if (field.direct_lengths) return direct_score(points, sizes, r2, i, near, k, G, hG);
   // Over the mesh itself a length comes from the end sizes alone: the members' tets would go
   // unused, and their searches cost more than the rest of the merge.
   const bool walk = !field.direct_lengths && walkable(field);
