@@ -2,6 +2,7 @@
 // where the length in the size field is the distance.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <random>
 #include <set>
 #include <vector>
@@ -77,6 +78,35 @@ TEST(CandidateMerging, KdBoxMatchesBruteForce) {
     }
     EXPECT_EQ(found, expected) << k;
   }
+}
+
+// The grid finds the same points as the tree, boxes reaching out of the points' hull included,
+// whatever the width of its cells.
+TEST(CandidateMerging, GridBoxMatchesKdBox) {
+  std::mt19937 g(5);
+  std::uniform_int_distribution<int> grid_at(0, 8);
+  dense2D<double> pts(3, 300);
+  for (unsigned j = 0; j < pts.cols; ++j)
+    for (unsigned d = 0; d < 3; ++d) pts(d, j) = 0.25 * grid_at(g);
+  kd_tree tree;
+  for (unsigned j = 0; j < pts.cols; ++j) kd_insert(tree, pts, j);
+  for (const double width : {0.01, 0.1, 0.25, 0.3, 1.0, 5.0}) {
+    cell_grid grid;
+    ASSERT_TRUE(grid_build(grid, pts, pts.cols, width));
+    for (unsigned k = 0; k < 50; ++k) {
+      double lo[3], hi[3];
+      for (unsigned d = 0; d < 3; ++d)
+        lo[d] = 0.25 * grid_at(g) - 0.5, hi[d] = lo[d] + 0.25 * (k % 6);
+      std::vector<std::pair<double, unsigned>> a, b;
+      kd_box(tree, lo, hi, a);
+      grid_box(grid, pts, lo, hi, b);
+      std::sort(a.begin(), a.end());
+      std::sort(b.begin(), b.end());
+      EXPECT_EQ(a, b) << width << " " << k;
+    }
+  }
+  cell_grid bad;
+  EXPECT_FALSE(grid_build(bad, pts, pts.cols, 0.0));
 }
 
 // One candidate, and two 1.5 radius apart, go through unchanged; two at one point give one there;

@@ -2,6 +2,7 @@
 #include "voxfill/refine/candidate_merging.h"
 
 #include <algorithm>
+#include <cfloat>
 #include <cmath>
 #include <new>
 #include <numeric>
@@ -122,19 +123,124 @@ void kd_box(kd_tree& tree, const double* lo, const double* hi,
   }
 }
 
+namespace {
+
+unsigned grid_cell(const cell_grid& grid, unsigned axis, double x) noexcept {
+  // Rounding keeps the order of the coordinates: a point in a box lies in the cells of its
+  // corners or between them.
+  const double t = (x - grid.origin[axis]) * grid.inverse;
+  const unsigned top = grid.dims[axis] - 1;
+  if (!(t > 0.0)) return 0;
+  if (t >= double(top)) return top;
+  return unsigned(t);
+}
+
+// The candidates of `items` within F.ratio of candidate i, nearest first, into the lists.
+void keep_near(spacing_filter& F, unsigned i, const dense2D<double>& points,
+               const dense1D<double>& sizes, std::vector<unsigned>& near,
+               std::vector<double>& lengths);
+
+// The box of candidate i in the near search.
+void near_box(const spacing_filter& F, unsigned i, const dense2D<double>& points,
+              const dense1D<double>& sizes, double* lo, double* hi) noexcept {
+  const double* P = points.col(i);
+  const double half = F.box_factor * sizes[i];
+  for (unsigned d = 0; d < 3; ++d) {
+    lo[d] = P[d] - half;
+    hi[d] = P[d] + half;
+  }
+}
+
+}  // namespace
+
+bool grid_build(cell_grid& grid, const dense2D<double>& points, unsigned n, double width) {
+  grid.dims[0] = grid.dims[1] = grid.dims[2] = 0;
+  if (n == 0 || !(width > 0.0 && width < DBL_MAX)) return false;
+  double lo[3], hi[3];
+  for (unsigned d = 0; d < 3; ++d) lo[d] = hi[d] = points(d, 0);
+  for (unsigned p = 0; p < n; ++p)
+    for (unsigned d = 0; d < 3; ++d) {
+      const double x = points(d, p);
+      if (!(x >= -DBL_MAX && x <= DBL_MAX)) return false;
+      lo[d] = std::min(lo[d], x);
+      hi[d] = std::max(hi[d], x);
+    }
+  // Not many more cells than points: the counts and starts stay linear in n.
+  const double room = 16.0 * double(n) + 64.0;
+  for (;;) {
+    double cells = 1.0;
+    for (unsigned d = 0; d < 3; ++d) cells *= std::floor((hi[d] - lo[d]) / width) + 1.0;
+    if (cells <= room) break;
+    width *= std::max(1.25, std::cbrt(cells / room));
+    if (!(width < DBL_MAX)) return false;
+  }
+  grid.inverse = 1.0 / width;
+  for (unsigned d = 0; d < 3; ++d) {
+    grid.origin[d] = lo[d];
+    grid.dims[d] = unsigned(std::floor((hi[d] - lo[d]) / width)) + 1;
+  }
+  const unsigned total = grid.dims[0] * grid.dims[1] * grid.dims[2];
+  grid.starts.assign(total + 1, 0);
+  grid.cells.resize(n);
+  grid.points.resize(n);
+  for (unsigned p = 0; p < n; ++p) {
+    const double* X = points.col(p);
+    const unsigned c =
+        (grid_cell(grid, 2, X[2]) * grid.dims[1] + grid_cell(grid, 1, X[1])) * grid.dims[0] +
+        grid_cell(grid, 0, X[0]);
+    grid.cells[p] = c;
+    ++grid.starts[c + 1];
+  }
+  for (unsigned c = 0; c < total; ++c) grid.starts[c + 1] += grid.starts[c];
+  for (unsigned p = 0; p < n; ++p) grid.points[grid.starts[grid.cells[p]]++] = p;
+  // The fill moved each start to the next cell's: back by one cell.
+  for (unsigned c = total; c > 0; --c) grid.starts[c] = grid.starts[c - 1];
+  grid.starts[0] = 0;
+  return true;
+}
+
+void grid_box(const cell_grid& grid, const dense2D<double>& points, const double* lo,
+              const double* hi, std::vector<std::pair<double, unsigned>>& items) {
+  if (grid.dims[0] == 0) return;
+  unsigned a[3], b[3];
+  for (unsigned d = 0; d < 3; ++d) {
+    a[d] = grid_cell(grid, d, lo[d]);
+    b[d] = grid_cell(grid, d, hi[d]);
+  }
+  for (unsigned z = a[2]; z <= b[2]; ++z)
+    for (unsigned y = a[1]; y <= b[1]; ++y) {
+      const unsigned row = (z * grid.dims[1] + y) * grid.dims[0];
+      const unsigned end = grid.starts[row + b[0] + 1];
+      for (unsigned k = grid.starts[row + a[0]]; k < end; ++k) {
+        const unsigned p = grid.points[k];
+        const double* X = points.col(p);
+        if (X[0] >= lo[0] && X[0] <= hi[0] && X[1] >= lo[1] && X[1] <= hi[1] && X[2] >= lo[2] &&
+            X[2] <= hi[2])
+          items.emplace_back(0.0, p);
+      }
+    }
+}
+
 void near_candidates(spacing_filter& F, unsigned i, const dense2D<double>& points,
                      const dense1D<double>& sizes, kd_tree& tree, std::vector<unsigned>& near,
                      std::vector<double>& lengths) {
+  double lo[3], hi[3];
+  near_box(F, i, points, sizes, lo, hi);
+  F.near_items.clear();
+  kd_box(tree, lo, hi, F.near_items);
+  keep_near(F, i, points, sizes, near, lengths);
+}
+
+namespace {
+
+void keep_near(spacing_filter& F, unsigned i, const dense2D<double>& points,
+               const dense1D<double>& sizes, std::vector<unsigned>& near,
+               std::vector<double>& lengths) {
   near.clear();
   lengths.clear();
   const double* P = points.col(i);
   const double h = sizes[i];
-  const double half = F.box_factor * h;
-  const double lo[3] = {P[0] - half, P[1] - half, P[2] - half};
-  const double hi[3] = {P[0] + half, P[1] + half, P[2] + half};
   auto& items = F.near_items;
-  items.clear();
-  kd_box(tree, lo, hi, items);
   unsigned kept = 0;
   for (const auto& item : items) {
     const unsigned j = item.second;
@@ -158,6 +264,8 @@ void near_candidates(spacing_filter& F, unsigned i, const dense2D<double>& point
     lengths.push_back(d);
   }
 }
+
+}  // namespace
 
 double group_score(size_field& field, const dense2D<double>& points, const dense1D<double>& sizes,
                    double r2, unsigned i, const std::vector<unsigned>& near, unsigned k,
@@ -214,8 +322,6 @@ void merge_candidates(th4_engine& e, refine_context& c, dense2D<double>& points,
     if (!s.points.resize(3, n) || !s.sizes.resize(n)) return;
     s.order.resize(n);
     s.removed.assign(n, 0);
-    s.tree.rows.clear();
-    s.tree.rows.reserve(n);
 
     // The tree is built in random order: the front's order would make it a deep chain.
     std::iota(s.order.begin(), s.order.end(), 0u);
@@ -223,13 +329,30 @@ void merge_candidates(th4_engine& e, refine_context& c, dense2D<double>& points,
       const unsigned j = unsigned(c.random_source() % (k + 1));
       if (j != k) std::swap(s.order[k], s.order[j]);
     }
-    for (unsigned k = 0; k < n; ++k) kd_insert(s.tree, points, s.order[k]);
+    // The near searches go through a grid of cells about half a box wide when the points allow
+    // one, else through the tree. Both find the same sets, and those are sorted.
+    double widths = 0.0;
+    for (unsigned k = 0; k < n; ++k) widths += F.box_factor * sizes[k];
+    const bool gridded = grid_build(s.grid, points, n, 0.5 * widths / double(n));
+    s.tree.rows.clear();
+    if (!gridded) {
+      s.tree.rows.reserve(n);
+      for (unsigned k = 0; k < n; ++k) kd_insert(s.tree, points, s.order[k]);
+    }
 
     const double r2 = radius * radius;
     unsigned out = 0;
     for (unsigned i = 0; i < n; ++i) {
       if (s.removed[i]) continue;
-      near_candidates(F, i, points, sizes, s.tree, s.near, s.lengths);
+      if (gridded) {
+        double lo[3], hi[3];
+        near_box(F, i, points, sizes, lo, hi);
+        F.near_items.clear();
+        grid_box(s.grid, points, lo, hi, F.near_items);
+        keep_near(F, i, points, sizes, s.near, s.lengths);
+      } else {
+        near_candidates(F, i, points, sizes, s.tree, s.near, s.lengths);
+      }
       // A removed neighbour belongs to another group already: the group stops before it.
       unsigned m = 0;
       while (m < s.near.size() && !s.removed[s.near[m]]) ++m;

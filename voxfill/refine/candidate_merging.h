@@ -53,9 +53,30 @@ double group_score(size_field& field, const dense2D<double>& points, const dense
                    double r2, unsigned i, const std::vector<unsigned>& near, unsigned k,
                    unsigned& tet, double* G, double& hG) noexcept;
 
+// Columns of a point table bucketed in a uniform grid of cubes, the cells in x-fastest order:
+// the points of a run of cells along x lie together in `points`.
+struct cell_grid {
+  double origin[3] = {0.0, 0.0, 0.0};
+  double inverse = 0.0;  // 1 / the cell width
+  unsigned dims[3] = {0, 0, 0};
+  std::vector<unsigned> starts;  // per cell the first position in `points`, then the end
+  std::vector<unsigned> points;
+  std::vector<unsigned> cells;  // per column its cell, scratch of the build
+};
+
+// Buckets the first n columns of `points` in cells of about `width`, widened so that the cells
+// are not many more than the points. False, with the grid unusable, when the points or the width
+// are not finite. May throw std::bad_alloc.
+bool grid_build(cell_grid& grid, const dense2D<double>& points, unsigned n, double width);
+
+// The same answer as kd_box, in some order, from the grid.
+void grid_box(const cell_grid& grid, const dense2D<double>& points, const double* lo,
+              const double* hi, std::vector<std::pair<double, unsigned>>& items);
+
 // Scratch of the merging, kept between passes so that a warm pass allocates nothing.
 struct merge_scratch {
   kd_tree tree;
+  cell_grid grid;
   std::vector<unsigned> order;
   std::vector<unsigned char> removed;
   std::vector<unsigned> near;
