@@ -477,14 +477,20 @@ bool node_octree::any_in_box(const unsigned ilo[3], const unsigned ihi[3], const
     if (w[0] >= 8) {
       // The child on the side of `from` goes on top, the one across all three walls at the
       // bottom.
+      // The cell meets the box, so a child does when the box reaches its half on each axis:
+      // the children met are known from three pairs of compares.
       const unsigned half = 1u << (lv - 1);
       const unsigned first = octant(from, lv - 1);
+      static constexpr unsigned upper[3] = {0xAAu, 0xCCu, 0xF0u};
+      unsigned met = 0xFFu;
+      for (unsigned a = 0; a < 3; ++a) {
+        const unsigned mid = corner[a] | half;
+        if (ilo[a] >= mid) met &= upper[a];
+        if (ihi[a] < mid) met &= ~upper[a];
+      }
       for (unsigned j = 8; j-- > 0;) {
         const unsigned k = first ^ j;
-        if (base[cld * w[k]] == 0) continue;
-        unsigned cc[3];
-        for (unsigned a = 0; a < 3; ++a) cc[a] = corner[a] | (((k >> a) & 1u) ? half : 0u);
-        if (!overlaps(cc, half - 1u, ilo, ihi)) continue;
+        if (!((met >> k) & 1u) || base[cld * w[k]] == 0) continue;
         st[2 * top] = 8 * (lv - 1) + k;
         st[2 * top + 1] = w[k];
         ++top;
