@@ -84,6 +84,20 @@ inline bool overlaps(const unsigned corner[3], unsigned ext, const unsigned lo[3
   return true;
 }
 
+// The children of a cell that meets the integer box lo..hi which meet it too, as bits by child
+// index: a child meets it when the box reaches its half of the cell on every axis.
+inline unsigned children_met(const unsigned corner[3], unsigned half, const unsigned lo[3],
+                             const unsigned hi[3]) noexcept {
+  static constexpr unsigned upper[3] = {0xAAu, 0xCCu, 0xF0u};
+  unsigned met = 0xFFu;
+  for (unsigned a = 0; a < 3; ++a) {
+    const unsigned mid = corner[a] | half;
+    if (lo[a] >= mid) met &= upper[a];
+    if (hi[a] < mid) met &= ~upper[a];
+  }
+  return met;
+}
+
 // The state of one near or nearest search around p.
 struct search_state {
   const unsigned* cells;
@@ -159,12 +173,10 @@ void search_down(search_state& s, unsigned row, unsigned level, const unsigned c
       // Children that are empty, or already clear of the box (which only shrinks), would be
       // dropped when popped; leaving them off the stack changes nothing else.
       const unsigned child_code = 8 * (lv - 1), half = 1u << (lv - 1);
+      const unsigned met = children_met(corner, half, s.lo, s.hi);
       for (unsigned j = 8; j-- > 0;) {
         const unsigned k = (first + j) & 7u;
-        if (s.cells[s.cld * w[k]] == 0) continue;
-        unsigned cc[3];
-        for (unsigned a = 0; a < 3; ++a) cc[a] = corner[a] | (((k >> a) & 1u) ? half : 0u);
-        if (!overlaps(cc, half - 1u, s.lo, s.hi)) continue;
+        if (!((met >> k) & 1u) || s.cells[s.cld * w[k]] == 0) continue;
         st[2 * top] = child_code + k;
         st[2 * top + 1] = w[k];
         ++top;
@@ -413,12 +425,9 @@ bool node_octree::nodes_in_box(const unsigned ilo[3], const unsigned ihi[3], con
     const unsigned ext = (1u << lv) - 1u;
     if (w[0] >= 8) {
       // Only children that meet the box go on the stack, child 0 on top.
-      const unsigned half = 1u << (lv - 1);
+      const unsigned met = children_met(corner, 1u << (lv - 1), ilo, ihi);
       for (unsigned k = 8; k-- > 0;) {
-        if (base[cld * w[k]] == 0) continue;
-        unsigned cc[3];
-        for (unsigned a = 0; a < 3; ++a) cc[a] = corner[a] | (((k >> a) & 1u) ? half : 0u);
-        if (!overlaps(cc, half - 1u, ilo, ihi)) continue;
+        if (!((met >> k) & 1u) || base[cld * w[k]] == 0) continue;
         st[2 * top] = 8 * (lv - 1) + k;
         st[2 * top + 1] = w[k];
         ++top;
@@ -477,17 +486,9 @@ bool node_octree::any_in_box(const unsigned ilo[3], const unsigned ihi[3], const
     if (w[0] >= 8) {
       // The child on the side of `from` goes on top, the one across all three walls at the
       // bottom.
-      // The cell meets the box, so a child does when the box reaches its half on each axis:
-      // the children met are known from three pairs of compares.
-      const unsigned half = 1u << (lv - 1);
+      // Every cell on the stack meets the box.
       const unsigned first = octant(from, lv - 1);
-      static constexpr unsigned upper[3] = {0xAAu, 0xCCu, 0xF0u};
-      unsigned met = 0xFFu;
-      for (unsigned a = 0; a < 3; ++a) {
-        const unsigned mid = corner[a] | half;
-        if (ilo[a] >= mid) met &= upper[a];
-        if (ihi[a] < mid) met &= ~upper[a];
-      }
+      const unsigned met = children_met(corner, 1u << (lv - 1), ilo, ihi);
       for (unsigned j = 8; j-- > 0;) {
         const unsigned k = first ^ j;
         if (!((met >> k) & 1u) || base[cld * w[k]] == 0) continue;
