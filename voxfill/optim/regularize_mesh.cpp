@@ -115,12 +115,27 @@ void pick_worst_tets(regularizer& g, double quality_limit, const bit_set& frozen
   const unsigned frozen_length = frozen.length;
   unsigned* out = tets.begin();
   unsigned size = 0;
-  for (unsigned t = 0; t < cols; ++t) {
-    const double q = quality[t];
-    if (!(q <= quality_limit) || colors[t] == DELETED) continue;
-    if (t < frozen_length && (frozen_words[t >> 5] >> (t & 31)) & 1u) continue;
-    out[size++] = t;
-    ++counts[bin(q)];
+  // By blocks of 32 tets, one word of the frozen mask each: most words are 0, and then no tet
+  // of the block needs its bit.
+  for (unsigned t0 = 0; t0 < cols; t0 += 32) {
+    const unsigned end = cols - t0 < 32 ? cols : t0 + 32;
+    const unsigned word = t0 < frozen_length ? frozen_words[t0 >> 5] : 0u;
+    if (!word) {
+      for (unsigned t = t0; t < end; ++t) {
+        const double q = quality[t];
+        if (!(q <= quality_limit) || colors[t] == DELETED) continue;
+        out[size++] = t;
+        ++counts[bin(q)];
+      }
+      continue;
+    }
+    for (unsigned t = t0; t < end; ++t) {
+      const double q = quality[t];
+      if (!(q <= quality_limit) || colors[t] == DELETED) continue;
+      if (t < frozen_length && (word >> (t & 31)) & 1u) continue;
+      out[size++] = t;
+      ++counts[bin(q)];
+    }
   }
   tets.size = size;
   if (!size) return;
@@ -129,9 +144,12 @@ void pick_worst_tets(regularizer& g, double quality_limit, const bit_set& frozen
     unsigned last = 0;
     for (unsigned below = counts[0]; below < count; below += counts[++last]) {
     }
+    // bin(q) <= last just when q * scale is below last + 1 (or not positive, or NaN): the
+    // truncation is not needed to keep a tet.
+    const double above = double(last) + 1.0;
     unsigned kept = 0;
     for (unsigned k = 0; k < size; ++k)
-      if (bin(quality[out[k]]) <= last) out[kept++] = out[k];
+      if (!(quality[out[k]] * scale >= above)) out[kept++] = out[k];
     tets.size = kept;
   }
   auto worse = [quality](unsigned a, unsigned b) {
