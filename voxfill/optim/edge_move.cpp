@@ -69,7 +69,11 @@ bool edge_move(regularizer& g, unsigned t, unsigned k, double short_limit, doubl
   if (!g.old_rows.resize(4, g.shell_tets.size)) return false;
   for (unsigned i = 0; i < g.shell_tets.size; ++i)
     std::copy_n(m.tets.row(g.shell_tets[i]), 4, g.old_rows.col(i));
-  mm.merit_reference(g.old_rows);
+  // Two hard nodes joined by an edge: the split is wanted whatever the merit says.
+  const bool hard_pair = hard_links && m.hard_set.has_node(a) && m.hard_set.has_node(b);
+  const bool split = insert && L > (hard_pair ? 0.0 : long_limit);
+  // Only a reconnection or a split is rated against this reference; a contraction takes its own.
+  if (g.shell_tets.size <= shell_limit || split) mm.merit_reference(g.old_rows);
   g.new_rows.resize(4, 0);
   g.new_qualities.clear();
 
@@ -86,15 +90,13 @@ bool edge_move(regularizer& g, unsigned t, unsigned k, double short_limit, doubl
     }
   }
 
-  // Two hard nodes joined by an edge: the split is wanted whatever the merit says.
-  if (hard_links && m.hard_set.has_node(a) && m.hard_set.has_node(b)) {
+  if (hard_pair) {
     floor = best = 1e-12;
-    long_limit = short_limit = 0.0;
+    short_limit = 0.0;
   }
 
   unsigned n1 = NONE, n2 = NONE;
-  if (insert && L > long_limit)
-    try_split(g.moves, a, b, floor, g.old_rows, g.new_rows, g.new_qualities, best, n1);
+  if (split) try_split(g.moves, a, b, floor, g.old_rows, g.new_rows, g.new_qualities, best, n1);
   if (g.new_rows.cols) gain = best / m0;
 
   // The old set is the shell unless a contraction wins; it then names its own.
