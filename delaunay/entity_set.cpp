@@ -26,7 +26,7 @@ namespace {
 
 // Sets the bit of face k.
 void enter_face_bit(entity_set& s, const face_key& k) noexcept {
-  const unsigned i = key_hash(k) >> s.face_bits_shift;
+  const unsigned i = face_filter_hash(k) >> s.face_bits_shift;
   s.face_bits[i >> 5] |= 1u << (i & 31);
 }
 

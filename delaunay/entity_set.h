@@ -12,8 +12,9 @@ struct entity_set {
   edge_set two_way_edges;  // edges also given in the opposite direction
   face_set faces;          // stored with the orientation in which each face came first
   face_set two_way_faces;  // faces also given with the opposite orientation
-  // One bit per face hash, by its top bits: a clear bit proves that no face of `faces` has that
-  // hash. Most faces asked about are not hard, and the bits stay in cache where the table doesn't.
+  // One bit per mixed face hash, by its top bits: a clear bit proves that no face of `faces` has
+  // that hash. Most faces asked about are not hard, and the bits stay in cache where the table
+  // doesn't.
   dense1D<unsigned> face_bits;
   unsigned face_bits_shift = 32;  // 32: no bits, every query goes to the table
 
@@ -33,7 +34,7 @@ struct entity_set {
   int face_orientation(unsigned a, unsigned b, unsigned c) const noexcept;
   bool may_have_face(const face_key& k) const noexcept {
     if (face_bits_shift >= 32) return true;
-    const unsigned i = key_hash(k) >> face_bits_shift;
+    const unsigned i = face_filter_hash(k) >> face_bits_shift;
     return (face_bits[i >> 5] >> (i & 31)) & 1u;
   }
   bool has_face(unsigned a, unsigned b, unsigned c) const noexcept {

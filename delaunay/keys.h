@@ -31,6 +31,17 @@ inline unsigned key_hash(const face_key& f) noexcept {
 inline unsigned key_hash(const index_key& k) noexcept {
   return key_hash(k.n, 1);
 }
+// An order-free hash of a face with each node well mixed first, so that faces of nearby node
+// numbers (whose plain sums coincide often) spread over all bits. For filters, not for buckets.
+inline unsigned mixed_node_term(unsigned x) noexcept {
+  x *= 0x9E3779B1u;
+  x ^= x >> 16;
+  x *= 0x85EBCA6Bu;
+  return x ^ (x >> 13);
+}
+inline unsigned face_filter_hash(const face_key& f) noexcept {
+  return mixed_node_term(f.n[0]) + mixed_node_term(f.n[1]) + mixed_node_term(f.n[2]);
+}
 inline int compare_keys(const index_key& a, const index_key& b) noexcept {
   return a.n[0] == b.n[0];
 }
