@@ -53,7 +53,11 @@ struct slot_table {
         const unsigned want = n ? 2 * n : 8;
         if (!data.reserve(height, want < 8 ? 8 : want, 1)) return NONE;
       }
-      data.resize(height, n + 1);
+      // Packed columns with room behind them (the common case) just take one more column.
+      if (data.rows == height && data.ld == height && data.cols == n)
+        ++data.cols, data.size += height;
+      else
+        data.resize(height, n + 1);
     }
     return i;
   }
