@@ -5,8 +5,7 @@
 
 namespace kelvo::voxfill {
 
-bool entity_set::add_node(unsigned n) noexcept {
-  if (node_bits.test(n)) return true;
+bool entity_set::add_new_node(unsigned n) noexcept {
   if (!node_bits.set(n)) return false;
   ++node_count;
   return true;
@@ -66,10 +65,7 @@ bool entity_set::add_face(unsigned a, unsigned b, unsigned c, bool two_way) noex
   return true;
 }
 
-int entity_set::face_orientation(unsigned a, unsigned b, unsigned c) const noexcept {
-  if (!node_bits.test(a) || !node_bits.test(b) || !node_bits.test(c)) return 0;
-  const face_key k{{a, b, c}};
-  if (!may_have_face(k)) return 0;
+int entity_set::stored_orientation(const face_key& k) const noexcept {
   int dir = 0;
   return faces.find(k, &dir) != NONE ? dir : 0;
 }

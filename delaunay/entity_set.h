@@ -19,8 +19,9 @@ struct entity_set {
   unsigned face_bits_shift = 32;  // 32: no bits, every query goes to the table
 
   bool has_node(unsigned n) const noexcept { return node_bits.test(n); }
-  // False when memory ran out.
-  bool add_node(unsigned n) noexcept;
+  // False when memory ran out. Most nodes are there already: that test stays inline.
+  bool add_node(unsigned n) noexcept { return node_bits.test(n) || add_new_node(n); }
+  bool add_new_node(unsigned n) noexcept;
   // Sets both node bits; an edge of two equal nodes adds nothing more. With `two_way`, an edge met
   // again reversed also goes into `two_way_edges`.
   bool add_edge(unsigned a, unsigned b, bool two_way = true) noexcept;
@@ -31,7 +32,14 @@ struct entity_set {
     return node_bits.test(a) && node_bits.test(b) && edges.contains(edge_key{{a, b}});
   }
   // 0 when the face is not in the set, else +1 or -1: its stored orientation against (a, b, c).
-  int face_orientation(unsigned a, unsigned b, unsigned c) const noexcept;
+  // Most faces asked about are not hard: the node and face bits answer inline.
+  int face_orientation(unsigned a, unsigned b, unsigned c) const noexcept {
+    if (!node_bits.test(a) || !node_bits.test(b) || !node_bits.test(c)) return 0;
+    const face_key k{{a, b, c}};
+    return may_have_face(k) ? stored_orientation(k) : 0;
+  }
+  // The table's answer for a face whose nodes and bit are set.
+  int stored_orientation(const face_key& k) const noexcept;
   bool may_have_face(const face_key& k) const noexcept {
     if (face_bits_shift >= 32) return true;
     const unsigned i = face_filter_hash(k) >> face_bits_shift;
