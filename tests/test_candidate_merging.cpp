@@ -53,15 +53,21 @@ std::vector<double> merged_x(double x, const std::vector<double>& offsets,
   return xs;
 }
 
+// 300 points on a lattice of step 0.25, many sharing a coordinate: ties on every split.
+dense2D<double> lattice_points(std::mt19937& g, std::uniform_int_distribution<int>& step) {
+  dense2D<double> pts(3, 300);
+  for (unsigned j = 0; j < pts.cols; ++j)
+    for (unsigned d = 0; d < 3; ++d) pts(d, j) = 0.25 * step(g);
+  return pts;
+}
+
 }  // namespace
 
 // The tree finds exactly the points of a closed box, ties on the split coordinates included.
 TEST(CandidateMerging, KdBoxMatchesBruteForce) {
   std::mt19937 g(3);
   std::uniform_int_distribution<int> grid(0, 8);
-  dense2D<double> pts(3, 300);
-  for (unsigned j = 0; j < pts.cols; ++j)
-    for (unsigned d = 0; d < 3; ++d) pts(d, j) = 0.25 * grid(g);
+  const dense2D<double> pts = lattice_points(g, grid);
   kd_tree tree;
   for (unsigned j = 0; j < pts.cols; ++j) EXPECT_EQ(kd_insert(tree, pts, j), j);
   for (unsigned k = 0; k < 50; ++k) {
@@ -85,9 +91,7 @@ TEST(CandidateMerging, KdBoxMatchesBruteForce) {
 TEST(CandidateMerging, GridBoxMatchesKdBox) {
   std::mt19937 g(5);
   std::uniform_int_distribution<int> grid_at(0, 8);
-  dense2D<double> pts(3, 300);
-  for (unsigned j = 0; j < pts.cols; ++j)
-    for (unsigned d = 0; d < 3; ++d) pts(d, j) = 0.25 * grid_at(g);
+  const dense2D<double> pts = lattice_points(g, grid_at);
   kd_tree tree;
   for (unsigned j = 0; j < pts.cols; ++j) kd_insert(tree, pts, j);
   for (const double width : {0.01, 0.1, 0.25, 0.3, 1.0, 5.0}) {

@@ -45,15 +45,7 @@ void nodes_near(move_record& mr, unsigned node, const dense1D<unsigned>& ball,
   unsigned size = 0;
   marks[node] = mark;
   for (unsigned k = 0; k < ball.size; ++k) {
-    const unsigned* r = m.tets.row(ball[k]);
-    for (unsigned i = 0; i < 4; ++i) {
-      const unsigned v = r[i];
-      if (marks[v] == mark) continue;
-      marks[v] = mark;
-      unsigned j = size++;
-      for (; j > 0 && list[j - 1] > v; --j) list[j] = list[j - 1];
-      list[j] = v;
-    }
+    add_unmarked_sorted(m.tets.row(ball[k]), marks, mark, list, size);
   }
   out.size = size;
 }

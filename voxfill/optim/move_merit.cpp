@@ -126,15 +126,7 @@ void move_merit::collect_fit_nodes(const dense2D<unsigned>& rows) noexcept {
   unsigned* out = fit_nodes.begin();
   unsigned size = 0;
   for (unsigned j = 0; j < rows.cols; ++j) {
-    const unsigned* r = rows.col(j);
-    for (unsigned k = 0; k < 4; ++k) {
-      const unsigned n = r[k];
-      if (marks[n] == fit_mark) continue;
-      marks[n] = fit_mark;
-      unsigned i = size++;
-      for (; i > 0 && out[i - 1] > n; --i) out[i] = out[i - 1];
-      out[i] = n;
-    }
+    add_unmarked_sorted(rows.col(j), marks, fit_mark, out, size);
   }
   fit_nodes.size = size;
 }

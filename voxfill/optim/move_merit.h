@@ -8,6 +8,20 @@
 
 namespace kelvo::voxfill {
 
+// Adds the nodes of a tet row that `marks` does not hold yet to `list`, kept ascending, and marks
+// them. A ball meets few distinct nodes many times: insertion beats sorting the whole list.
+inline void add_unmarked_sorted(const unsigned* row, unsigned* marks, unsigned mark, unsigned* list,
+                                unsigned& size) noexcept {
+  for (unsigned i = 0; i < 4; ++i) {
+    const unsigned v = row[i];
+    if (marks[v] == mark) continue;
+    marks[v] = mark;
+    unsigned j = size++;
+    for (; j > 0 && list[j - 1] > v; --j) list[j] = list[j - 1];
+    list[j] = v;
+  }
+}
+
 inline constexpr double PI_OVER_5 = 0.6283185307179586;
 
 // Per node: the solid angle round it (4 pi inside, less on the boundary), its tet count times
