@@ -1,0 +1,10 @@
+// tet_quality of four tets at a time: the same operations as the scalar code, lane by lane, so
+// the same bits. Where the processor lacks AVX, the scalar code one tet after the other.
+#pragma once
+
+namespace kelvo::voxfill {
+
+// q[l] = tet_quality(p[4 l], p[4 l + 1], p[4 l + 2], p[4 l + 3]) for the lanes l = 0 to 3.
+void tet_quality_lanes(const double* const p[16], double q[4]) noexcept;
+
+}  // namespace kelvo::voxfill
