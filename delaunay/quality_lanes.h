@@ -2,9 +2,19 @@
 // the same bits. Where the processor lacks AVX, the scalar code one tet after the other.
 #pragma once
 
+#include "numcore/dense2D.h"
+
 namespace kelvo::voxfill {
 
 // q[l] = tet_quality(p[4 l], p[4 l + 1], p[4 l + 2], p[4 l + 3]) for the lanes l = 0 to 3.
 void tet_quality_lanes(const double* const p[16], double q[4]) noexcept;
+
+// The same with the tets' nodes n[4 l] to n[4 l + 3] in a 3-row coordinate table.
+inline void tet_quality_lanes(const dense2D<double>& coords, const unsigned n[16],
+                              double q[4]) noexcept {
+  const double* p[16];
+  for (unsigned k = 0; k < 16; ++k) p[k] = coords.col(n[k]);
+  tet_quality_lanes(p, q);
+}
 
 }  // namespace kelvo::voxfill

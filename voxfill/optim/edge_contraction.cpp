@@ -5,6 +5,7 @@
 
 #include "delaunay/geometry.h"
 #include "delaunay/mesh_walks.h"
+#include "delaunay/quality_lanes.h"
 #include "voxfill/optim/edge_code.h"
 #include "voxfill/optim/edge_split.h"
 
@@ -107,12 +108,18 @@ bool collapse_onto(move_record& mr, unsigned a, unsigned b, unsigned c,
   }
   rows.resize(4, kept);
   double q = 1.0;
-  for (unsigned j = 0; j < kept; ++j) {
-    const unsigned* r = rows.col(j);
-    const double v = tet_quality(m.nodes.data, r[0], r[1], r[2], r[3]);
-    if (!(v > floor)) return false;
-    qualities.push_back(v);
-    q = std::min(q, v);
+  // Four rows at a time (the last repeated to fill the lanes), used in order.
+  for (unsigned j0 = 0; j0 < kept; j0 += 4) {
+    unsigned n[16];
+    for (unsigned l = 0; l < 4; ++l)
+      std::copy_n(rows.col(j0 + l < kept ? j0 + l : kept - 1), 4, n + 4 * l);
+    double v[4];
+    tet_quality_lanes(m.nodes.data, n, v);
+    for (unsigned l = 0; l < 4 && j0 + l < kept; ++l) {
+      if (!(v[l] > floor)) return false;
+      qualities.push_back(v[l]);
+      q = std::min(q, v[l]);
+    }
   }
   double s = 1.0;
   if (kept >= 3 && mr.merit.shape_weight < 1.0) {

@@ -4,6 +4,7 @@
 #include <algorithm>
 
 #include "delaunay/geometry.h"
+#include "delaunay/quality_lanes.h"
 
 namespace kelvo::voxfill {
 
@@ -132,14 +133,35 @@ void reconnect_patterns(move_record& mr, unsigned a, unsigned b, const dense1D<u
     dense1D<double>& out = mr.trial_qualities;
     out.clear();
     double q = 1.0;
-    for (unsigned row = 0; row + 4 < 2 * r && q > limit; ++row) {
+    const unsigned rows = 2 * r - 4;
+    for (unsigned row = 0; row < rows && q > limit; ++row) {
       const unsigned char* tri = pat.triangles[row / 2];
       const unsigned id = (tri[0] * 6u + tri[1]) * 6u + tri[2], side = row % 2;
       if (!seen[id][side]) {
-        const unsigned i = ring[tri[0]], j = ring[tri[1]], k = ring[tri[2]];
-        known[id][side] = side == 0 ? tet_quality(m.nodes.data, i, j, k, a)
-                                    : tet_quality(m.nodes.data, k, j, i, b);
-        seen[id][side] = true;
+        // This row and the next unknown ones of the pattern, four at a time (the last repeated
+        // to fill the lanes): a quality depends on its nodes alone, so one worked out ahead
+        // serves whichever pattern meets it.
+        unsigned n[16], ids[4], sides[4], lanes = 0;
+        for (unsigned next = row; next < rows && lanes < 4; ++next) {
+          const unsigned char* t = pat.triangles[next / 2];
+          const unsigned d = (t[0] * 6u + t[1]) * 6u + t[2], e = next % 2;
+          if (seen[d][e]) continue;
+          const unsigned i = ring[t[0]], j = ring[t[1]], k = ring[t[2]];
+          unsigned* w = n + 4 * lanes;
+          if (e == 0)
+            w[0] = i, w[1] = j, w[2] = k, w[3] = a;
+          else
+            w[0] = k, w[1] = j, w[2] = i, w[3] = b;
+          ids[lanes] = d, sides[lanes] = e;
+          ++lanes;
+        }
+        for (unsigned l = lanes; l < 4; ++l) std::copy_n(n + 4 * (lanes - 1), 4, n + 4 * l);
+        double v[4];
+        tet_quality_lanes(m.nodes.data, n, v);
+        for (unsigned l = 0; l < lanes; ++l) {
+          known[ids[l]][sides[l]] = v[l];
+          seen[ids[l]][sides[l]] = true;
+        }
       }
       out.push_back(known[id][side]);
       q = std::min(q, known[id][side]);
