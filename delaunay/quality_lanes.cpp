@@ -43,10 +43,10 @@ VOXFILL_AVX inline __m256d dot4(__m256d u0, __m256d u1, __m256d u2, __m256d v0, 
 
 // raw_shape_quality and the checks of tet_quality over four lanes; the lanes that need the
 // permutation retries (or have no positive denominator) are done again by the scalar code.
-VOXFILL_AVX void quality_quad(const double* const p[16], double q[4]) noexcept {
+VOXFILL_AVX void quality_quad(const double* const* const t[4], double q[4]) noexcept {
   __m256d x[4], y[4], z[4];
   for (unsigned k = 0; k < 4; ++k)
-    gather_points(p[k], p[4 + k], p[8 + k], p[12 + k], x[k], y[k], z[k]);
+    gather_points(t[0][k], t[1][k], t[2][k], t[3][k], x[k], y[k], z[k]);
   const __m256d a0 = _mm256_sub_pd(x[0], x[3]), a1 = _mm256_sub_pd(y[0], y[3]),
                 a2 = _mm256_sub_pd(z[0], z[3]);
   const __m256d b0 = _mm256_sub_pd(x[1], x[3]), b1 = _mm256_sub_pd(y[1], y[3]),
@@ -101,21 +101,20 @@ VOXFILL_AVX void quality_quad(const double* const p[16], double q[4]) noexcept {
   const int lanes = _mm256_movemask_pd(plain);
   _mm256_storeu_pd(q, value);
   for (unsigned l = 0, redo = ~lanes & 15; redo; ++l, redo >>= 1)
-    if (redo & 1) q[l] = tet_quality(p[4 * l], p[4 * l + 1], p[4 * l + 2], p[4 * l + 3]);
+    if (redo & 1) q[l] = tet_quality(t[l][0], t[l][1], t[l][2], t[l][3]);
 }
 #endif
 
 }  // namespace
 
-void tet_quality_lanes(const double* const p[16], double q[4]) noexcept {
+void tet_quality_lanes(const double* const* const t[4], double q[4]) noexcept {
 #if VOXFILL_QUALITY_AVX
   if (has_avx) {
-    quality_quad(p, q);
+    quality_quad(t, q);
     return;
   }
 #endif
-  for (unsigned l = 0; l < 4; ++l)
-    q[l] = tet_quality(p[4 * l], p[4 * l + 1], p[4 * l + 2], p[4 * l + 3]);
+  for (unsigned l = 0; l < 4; ++l) q[l] = tet_quality(t[l][0], t[l][1], t[l][2], t[l][3]);
 }
 
 }  // namespace kelvo::voxfill

@@ -6,8 +6,14 @@
 
 namespace kelvo::voxfill {
 
-// q[l] = tet_quality(p[4 l], p[4 l + 1], p[4 l + 2], p[4 l + 3]) for the lanes l = 0 to 3.
-void tet_quality_lanes(const double* const p[16], double q[4]) noexcept;
+// q[l] = tet_quality(t[l][0], t[l][1], t[l][2], t[l][3]) for the lanes l = 0 to 3.
+void tet_quality_lanes(const double* const* const t[4], double q[4]) noexcept;
+
+// The same with the points of lane l at p[4 l] to p[4 l + 3].
+inline void tet_quality_lanes(const double* const p[16], double q[4]) noexcept {
+  const double* const* const t[4] = {p, p + 4, p + 8, p + 12};
+  tet_quality_lanes(t, q);
+}
 
 // The same with the tets' nodes n[4 l] to n[4 l + 3] in a 3-row coordinate table.
 inline void tet_quality_lanes(const dense2D<double>& coords, const unsigned n[16],

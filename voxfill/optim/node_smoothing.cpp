@@ -187,6 +187,12 @@ void walk_line(line_search& w) noexcept {
   const unsigned* nb = sm.ball_neighbors.begin();
   sm.trial_qualities.resize(n);
   double* trial_qualities = sm.trial_qualities.begin();
+  // The places of the ball's nodes stay put (the node moves in its own), so the points of each
+  // tet are looked up once for all trials.
+  sm.ball_points.resize(4 * n);
+  const double** points = sm.ball_points.begin();
+  for (unsigned j = 0; j < n; ++j)
+    for (unsigned i = 0; i < 4; ++i) points[4 * j + i] = base + ld * rows[rld * j + i];
   double k = 1.0;
   for (unsigned i = 0; i < w.steps; ++i) {
     const double trial[3] = {w.start[0] + k * w.step[0], w.start[1] + k * w.step[1],
@@ -226,16 +232,15 @@ void walk_line(line_search& w) noexcept {
     // evaluated for nothing, but cost less than doing each alone.
     for (unsigned c0 = 0; c0 < n && q > 0.0; c0 += 4) {
       unsigned js[4];
-      const double* pts[16];
+      const double* const* tets[4];
       for (unsigned l = 0; l < 4; ++l) {
         const unsigned c = c0 + l < n ? c0 + l : n - 1;
         const unsigned j = c == 0 ? first : (c <= first ? c - 1 : c);
-        const unsigned* r = rows + rld * j;
         js[l] = j;
-        for (unsigned i = 0; i < 4; ++i) pts[4 * l + i] = base + ld * r[i];
+        tets[l] = points + 4 * j;
       }
       double vs[4];
-      tet_quality_lanes(pts, vs);
+      tet_quality_lanes(tets, vs);
       for (unsigned l = 0; l < 4 && c0 + l < n; ++l) {
         const unsigned j = js[l];
         const double v = vs[l];
@@ -391,8 +396,9 @@ double smooth_node(regularizer& g, unsigned node, double weight,
   node_smoother& sm = g.smoother;
   const unsigned n = ball.size, e = 3 * n / 2;
   if (!sm.ball_rows.resize(4, n) || !sm.trial_qualities.reserve(n) ||
-      !sm.best_qualities.resize(n) || !sm.ball_neighbors.reserve(e) || !sm.edge_means.reserve(e) ||
-      !sm.edge_lengths.reserve(e) || !sm.edge_bounds.reserve(e) || !sm.ray.ball_faces.reserve(4, n))
+      !sm.ball_points.reserve(4 * n) || !sm.best_qualities.resize(n) ||
+      !sm.ball_neighbors.reserve(e) || !sm.edge_means.reserve(e) || !sm.edge_lengths.reserve(e) ||
+      !sm.edge_bounds.reserve(e) || !sm.ray.ball_faces.reserve(4, n))
     return 0.0;
   for (unsigned j = 0; j < n; ++j) std::copy_n(m.tets.row(ball[j]), 4, sm.ball_rows.col(j));
   const double w = g.moves_carry_sizes ? weight : 1.0;
