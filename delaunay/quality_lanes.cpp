@@ -103,9 +103,81 @@ VOXFILL_AVX void quality_quad(const double* const* const t[4], double q[4]) noex
   for (unsigned l = 0, redo = ~lanes & 15; redo; ++l, redo >>= 1)
     if (redo & 1) q[l] = tet_quality(t[l][0], t[l][1], t[l][2], t[l][3]);
 }
+
+VOXFILL_AVX void frame_quad(const double* const* const t[4], double normal[4][3],
+                            double centroid[4][3], double perimeter[4]) noexcept {
+  __m256d x[3], y[3], z[3];
+  for (unsigned k = 0; k < 3; ++k)
+    gather_points(t[0][k], t[1][k], t[2][k], t[3][k], x[k], y[k], z[k]);
+  const __m256d u0 = _mm256_sub_pd(x[0], x[2]), u1 = _mm256_sub_pd(y[0], y[2]),
+                u2 = _mm256_sub_pd(z[0], z[2]);
+  const __m256d v0 = _mm256_sub_pd(x[1], x[2]), v1 = _mm256_sub_pd(y[1], y[2]),
+                v2 = _mm256_sub_pd(z[1], z[2]);
+  const __m256d w0 = _mm256_sub_pd(x[1], x[0]), w1 = _mm256_sub_pd(y[1], y[0]),
+                w2 = _mm256_sub_pd(z[1], z[0]);
+  const __m256d Lu = dot4(u0, u1, u2, u0, u1, u2), Lv = dot4(v0, v1, v2, v0, v1, v2),
+                Lw = dot4(w0, w1, w2, w0, w1, w2);
+  // face_normal: the shortest side p0 p1 takes the place of p1 p2.
+  const __m256d short_w = _mm256_cmp_pd(Lw, _mm256_min_pd(Lu, Lv), _CMP_LE_OQ);
+  const __m256d s0 = _mm256_blendv_pd(v0, w0, short_w), s1 = _mm256_blendv_pd(v1, w1, short_w),
+                s2 = _mm256_blendv_pd(v2, w2, short_w);
+  __m256d n0 = _mm256_sub_pd(_mm256_mul_pd(u1, s2), _mm256_mul_pd(u2, s1));
+  __m256d n1 = _mm256_sub_pd(_mm256_mul_pd(u2, s0), _mm256_mul_pd(u0, s2));
+  __m256d n2 = _mm256_sub_pd(_mm256_mul_pd(u0, s1), _mm256_mul_pd(u1, s0));
+  const __m256d N2 = dot4(n0, n1, n2, n0, n1, n2);
+  const __m256d scale = _mm256_and_pd(_mm256_cmp_pd(N2, _mm256_setzero_pd(), _CMP_NEQ_UQ),
+                                      _mm256_cmp_pd(N2, _mm256_set1_pd(1.0), _CMP_NEQ_UQ));
+  const __m256d len = _mm256_sqrt_pd(N2);
+  n0 = _mm256_blendv_pd(n0, _mm256_div_pd(n0, len), scale);
+  n1 = _mm256_blendv_pd(n1, _mm256_div_pd(n1, len), scale);
+  n2 = _mm256_blendv_pd(n2, _mm256_div_pd(n2, len), scale);
+  const __m256d third = _mm256_set1_pd(3.0);
+  const __m256d c0 = _mm256_div_pd(_mm256_add_pd(_mm256_add_pd(x[0], x[1]), x[2]), third);
+  const __m256d c1 = _mm256_div_pd(_mm256_add_pd(_mm256_add_pd(y[0], y[1]), y[2]), third);
+  const __m256d c2 = _mm256_div_pd(_mm256_add_pd(_mm256_add_pd(z[0], z[1]), z[2]), third);
+  // |p1 p2| from v = p1 - p2, |p2 p0| from -u: the squares are the same.
+  const __m256d e =
+      _mm256_add_pd(_mm256_add_pd(_mm256_sqrt_pd(Lw), _mm256_sqrt_pd(Lv)), _mm256_sqrt_pd(Lu));
+  alignas(32) double out[7][4];
+  _mm256_store_pd(out[0], n0);
+  _mm256_store_pd(out[1], n1);
+  _mm256_store_pd(out[2], n2);
+  _mm256_store_pd(out[3], c0);
+  _mm256_store_pd(out[4], c1);
+  _mm256_store_pd(out[5], c2);
+  _mm256_store_pd(out[6], e);
+  for (unsigned l = 0; l < 4; ++l) {
+    for (unsigned k = 0; k < 3; ++k) normal[l][k] = out[k][l], centroid[l][k] = out[3 + k][l];
+    perimeter[l] = out[6][l];
+  }
+}
 #endif
 
+// The scalar path of face_frame_lanes, one triangle.
+void frame_one(const double* a, const double* b, const double* c, double* N, double* C,
+               double& e) noexcept {
+  using namespace geometry_detail;
+  face_normal(a, b, c, N);
+  const double n2 = dot3(N, N);
+  if (n2 != 0.0 && n2 != 1.0)
+    for (unsigned k = 0; k < 3; ++k) N[k] /= std::sqrt(n2);
+  for (unsigned k = 0; k < 3; ++k) C[k] = (a[k] + b[k] + c[k]) / 3;
+  e = std::sqrt(dist2<3>(a, b)) + std::sqrt(dist2<3>(b, c)) + std::sqrt(dist2<3>(c, a));
+}
+
 }  // namespace
+
+void face_frame_lanes(const double* const* const t[4], double normal[4][3], double centroid[4][3],
+                      double perimeter[4]) noexcept {
+#if VOXFILL_QUALITY_AVX
+  if (has_avx) {
+    frame_quad(t, normal, centroid, perimeter);
+    return;
+  }
+#endif
+  for (unsigned l = 0; l < 4; ++l)
+    frame_one(t[l][0], t[l][1], t[l][2], normal[l], centroid[l], perimeter[l]);
+}
 
 void tet_quality_lanes(const double* const* const t[4], double q[4]) noexcept {
 #if VOXFILL_QUALITY_AVX

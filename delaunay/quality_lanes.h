@@ -15,6 +15,12 @@ inline void tet_quality_lanes(const double* const p[16], double q[4]) noexcept {
   tet_quality_lanes(t, q);
 }
 
+// For the triangles (t[l][0], t[l][1], t[l][2]), l = 0 to 3: the normal of face_normal divided
+// by its length (left as it is at length 0 or 1), the centroid ((p0 + p1) + p2) / 3 and the
+// perimeter |p0 p1| + |p1 p2| + |p2 p0|, in that order of sums, as the scalar code has them.
+void face_frame_lanes(const double* const* const t[4], double normal[4][3], double centroid[4][3],
+                      double perimeter[4]) noexcept;
+
 // The same with the tets' nodes n[4 l] to n[4 l + 3] in a 3-row coordinate table.
 inline void tet_quality_lanes(const dense2D<double>& coords, const unsigned n[16],
                               double q[4]) noexcept {

@@ -76,19 +76,11 @@ struct apex_view {
         means(with ? with->begin() : nullptr) {}
 };
 
-// apex_target on a view of the store, inlined into the vote.
-inline void apex_of(const apex_view& m, const unsigned* row, unsigned local, double weight,
-                    double size, double* target) noexcept {
-  const unsigned* f = tet_face_nodes[local];
-  const double* a = m.xyz + m.ld * row[f[0]];
-  const double* b = m.xyz + m.ld * row[f[1]];
-  const double* c = m.xyz + m.ld * row[f[2]];
-  double N[3];
-  face_normal(a, b, c, N);
-  const double n2 = dot3(N, N);
-  if (n2 != 0.0 && n2 != 1.0)
-    for (double& x : N) x /= std::sqrt(n2);
-  double e = std::sqrt(dist2<3>(a, b)) + std::sqrt(dist2<3>(b, c)) + std::sqrt(dist2<3>(c, a));
+// The target of apex_target from the frame of the face opposite the node (unit normal N,
+// centroid C, perimeter e), the face's nodes f of `row`.
+inline void apex_from_frame(const apex_view& m, const unsigned* row, const unsigned* f,
+                            double weight, double size, const double* N, const double* C, double e,
+                            double* target) noexcept {
   if (weight < 1.0) {
     double s = 0.0;
     for (unsigned k = 0; k < 3; ++k) {
@@ -98,8 +90,25 @@ inline void apex_of(const apex_view& m, const unsigned* row, unsigned local, dou
     }
     e = s + weight * (e - s);
   }
-  for (unsigned k = 0; k < 3; ++k)
-    target[k] = (a[k] + b[k] + c[k]) / 3 + 0.2721655269759087 * e * N[k];
+  for (unsigned k = 0; k < 3; ++k) target[k] = C[k] + 0.2721655269759087 * e * N[k];
+}
+
+// apex_target on a view of the store.
+inline void apex_of(const apex_view& m, const unsigned* row, unsigned local, double weight,
+                    double size, double* target) noexcept {
+  const unsigned* f = tet_face_nodes[local];
+  const double* a = m.xyz + m.ld * row[f[0]];
+  const double* b = m.xyz + m.ld * row[f[1]];
+  const double* c = m.xyz + m.ld * row[f[2]];
+  double N[3], C[3];
+  face_normal(a, b, c, N);
+  const double n2 = dot3(N, N);
+  if (n2 != 0.0 && n2 != 1.0)
+    for (double& x : N) x /= std::sqrt(n2);
+  const double e =
+      std::sqrt(dist2<3>(a, b)) + std::sqrt(dist2<3>(b, c)) + std::sqrt(dist2<3>(c, a));
+  for (unsigned k = 0; k < 3; ++k) C[k] = (a[k] + b[k] + c[k]) / 3;
+  apex_from_frame(m, row, f, weight, size, N, C, e, target);
 }
 
 // The size on the surface of the ball beyond trial point P, and how far one step goes there.
@@ -181,18 +190,11 @@ void walk_line(line_search& w) noexcept {
   const double* base = m.nodes.data.col(0);
   const std::size_t ld = m.nodes.data.ld;
   const unsigned n = sm.ball_rows.cols;
-  const unsigned* rows = sm.ball_rows.col(0);
-  const std::size_t rld = sm.ball_rows.ld;
   const unsigned edges = sm.ball_neighbors.size;
   const unsigned* nb = sm.ball_neighbors.begin();
   sm.trial_qualities.resize(n);
   double* trial_qualities = sm.trial_qualities.begin();
-  // The places of the ball's nodes stay put (the node moves in its own), so the points of each
-  // tet are looked up once for all trials.
-  sm.ball_points.resize(4 * n);
-  const double** points = sm.ball_points.begin();
-  for (unsigned j = 0; j < n; ++j)
-    for (unsigned i = 0; i < 4; ++i) points[4 * j + i] = base + ld * rows[rld * j + i];
+  const double* const* points = sm.ball_points.begin();  // made by the vote
   double k = 1.0;
   for (unsigned i = 0; i < w.steps; ++i) {
     const double trial[3] = {w.start[0] + k * w.step[0], w.start[1] + k * w.step[1],
@@ -307,18 +309,46 @@ double search_step(regularizer& g, unsigned node, double weight, const dense1D<u
       sm.node_means[b] = log_mean(h, m.node_sizes[b]);
     }
   const apex_view view(m, cached ? &sm.node_means : nullptr);
-  for (unsigned j = 0; j < ball.size; ++j) {
-    const unsigned* r = sm.ball_rows.col(j);
-    const double q = m.tet_qualities[ball[j]];
-    if (q < qmin) {
-      qmin = q;
-      worst = j;
+  const unsigned n = ball.size;
+  // The points of the ball's tets, for the frames here and the trials of the line search: the
+  // nodes other than this one stay put.
+  sm.ball_points.resize(4 * n);
+  const double** points = sm.ball_points.begin();
+  {
+    const double* base = m.nodes.data.col(0);
+    const std::size_t ld = m.nodes.data.ld;
+    for (unsigned j = 0; j < n; ++j) {
+      const unsigned* r = sm.ball_rows.col(j);
+      for (unsigned i = 0; i < 4; ++i) points[4 * j + i] = base + ld * r[i];
     }
-    double target[3];
-    apex_of(view, r, local_index(r, node), weight, h, target);
-    const double W = q > 0.001 ? 1.0 / (q * q) : 1000000.0;
-    W_sum += W;
-    for (unsigned c = 0; c < 3; ++c) D[c] += W * (target[c] - p[c]);
+  }
+  // The frames of the faces opposite the node four at a time, then the votes in order.
+  for (unsigned j0 = 0; j0 < n; j0 += 4) {
+    const unsigned* faces[4];
+    const double* tri[4][3];
+    const double* const* lanes[4];
+    for (unsigned l = 0; l < 4; ++l) {
+      const unsigned j = j0 + l < n ? j0 + l : n - 1;
+      const unsigned* r = sm.ball_rows.col(j);
+      faces[l] = tet_face_nodes[local_index(r, node)];
+      for (unsigned k = 0; k < 3; ++k) tri[l][k] = points[4 * j + faces[l][k]];
+      lanes[l] = tri[l];
+    }
+    double N[4][3], C[4][3], e[4];
+    face_frame_lanes(lanes, N, C, e);
+    for (unsigned l = 0; l < 4 && j0 + l < n; ++l) {
+      const unsigned j = j0 + l;
+      const double q = m.tet_qualities[ball[j]];
+      if (q < qmin) {
+        qmin = q;
+        worst = j;
+      }
+      double target[3];
+      apex_from_frame(view, sm.ball_rows.col(j), faces[l], weight, h, N[l], C[l], e[l], target);
+      const double W = q > 0.001 ? 1.0 / (q * q) : 1000000.0;
+      W_sum += W;
+      for (unsigned c = 0; c < 3; ++c) D[c] += W * (target[c] - p[c]);
+    }
   }
   double d2_min = DBL_MAX, d2_sum = 0.0, r_max = 1.0;
   const unsigned edges = sm.ball_neighbors.size;
