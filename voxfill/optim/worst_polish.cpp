@@ -8,6 +8,7 @@
 #include "delaunay/cavity.h"
 #include "delaunay/geometry.h"
 #include "delaunay/mesh_walks.h"
+#include "delaunay/quality_lanes.h"
 #include "delaunay/tet_tables.h"
 #include "voxfill/optim/edge_code.h"
 #include "voxfill/optim/regularize_mesh.h"
@@ -32,21 +33,33 @@ double worst_at(regularizer& g, unsigned node, const double* p, double floor,
   const double old[3] = {x[0], x[1], x[2]};
   x[0] = p[0], x[1] = p[1], x[2] = p[2];
   double q = 1.0;
-  for (unsigned j = 0; j < rows.cols; ++j) {
-    unsigned* r = rows.col(j);
-    const double v = tet_quality(m.nodes.data, r[0], r[1], r[2], r[3]);
-    out[j] = v;
-    if (!(v > floor)) {
-      q = 0.0;
-      if (j > 0) {
-        unsigned* front = rows.col(0);
-        for (unsigned i = 0; i < 4; ++i) std::swap(front[i], r[i]);
-        std::swap(s.best[0], s.best[j]);
-        if (s.rows_of_ball) std::swap(s.ball[0], s.ball[j]);
+  const unsigned n = rows.cols;
+  // Four rows at a time (the last repeated to fill the lanes), used in order up to the give-up.
+  bool gave_up = false;
+  for (unsigned j0 = 0; j0 < n && !gave_up; j0 += 4) {
+    unsigned nodes[16];
+    for (unsigned l = 0; l < 4; ++l)
+      std::copy_n(rows.col(j0 + l < n ? j0 + l : n - 1), 4, nodes + 4 * l);
+    double lanes[4];
+    tet_quality_lanes(m.nodes.data, nodes, lanes);
+    for (unsigned l = 0; l < 4 && j0 + l < n; ++l) {
+      const unsigned j = j0 + l;
+      const double v = lanes[l];
+      out[j] = v;
+      if (!(v > floor)) {
+        q = 0.0;
+        gave_up = true;
+        if (j > 0) {
+          unsigned* front = rows.col(0);
+          unsigned* r = rows.col(j);
+          for (unsigned i = 0; i < 4; ++i) std::swap(front[i], r[i]);
+          std::swap(s.best[0], s.best[j]);
+          if (s.rows_of_ball) std::swap(s.ball[0], s.ball[j]);
+        }
+        break;
       }
-      break;
+      q = std::min(q, v);
     }
-    q = std::min(q, v);
   }
   x[0] = old[0], x[1] = old[1], x[2] = old[2];
   return q;
