@@ -89,19 +89,43 @@ void ascend(regularizer& g, unsigned node, double scale, double& best, double* b
   for (unsigned it = 0; it < 8 && scale > 0.0; ++it) {
     double dir[3] = {0.0, 0.0, 0.0};
     const double at[3] = {best_at[0], best_at[1], best_at[2]};
+    // The node moved by h along each axis, given to the tets as their point in its place: the
+    // differences of several tets then go four at a time, in the order of the rows and axes.
+    double moved[3][3];
+    for (unsigned c = 0; c < 3; ++c) {
+      std::copy_n(at, 3, moved[c]);
+      moved[c][c] += h;
+    }
+    const double* points[4][4];
+    const double* const* lanes[4] = {points[0], points[1], points[2], points[3]};
+    unsigned item_row[4], item_axis[4], fill = 0;
+    double grad[3] = {0.0, 0.0, 0.0};
+    auto flush = [&] {
+      if (!fill) return;
+      for (unsigned l = fill; l < 4; ++l) std::copy_n(points[fill - 1], 4, points[l]);
+      double v[4];
+      tet_quality_lanes(lanes, v);
+      for (unsigned l = 0; l < fill; ++l) {
+        const unsigned c = item_axis[l];
+        grad[c] = (v[l] - s.best[item_row[l]]) / h;
+        if (c < 2) continue;
+        const double len = std::sqrt(dot3(grad, grad));
+        if (len > 0.0)
+          for (unsigned k = 0; k < 3; ++k) dir[k] += grad[k] / len;
+      }
+      fill = 0;
+    };
     for (unsigned j = 0; j < s.rows.cols; ++j) {
       if (s.best[j] > 1.02 * best) continue;
       const unsigned* r = s.rows.col(j);
-      double grad[3];
       for (unsigned c = 0; c < 3; ++c) {
-        std::copy_n(at, 3, x);
-        x[c] += h;
-        grad[c] = (tet_quality(m.nodes.data, r[0], r[1], r[2], r[3]) - s.best[j]) / h;
+        for (unsigned i = 0; i < 4; ++i)
+          points[fill][i] = r[i] == node ? moved[c] : m.nodes.data.col(r[i]);
+        item_row[fill] = j, item_axis[fill] = c;
+        if (++fill == 4) flush();
       }
-      const double len = std::sqrt(dot3(grad, grad));
-      if (len > 0.0)
-        for (unsigned c = 0; c < 3; ++c) dir[c] += grad[c] / len;
     }
+    flush();
     std::copy_n(kept, 3, x);
     const double len = std::sqrt(dot3(dir, dir));
     if (!(len > 0.0)) break;
