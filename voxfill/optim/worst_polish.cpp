@@ -178,17 +178,24 @@ void grow_region(regularizer& g, dense1D<unsigned>& region, unsigned cap) noexce
 // The star of a new node over the outer faces of `region` into polish.rows. False when a node of
 // the region is on none of those faces (it would be lost) or memory ran out.
 bool star_rows(regularizer& g, const dense1D<unsigned>& region, unsigned node) noexcept {
-  const th4_engine& m = g.engine;
+  th4_engine& m = g.engine;
   polish_scratch& s = g.polish;
   s.rows.resize(4, 0);
   s.region_nodes.clear();
   s.lost.clear();
+  // The region's tets marked, for the test of each neighbour (the marks of nodes come later,
+  // under a fresh mark value: tets and nodes share the list).
+  m.bump_marks();
+  for (unsigned k = 0; k < region.size; ++k) {
+    if (!m.cover_marks(region[k])) return false;
+    m.mark(region[k]);
+  }
   for (unsigned k = 0; k < region.size; ++k) {
     const unsigned t = region[k];
     const unsigned* r = m.tets.row(t);
     for (unsigned f = 0; f < 4; ++f) {
       const unsigned nb = m.neighbors(f, t);
-      if (nb != NONE && in_region(region, nb)) continue;
+      if (nb != NONE && m.marked(nb)) continue;
       const unsigned c = s.rows.cols;
       if (!s.rows.resize(4, c + 1)) return false;
       unsigned* out = s.rows.col(c);
@@ -212,11 +219,18 @@ bool star_rows(regularizer& g, const dense1D<unsigned>& region, unsigned node) n
   std::sort(s.region_nodes.begin(), s.region_nodes.end());
   s.region_nodes.size =
       unsigned(std::unique(s.region_nodes.begin(), s.region_nodes.end()) - s.region_nodes.begin());
+  // The nodes of the star's rows marked: a region node is on an outer face just when it is one.
+  m.bump_marks();
+  for (unsigned j = 0; j < s.rows.cols; ++j) {
+    const unsigned* r = s.rows.col(j);
+    for (unsigned i = 0; i < 4; ++i) {
+      if (!m.cover_marks(r[i])) return false;
+      m.mark(r[i]);
+    }
+  }
   for (unsigned k = 0; k < s.region_nodes.size; ++k) {
     const unsigned v = s.region_nodes[k];
-    bool on_face = false;
-    for (unsigned j = 0; j < s.rows.cols && !on_face; ++j)
-      on_face = local_index(s.rows.col(j), v) < 4;
+    const bool on_face = m.marked(v);
     // A node inside the region goes: only a free one may.
     if (!on_face && (m.hard_set.has_node(v) || g.settled_nodes.test(v))) return false;
     if (!on_face) s.lost.push_back(v);
