@@ -111,31 +111,29 @@ bool replace_tets(mesh_store& m, replace_scratch& s, const dense1D<unsigned>& ol
   for (unsigned i = 0; i < n; ++i)
     if (old_tets[i] >= limit || m.tet_deleted(old_tets[i])) return false;
 
-  // Outer faces of the old set: those that find no partner inside it.
+  // Outer faces of the old set: those whose neighbour is not in it. The neighbour table pairs
+  // the faces inside the set as matching their nodes would; a tet listed twice is refused.
   dense2D<unsigned>& star = s.star_tets;
-  if (!star.resize(4, n)) return false;
-  for (unsigned i = 0; i < n; ++i) std::copy_n(m.tets.row(old_tets[i]), 4, star.col(i));
-  s.codes.clear();
-  if (!s.codes.reserve(4 * (n > nr ? n : nr))) return false;
-  for (unsigned c = 0; c < 4 * n; ++c) s.codes.push_back(c);
-  if (!link_faces(s, n)) return false;
+  m.bump_marks();
+  for (unsigned i = 0; i < n; ++i) {
+    if (m.marked(old_tets[i])) return false;
+    m.mark(old_tets[i]);
+  }
 
   // Seen from the outside: the same face as 4 u + g of the tet u beyond it. A hull face has no
   // such tet; it is kept as a stand-in column that holds only the face, turned, so that the new
   // rows must leave exactly these faces on the hull.
-  m.bump_marks();
-  for (unsigned i = 0; i < n; ++i) m.mark(old_tets[i]);
   s.outer_codes.clear();
   s.hull_codes.clear();
   for (unsigned c = 0; c < 4 * n; ++c) {
-    if (s.partner[c] != NONE) continue;
     const unsigned t = old_tets[c >> 2];
     const unsigned u = m.neighbors(c & 3u, t);
+    if (u != NONE && m.marked(u)) continue;
     dense1D<unsigned>& list = u == NONE ? s.hull_codes : s.outer_codes;
     unsigned code = c;
     if (u != NONE) {
       const unsigned g = m.neighbor_index(u, t);
-      if (g == 4 || m.marked(u)) return false;  // the mesh around the set is not consistent
+      if (g == 4) return false;  // the mesh around the set is not consistent
       code = 4 * u + g;
     }
     const unsigned before = list.size;
