@@ -196,11 +196,17 @@ double move_merit::topology_factor(const dense2D<unsigned>& new_rows, bool same_
       shift(old_rows_copy, -PI_OVER_5);
       fits(true, worst, mean);
     }
-    // A reference fit of 0 (a node without a tet) would make any change infinitely good.
-    if (old_mean_fit > 0.0) factor *= std::pow(mean / old_mean_fit, mean_exponent);
-    if (old_worst_fit > 0.0) factor *= std::pow(worst / old_worst_fit, worst_exponent);
+    // A reference fit of 0 (a node without a tet) would make any change infinitely good. A
+    // ratio of 1 gives a power of exactly 1, and leaves the factor as it is.
+    if (old_mean_fit > 0.0 && mean != old_mean_fit)
+      factor *= std::pow(mean / old_mean_fit, mean_exponent);
+    if (old_worst_fit > 0.0 && worst != old_worst_fit)
+      factor *= std::pow(worst / old_worst_fit, worst_exponent);
   }
-  if (hard_base != 1.0) factor *= std::pow(hard_base, hard_share(new_rows) - old_hard_share);
+  if (hard_base != 1.0) {
+    const double change = hard_share(new_rows) - old_hard_share;
+    if (change != 0.0) factor *= std::pow(hard_base, change);
+  }
   return factor;
 }
 
