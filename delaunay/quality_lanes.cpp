@@ -1,5 +1,8 @@
 #include "delaunay/quality_lanes.h"
 
+#include <algorithm>
+#include <cmath>
+
 #include "delaunay/geometry.h"
 
 // Four lanes at a time where the processor has AVX, chosen when the program runs.
@@ -151,6 +154,29 @@ VOXFILL_AVX void frame_quad(const double* const* const t[4], double normal[4][3]
     perimeter[l] = out[6][l];
   }
 }
+
+VOXFILL_AVX unsigned fit_floor_quad(const double* p, double hp, const double* const q[4],
+                                    const double h[4], double d[4], double floor[4]) noexcept {
+  __m256d x, y, z;
+  gather_points(q[0], q[1], q[2], q[3], x, y, z);
+  const __m256d dx = _mm256_sub_pd(_mm256_set1_pd(p[0]), x),
+                dy = _mm256_sub_pd(_mm256_set1_pd(p[1]), y),
+                dz = _mm256_sub_pd(_mm256_set1_pd(p[2]), z);
+  const __m256d len = _mm256_sqrt_pd(dot4(dx, dy, dz, dx, dy, dz));
+  const __m256d hn = _mm256_set1_pd(hp), hb = _mm256_loadu_pd(h);
+  const __m256d lo = _mm256_min_pd(hn, hb), hi = _mm256_max_pd(hb, hn);
+  const __m256d ok = _mm256_and_pd(_mm256_cmp_pd(lo, _mm256_set1_pd(1e-150), _CMP_GT_OQ),
+                                   _mm256_cmp_pd(hi, _mm256_set1_pd(1e150), _CMP_LT_OQ));
+  const __m256d below =
+      _mm256_mul_pd(_mm256_sqrt_pd(_mm256_mul_pd(lo, hi)), _mm256_set1_pd(1.0 - 1e-9));
+  const __m256d above = _mm256_mul_pd(_mm256_mul_pd(_mm256_set1_pd(0.5), _mm256_add_pd(lo, hi)),
+                                      _mm256_set1_pd(1.0 + 1e-9));
+  // std::min(below / d, d / above): the second unless it is not below the first.
+  const __m256d f = _mm256_min_pd(_mm256_div_pd(len, above), _mm256_div_pd(below, len));
+  _mm256_storeu_pd(d, len);
+  _mm256_storeu_pd(floor, f);
+  return unsigned(_mm256_movemask_pd(ok));
+}
 #endif
 
 // The scalar path of face_frame_lanes, one triangle.
@@ -177,6 +203,22 @@ void face_frame_lanes(const double* const* const t[4], double normal[4][3], doub
 #endif
   for (unsigned l = 0; l < 4; ++l)
     frame_one(t[l][0], t[l][1], t[l][2], normal[l], centroid[l], perimeter[l]);
+}
+
+unsigned edge_fit_floor_lanes(const double* p, double hp, const double* const q[4],
+                              const double h[4], double d[4], double floor[4]) noexcept {
+#if VOXFILL_QUALITY_AVX
+  if (has_avx) return fit_floor_quad(p, hp, q, h, d, floor);
+#endif
+  unsigned bounded = 0;
+  for (unsigned l = 0; l < 4; ++l) {
+    d[l] = std::sqrt(geometry_detail::dist2<3>(p, q[l]));
+    const double lo = hp < h[l] ? hp : h[l], hi = hp < h[l] ? h[l] : hp;
+    if (lo > 1e-150 && hi < 1e150) bounded |= 1u << l;
+    const double below = std::sqrt(lo * hi) * (1.0 - 1e-9), above = 0.5 * (lo + hi) * (1.0 + 1e-9);
+    floor[l] = std::min(below / d[l], d[l] / above);
+  }
+  return bounded;
 }
 
 void tet_quality_lanes(const double* const* const t[4], double q[4]) noexcept {

@@ -21,6 +21,13 @@ inline void tet_quality_lanes(const double* const p[16], double q[4]) noexcept {
 void face_frame_lanes(const double* const* const t[4], double normal[4][3], double centroid[4][3],
                       double perimeter[4]) noexcept;
 
+// For the edges from p (size hp) to q[l] (size h[l]), l = 0 to 3: the length d[l], and a floor
+// of the edge's symmetric length in the metric of the sizes, min(below / d, d / above) with
+// below and above a little under the geometric and over the arithmetic mean of the end sizes.
+// Bit l of the result is set when both sizes are in (1e-150, 1e150), where the floor holds.
+unsigned edge_fit_floor_lanes(const double* p, double hp, const double* const q[4],
+                              const double h[4], double d[4], double floor[4]) noexcept;
+
 // The same with the tets' nodes n[4 l] to n[4 l + 3] in a 3-row coordinate table.
 inline void tet_quality_lanes(const dense2D<double>& coords, const unsigned n[16],
                               double q[4]) noexcept {

@@ -155,15 +155,25 @@ double ball_edge_fit(const mesh_store& m, node_smoother& sm, unsigned node, cons
   double* bounds = sm.edge_bounds.begin();
   unsigned first = 0;
   bool bounded = sm.edge_lengths.size >= count && sm.edge_bounds.size >= count;
-  for (unsigned e = 0; e < count && bounded; ++e) {
-    const double d = std::sqrt(dist2<3>(p, base + ld * nb[e]));
-    const double hb = sizes[nb[e]];
-    const double lo = hn < hb ? hn : hb, hi = hn < hb ? hb : hn;
-    bounded = lo > 1e-150 && hi < 1e150;
-    const double below = std::sqrt(lo * hi) * (1.0 - 1e-9), above = 0.5 * (lo + hi) * (1.0 + 1e-9);
-    lengths[e] = d;
-    bounds[e] = std::min(below / d, d / above);
-    if (bounds[e] < bounds[first]) first = e;
+  // Four edges at a time (the last repeated to fill the lanes); the smallest floor is picked in
+  // edge order, and an edge without usable sizes sends all of them to the plain way below.
+  for (unsigned e0 = 0; e0 < count && bounded; e0 += 4) {
+    const double* q[4];
+    double h[4], d[4], floors[4];
+    for (unsigned l = 0; l < 4; ++l) {
+      const unsigned b = nb[e0 + l < count ? e0 + l : count - 1];
+      q[l] = base + ld * b;
+      h[l] = sizes[b];
+    }
+    const unsigned usable = edge_fit_floor_lanes(p, hn, q, h, d, floors);
+    for (unsigned l = 0; l < 4 && e0 + l < count; ++l) {
+      const unsigned e = e0 + l;
+      bounded = (usable >> l) & 1u;
+      if (!bounded) break;
+      lengths[e] = d[l];
+      bounds[e] = floors[l];
+      if (bounds[e] < bounds[first]) first = e;
+    }
   }
   double s = 1.0;
   if (!bounded) {
