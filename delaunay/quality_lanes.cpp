@@ -177,7 +177,79 @@ VOXFILL_AVX unsigned fit_floor_quad(const double* p, double hp, const double* co
   _mm256_storeu_pd(floor, f);
   return unsigned(_mm256_movemask_pd(ok));
 }
+
+VOXFILL_AVX void solid_quad(const double* const* const t[4], double y[4][4],
+                            double x[4][4]) noexcept {
+  __m256d P[4][3];
+  for (unsigned k = 0; k < 4; ++k)
+    gather_points(t[0][k], t[1][k], t[2][k], t[3][k], P[k][0], P[k][1], P[k][2]);
+  // U[a][b]: the unit vector from node a to node b, both ways of each edge from its own
+  // difference, scaled by the inverse length of the edge taken from its lower node.
+  __m256d U[4][4][3];
+  const __m256d zero = _mm256_setzero_pd(), one = _mm256_set1_pd(1.0);
+  for (unsigned a = 0; a < 4; ++a)
+    for (unsigned b = a + 1; b < 4; ++b) {
+      __m256d u[3], r[3];
+      for (unsigned c = 0; c < 3; ++c) {
+        u[c] = _mm256_sub_pd(P[b][c], P[a][c]);
+        r[c] = _mm256_sub_pd(P[a][c], P[b][c]);
+      }
+      const __m256d n2 = dot4(u[0], u[1], u[2], u[0], u[1], u[2]);
+      const __m256d scaled =
+          _mm256_and_pd(_mm256_cmp_pd(n2, zero, _CMP_NEQ_UQ), _mm256_cmp_pd(n2, one, _CMP_NEQ_UQ));
+      const __m256d s = _mm256_div_pd(one, _mm256_sqrt_pd(n2));
+      for (unsigned c = 0; c < 3; ++c) {
+        U[a][b][c] = _mm256_blendv_pd(u[c], _mm256_mul_pd(u[c], s), scaled);
+        U[b][a][c] = _mm256_blendv_pd(r[c], _mm256_mul_pd(r[c], s), scaled);
+      }
+    }
+  alignas(32) double ys[4][4], xs[4][4];
+  for (unsigned i = 0; i < 4; ++i) {
+    const unsigned* o = tet_turned_face_nodes[i];
+    const __m256d* u = U[i][o[0]];
+    const __m256d* v = U[i][o[1]];
+    const __m256d* w = U[i][o[2]];
+    const __m256d vw0 = _mm256_sub_pd(_mm256_mul_pd(v[1], w[2]), _mm256_mul_pd(v[2], w[1]));
+    const __m256d vw1 = _mm256_sub_pd(_mm256_mul_pd(v[2], w[0]), _mm256_mul_pd(v[0], w[2]));
+    const __m256d vw2 = _mm256_sub_pd(_mm256_mul_pd(v[0], w[1]), _mm256_mul_pd(v[1], w[0]));
+    _mm256_store_pd(ys[i], dot4(u[0], u[1], u[2], vw0, vw1, vw2));
+    _mm256_store_pd(xs[i], dot4(_mm256_add_pd(u[0], v[0]), _mm256_add_pd(u[1], v[1]),
+                                _mm256_add_pd(u[2], v[2]), _mm256_add_pd(v[0], w[0]),
+                                _mm256_add_pd(v[1], w[1]), _mm256_add_pd(v[2], w[2])));
+  }
+  for (unsigned l = 0; l < 4; ++l)
+    for (unsigned i = 0; i < 4; ++i) y[l][i] = ys[i][l], x[l][i] = xs[i][l];
+}
 #endif
+
+// The scalar path of solid_angle_lanes, one tet.
+void solid_one(const double* const* p, double* y, double* x) noexcept {
+  using namespace geometry_detail;
+  double units[4][4][3];
+  for (unsigned i = 0; i < 4; ++i)
+    for (unsigned j = i + 1; j < 4; ++j) {
+      double* u = units[i][j];
+      double* r = units[j][i];
+      sub3(p[j], p[i], u);
+      sub3(p[i], p[j], r);
+      const double n2 = dot3(u, u);
+      if (n2 != 0.0 && n2 != 1.0) {
+        const double s = 1.0 / std::sqrt(n2);
+        u[0] *= s, u[1] *= s, u[2] *= s;
+        r[0] *= s, r[1] *= s, r[2] *= s;
+      }
+    }
+  for (unsigned i = 0; i < 4; ++i) {
+    const unsigned* o = tet_turned_face_nodes[i];
+    const double *u = units[i][o[0]], *v = units[i][o[1]], *w = units[i][o[2]];
+    double vw[3];
+    cross3(v, w, vw);
+    const double uv[3] = {u[0] + v[0], u[1] + v[1], u[2] + v[2]};
+    const double vpw[3] = {v[0] + w[0], v[1] + w[1], v[2] + w[2]};
+    y[i] = dot3(u, vw);
+    x[i] = dot3(uv, vpw);
+  }
+}
 
 // The scalar path of face_frame_lanes, one triangle.
 void frame_one(const double* a, const double* b, const double* c, double* N, double* C,
@@ -219,6 +291,16 @@ unsigned edge_fit_floor_lanes(const double* p, double hp, const double* const q[
     floor[l] = std::min(below / d[l], d[l] / above);
   }
   return bounded;
+}
+
+void solid_angle_lanes(const double* const* const t[4], double y[4][4], double x[4][4]) noexcept {
+#if VOXFILL_QUALITY_AVX
+  if (has_avx) {
+    solid_quad(t, y, x);
+    return;
+  }
+#endif
+  for (unsigned l = 0; l < 4; ++l) solid_one(t[l], y[l], x[l]);
 }
 
 void tet_quality_lanes(const double* const* const t[4], double q[4]) noexcept {

@@ -28,6 +28,12 @@ void face_frame_lanes(const double* const* const t[4], double normal[4][3], doub
 unsigned edge_fit_floor_lanes(const double* p, double hp, const double* const q[4],
                               const double h[4], double d[4], double floor[4]) noexcept;
 
+// For the tets (t[l][0], .., t[l][3]), l = 0 to 3, and their nodes i = 0 to 3: y[l][i] and
+// x[l][i] with the solid angle at node i equal to 2 atan2(y, x), from the unit vectors u, v, w
+// along the edges to the nodes of tet_turned_face_nodes[i]: y = u . (v x w), x = (u + v) . (v + w).
+// A unit vector is the edge vector times 1 / |edge| (kept as it is at length 0 or 1).
+void solid_angle_lanes(const double* const* const t[4], double y[4][4], double x[4][4]) noexcept;
+
 // The same with the tets' nodes n[4 l] to n[4 l + 3] in a 3-row coordinate table.
 inline void tet_quality_lanes(const dense2D<double>& coords, const unsigned n[16],
                               double q[4]) noexcept {

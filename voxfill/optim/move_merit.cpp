@@ -5,6 +5,7 @@
 #include <cmath>
 
 #include "delaunay/geometry.h"
+#include "delaunay/quality_lanes.h"
 #include "delaunay/tet_tables.h"
 
 namespace kelvo::voxfill {
@@ -218,34 +219,34 @@ bool move_merit::fill_valence_records() noexcept {
   }
   const dense2D<double>& xyz = store.nodes.data;
   topo_quality* rec = valence_records.begin();
+  // The tets of the domain four at a time for the vectors and products; the angles and the sums
+  // per node in the order of the tets and their nodes, as one at a time.
+  unsigned batch[4], fill = 0;
+  const double* points[4][4];
+  const double* const* lanes[4] = {points[0], points[1], points[2], points[3]};
+  auto flush = [&] {
+    if (!fill) return;
+    for (unsigned l = fill; l < 4; ++l) std::copy_n(points[fill - 1], 4, points[l]);
+    double y[4][4], x[4][4];
+    solid_angle_lanes(lanes, y, x);
+    for (unsigned l = 0; l < fill; ++l) {
+      const unsigned* n = store.tets.row(batch[l]);
+      for (unsigned i = 0; i < 4; ++i) {
+        // Seen from node i this turn makes the solid angle of a positive tet positive.
+        rec[n[i]].angle += float(2.0 * std::atan2(y[l][i], x[l][i]));
+        rec[n[i]].count += 0.62831855f;
+      }
+    }
+    fill = 0;
+  };
   for (unsigned t = 0; t < store.tets.cols(); ++t) {
     if (!store.tet_in_domain(t)) continue;
     const unsigned* n = store.tets.row(t);
-    // The unit vectors both ways along each of the six edges share their length and its
-    // inverse: units[i][j] for i != j, as unit_from(node i, node j) gives it.
-    double units[4][4][3];
-    for (unsigned i = 0; i < 4; ++i)
-      for (unsigned j = i + 1; j < 4; ++j) {
-        const double *p = xyz.col(n[i]), *q = xyz.col(n[j]);
-        double* u = units[i][j];
-        double* r = units[j][i];
-        sub3(q, p, u);
-        sub3(p, q, r);
-        const double n2 = dot3(u, u);
-        if (n2 != 0.0 && n2 != 1.0) {
-          const double s = 1.0 / std::sqrt(n2);
-          u[0] *= s, u[1] *= s, u[2] *= s;
-          r[0] *= s, r[1] *= s, r[2] *= s;
-        }
-      }
-    for (unsigned i = 0; i < 4; ++i) {
-      // Seen from node i this turn makes the solid angle of a positive tet positive.
-      const unsigned* o = tet_turned_face_nodes[i];
-      rec[n[i]].angle +=
-          float(solid_angle_of_units(units[i][o[0]], units[i][o[1]], units[i][o[2]]));
-      rec[n[i]].count += 0.62831855f;
-    }
+    for (unsigned i = 0; i < 4; ++i) points[fill][i] = xyz.col(n[i]);
+    batch[fill] = t;
+    if (++fill == 4) flush();
   }
+  flush();
   return true;
 }
 
