@@ -107,8 +107,8 @@ VOXFILL_AVX void quality_quad(const double* const* const t[4], double q[4]) noex
     if (redo & 1) q[l] = tet_quality(t[l][0], t[l][1], t[l][2], t[l][3]);
 }
 
-VOXFILL_AVX void frame_quad(const double* const* const t[4], double normal[4][3],
-                            double centroid[4][3], double perimeter[4]) noexcept {
+VOXFILL_AVX void apex_quad(const double* const* const t[4], double height, double weight,
+                           const double (*means)[3], double target[4][3]) noexcept {
   __m256d x[3], y[3], z[3];
   for (unsigned k = 0; k < 3; ++k)
     gather_points(t[0][k], t[1][k], t[2][k], t[3][k], x[k], y[k], z[k]);
@@ -127,8 +127,8 @@ VOXFILL_AVX void frame_quad(const double* const* const t[4], double normal[4][3]
   __m256d n0 = _mm256_sub_pd(_mm256_mul_pd(u1, s2), _mm256_mul_pd(u2, s1));
   __m256d n1 = _mm256_sub_pd(_mm256_mul_pd(u2, s0), _mm256_mul_pd(u0, s2));
   __m256d n2 = _mm256_sub_pd(_mm256_mul_pd(u0, s1), _mm256_mul_pd(u1, s0));
-  const __m256d N2 = dot4(n0, n1, n2, n0, n1, n2);
-  const __m256d scale = _mm256_and_pd(_mm256_cmp_pd(N2, _mm256_setzero_pd(), _CMP_NEQ_UQ),
+  const __m256d N2 = dot4(n0, n1, n2, n0, n1, n2), zero = _mm256_setzero_pd();
+  const __m256d scale = _mm256_and_pd(_mm256_cmp_pd(N2, zero, _CMP_NEQ_UQ),
                                       _mm256_cmp_pd(N2, _mm256_set1_pd(1.0), _CMP_NEQ_UQ));
   const __m256d len = _mm256_sqrt_pd(N2);
   n0 = _mm256_blendv_pd(n0, _mm256_div_pd(n0, len), scale);
@@ -139,20 +139,24 @@ VOXFILL_AVX void frame_quad(const double* const* const t[4], double normal[4][3]
   const __m256d c1 = _mm256_div_pd(_mm256_add_pd(_mm256_add_pd(y[0], y[1]), y[2]), third);
   const __m256d c2 = _mm256_div_pd(_mm256_add_pd(_mm256_add_pd(z[0], z[1]), z[2]), third);
   // |p1 p2| from v = p1 - p2, |p2 p0| from -u: the squares are the same.
-  const __m256d e =
+  __m256d e =
       _mm256_add_pd(_mm256_add_pd(_mm256_sqrt_pd(Lw), _mm256_sqrt_pd(Lv)), _mm256_sqrt_pd(Lu));
-  alignas(32) double out[7][4];
-  _mm256_store_pd(out[0], n0);
-  _mm256_store_pd(out[1], n1);
-  _mm256_store_pd(out[2], n2);
-  _mm256_store_pd(out[3], c0);
-  _mm256_store_pd(out[4], c1);
-  _mm256_store_pd(out[5], c2);
-  _mm256_store_pd(out[6], e);
-  for (unsigned l = 0; l < 4; ++l) {
-    for (unsigned k = 0; k < 3; ++k) normal[l][k] = out[k][l], centroid[l][k] = out[3 + k][l];
-    perimeter[l] = out[6][l];
+  if (means) {
+    alignas(32) double m[3][4];
+    for (unsigned l = 0; l < 4; ++l)
+      for (unsigned k = 0; k < 3; ++k) m[k][l] = means[l][k];
+    const __m256d s = _mm256_add_pd(
+        _mm256_add_pd(_mm256_add_pd(zero, _mm256_load_pd(m[0])), _mm256_load_pd(m[1])),
+        _mm256_load_pd(m[2]));
+    e = _mm256_add_pd(s, _mm256_mul_pd(_mm256_set1_pd(weight), _mm256_sub_pd(e, s)));
   }
+  const __m256d he = _mm256_mul_pd(_mm256_set1_pd(height), e);
+  alignas(32) double out[3][4];
+  _mm256_store_pd(out[0], _mm256_add_pd(c0, _mm256_mul_pd(he, n0)));
+  _mm256_store_pd(out[1], _mm256_add_pd(c1, _mm256_mul_pd(he, n1)));
+  _mm256_store_pd(out[2], _mm256_add_pd(c2, _mm256_mul_pd(he, n2)));
+  for (unsigned l = 0; l < 4; ++l)
+    for (unsigned k = 0; k < 3; ++k) target[l][k] = out[k][l];
 }
 
 VOXFILL_AVX unsigned fit_floor_quad(const double* p, double hp, const double* const q[4],
@@ -251,30 +255,35 @@ void solid_one(const double* const* p, double* y, double* x) noexcept {
   }
 }
 
-// The scalar path of face_frame_lanes, one triangle.
-void frame_one(const double* a, const double* b, const double* c, double* N, double* C,
-               double& e) noexcept {
+// The scalar path of apex_lanes, one triangle.
+void apex_one(const double* a, const double* b, const double* c, double height, double weight,
+              const double* means, double* target) noexcept {
   using namespace geometry_detail;
+  double N[3];
   face_normal(a, b, c, N);
   const double n2 = dot3(N, N);
   if (n2 != 0.0 && n2 != 1.0)
     for (unsigned k = 0; k < 3; ++k) N[k] /= std::sqrt(n2);
-  for (unsigned k = 0; k < 3; ++k) C[k] = (a[k] + b[k] + c[k]) / 3;
-  e = std::sqrt(dist2<3>(a, b)) + std::sqrt(dist2<3>(b, c)) + std::sqrt(dist2<3>(c, a));
+  double e = std::sqrt(dist2<3>(a, b)) + std::sqrt(dist2<3>(b, c)) + std::sqrt(dist2<3>(c, a));
+  if (means) {
+    const double s = 0.0 + means[0] + means[1] + means[2];
+    e = s + weight * (e - s);
+  }
+  for (unsigned k = 0; k < 3; ++k) target[k] = (a[k] + b[k] + c[k]) / 3 + height * e * N[k];
 }
 
 }  // namespace
 
-void face_frame_lanes(const double* const* const t[4], double normal[4][3], double centroid[4][3],
-                      double perimeter[4]) noexcept {
+void apex_lanes(const double* const* const t[4], double height, double weight,
+                const double (*means)[3], double target[4][3]) noexcept {
 #if VOXFILL_QUALITY_AVX
   if (has_avx) {
-    frame_quad(t, normal, centroid, perimeter);
+    apex_quad(t, height, weight, means, target);
     return;
   }
 #endif
   for (unsigned l = 0; l < 4; ++l)
-    frame_one(t[l][0], t[l][1], t[l][2], normal[l], centroid[l], perimeter[l]);
+    apex_one(t[l][0], t[l][1], t[l][2], height, weight, means ? means[l] : nullptr, target[l]);
 }
 
 unsigned edge_fit_floor_lanes(const double* p, double hp, const double* const q[4],

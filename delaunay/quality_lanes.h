@@ -15,11 +15,13 @@ inline void tet_quality_lanes(const double* const p[16], double q[4]) noexcept {
   tet_quality_lanes(t, q);
 }
 
-// For the triangles (t[l][0], t[l][1], t[l][2]), l = 0 to 3: the normal of face_normal divided
-// by its length (left as it is at length 0 or 1), the centroid ((p0 + p1) + p2) / 3 and the
-// perimeter |p0 p1| + |p1 p2| + |p2 p0|, in that order of sums, as the scalar code has them.
-void face_frame_lanes(const double* const* const t[4], double normal[4][3], double centroid[4][3],
-                      double perimeter[4]) noexcept;
+// For the triangles (t[l][0], t[l][1], t[l][2]), l = 0 to 3: the point C + (height e) N, with N
+// the normal of face_normal divided by its length (left as it is at length 0 or 1), C the
+// centroid ((p0 + p1) + p2) / 3 and e the perimeter |p0 p1| + |p1 p2| + |p2 p0|. With `means`,
+// e is first blended as s + weight (e - s) with s the sum of means[l][0..2]. The operations and
+// their order are those of the scalar code.
+void apex_lanes(const double* const* const t[4], double height, double weight,
+                const double (*means)[3], double target[4][3]) noexcept;
 
 // For the edges from p (size hp) to q[l] (size h[l]), l = 0 to 3: the length d[l], and a floor
 // of the edge's symmetric length in the metric of the sizes, min(below / d, d / above) with

@@ -332,20 +332,27 @@ double search_step(regularizer& g, unsigned node, double weight, const dense1D<u
       for (unsigned i = 0; i < 4; ++i) points[4 * j + i] = base + ld * r[i];
     }
   }
-  // The frames of the faces opposite the node four at a time, then the votes in order.
+  // The targets over the faces opposite the node four at a time, then the votes in order.
   for (unsigned j0 = 0; j0 < n; j0 += 4) {
-    const unsigned* faces[4];
     const double* tri[4][3];
     const double* const* lanes[4];
+    double means[4][3];
     for (unsigned l = 0; l < 4; ++l) {
       const unsigned j = j0 + l < n ? j0 + l : n - 1;
       const unsigned* r = sm.ball_rows.col(j);
-      faces[l] = tet_face_nodes[local_index(r, node)];
-      for (unsigned k = 0; k < 3; ++k) tri[l][k] = points[4 * j + faces[l][k]];
+      const unsigned* f = tet_face_nodes[local_index(r, node)];
+      for (unsigned k = 0; k < 3; ++k) tri[l][k] = points[4 * j + f[k]];
       lanes[l] = tri[l];
+      if (weight < 1.0)
+        for (unsigned k = 0; k < 3; ++k) {
+          const unsigned v = r[f[k]];
+          means[l][k] = view.means && v < view.marks_size && view.marks[v] == view.mark
+                            ? view.means[v]
+                            : log_mean(view.sizes[v], h);
+        }
     }
-    double N[4][3], C[4][3], e[4];
-    face_frame_lanes(lanes, N, C, e);
+    double targets[4][3];
+    apex_lanes(lanes, 0.2721655269759087, weight, weight < 1.0 ? means : nullptr, targets);
     for (unsigned l = 0; l < 4 && j0 + l < n; ++l) {
       const unsigned j = j0 + l;
       const double q = m.tet_qualities[ball[j]];
@@ -353,11 +360,9 @@ double search_step(regularizer& g, unsigned node, double weight, const dense1D<u
         qmin = q;
         worst = j;
       }
-      double target[3];
-      apex_from_frame(view, sm.ball_rows.col(j), faces[l], weight, h, N[l], C[l], e[l], target);
       const double W = q > 0.001 ? 1.0 / (q * q) : 1000000.0;
       W_sum += W;
-      for (unsigned c = 0; c < 3; ++c) D[c] += W * (target[c] - p[c]);
+      for (unsigned c = 0; c < 3; ++c) D[c] += W * (targets[l][c] - p[c]);
     }
   }
   double d2_min = DBL_MAX, d2_sum = 0.0, r_max = 1.0;
