@@ -265,6 +265,57 @@ void keep_near(spacing_filter& F, unsigned i, const dense2D<double>& points,
   }
 }
 
+// near_candidates through the grid, the box and the nearness judged in one sweep: only the near
+// ones are listed, and the sort makes the order of the cells irrelevant.
+void grid_near(spacing_filter& F, unsigned i, const dense2D<double>& points,
+               const dense1D<double>& sizes, const cell_grid& grid, std::vector<unsigned>& near,
+               std::vector<double>& lengths) {
+  near.clear();
+  lengths.clear();
+  auto& items = F.near_items;
+  items.clear();
+  if (grid.dims[0] == 0) return;
+  double lo[3], hi[3];
+  near_box(F, i, points, sizes, lo, hi);
+  const double* P = points.col(i);
+  const double h = sizes[i];
+  const double ratio = F.ratio;
+  unsigned a[3], b[3];
+  for (unsigned d = 0; d < 3; ++d) {
+    a[d] = grid_cell(grid, d, lo[d]);
+    b[d] = grid_cell(grid, d, hi[d]);
+  }
+  const unsigned* starts = grid.starts.data();
+  const unsigned* cell_points = grid.points.data();
+  for (unsigned z = a[2]; z <= b[2]; ++z)
+    for (unsigned y = a[1]; y <= b[1]; ++y) {
+      const unsigned row = (z * grid.dims[1] + y) * grid.dims[0];
+      const unsigned end = starts[row + b[0] + 1];
+      for (unsigned k = starts[row + a[0]]; k < end; ++k) {
+        const unsigned j = cell_points[k];
+        const double* X = points.col(j);
+        if (!(X[0] >= lo[0] && X[0] <= hi[0] && X[1] >= lo[1] && X[1] <= hi[1] && X[2] >= lo[2] &&
+              X[2] <= hi[2]))
+          continue;
+        // From here as keep_near, candidate i itself included until the sort.
+        const double s = sizes[j];
+        if (s == 0.0) continue;
+        const double d2 = geometry_detail::dist2<3>(P, X);
+        const double far = ratio * (h > s ? h : s);
+        if (h > 0.0 && d2 > far * far * (1.0 + 1e-9)) continue;
+        const double mean = log_mean(h, s);
+        const double d = mean > 0.0 ? std::sqrt(d2) / mean : 0.0;
+        if (d <= ratio) items.emplace_back(d, j);
+      }
+    }
+  std::sort(items.begin(), items.end());
+  for (const auto& [d, j] : items) {
+    if (j == i) continue;
+    near.push_back(j);
+    lengths.push_back(d);
+  }
+}
+
 }  // namespace
 
 double group_score(size_field& field, const dense2D<double>& points, const dense1D<double>& sizes,
@@ -345,11 +396,7 @@ void merge_candidates(th4_engine& e, refine_context& c, dense2D<double>& points,
     for (unsigned i = 0; i < n; ++i) {
       if (s.removed[i]) continue;
       if (gridded) {
-        double lo[3], hi[3];
-        near_box(F, i, points, sizes, lo, hi);
-        F.near_items.clear();
-        grid_box(s.grid, points, lo, hi, F.near_items);
-        keep_near(F, i, points, sizes, s.near, s.lengths);
+        grid_near(F, i, points, sizes, s.grid, s.near, s.lengths);
       } else {
         near_candidates(F, i, points, sizes, s.tree, s.near, s.lengths);
       }

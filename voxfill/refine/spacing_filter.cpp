@@ -4,11 +4,13 @@
 #include <cfloat>
 #include <cmath>
 #include <new>
+#include <vector>
 
 #include "delaunay/geometry.h"
 #include "delaunay/mesh_walks.h"
 #include "voxfill/delaunay_th4.h"
 #include "voxfill/optim/move_merit.h"
+#include "voxfill/refine/candidate_merging.h"
 #include "voxfill/refine/metric_trace.h"
 
 namespace kelvo::voxfill {
@@ -94,6 +96,52 @@ void live_nodes_in_box(th4_engine& e, const double* P, double half,
   found.size = w;
 }
 
+// The kept candidates of one filter call in the cells of a grid over all of its candidates, each
+// cell a list through `next`: the same set as the octree of the kept ones, searched by cells.
+struct kept_cells {
+  cell_grid grid;
+  std::vector<unsigned> head;  // per cell its last kept candidate, NONE for none
+  std::vector<unsigned> next;  // per kept candidate the one kept before it in its cell
+};
+
+unsigned kept_cell(const cell_grid& grid, unsigned axis, double x) noexcept {
+  // As the grid's own bucketing: rounding keeps the order of the coordinates.
+  const double t = (x - grid.origin[axis]) * grid.inverse;
+  const unsigned top = grid.dims[axis] - 1;
+  if (!(t > 0.0)) return 0;
+  if (t >= double(top)) return top;
+  return unsigned(t);
+}
+
+// near_in_octree over the kept candidates (columns of `points`, sizes in `sizes`).
+bool near_in_cells(const kept_cells& K, const double* P, double h, double half, double ratio,
+                   const dense2D<double>& points, const dense1D<double>& sizes) noexcept {
+  const cell_grid& g = K.grid;
+  double lo[3], hi[3];
+  cube(P, half, lo, hi);
+  unsigned a[3], b[3];
+  for (unsigned d = 0; d < 3; ++d) {
+    a[d] = kept_cell(g, d, lo[d]);
+    b[d] = kept_cell(g, d, hi[d]);
+  }
+  const unsigned* head = K.head.data();
+  const unsigned* next = K.next.data();
+  for (unsigned z = a[2]; z <= b[2]; ++z)
+    for (unsigned y = a[1]; y <= b[1]; ++y) {
+      const unsigned row = (z * g.dims[1] + y) * g.dims[0];
+      for (unsigned x = a[0]; x <= b[0]; ++x)
+        for (unsigned n = head[row + x]; n != NONE; n = next[n]) {
+          const double* X = points.col(n);
+          if (!(lo[0] <= X[0] && X[0] <= hi[0] && lo[1] <= X[1] && X[1] <= hi[1] && lo[2] <= X[2] &&
+                X[2] <= hi[2]))
+            continue;
+          const double s = sizes[n];
+          if (s != 0.0 && directly_near(P, h, X, s, ratio)) return true;
+        }
+    }
+  return false;
+}
+
 }  // namespace
 
 spacing_filter::spacing_filter(double ratio_in, double box_factor_in)
@@ -156,6 +204,19 @@ void filter_candidates(th4_engine& e, dense2D<double>& points, dense1D<double>& 
     unsigned accepted_count = 0;
     accepted.set_box(e.box_min, e.box_max);
     const bool mesh_nodes = e.tets.cols() != 0 && e.locator.count != 0;
+    // The kept candidates are searched by cells of about a box's half width: the octree's
+    // descents cost more than the few cells a box meets.
+    kept_cells K;
+    bool celled = false;
+    if (field.direct_lengths) {
+      double halves = 0.0;
+      for (unsigned k = 0; k < n; ++k) halves += F.box_factor * sizes[k];
+      celled = grid_build(K.grid, points, n, halves / double(n));
+      if (celled) {
+        K.head.assign(K.grid.starts.size() - 1, NONE);
+        K.next.assign(n, NONE);
+      }
+    }
     unsigned kept = 0;
     for (unsigned k = 0; k < n; ++k) {
       const double P[3] = {points(0, k), points(1, k), points(2, k)};
@@ -163,7 +224,10 @@ void filter_candidates(th4_engine& e, dense2D<double>& points, dense1D<double>& 
       if (field.direct_lengths) {
         // Only whether some node is too near matters: the searches stop at the first one.
         const double half = F.box_factor * h;
-        if (accepted_count && near_in_octree(accepted, P, h, half, ratio, sizes, nullptr)) continue;
+        if (accepted_count &&
+            (celled ? near_in_cells(K, P, h, half, ratio, points, sizes)
+                    : near_in_octree(accepted, P, h, half, ratio, sizes, nullptr)))
+          continue;
         if (mesh_nodes &&
             near_in_octree(e.locator.octree, P, h, half, ratio, e.node_sizes, &e.ancestors))
           continue;
@@ -187,7 +251,15 @@ void filter_candidates(th4_engine& e, dense2D<double>& points, dense1D<double>& 
       for (unsigned c = 0; c < 3; ++c) points(c, kept) = P[c];
       sizes[kept] = h;
       // A point outside of the box stays a candidate but keeps no later one away.
-      if (accepted.add(kept)) ++accepted_count;
+      if (accepted.add(kept)) {
+        ++accepted_count;
+        if (celled) {
+          // The cell of column k when the grid was made: the same point, now in column kept.
+          unsigned& first = K.head[K.grid.cells[k]];
+          K.next[kept] = first;
+          first = kept;
+        }
+      }
       ++kept;
     }
     points.resize(3, kept);
