@@ -30,9 +30,9 @@ bool sized(dense1D<T>& list, unsigned n) noexcept {
   return list.resize(n) && list.size == n;
 }
 
-// The tets made since the last judging, their rows in local node numbers, which new tets hold
-// each local node and which local nodes share a tet. False when memory ran out.
-bool build_local_graph(th4_engine& e, refine_context& c) noexcept {
+// The tets made since the last judging, their rows in local node numbers and which new tets hold
+// each local node. False when memory ran out.
+bool build_local_tets(th4_engine& e, refine_context& c) noexcept {
   const unsigned T = c.new_tets.size;
   if (!c.new_tet_rows.resize(4, T)) return false;
   if (c.local_index.size < e.nodes.cols() && !sized(c.local_index, e.nodes.cols())) return false;
@@ -58,16 +58,20 @@ bool build_local_graph(th4_engine& e, refine_context& c) noexcept {
   for (unsigned k = 0; k < T; ++k)
     for (unsigned i = 0; i < 4; ++i) ++c.node_tet_offsets[c.new_tet_rows(i, k) + 1];
   for (unsigned v = 0; v < L; ++v) c.node_tet_offsets[v + 1] += c.node_tet_offsets[v];
-  {
-    dense1D<unsigned>& fill = c.size_stamps;  // scratch here; the size limiting reuses it later
-    if (!sized(fill, L)) return false;
-    std::copy_n(c.node_tet_offsets.begin(), L, fill.begin());
-    for (unsigned k = 0; k < T; ++k)
-      for (unsigned i = 0; i < 4; ++i) c.node_tets[fill[c.new_tet_rows(i, k)]++] = k;
-  }
-  // Local neighbours: the other nodes of the tets of each node, each once.
+  dense1D<unsigned>& fill = c.size_stamps;  // scratch here; the size limiting reuses it later
+  if (!sized(fill, L)) return false;
+  std::copy_n(c.node_tet_offsets.begin(), L, fill.begin());
+  for (unsigned k = 0; k < T; ++k)
+    for (unsigned i = 0; i < 4; ++i) c.node_tets[fill[c.new_tet_rows(i, k)]++] = k;
+  return true;
+}
+
+// Which local nodes share a new tet: the other nodes of the tets of each node, each once. Only the
+// size limiting walks this graph. False when memory ran out.
+bool build_local_graph(refine_context& c) noexcept {
+  const unsigned L = c.local_nodes.size;
   c.graph_nodes.clear();
-  if (!sized(c.graph_offsets, L + 1)) return false;
+  if (!sized(c.graph_offsets, L + 1) || !sized(c.size_stamps, L)) return false;
   c.graph_offsets[0] = 0;
   dense1D<unsigned>& seen = c.size_stamps;
   std::fill(seen.begin(), seen.end(), NONE);
@@ -99,28 +103,39 @@ bool insert_front(refine_context& c, unsigned code) noexcept {
 void mark_long_edges(th4_engine& e, refine_context& c) {
   size_field& field = *e.size_field;
   const unsigned L = c.local_nodes.size;
-  for (unsigned i = 0; i < L; ++i) {
-    const unsigned a = c.local_nodes[i];
-    for (unsigned p = c.graph_offsets[i]; p < c.graph_offsets[i + 1]; ++p) {
-      const unsigned j = c.graph_nodes[p];
-      if (j < i) continue;
-      const unsigned b = c.local_nodes[j];
-      if (!longer_than(field, e.nodes.row(a), NONE, e.node_sizes[a], e.nodes.row(b), NONE,
-                       e.node_sizes[b], c.max_edge_length))
-        continue;
-      // A hard edge that is too long condemns nothing: it cannot be split here.
-      if (e.hard_set.has_edge(a, b)) continue;
-      // The new tets that hold both ends: the common positions of two ascending rows.
-      unsigned x = c.node_tet_offsets[i], y = c.node_tet_offsets[j];
-      const unsigned xe = c.node_tet_offsets[i + 1], ye = c.node_tet_offsets[j + 1];
-      while (x < xe && y < ye) {
-        if (c.node_tets[x] < c.node_tets[y]) {
-          ++x;
-        } else if (c.node_tets[y] < c.node_tets[x]) {
-          ++y;
-        } else {
-          c.good_tets.reset(c.new_tets[c.node_tets[x]]);
-          ++x, ++y;
+  // Per local node w the last node v that met it, as 2v, or 2v + 1 when the edge vw is too long:
+  // the edges of each v are met in the order of its tets, each once, as the graph would list them.
+  dense1D<unsigned>& seen = c.size_stamps;
+  std::fill(seen.begin(), seen.end(), NONE);
+  for (unsigned v = 0; v < L; ++v) {
+    const unsigned a = c.local_nodes[v];
+    const unsigned first = c.node_tet_offsets[v], last = c.node_tet_offsets[v + 1];
+    bool any = false;
+    for (unsigned p = first; p < last; ++p) {
+      const unsigned k = c.node_tets[p];
+      for (unsigned i = 0; i < 4; ++i) {
+        const unsigned w = c.new_tet_rows(i, k);
+        if (w <= v || seen[w] >> 1 == v) continue;
+        seen[w] = 2 * v;
+        const unsigned b = c.local_nodes[w];
+        if (!longer_than(field, e.nodes.row(a), NONE, e.node_sizes[a], e.nodes.row(b), NONE,
+                         e.node_sizes[b], c.max_edge_length))
+          continue;
+        // A hard edge that is too long condemns nothing: it cannot be split here.
+        if (e.hard_set.has_edge(a, b)) continue;
+        seen[w] = 2 * v + 1;
+        any = true;
+      }
+    }
+    if (!any) continue;
+    // The new tets of v that hold the far end of one of its long edges.
+    for (unsigned p = first; p < last; ++p) {
+      const unsigned k = c.node_tets[p];
+      for (unsigned i = 0; i < 4; ++i) {
+        const unsigned w = c.new_tet_rows(i, k);
+        if (w > v && seen[w] == 2 * v + 1) {
+          c.good_tets.reset(c.new_tets[k]);
+          break;
         }
       }
     }
@@ -225,7 +240,7 @@ int make_front(th4_engine& e, refine_context& c, const dense1D<unsigned>& insert
         break;
       }
   }
-  if (!build_local_graph(e, c)) return -199;
+  if (!build_local_tets(e, c)) return -199;
   mark_long_edges(e, c);
   for (unsigned k = 0; k < c.ring_tets.size; ++k) {
     const unsigned t = c.ring_tets[k];
@@ -237,6 +252,7 @@ int make_front(th4_engine& e, refine_context& c, const dense1D<unsigned>& insert
   const double target = c.target_size;
   if (c.front_faces.size != 0 && inserted.size != 0 && c.size_gradation < DBL_MAX && target > 0.0 &&
       target < DBL_MAX) {
+    if (!build_local_graph(c)) return -199;
     const int limited = limit_sizes(e, c, inserted);
     if (limited < 0) return limited;
   }
