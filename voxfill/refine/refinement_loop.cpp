@@ -158,33 +158,43 @@ void collect_long_edges(th4_engine& e, refine_context& c, const unsigned* n) {
   }
 }
 
+namespace {
+
+// The front faces of the bad tet t, in the order of its faces. False when memory ran out.
+bool front_of_tet(th4_engine& e, refine_context& c, unsigned t, bool& any_hard) noexcept {
+  const unsigned* r = e.tets.row(t);
+  for (unsigned i = 0; i < 4; ++i) {
+    const unsigned nb = e.neighbors(i, t);
+    if (nb == NONE) {
+      // A hard face on the hull is the skin of a given mesh: nothing lies behind it, as behind
+      // the good outside tets of a generated one.
+      const unsigned* fn = tet_face_nodes[i];
+      if (e.hard_set.has_face(r[fn[0]], r[fn[1]], r[fn[2]]) && !insert_front(c, 4 * t + i))
+        return false;
+      continue;
+    }
+    if (e.tet_deleted(nb)) continue;
+    if (c.good_tets.test(nb)) {
+      if (!insert_front(c, 4 * t + i)) return false;
+    } else if (c.hard_front) {
+      const unsigned* fn = tet_face_nodes[i];
+      if (e.hard_set.has_face(r[fn[0]], r[fn[1]], r[fn[2]])) {
+        if (!insert_front(c, 4 * t + i)) return false;
+        any_hard = true;
+      }
+    }
+  }
+  return true;
+}
+
+}  // namespace
+
 void collect_front(th4_engine& e, refine_context& c) {
   bool any_hard = false;
   c.front_faces.clear();
   for (unsigned t = 0; t < e.tets.cols(); ++t) {
     if (e.tet_deleted(t) || c.good_tets.test(t)) continue;
-    const unsigned* r = e.tets.row(t);
-    for (unsigned i = 0; i < 4; ++i) {
-      const unsigned nb = e.neighbors(i, t);
-      if (nb == NONE) {
-        // A hard face on the hull is the skin of a given mesh: nothing lies behind it, as behind
-        // the good outside tets of a generated one.
-        const unsigned* fn = tet_face_nodes[i];
-        if (e.hard_set.has_face(r[fn[0]], r[fn[1]], r[fn[2]]) && !insert_front(c, 4 * t + i))
-          return;
-        continue;
-      }
-      if (e.tet_deleted(nb)) continue;
-      if (c.good_tets.test(nb)) {
-        if (!insert_front(c, 4 * t + i)) return;
-      } else if (c.hard_front) {
-        const unsigned* fn = tet_face_nodes[i];
-        if (e.hard_set.has_face(r[fn[0]], r[fn[1]], r[fn[2]])) {
-          if (!insert_front(c, 4 * t + i)) return;
-          any_hard = true;
-        }
-      }
-    }
+    if (!front_of_tet(e, c, t, any_hard)) return;
   }
   c.hard_front = any_hard;
 }
@@ -224,22 +234,35 @@ int make_front(th4_engine& e, refine_context& c, const dense1D<unsigned>& insert
   if (!c.good_tets.grow(T)) return -199;
   for (unsigned t = old_bits; t < T; ++t) c.good_tets.set(t);
   c.new_tets.clear();
-  for (unsigned t = 0; t < T; ++t)
+  // The old bad tets, ascending, listed in the same sweep: the ring and the front need no other
+  // look at all rows. The graph's list is free until the size limiting makes the graph.
+  dense1D<unsigned>& bad = c.graph_nodes;
+  bad.clear();
+  for (unsigned t = 0; t < T; ++t) {
     if (e.tet_stamps[t] > c.pass_clock && e.colors[t] < DELETED) {
       c.new_tets.push_back(t);
       c.good_tets.set(t);
+    } else if (t < old_bits && e.colors[t] != DELETED && !c.good_tets.test(t)) {
+      const unsigned before = bad.size;
+      bad.push_back(t);
+      if (bad.size != before + 1) return -199;
     }
+  }
+  // The ring moves out of the list; the tets left stay bad.
   c.ring_tets.clear();
-  for (unsigned t = 0; t < old_bits; ++t) {
-    if (c.good_tets.test(t) || e.colors[t] == DELETED) continue;
+  unsigned still_bad = 0;
+  for (unsigned k = 0; k < bad.size; ++k) {
+    const unsigned t = bad[k];
     // The hull counts as good: a tet on the skin of a given mesh had its turn on the front.
     const unsigned* nb = e.neighbors.row(t);
-    for (unsigned i = 0; i < 4; ++i)
-      if (nb[i] == NONE || c.good_tets.test(nb[i])) {
-        c.ring_tets.push_back(t);
-        break;
-      }
+    bool ring = false;
+    for (unsigned i = 0; i < 4 && !ring; ++i) ring = nb[i] == NONE || c.good_tets.test(nb[i]);
+    if (ring)
+      c.ring_tets.push_back(t);
+    else
+      bad[still_bad++] = t;
   }
+  bad.size = still_bad;
   if (!build_local_tets(e, c)) return -199;
   mark_long_edges(e, c);
   for (unsigned k = 0; k < c.ring_tets.size; ++k) {
@@ -247,7 +270,29 @@ int make_front(th4_engine& e, refine_context& c, const dense1D<unsigned>& insert
     c.good_tets.set(t);
     collect_long_edges(e, c, e.tets.row(t));
   }
-  collect_front(e, c);
+  // The bad tets now: the old ones left and the new ones judged bad, merged into row order.
+  {
+    bool any_hard = false, whole = true;
+    c.front_faces.clear();
+    unsigned x = 0, y = 0;
+    const unsigned xe = bad.size, ye = c.new_tets.size;
+    for (;;) {
+      while (y < ye && c.good_tets.test(c.new_tets[y])) ++y;
+      unsigned t;
+      if (x < xe && (y >= ye || bad[x] < c.new_tets[y])) {
+        t = bad[x++];
+      } else if (y < ye) {
+        t = c.new_tets[y++];
+      } else {
+        break;
+      }
+      if (!front_of_tet(e, c, t, any_hard)) {
+        whole = false;
+        break;
+      }
+    }
+    if (whole) c.hard_front = any_hard;
+  }
   if (sort_front(e, c) < 0) return -199;
   const double target = c.target_size;
   if (c.front_faces.size != 0 && inserted.size != 0 && c.size_gradation < DBL_MAX && target > 0.0 &&
