@@ -20,6 +20,10 @@ namespace {
 constexpr unsigned FOUND_ROOM = 512;
 constexpr double NEAR_BOX = 1.5;
 constexpr double EXCLUSION_BOX = 4.0;
+// Cell widths of the grids of the filter in mean half widths of the boxes, the best measured: the
+// kept candidates are sparse, so their cells are wider.
+constexpr double MESH_CELL = 1.0;
+constexpr double KEPT_CELL = 2.0;
 
 double direct_length(const double* P, double hP, const double* Q, double hQ) noexcept {
   const double h = log_mean(hP, hQ);
@@ -142,6 +146,104 @@ bool near_in_cells(const kept_cells& K, const double* P, double h, double half, 
   return false;
 }
 
+// The nodes of the mesh octree that the searches of one filter call can meet (those in the union
+// of their boxes, alive, with a size other than 0.0), copied and bucketed in a grid: the same
+// answers as near_in_octree on the mesh, by cells.
+struct mesh_cells {
+  dense2D<double> xyz{3, 0};
+  std::vector<double> sizes;
+  cell_grid grid;
+};
+
+// False when the boxes are not all finite or memory ran out: the octree is searched then.
+bool build_mesh_cells_or_throw(node_octree& octree, const dense1D<double>& node_sizes,
+                               const dense1D<unsigned>& ancestors, const dense2D<double>& points,
+                               const dense1D<double>& sizes, unsigned n, double box_factor,
+                               double width, dense1D<unsigned>& found, mesh_cells& M) {
+  if (!octree.coords || n == 0) return false;
+  // The union of the boxes, from the very corners that the searches will compare with.
+  double lo[3], hi[3];
+  for (unsigned k = 0; k < n; ++k) {
+    const double P[3] = {points(0, k), points(1, k), points(2, k)};
+    double a[3], b[3];
+    cube(P, box_factor * sizes[k], a, b);
+    for (unsigned d = 0; d < 3; ++d) {
+      if (!(a[d] >= -DBL_MAX && a[d] <= DBL_MAX && b[d] >= -DBL_MAX && b[d] <= DBL_MAX))
+        return false;
+      if (k == 0 || a[d] < lo[d]) lo[d] = a[d];
+      if (k == 0 || b[d] > hi[d]) hi[d] = b[d];
+    }
+  }
+  unsigned ilo[3], ihi[3];
+  octree.to_cell_coords(lo, ilo);
+  octree.to_cell_coords(hi, ihi);
+  found.clear();
+  if (!octree.nodes_in_box(ilo, ihi, lo, hi, found)) return false;
+  const dense2D<double>& xyz = octree.coords->data;
+  const unsigned cols = octree.coords->cols();
+  unsigned m = 0;
+  for (unsigned k = 0; k < found.size; ++k) {
+    const unsigned v = found[k];
+    if (v >= ancestors.size || ancestors[v] == NONE || v >= node_sizes.size ||
+        node_sizes[v] == 0.0 || v >= cols)
+      continue;
+    found[m++] = v;
+  }
+  if (!M.xyz.resize(3, m)) return false;
+  M.sizes.resize(m);
+  for (unsigned k = 0; k < m; ++k) {
+    const double* X = xyz.col(found[k]);
+    for (unsigned d = 0; d < 3; ++d) M.xyz(d, k) = X[d];
+    M.sizes[k] = node_sizes[found[k]];
+  }
+  if (m == 0) {
+    M.grid.dims[0] = M.grid.dims[1] = M.grid.dims[2] = 0;
+    return true;
+  }
+  return grid_build(M.grid, M.xyz, m, width);
+}
+
+bool build_mesh_cells(node_octree& octree, const dense1D<double>& node_sizes,
+                      const dense1D<unsigned>& ancestors, const dense2D<double>& points,
+                      const dense1D<double>& sizes, unsigned n, double box_factor, double width,
+                      dense1D<unsigned>& found, mesh_cells& M) noexcept {
+  try {
+    return build_mesh_cells_or_throw(octree, node_sizes, ancestors, points, sizes, n, box_factor,
+                                     width, found, M);
+  } catch (const std::bad_alloc&) {
+    return false;
+  }
+}
+
+bool near_in_mesh_cells(const mesh_cells& M, const double* P, double h, double half,
+                        double ratio) noexcept {
+  const cell_grid& g = M.grid;
+  if (g.dims[0] == 0) return false;
+  double lo[3], hi[3];
+  cube(P, half, lo, hi);
+  unsigned a[3], b[3];
+  for (unsigned d = 0; d < 3; ++d) {
+    a[d] = kept_cell(g, d, lo[d]);
+    b[d] = kept_cell(g, d, hi[d]);
+  }
+  const unsigned* starts = g.starts.data();
+  const unsigned* cell_points = g.points.data();
+  for (unsigned z = a[2]; z <= b[2]; ++z)
+    for (unsigned y = a[1]; y <= b[1]; ++y) {
+      const unsigned row = (z * g.dims[1] + y) * g.dims[0];
+      const unsigned end = starts[row + b[0] + 1];
+      for (unsigned k = starts[row + a[0]]; k < end; ++k) {
+        const unsigned j = cell_points[k];
+        const double* X = M.xyz.col(j);
+        if (!(lo[0] <= X[0] && X[0] <= hi[0] && lo[1] <= X[1] && X[1] <= hi[1] && lo[2] <= X[2] &&
+              X[2] <= hi[2]))
+          continue;
+        if (directly_near(P, h, X, M.sizes[j], ratio)) return true;
+      }
+    }
+  return false;
+}
+
 }  // namespace
 
 spacing_filter::spacing_filter(double ratio_in, double box_factor_in)
@@ -204,18 +306,26 @@ void filter_candidates(th4_engine& e, dense2D<double>& points, dense1D<double>& 
     unsigned accepted_count = 0;
     accepted.set_box(e.box_min, e.box_max);
     const bool mesh_nodes = e.tets.cols() != 0 && e.locator.count != 0;
-    // The kept candidates are searched by cells of about a box's half width: the octree's
-    // descents cost more than the few cells a box meets.
+    // The kept candidates and the mesh nodes are searched by cells: the octree's descents cost
+    // more than the few cells a box meets.
     kept_cells K;
     bool celled = false;
     if (field.direct_lengths) {
       double halves = 0.0;
       for (unsigned k = 0; k < n; ++k) halves += F.box_factor * sizes[k];
-      celled = grid_build(K.grid, points, n, halves / double(n));
+      celled = grid_build(K.grid, points, n, KEPT_CELL * halves / double(n));
       if (celled) {
         K.head.assign(K.grid.starts.size() - 1, NONE);
         K.next.assign(n, NONE);
       }
+    }
+    mesh_cells M;
+    bool mesh_celled = false;
+    if (field.direct_lengths && mesh_nodes) {
+      double halves = 0.0;
+      for (unsigned k = 0; k < n; ++k) halves += F.box_factor * sizes[k];
+      mesh_celled = build_mesh_cells(e.locator.octree, e.node_sizes, e.ancestors, points, sizes, n,
+                                     F.box_factor, MESH_CELL * halves / double(n), F.found, M);
     }
     unsigned kept = 0;
     for (unsigned k = 0; k < n; ++k) {
@@ -228,8 +338,9 @@ void filter_candidates(th4_engine& e, dense2D<double>& points, dense1D<double>& 
             (celled ? near_in_cells(K, P, h, half, ratio, points, sizes)
                     : near_in_octree(accepted, P, h, half, ratio, sizes, nullptr)))
           continue;
-        if (mesh_nodes &&
-            near_in_octree(e.locator.octree, P, h, half, ratio, e.node_sizes, &e.ancestors))
+        if (mesh_nodes && (mesh_celled ? near_in_mesh_cells(M, P, h, half, ratio)
+                                       : near_in_octree(e.locator.octree, P, h, half, ratio,
+                                                        e.node_sizes, &e.ancestors)))
           continue;
       } else {
         if (accepted_count) {
