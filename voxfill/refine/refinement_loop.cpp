@@ -103,41 +103,46 @@ bool insert_front(refine_context& c, unsigned code) noexcept {
 void mark_long_edges(th4_engine& e, refine_context& c) {
   size_field& field = *e.size_field;
   const unsigned L = c.local_nodes.size;
+  if (L == 0) return;
   // Per local node w the last node v that met it, as 2v, or 2v + 1 when the edge vw is too long:
   // the edges of each v are met in the order of its tets, each once, as the graph would list them.
-  dense1D<unsigned>& seen = c.size_stamps;
-  std::fill(seen.begin(), seen.end(), NONE);
+  // The lists are read through plain pointers: none of them changes in here.
+  unsigned* seen = c.size_stamps.data();
+  std::fill(seen, seen + L, NONE);
+  const unsigned* offsets = c.node_tet_offsets.data();
+  const unsigned* node_tets = c.node_tets.data();
+  const unsigned* locals = c.local_nodes.data();
+  const unsigned* rows = c.new_tet_rows.col(0);
+  const std::size_t ld = c.new_tet_rows.ld;
   for (unsigned v = 0; v < L; ++v) {
-    const unsigned a = c.local_nodes[v];
-    const unsigned first = c.node_tet_offsets[v], last = c.node_tet_offsets[v + 1];
+    const unsigned a = locals[v];
+    const unsigned first = offsets[v], last = offsets[v + 1];
+    const unsigned met = 2 * v, long_met = 2 * v + 1;
     bool any = false;
     for (unsigned p = first; p < last; ++p) {
-      const unsigned k = c.node_tets[p];
+      const unsigned* r = rows + ld * node_tets[p];
       for (unsigned i = 0; i < 4; ++i) {
-        const unsigned w = c.new_tet_rows(i, k);
+        const unsigned w = r[i];
         if (w <= v || seen[w] >> 1 == v) continue;
-        seen[w] = 2 * v;
-        const unsigned b = c.local_nodes[w];
+        seen[w] = met;
+        const unsigned b = locals[w];
         if (!longer_than(field, e.nodes.row(a), NONE, e.node_sizes[a], e.nodes.row(b), NONE,
                          e.node_sizes[b], c.max_edge_length))
           continue;
         // A hard edge that is too long condemns nothing: it cannot be split here.
         if (e.hard_set.has_edge(a, b)) continue;
-        seen[w] = 2 * v + 1;
+        seen[w] = long_met;
         any = true;
       }
     }
     if (!any) continue;
     // The new tets of v that hold the far end of one of its long edges.
     for (unsigned p = first; p < last; ++p) {
-      const unsigned k = c.node_tets[p];
-      for (unsigned i = 0; i < 4; ++i) {
-        const unsigned w = c.new_tet_rows(i, k);
-        if (w > v && seen[w] == 2 * v + 1) {
-          c.good_tets.reset(c.new_tets[k]);
-          break;
-        }
-      }
+      const unsigned k = node_tets[p];
+      const unsigned* r = rows + ld * k;
+      if ((r[0] > v && seen[r[0]] == long_met) || (r[1] > v && seen[r[1]] == long_met) ||
+          (r[2] > v && seen[r[2]] == long_met) || (r[3] > v && seen[r[3]] == long_met))
+        c.good_tets.reset(c.new_tets[k]);
     }
   }
 }
@@ -238,14 +243,22 @@ int make_front(th4_engine& e, refine_context& c, const dense1D<unsigned>& insert
   // look at all rows. The graph's list is free until the size limiting makes the graph.
   dense1D<unsigned>& bad = c.graph_nodes;
   bad.clear();
-  for (unsigned t = 0; t < T; ++t) {
-    if (e.tet_stamps[t] > c.pass_clock && e.colors[t] < DELETED) {
-      c.new_tets.push_back(t);
-      c.good_tets.set(t);
-    } else if (t < old_bits && e.colors[t] != DELETED && !c.good_tets.test(t)) {
-      const unsigned before = bad.size;
-      bad.push_back(t);
-      if (bad.size != before + 1) return -199;
+  {
+    // Plain pointers: the bits have room for all T rows, and only the two lists grow here.
+    const unsigned* stamps = e.tet_stamps.data();
+    const unsigned* colors = e.colors.data();
+    unsigned* words = c.good_tets.words.data();
+    const unsigned clock = c.pass_clock;
+    for (unsigned t = 0; t < T; ++t) {
+      const unsigned bit = 1u << (t & 31);
+      if (stamps[t] > clock && colors[t] < DELETED) {
+        c.new_tets.push_back(t);
+        words[t >> 5] |= bit;
+      } else if (t < old_bits && colors[t] != DELETED && !(words[t >> 5] & bit)) {
+        const unsigned before = bad.size;
+        bad.push_back(t);
+        if (bad.size != before + 1) return -199;
+      }
     }
   }
   // The ring moves out of the list; the tets left stay bad.
