@@ -36,33 +36,44 @@ bool build_local_tets(th4_engine& e, refine_context& c) noexcept {
   const unsigned T = c.new_tets.size;
   if (!c.new_tet_rows.resize(4, T)) return false;
   if (c.local_index.size < e.nodes.cols() && !sized(c.local_index, e.nodes.cols())) return false;
-  c.local_nodes.clear();
+  // Room for the most local nodes there can be, cut down at the end: the loops below then read
+  // and write plain pointers.
+  if (!sized(c.local_nodes, 4 * T)) return false;
+  unsigned* index = c.local_index.data();
+  unsigned* locals = c.local_nodes.data();
+  const unsigned* tets = c.new_tets.data();
+  unsigned L = 0;
   for (unsigned k = 0; k < T; ++k) {
-    const unsigned* r = e.tets.row(c.new_tets[k]);
+    const unsigned* r = e.tets.row(tets[k]);
+    unsigned* out = c.new_tet_rows.col(k);
     for (unsigned i = 0; i < 4; ++i) {
       const unsigned n = r[i];
-      unsigned& local = c.local_index[n];
+      unsigned& local = index[n];
       // The entry is trusted only when it points back to n: no clearing between passes.
-      if (!(local < c.local_nodes.size && c.local_nodes[local] == n)) {
-        local = c.local_nodes.size;
-        c.local_nodes.push_back(n);
-        if (c.local_nodes.size != local + 1) return false;
+      if (!(local < L && locals[local] == n)) {
+        local = L;
+        locals[L++] = n;
       }
-      c.new_tet_rows(i, k) = local;
+      out[i] = local;
     }
   }
-  const unsigned L = c.local_nodes.size;
+  c.local_nodes.size = L;
   // Positions of the tets of each local node, ascending since the tets are read in order.
   if (!sized(c.node_tet_offsets, L + 1) || !sized(c.node_tets, 4 * T)) return false;
-  std::fill(c.node_tet_offsets.begin(), c.node_tet_offsets.end(), 0u);
+  unsigned* offsets = c.node_tet_offsets.data();
+  std::fill(offsets, offsets + L + 1, 0u);
+  const unsigned* rows = T ? c.new_tet_rows.col(0) : nullptr;
+  const std::size_t ld = c.new_tet_rows.ld;
   for (unsigned k = 0; k < T; ++k)
-    for (unsigned i = 0; i < 4; ++i) ++c.node_tet_offsets[c.new_tet_rows(i, k) + 1];
-  for (unsigned v = 0; v < L; ++v) c.node_tet_offsets[v + 1] += c.node_tet_offsets[v];
+    for (unsigned i = 0; i < 4; ++i) ++offsets[rows[ld * k + i] + 1];
+  for (unsigned v = 0; v < L; ++v) offsets[v + 1] += offsets[v];
   dense1D<unsigned>& fill = c.size_stamps;  // scratch here; the size limiting reuses it later
   if (!sized(fill, L)) return false;
-  std::copy_n(c.node_tet_offsets.begin(), L, fill.begin());
+  unsigned* next = fill.data();
+  std::copy_n(offsets, L, next);
+  unsigned* node_tets = c.node_tets.data();
   for (unsigned k = 0; k < T; ++k)
-    for (unsigned i = 0; i < 4; ++i) c.node_tets[fill[c.new_tet_rows(i, k)]++] = k;
+    for (unsigned i = 0; i < 4; ++i) node_tets[next[rows[ld * k + i]]++] = k;
   return true;
 }
 
