@@ -287,18 +287,21 @@ void grid_near(spacing_filter& F, unsigned i, const dense2D<double>& points,
   }
   const unsigned* starts = grid.starts.data();
   const unsigned* cell_points = grid.points.data();
+  const double* xyz = points.col(0);
+  const std::size_t ld = points.ld;
+  const double* size_of = sizes.data();
   for (unsigned z = a[2]; z <= b[2]; ++z)
     for (unsigned y = a[1]; y <= b[1]; ++y) {
       const unsigned row = (z * grid.dims[1] + y) * grid.dims[0];
       const unsigned end = starts[row + b[0] + 1];
       for (unsigned k = starts[row + a[0]]; k < end; ++k) {
         const unsigned j = cell_points[k];
-        const double* X = points.col(j);
+        const double* X = xyz + ld * j;
         if (!(X[0] >= lo[0] && X[0] <= hi[0] && X[1] >= lo[1] && X[1] <= hi[1] && X[2] >= lo[2] &&
               X[2] <= hi[2]))
           continue;
         // From here as keep_near, candidate i itself included until the sort.
-        const double s = sizes[j];
+        const double s = size_of[j];
         if (s == 0.0) continue;
         const double d2 = geometry_detail::dist2<3>(P, X);
         const double far = ratio * (h > s ? h : s);

@@ -130,16 +130,19 @@ bool near_in_cells(const kept_cells& K, const double* P, double h, double half, 
   }
   const unsigned* head = K.head.data();
   const unsigned* next = K.next.data();
+  const double* xyz = points.col(0);
+  const std::size_t ld = points.ld;
+  const double* size_of = sizes.data();
   for (unsigned z = a[2]; z <= b[2]; ++z)
     for (unsigned y = a[1]; y <= b[1]; ++y) {
       const unsigned row = (z * g.dims[1] + y) * g.dims[0];
       for (unsigned x = a[0]; x <= b[0]; ++x)
         for (unsigned n = head[row + x]; n != NONE; n = next[n]) {
-          const double* X = points.col(n);
+          const double* X = xyz + ld * n;
           if (!(lo[0] <= X[0] && X[0] <= hi[0] && lo[1] <= X[1] && X[1] <= hi[1] && lo[2] <= X[2] &&
                 X[2] <= hi[2]))
             continue;
-          const double s = sizes[n];
+          const double s = size_of[n];
           if (s != 0.0 && directly_near(P, h, X, s, ratio)) return true;
         }
     }
@@ -228,17 +231,20 @@ bool near_in_mesh_cells(const mesh_cells& M, const double* P, double h, double h
   }
   const unsigned* starts = g.starts.data();
   const unsigned* cell_points = g.points.data();
+  const double* xyz = M.xyz.col(0);
+  const std::size_t ld = M.xyz.ld;
+  const double* size_of = M.sizes.data();
   for (unsigned z = a[2]; z <= b[2]; ++z)
     for (unsigned y = a[1]; y <= b[1]; ++y) {
       const unsigned row = (z * g.dims[1] + y) * g.dims[0];
       const unsigned end = starts[row + b[0] + 1];
       for (unsigned k = starts[row + a[0]]; k < end; ++k) {
         const unsigned j = cell_points[k];
-        const double* X = M.xyz.col(j);
+        const double* X = xyz + ld * j;
         if (!(lo[0] <= X[0] && X[0] <= hi[0] && lo[1] <= X[1] && X[1] <= hi[1] && lo[2] <= X[2] &&
               X[2] <= hi[2]))
           continue;
-        if (directly_near(P, h, X, M.sizes[j], ratio)) return true;
+        if (directly_near(P, h, X, size_of[j], ratio)) return true;
       }
     }
   return false;
