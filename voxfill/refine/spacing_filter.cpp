@@ -156,6 +156,10 @@ struct mesh_cells {
   dense2D<double> xyz{3, 0};
   std::vector<double> sizes;
   cell_grid grid;
+  // The largest size when all are positive and finite, else DBL_MAX: a node can be near only
+  // within ratio times the larger size, so the boxes may shrink to that.
+  double largest = DBL_MAX;
+  std::vector<double> cell_largest;  // per cell its largest size, when `largest` is finite
 };
 
 // False when the boxes are not all finite or memory ran out: the octree is searched then.
@@ -194,16 +198,31 @@ bool build_mesh_cells_or_throw(node_octree& octree, const dense1D<double>& node_
   }
   if (!M.xyz.resize(3, m)) return false;
   M.sizes.resize(m);
+  double largest = 0.0;
   for (unsigned k = 0; k < m; ++k) {
     const double* X = xyz.col(found[k]);
     for (unsigned d = 0; d < 3; ++d) M.xyz(d, k) = X[d];
-    M.sizes[k] = node_sizes[found[k]];
+    const double size = node_sizes[found[k]];
+    M.sizes[k] = size;
+    if (!(size > 0.0 && size < DBL_MAX))
+      largest = DBL_MAX;
+    else if (largest < DBL_MAX && size > largest)
+      largest = size;
   }
+  M.largest = largest;
   if (m == 0) {
     M.grid.dims[0] = M.grid.dims[1] = M.grid.dims[2] = 0;
     return true;
   }
-  return grid_build(M.grid, M.xyz, m, width);
+  if (!grid_build(M.grid, M.xyz, m, width)) return false;
+  if (largest < DBL_MAX) {
+    M.cell_largest.assign(M.grid.starts.size() - 1, 0.0);
+    for (unsigned k = 0; k < m; ++k) {
+      double& top = M.cell_largest[M.grid.cells[k]];
+      if (M.sizes[k] > top) top = M.sizes[k];
+    }
+  }
+  return true;
 }
 
 bool build_mesh_cells(node_octree& octree, const dense1D<double>& node_sizes,
@@ -228,6 +247,27 @@ bool near_in_mesh_cells(const mesh_cells& M, const double* P, double h, double h
   for (unsigned d = 0; d < 3; ++d) {
     a[d] = kept_cell(g, d, lo[d]);
     b[d] = kept_cell(g, d, hi[d]);
+  }
+  // Beyond ratio times the larger of the two sizes a node is far for directly_near whatever the
+  // mean: with the largest size in the cells of the box, the box shrinks to that reach. The
+  // margin is far above the rounding of the box and of the squared distance.
+  if (h > 0.0 && h < DBL_MAX && ratio > 0.0 && M.largest < DBL_MAX) {
+    double top = h;
+    const double* cell_top = M.cell_largest.data();
+    for (unsigned z = a[2]; z <= b[2]; ++z)
+      for (unsigned y = a[1]; y <= b[1]; ++y) {
+        const unsigned row = (z * g.dims[1] + y) * g.dims[0];
+        for (unsigned x = a[0]; x <= b[0]; ++x)
+          if (cell_top[row + x] > top) top = cell_top[row + x];
+      }
+    const double reach = ratio * top * (1.0 + 1e-6);
+    if (reach < half) {
+      cube(P, reach, lo, hi);
+      for (unsigned d = 0; d < 3; ++d) {
+        a[d] = kept_cell(g, d, lo[d]);
+        b[d] = kept_cell(g, d, hi[d]);
+      }
+    }
   }
   const unsigned* starts = g.starts.data();
   const unsigned* cell_points = g.points.data();
