@@ -8,6 +8,16 @@
 #include "delaunay/geometry.h"
 #include "delaunay/tet_tables.h"
 
+// The four face tests of a walk step in four lanes where the processor has AVX2, chosen when the
+// program runs.
+#if defined(__x86_64__) && (defined(__GNUC__) || defined(__clang__))
+#define VOXFILL_WALK_AVX2 1
+#include <immintrin.h>
+#define VOXFILL_AVX2 __attribute__((target("avx2")))
+#else
+#define VOXFILL_WALK_AVX2 0
+#endif
+
 namespace kelvo::voxfill {
 namespace {
 
@@ -274,17 +284,37 @@ struct flat_table {
   const T* col(unsigned j) const noexcept { return base + ld * j; }
 };
 
+// The edge vectors from node 3 and the determinant, as orient_det computes them: false for a tet
+// of non-positive or non-finite volume.
+inline bool frame_of(const double* const* q, edge_frame& e) noexcept {
+  using namespace geometry_detail;
+  sub3(q[0], q[3], e.a);
+  sub3(q[1], q[3], e.b);
+  sub3(q[2], q[3], e.c);
+  cross3(e.b, e.c, e.bc);
+  const double V = e.V = dot3(e.a, e.bc);
+  return V > 0.0 && std::isfinite(V);
+}
+
+// The neighbour through which a walk beyond the faces of `mask` leaves. Beyond a hull face: a
+// point beyond two faces leaves by the one that is not on the hull.
+inline unsigned leave_by(const unsigned* nbs, int mask, unsigned start) noexcept {
+  unsigned nb = nbs[first_face(mask, start)];
+  for (unsigned r = 0; nb == NONE && r < 3; ++r) {
+    start = (start + 1) & 3;
+    nb = nbs[first_face(mask, start)];
+  }
+  return nb;
+}
+
 // The walk over a mesh's tables, whichever record holds them. With `w`, the weights of P in the
 // tet found, from the vectors the last test already computed.
-int walk_tables(const dense2D<double>& xyz_table, const slot_table<unsigned>& tets_table,
-                const slot_table<unsigned>& neighbors_table, const double* P, unsigned& t,
-                double tol, bit_source& bits, double* w = nullptr) noexcept {
-  const flat_table<double> xyz(xyz_table);
-  const flat_table<unsigned> tets(tets_table.data), neighbors(neighbors_table.data);
-  unsigned steps = tets_table.cols();
+int walk_scalar(const flat_table<double>& xyz, const flat_table<unsigned>& tets,
+                const flat_table<unsigned>& neighbors, unsigned steps, const double* P, unsigned& t,
+                double tol, bit_source& bits, double* w) noexcept {
   while (t != NONE && steps) {
     --steps;
-    unsigned start = bits.next();
+    const unsigned start = bits.next();
     const unsigned* n = tets.col(t);
     const double* q[4] = {xyz.col(n[0]), xyz.col(n[1]), xyz.col(n[2]), xyz.col(n[3])};
     edge_frame e;
@@ -297,18 +327,97 @@ int walk_tables(const dense2D<double>& xyz_table, const slot_table<unsigned>& te
       t = NONE;
       return -1;
     }
-    const unsigned* nbs = neighbors.col(t);
-    unsigned nb = nbs[first_face(mask, start)];
-    // Beyond a hull face: a point beyond two faces leaves by the one that is not on the hull.
-    for (unsigned r = 0; nb == NONE && r < 3; ++r) {
-      start = (start + 1) & 3;
-      nb = nbs[first_face(mask, start)];
-    }
-    t = nb;
+    t = leave_by(neighbors.col(t), mask, start);
   }
   if (t == NONE) return 0;
   t = NONE;
   return -2;
+}
+
+#if VOXFILL_WALK_AVX2
+const bool has_avx2 = [] {
+  __builtin_cpu_init();
+  return __builtin_cpu_supports("avx2") != 0;
+}();
+
+// beyond_faces with face f in lane f. The lanes do the scalar operations one for one and in the
+// same order (nothing fused), so the mask has the same bits. The nodes seen from P are gathered
+// once and permuted: face f is D_f = w . (u x v) with w, u, v the rows of the table below, and
+// face 2 takes the sign turned.
+VOXFILL_AVX2 inline int beyond_faces_avx2(const double* const* q, const __m256d* p, __m256d limit,
+                                          __m256d turn) noexcept {
+  const __m128d q0 = _mm_loadu_pd(q[0]), q1 = _mm_loadu_pd(q[1]);
+  const __m128d q2 = _mm_loadu_pd(q[2]), q3 = _mm_loadu_pd(q[3]);
+  const __m256d x = _mm256_insertf128_pd(_mm256_castpd128_pd256(_mm_unpacklo_pd(q0, q1)),
+                                         _mm_unpacklo_pd(q2, q3), 1);
+  const __m256d y = _mm256_insertf128_pd(_mm256_castpd128_pd256(_mm_unpackhi_pd(q0, q1)),
+                                         _mm_unpackhi_pd(q2, q3), 1);
+  const __m256d z =
+      _mm256_insertf128_pd(_mm256_castpd128_pd256(_mm_loadh_pd(_mm_load_sd(q[0] + 2), q[1] + 2)),
+                           _mm_loadh_pd(_mm_load_sd(q[2] + 2), q[3] + 2), 1);
+  const __m256d d[3] = {_mm256_sub_pd(x, p[0]), _mm256_sub_pd(y, p[1]), _mm256_sub_pd(z, p[2])};
+  // Lanes: w = (d1, d2, d1, d2), u = (d2, d0, d0, d1), v = (d3, d3, d3, d0).
+  constexpr int W = 1 | 2 << 2 | 1 << 4 | 2 << 6;
+  constexpr int U = 2 | 0 << 2 | 0 << 4 | 1 << 6;
+  constexpr int V = 3 | 3 << 2 | 3 << 4 | 0 << 6;
+  __m256d w[3], u[3], v[3];
+  for (unsigned k = 0; k < 3; ++k) {
+    w[k] = _mm256_permute4x64_pd(d[k], W);
+    u[k] = _mm256_permute4x64_pd(d[k], U);
+    v[k] = _mm256_permute4x64_pd(d[k], V);
+  }
+  const __m256d c0 = _mm256_sub_pd(_mm256_mul_pd(u[1], v[2]), _mm256_mul_pd(u[2], v[1]));
+  const __m256d c1 = _mm256_sub_pd(_mm256_mul_pd(u[2], v[0]), _mm256_mul_pd(u[0], v[2]));
+  const __m256d c2 = _mm256_sub_pd(_mm256_mul_pd(u[0], v[1]), _mm256_mul_pd(u[1], v[0]));
+  const __m256d D =
+      _mm256_xor_pd(_mm256_add_pd(_mm256_add_pd(_mm256_mul_pd(w[0], c0), _mm256_mul_pd(w[1], c1)),
+                                  _mm256_mul_pd(w[2], c2)),
+                    turn);
+  return _mm256_movemask_pd(_mm256_cmp_pd(D, limit, _CMP_GT_OQ));
+}
+
+VOXFILL_AVX2 int walk_avx2(const flat_table<double>& xyz, const flat_table<unsigned>& tets,
+                           const flat_table<unsigned>& neighbors, unsigned steps, const double* P,
+                           unsigned& t, double tol, bit_source& bits, double* w) noexcept {
+  static_assert(
+      tet_face_nodes[0][0] == 1 && tet_face_nodes[0][1] == 2 && tet_face_nodes[0][2] == 3 &&
+      tet_face_nodes[1][0] == 2 && tet_face_nodes[1][1] == 0 && tet_face_nodes[1][2] == 3 &&
+      tet_face_nodes[2][0] == 1 && tet_face_nodes[2][1] == 3 && tet_face_nodes[2][2] == 0 &&
+      tet_face_nodes[3][0] == 2 && tet_face_nodes[3][1] == 1 && tet_face_nodes[3][2] == 0);
+  const __m256d p[3] = {_mm256_set1_pd(P[0]), _mm256_set1_pd(P[1]), _mm256_set1_pd(P[2])};
+  const __m256d turn = _mm256_set_pd(0.0, -0.0, 0.0, 0.0);
+  while (t != NONE && steps) {
+    --steps;
+    const unsigned start = bits.next();
+    const unsigned* n = tets.col(t);
+    const double* q[4] = {xyz.col(n[0]), xyz.col(n[1]), xyz.col(n[2]), xyz.col(n[3])};
+    edge_frame e;
+    if (!frame_of(q, e)) {
+      t = NONE;
+      return -1;
+    }
+    const int mask = beyond_faces_avx2(q, p, _mm256_set1_pd(e.V * tol), turn);
+    if (mask == 0) {
+      if (w) tet_barycentric_prepared(e.a, e.b, e.c, e.bc, e.V, q[3], P, w);
+      return 1;
+    }
+    t = leave_by(neighbors.col(t), mask, start);
+  }
+  if (t == NONE) return 0;
+  t = NONE;
+  return -2;
+}
+#endif
+
+int walk_tables(const dense2D<double>& xyz_table, const slot_table<unsigned>& tets_table,
+                const slot_table<unsigned>& neighbors_table, const double* P, unsigned& t,
+                double tol, bit_source& bits, double* w = nullptr) noexcept {
+  const flat_table<double> xyz(xyz_table);
+  const flat_table<unsigned> tets(tets_table.data), neighbors(neighbors_table.data);
+#if VOXFILL_WALK_AVX2
+  if (has_avx2) return walk_avx2(xyz, tets, neighbors, tets_table.cols(), P, t, tol, bits, w);
+#endif
+  return walk_scalar(xyz, tets, neighbors, tets_table.cols(), P, t, tol, bits, w);
 }
 
 }  // namespace
