@@ -42,6 +42,117 @@ double tet_quality_retry(const double* p0, const double* p1, const double* p2, c
 }  // namespace geometry_detail
 
 // ---------------------------------------------------------------------------------------------
+// Quality of four tets at a time
+
+namespace {
+
+#if VOXFILL_SOLVE_AVX2
+const bool has_avx2 = [] {
+  __builtin_cpu_init();
+  return __builtin_cpu_supports("avx2") != 0;
+}();
+
+// p less each of the four points (x, y, z by lanes), by coordinates.
+VOXFILL_AVX2 inline void seen_from(const double* p, __m256d x, __m256d y, __m256d z,
+                                   __m256d* v) noexcept {
+  v[0] = _mm256_sub_pd(_mm256_set1_pd(p[0]), x);
+  v[1] = _mm256_sub_pd(_mm256_set1_pd(p[1]), y);
+  v[2] = _mm256_sub_pd(_mm256_set1_pd(p[2]), z);
+}
+
+// dot3 by lanes.
+VOXFILL_AVX2 inline __m256d dot4(const __m256d* u, const __m256d* v) noexcept {
+  return _mm256_add_pd(_mm256_add_pd(_mm256_mul_pd(u[0], v[0]), _mm256_mul_pd(u[1], v[1])),
+                       _mm256_mul_pd(u[2], v[2]));
+}
+
+// raw_shape_quality in four lanes, the scalar operations one for one and in the same order
+// (nothing fused); a lane that tet_quality would not take as it stands (doubtful, or too small to
+// trust) is left to the scalar routine.
+VOXFILL_AVX2 void tet_quality_apexes_avx2(const double* p0, const double* p1, const double* p2,
+                                          const double* apexes, double* q) noexcept {
+  const __m256d X = _mm256_loadu_pd(apexes), Y = _mm256_loadu_pd(apexes + 4),
+                Z = _mm256_loadu_pd(apexes + 8);
+  __m256d a[3], b[3], c[3];
+  seen_from(p0, X, Y, Z, a);
+  seen_from(p1, X, Y, Z, b);
+  seen_from(p2, X, Y, Z, c);
+  const __m256d L0 = dot4(a, a), L1 = dot4(b, b), L2 = dot4(c, c);
+  const __m256d dab = dot4(a, b), dac = dot4(a, c), dbc = dot4(b, c);
+  const __m256d two = _mm256_set1_pd(2.0), zero = _mm256_setzero_pd();
+  const __m256d Eab = _mm256_sub_pd(_mm256_add_pd(L0, L1), _mm256_mul_pd(two, dab));
+  const __m256d Eac = _mm256_sub_pd(_mm256_add_pd(L0, L2), _mm256_mul_pd(two, dac));
+  const __m256d Ebc = _mm256_sub_pd(_mm256_add_pd(L1, L2), _mm256_mul_pd(two, dbc));
+  const __m256d Gbc = _mm256_sub_pd(_mm256_mul_pd(L1, L2), _mm256_mul_pd(dbc, dbc));
+  const __m256d Gac = _mm256_sub_pd(_mm256_mul_pd(L0, L2), _mm256_mul_pd(dac, dac));
+  const __m256d Gab = _mm256_sub_pd(_mm256_mul_pd(L0, L1), _mm256_mul_pd(dab, dab));
+  const __m256d dfar = _mm256_add_pd(_mm256_sub_pd(L0, dab), _mm256_sub_pd(dbc, dac));
+  const __m256d Gfar = _mm256_sub_pd(_mm256_mul_pd(Eab, Eac), _mm256_mul_pd(dfar, dfar));
+  const __m256d tol = _mm256_set1_pd(SQUARE_TOL);
+  // Lanes that are not doubtful.
+  __m256d sure =
+      _mm256_and_pd(_mm256_cmp_pd(Eab, zero, _CMP_GT_OQ), _mm256_cmp_pd(Eac, zero, _CMP_GT_OQ));
+  sure = _mm256_and_pd(sure, _mm256_cmp_pd(Ebc, zero, _CMP_GT_OQ));
+  sure = _mm256_and_pd(sure,
+                       _mm256_cmp_pd(Gbc, _mm256_mul_pd(_mm256_mul_pd(tol, L1), L2), _CMP_NLT_UQ));
+  sure = _mm256_and_pd(sure,
+                       _mm256_cmp_pd(Gac, _mm256_mul_pd(_mm256_mul_pd(tol, L0), L2), _CMP_NLT_UQ));
+  sure = _mm256_and_pd(sure,
+                       _mm256_cmp_pd(Gab, _mm256_mul_pd(_mm256_mul_pd(tol, L0), L1), _CMP_NLT_UQ));
+  sure = _mm256_and_pd(
+      sure, _mm256_cmp_pd(Gfar, _mm256_mul_pd(_mm256_mul_pd(tol, Eab), Eac), _CMP_NLT_UQ));
+  // H = L0, then each of the others when greater: max_pd(x, H) is x > H ? x : H.
+  __m256d H = L0;
+  H = _mm256_max_pd(L1, H);
+  H = _mm256_max_pd(L2, H);
+  H = _mm256_max_pd(Eab, H);
+  H = _mm256_max_pd(Eac, H);
+  H = _mm256_max_pd(Ebc, H);
+  const __m256d D = _mm256_mul_pd(
+      _mm256_sqrt_pd(H),
+      _mm256_add_pd(_mm256_add_pd(_mm256_add_pd(_mm256_sqrt_pd(Gbc), _mm256_sqrt_pd(Gac)),
+                                  _mm256_sqrt_pd(Gab)),
+                    _mm256_sqrt_pd(Gfar)));
+  __m256d bc[3];
+  bc[0] = _mm256_sub_pd(_mm256_mul_pd(b[1], c[2]), _mm256_mul_pd(b[2], c[1]));
+  bc[1] = _mm256_sub_pd(_mm256_mul_pd(b[2], c[0]), _mm256_mul_pd(b[0], c[2]));
+  bc[2] = _mm256_sub_pd(_mm256_mul_pd(b[0], c[1]), _mm256_mul_pd(b[1], c[0]));
+  __m256d r = _mm256_div_pd(_mm256_mul_pd(_mm256_set1_pd(4.898979485566356), dot4(a, bc)), D);
+  // q > 1 ? 1 : (q < -1 ? -1 : q)
+  const __m256d one = _mm256_set1_pd(1.0), minus_one = _mm256_set1_pd(-1.0);
+  r = _mm256_blendv_pd(_mm256_blendv_pd(r, minus_one, _mm256_cmp_pd(r, minus_one, _CMP_LT_OQ)), one,
+                       _mm256_cmp_pd(r, one, _CMP_GT_OQ));
+  // A lane is taken as it stands when sure, D > 0 and |q| >= DOUBT_TOL.
+  const __m256d magnitude = _mm256_andnot_pd(_mm256_set1_pd(-0.0), r);
+  sure = _mm256_and_pd(sure, _mm256_cmp_pd(D, zero, _CMP_GT_OQ));
+  sure = _mm256_and_pd(sure, _mm256_cmp_pd(magnitude, _mm256_set1_pd(DOUBT_TOL), _CMP_GE_OQ));
+  _mm256_storeu_pd(q, r);
+  const int taken = _mm256_movemask_pd(sure);
+  for (unsigned k = 0; k < 4; ++k)
+    if (!(taken >> k & 1)) {
+      const double p[3] = {apexes[k], apexes[4 + k], apexes[8 + k]};
+      q[k] = tet_quality(p0, p1, p2, p);
+    }
+}
+#endif
+
+}  // namespace
+
+void tet_quality_apexes(const double* p0, const double* p1, const double* p2, const double* apexes,
+                        double* q) noexcept {
+#if VOXFILL_SOLVE_AVX2
+  if (has_avx2) {
+    tet_quality_apexes_avx2(p0, p1, p2, apexes, q);
+    return;
+  }
+#endif
+  for (unsigned k = 0; k < 4; ++k) {
+    const double p[3] = {apexes[k], apexes[4 + k], apexes[8 + k]};
+    q[k] = tet_quality(p0, p1, p2, p);
+  }
+}
+
+// ---------------------------------------------------------------------------------------------
 // Areas
 
 // The cross product is taken with the shortest side when it is p0 p1, as in face_normal.
@@ -83,10 +194,6 @@ double face_double_area(const double* xyz, unsigned n0, unsigned n1, unsigned n2
 namespace {
 
 #if VOXFILL_SOLVE_AVX2
-const bool has_avx2 = [] {
-  __builtin_cpu_init();
-  return __builtin_cpu_supports("avx2") != 0;
-}();
 
 // x, y and z of p in lanes 0 to 2 (lane 3 is 0.0): reads no further than p[2].
 VOXFILL_AVX2 inline __m256d load3(const double* p) noexcept {

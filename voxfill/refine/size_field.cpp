@@ -489,14 +489,24 @@ double best_apex(const dense2D<double>& nodes, const unsigned* tri, double tol,
     return tet_quality(c, b, a, p);
   };
 
-  double zbest = z0, qbest = quality(z0);
-  double zs[11] = {z0}, qs[11] = {qbest};
-  for (unsigned k = 1; k <= 10; ++k) {
-    const double z = z0 + step * k;
-    const double q = quality(z);
-    zs[k] = z, qs[k] = q;
-    if (q > qbest) zbest = z, qbest = q;
-  }
+  // Four heights at a time: the qualities are those of one call each, bit for bit.
+  auto qualities = [&](const double* z, unsigned count, double* q) {
+    double apexes[12];
+    for (unsigned k = 0; k < 3; ++k)
+      for (unsigned i = 0; i < 4; ++i)
+        apexes[4 * k + i] = centre[k] + normal[k] * z[i < count ? i : 0];
+    double out[4];
+    tet_quality_apexes(c, b, a, apexes, out);
+    for (unsigned i = 0; i < count; ++i) q[i] = out[i];
+  };
+
+  double zs[12], qs[12];
+  zs[0] = z0;
+  for (unsigned k = 1; k <= 10; ++k) zs[k] = z0 + step * k;
+  for (unsigned k = 0; k <= 10; k += 4) qualities(zs + k, k + 4 <= 11 ? 4 : 11 - k, qs + k);
+  double zbest = z0, qbest = qs[0];
+  for (unsigned k = 1; k <= 10; ++k)
+    if (qs[k] > qbest) zbest = zs[k], qbest = qs[k];
   // The ends of the bracket are most often points of the scan, bit for bit: their values are
   // at hand.
   auto scanned_or_new = [&](double z) {
@@ -510,7 +520,10 @@ double best_apex(const dense2D<double>& nodes, const unsigned* tri, double tol,
   // Halving around the best point; the cap only guards a tolerance below the rounding of z.
   for (unsigned round = 0; round < 200 && (zbest - lo > ztol || hi - zbest > ztol); ++round) {
     const double m1 = 0.5 * (lo + zbest), m2 = 0.5 * (zbest + hi);
-    const double q1 = quality(m1), q2 = quality(m2);
+    const double mz[2] = {m1, m2};
+    double mq[2];
+    qualities(mz, 2, mq);
+    const double q1 = mq[0], q2 = mq[1];
     const double z[5] = {lo, m1, zbest, m2, hi}, q[5] = {qlo, q1, qbest, q2, qhi};
     unsigned best = 2;
     for (unsigned k : {0u, 1u, 3u, 4u})
