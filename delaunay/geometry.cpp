@@ -52,6 +52,13 @@ const bool has_avx2 = [] {
   return __builtin_cpu_supports("avx2") != 0;
 }();
 
+// u . v by lanes, each vector given by its x, y and z.
+VOXFILL_AVX2 inline __m256d dot_lanes(__m256d ux, __m256d uy, __m256d uz, __m256d vx, __m256d vy,
+                                      __m256d vz) noexcept {
+  return _mm256_add_pd(_mm256_add_pd(_mm256_mul_pd(ux, vx), _mm256_mul_pd(uy, vy)),
+                       _mm256_mul_pd(uz, vz));
+}
+
 // p less each of the four points (x, y, z by lanes), by coordinates.
 VOXFILL_AVX2 inline void seen_from(const double* p, __m256d x, __m256d y, __m256d z,
                                    __m256d* v) noexcept {
@@ -134,9 +141,88 @@ VOXFILL_AVX2 void tet_quality_apexes_avx2(const double* p0, const double* p1, co
       q[k] = tet_quality(p0, p1, p2, p);
     }
 }
+
+// tet_quality of one tet with its dot products, Gram determinants and square roots in lanes: the
+// scalar operations one for one and in the same order (nothing fused). A doubtful tet or one too
+// flat to trust goes to the scalar routine.
+VOXFILL_AVX2 double tet_quality_avx2(const double* p0, const double* p1, const double* p2,
+                                     const double* p3) noexcept {
+  using namespace geometry_detail;
+  // Lanes of x, y, z: the edge vectors a, b, c, a from p3.
+  const __m128d u0 = _mm_loadu_pd(p0), u1 = _mm_loadu_pd(p1), u2 = _mm_loadu_pd(p2);
+  const __m128d u01 = _mm_unpacklo_pd(u0, u1), u20 = _mm_unpacklo_pd(u2, u0);
+  const __m128d w01 = _mm_unpackhi_pd(u0, u1), w20 = _mm_unpackhi_pd(u2, u0);
+  const __m256d x = _mm256_sub_pd(_mm256_insertf128_pd(_mm256_castpd128_pd256(u01), u20, 1),
+                                  _mm256_set1_pd(p3[0]));
+  const __m256d y = _mm256_sub_pd(_mm256_insertf128_pd(_mm256_castpd128_pd256(w01), w20, 1),
+                                  _mm256_set1_pd(p3[1]));
+  const __m256d z = _mm256_sub_pd(
+      _mm256_insertf128_pd(_mm256_castpd128_pd256(_mm_loadh_pd(_mm_load_sd(p0 + 2), p1 + 2)),
+                           _mm_loadh_pd(_mm_load_sd(p2 + 2), p0 + 2), 1),
+      _mm256_set1_pd(p3[2]));
+  constexpr int ABCB = 0 | 1 << 2 | 2 << 4 | 1 << 6;
+  constexpr int ABAB = 0 | 1 << 2 | 0 << 4 | 1 << 6;
+  constexpr int CCCC = 2 * 0x55;
+  // S1 = (L0, L1, L2, dab), S2 = (dac, dbc, dac, dbc).
+  const __m256d S1 = dot_lanes(x, y, z, _mm256_permute4x64_pd(x, ABCB),
+                               _mm256_permute4x64_pd(y, ABCB), _mm256_permute4x64_pd(z, ABCB));
+  const __m256d S2 = dot_lanes(_mm256_permute4x64_pd(x, ABAB), _mm256_permute4x64_pd(y, ABAB),
+                               _mm256_permute4x64_pd(z, ABAB), _mm256_permute4x64_pd(x, CCCC),
+                               _mm256_permute4x64_pd(y, CCCC), _mm256_permute4x64_pd(z, CCCC));
+  // (dab, dac, dbc, dbc)
+  const __m256d dots = _mm256_blend_pd(_mm256_permute4x64_pd(S2, 0 | 0 << 2 | 1 << 4 | 1 << 6),
+                                       _mm256_permute4x64_pd(S1, 3 * 0x55), 1);
+  // E = (Eab, Eac, Ebc, _) = (L0 + L1, L0 + L2, L1 + L2) - 2 (dab, dac, dbc)
+  const __m256d E = _mm256_sub_pd(_mm256_add_pd(_mm256_permute4x64_pd(S1, 0 | 0 << 2 | 1 << 4),
+                                                _mm256_permute4x64_pd(S1, 1 | 2 << 2 | 2 << 4)),
+                                  _mm256_mul_pd(_mm256_set1_pd(2.0), dots));
+  alignas(32) double s1[4], s2[4], e[4];
+  _mm256_store_pd(s1, S1);
+  _mm256_store_pd(s2, S2);
+  _mm256_store_pd(e, E);
+  const double L0 = s1[0], L1 = s1[1], L2 = s1[2], dab = s1[3], dac = s2[0], dbc = s2[1];
+  const double Eab = e[0], Eac = e[1], Ebc = e[2];
+  const double dfar = (L0 - dab) + (dbc - dac);
+  // G = (Gbc, Gac, Gab, Gfar) = f s - d d with f = (L1, L0, L0, Eab), s = (L2, L2, L1, Eac) and
+  // d = (dbc, dac, dab, dfar).
+  const __m256d f = _mm256_set_pd(Eab, L0, L0, L1), g = _mm256_set_pd(Eac, L1, L2, L2);
+  const __m256d d = _mm256_set_pd(dfar, dab, dac, dbc);
+  const __m256d G = _mm256_sub_pd(_mm256_mul_pd(f, g), _mm256_mul_pd(d, d));
+  const __m256d tol = _mm256_mul_pd(_mm256_mul_pd(_mm256_set1_pd(SQUARE_TOL), f), g);
+  const bool sure = Eab > 0.0 && Eac > 0.0 && Ebc > 0.0 &&
+                    _mm256_movemask_pd(_mm256_cmp_pd(G, tol, _CMP_NLT_UQ)) == 15;
+  if (!sure) return tet_quality(p0, p1, p2, p3);
+  double H = L0;
+  if (L1 > H) H = L1;
+  if (L2 > H) H = L2;
+  if (Eab > H) H = Eab;
+  if (Eac > H) H = Eac;
+  if (Ebc > H) H = Ebc;
+  alignas(32) double r[4];
+  _mm256_store_pd(r, _mm256_sqrt_pd(G));
+  const double D = std::sqrt(H) * (r[0] + r[1] + r[2] + r[3]);
+  if (!(D > 0.0)) return tet_quality(p0, p1, p2, p3);
+  double a[3], b[3], c[3], bc[3];
+  sub3(p0, p3, a);
+  sub3(p1, p3, b);
+  sub3(p2, p3, c);
+  cross3(b, c, bc);
+  double q = 4.898979485566356 * dot3(a, bc) / D;
+  q = q > 1.0 ? 1.0 : (q < -1.0 ? -1.0 : q);
+  if (std::fabs(q) >= DOUBT_TOL) return q;
+  return tet_quality(p0, p1, p2, p3);
+}
 #endif
 
 }  // namespace
+
+double tet_quality_lanes(const double* p0, const double* p1, const double* p2,
+                         const double* p3) noexcept {
+#if VOXFILL_SOLVE_AVX2
+  if (has_avx2) return tet_quality_avx2(p0, p1, p2, p3);
+#endif
+  return tet_quality(p0, p1, p2, p3);
+}
 
 void tet_quality_apexes(const double* p0, const double* p1, const double* p2, const double* apexes,
                         double* q) noexcept {

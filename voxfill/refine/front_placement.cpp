@@ -91,7 +91,6 @@ bool adjust_apex(size_field& field, const refine_context& c, apex_frame& frame, 
   // A walk from beside the face is short; without a start the locator's tree is searched.
   if (frame_tets[3] == NONE) frame_tets[3] = frame_tets[2];
   if (!field_size_at(field, P, frame_tets[3], frame_sizes[3])) return false;
-  const double* xyz = frame.col(0);
   const unsigned* o = c.tet_order;
   double best_merit = 0.0, best_worst = 0.0;
   // Only the apex moves: the face and its sizes stay as they are.
@@ -120,7 +119,8 @@ bool adjust_apex(size_field& field, const refine_context& c, apex_frame& frame, 
       for (unsigned d = 0; d < 3; ++d) step[d] += ci * (P[d] - p[d]);
     }
     // The frame's tet turns the other way from the bad tet's: the apex stands on its side.
-    const double q = -tet_quality(xyz, o[0], o[1], o[2], o[3]);
+    const double q =
+        -tet_quality_lanes(frame.col(o[0]), frame.col(o[1]), frame.col(o[2]), frame.col(o[3]));
     if (q < FLAT) break;
     const double m = blend(worst, q, shape_weight);
     // While the size fit is poor and getting better, better size beats merit: a new start.
