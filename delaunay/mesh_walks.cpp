@@ -309,9 +309,15 @@ inline unsigned leave_by(const unsigned* nbs, int mask, unsigned start) noexcept
 
 // The walk over a mesh's tables, whichever record holds them. With `w`, the weights of P in the
 // tet found, from the vectors the last test already computed.
-int walk_scalar(const flat_table<double>& xyz, const flat_table<unsigned>& tets,
-                const flat_table<unsigned>& neighbors, unsigned steps, const double* P, unsigned& t,
-                double tol, bit_source& bits, double* w) noexcept {
+// Out of line: the caller stays a light dispatcher.
+[[gnu::noinline]] int walk_scalar(const flat_table<double>& xyz_in,
+                                  const flat_table<unsigned>& tets_in,
+                                  const flat_table<unsigned>& neighbors_in, unsigned steps,
+                                  const double* P, unsigned& t, double tol, bit_source& bits,
+                                  double* w) noexcept {
+  // Local copies, which the writes to `bits` can't alias: the loop keeps them in registers.
+  const flat_table<double> xyz = xyz_in;
+  const flat_table<unsigned> tets = tets_in, neighbors = neighbors_in;
   while (t != NONE && steps) {
     --steps;
     const unsigned start = bits.next();
@@ -376,9 +382,12 @@ VOXFILL_AVX2 inline int beyond_faces_avx2(const double* const* q, const __m256d*
   return _mm256_movemask_pd(_mm256_cmp_pd(D, limit, _CMP_GT_OQ));
 }
 
-VOXFILL_AVX2 int walk_avx2(const flat_table<double>& xyz, const flat_table<unsigned>& tets,
-                           const flat_table<unsigned>& neighbors, unsigned steps, const double* P,
-                           unsigned& t, double tol, bit_source& bits, double* w) noexcept {
+VOXFILL_AVX2 int walk_avx2(const flat_table<double>& xyz_in, const flat_table<unsigned>& tets_in,
+                           const flat_table<unsigned>& neighbors_in, unsigned steps,
+                           const double* P, unsigned& t, double tol, bit_source& bits,
+                           double* w) noexcept {
+  const flat_table<double> xyz = xyz_in;
+  const flat_table<unsigned> tets = tets_in, neighbors = neighbors_in;
   static_assert(
       tet_face_nodes[0][0] == 1 && tet_face_nodes[0][1] == 2 && tet_face_nodes[0][2] == 3 &&
       tet_face_nodes[1][0] == 2 && tet_face_nodes[1][1] == 0 && tet_face_nodes[1][2] == 3 &&
