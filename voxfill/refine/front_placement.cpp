@@ -11,6 +11,16 @@
 #include "voxfill/optim/move_merit.h"
 #include "voxfill/refine/metric_trace.h"
 
+// The pulls of the three edges on the apex in AVX2 lanes where the processor has them, chosen when
+// the program runs.
+#if defined(__x86_64__) && (defined(__GNUC__) || defined(__clang__))
+#define VOXFILL_PLACE_AVX2 1
+#include <immintrin.h>
+#define VOXFILL_AVX2 __attribute__((target("avx2")))
+#else
+#define VOXFILL_PLACE_AVX2 0
+#endif
+
 namespace kelvo::voxfill {
 
 namespace {
@@ -58,6 +68,90 @@ bool apex_edge_length(size_field& f, const apex_frame& frame, const double* fram
   return ok;
 }
 
+// From the lengths L of the edges from the face nodes to the apex: the worst size fit (the
+// smaller of L and 1 / L), the largest |1 / L - 1|, and the apex's move.
+void edge_pulls_scalar(const apex_frame& frame, const double* L, double& worst, double& deviation,
+                       double* step) noexcept {
+  const double* P = frame.col(3);
+  worst = DBL_MAX;
+  deviation = 0.0;
+  step[0] = step[1] = step[2] = 0.0;
+  for (unsigned i = 0; i < 3; ++i) {
+    const double inv = 1.0 / L[i];
+    const double r = L[i] <= 1.0 ? L[i] : inv;
+    if (r < worst) worst = r;
+    const double dev = std::fabs(inv - 1.0);
+    if (dev > deviation) deviation = dev;
+    // A long edge pulls the apex towards its node by at most a quarter of the edge; a short one
+    // pushes it away by at most a half.
+    double ci = std::sqrt(inv) - 1.0;
+    ci = ci < -0.5 ? -0.5 : (ci > 1.0 ? 1.0 : ci);
+    ci *= 0.5;
+    const double* p = frame.col(i);
+    for (unsigned d = 0; d < 3; ++d) step[d] += ci * (P[d] - p[d]);
+  }
+}
+
+#if VOXFILL_PLACE_AVX2
+const bool has_avx2 = [] {
+  __builtin_cpu_init();
+  return __builtin_cpu_supports("avx2") != 0;
+}();
+
+VOXFILL_AVX2 inline __m256d load3(const double* p) noexcept {
+  return _mm256_insertf128_pd(_mm256_castpd128_pd256(_mm_loadu_pd(p)), _mm_load_sd(p + 2), 1);
+}
+
+// edge_pulls_scalar with edge i in lane i, then with coordinate d in lane d for the move: the
+// scalar operations one for one and in the same order (nothing fused).
+VOXFILL_AVX2 void edge_pulls_avx2(const apex_frame& frame, const double* L, double& worst,
+                                  double& deviation, double* step) noexcept {
+  const __m256d one = _mm256_set1_pd(1.0);
+  const __m256d l = _mm256_set_pd(1.0, L[2], L[1], L[0]);
+  const __m256d inv = _mm256_div_pd(one, l);
+  const __m256d r = _mm256_blendv_pd(inv, l, _mm256_cmp_pd(l, one, _CMP_LE_OQ));
+  const __m256d dev = _mm256_andnot_pd(_mm256_set1_pd(-0.0), _mm256_sub_pd(inv, one));
+  __m256d ci = _mm256_sub_pd(_mm256_sqrt_pd(inv), one);
+  const __m256d low = _mm256_set1_pd(-0.5);
+  ci = _mm256_blendv_pd(_mm256_blendv_pd(ci, one, _mm256_cmp_pd(ci, one, _CMP_GT_OQ)), low,
+                        _mm256_cmp_pd(ci, low, _CMP_LT_OQ));
+  ci = _mm256_mul_pd(ci, _mm256_set1_pd(0.5));
+  alignas(32) double rs[4], devs[4];
+  _mm256_store_pd(rs, r);
+  _mm256_store_pd(devs, dev);
+  worst = DBL_MAX;
+  deviation = 0.0;
+  for (unsigned i = 0; i < 3; ++i) {
+    if (rs[i] < worst) worst = rs[i];
+    if (devs[i] > deviation) deviation = devs[i];
+  }
+  const __m256d P = load3(frame.col(3));
+  __m256d s = _mm256_setzero_pd();
+  s = _mm256_add_pd(
+      s, _mm256_mul_pd(_mm256_permute4x64_pd(ci, 0x00), _mm256_sub_pd(P, load3(frame.col(0)))));
+  s = _mm256_add_pd(
+      s, _mm256_mul_pd(_mm256_permute4x64_pd(ci, 0x55), _mm256_sub_pd(P, load3(frame.col(1)))));
+  s = _mm256_add_pd(
+      s, _mm256_mul_pd(_mm256_permute4x64_pd(ci, 0xAA), _mm256_sub_pd(P, load3(frame.col(2)))));
+  alignas(32) double out[4];
+  _mm256_store_pd(out, s);
+  step[0] = out[0];
+  step[1] = out[1];
+  step[2] = out[2];
+}
+#endif
+
+void edge_pulls(const apex_frame& frame, const double* L, double& worst, double& deviation,
+                double* step) noexcept {
+#if VOXFILL_PLACE_AVX2
+  if (has_avx2) {
+    edge_pulls_avx2(frame, L, worst, deviation, step);
+    return;
+  }
+#endif
+  edge_pulls_scalar(frame, L, worst, deviation, step);
+}
+
 }  // namespace
 
 double first_apex(const apex_frame& frame, const double* frame_sizes, const unsigned* face_order,
@@ -103,21 +197,8 @@ bool adjust_apex(size_field& field, const refine_context& c, apex_frame& frame, 
     for (unsigned i = 0; i < 3 && traced; ++i)
       traced = apex_edge_length(field, frame, frame_sizes, frame_tets, i, L[i]);
     if (!traced) break;
-    double worst = DBL_MAX, deviation = 0.0, step[3] = {0.0, 0.0, 0.0};
-    for (unsigned i = 0; i < 3; ++i) {
-      const double inv = 1.0 / L[i];
-      const double r = L[i] <= 1.0 ? L[i] : inv;
-      if (r < worst) worst = r;
-      const double dev = std::fabs(inv - 1.0);
-      if (dev > deviation) deviation = dev;
-      // A long edge pulls the apex towards its node by at most a quarter of the edge; a short one
-      // pushes it away by at most a half.
-      double ci = std::sqrt(inv) - 1.0;
-      ci = ci < -0.5 ? -0.5 : (ci > 1.0 ? 1.0 : ci);
-      ci *= 0.5;
-      const double* p = frame.col(i);
-      for (unsigned d = 0; d < 3; ++d) step[d] += ci * (P[d] - p[d]);
-    }
+    double worst, deviation, step[3];
+    edge_pulls(frame, L, worst, deviation, step);
     // The frame's tet turns the other way from the bad tet's: the apex stands on its side.
     const double q =
         -tet_quality_lanes(frame.col(o[0]), frame.col(o[1]), frame.col(o[2]), frame.col(o[3]));
