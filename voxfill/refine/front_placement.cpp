@@ -104,10 +104,9 @@ VOXFILL_AVX2 inline __m256d load3(const double* p) noexcept {
 
 // edge_pulls_scalar with edge i in lane i, then with coordinate d in lane d for the move: the
 // scalar operations one for one and in the same order (nothing fused).
-VOXFILL_AVX2 void edge_pulls_avx2(const apex_frame& frame, const double* L, double& worst,
-                                  double& deviation, double* step) noexcept {
+VOXFILL_AVX2 inline void pulls_of_lengths(const apex_frame& frame, __m256d l, double& worst,
+                                          double& deviation, double* step) noexcept {
   const __m256d one = _mm256_set1_pd(1.0);
-  const __m256d l = _mm256_set_pd(1.0, L[2], L[1], L[0]);
   const __m256d inv = _mm256_div_pd(one, l);
   const __m256d r = _mm256_blendv_pd(inv, l, _mm256_cmp_pd(l, one, _CMP_LE_OQ));
   const __m256d dev = _mm256_andnot_pd(_mm256_set1_pd(-0.0), _mm256_sub_pd(inv, one));
@@ -139,7 +138,43 @@ VOXFILL_AVX2 void edge_pulls_avx2(const apex_frame& frame, const double* L, doub
   step[1] = out[1];
   step[2] = out[2];
 }
+
+VOXFILL_AVX2 void edge_pulls_avx2(const apex_frame& frame, const double* L, double& worst,
+                                  double& deviation, double* step) noexcept {
+  pulls_of_lengths(frame, _mm256_set_pd(1.0, L[2], L[1], L[0]), worst, deviation, step);
+}
+
+// The lengths of the direct case in lanes too: the distance from node i to the apex over h[i]
+// (0.0 for h[i] not above 0.0), computed as distance() and the scalar division.
+VOXFILL_AVX2 void direct_pulls_avx2(const apex_frame& frame, const double* h, double& worst,
+                                    double& deviation, double* step) noexcept {
+  const double *p0 = frame.col(0), *p1 = frame.col(1), *p2 = frame.col(2), *P = frame.col(3);
+  __m256d s = _mm256_setzero_pd();
+  for (unsigned k = 0; k < 3; ++k) {
+    const __m256d d = _mm256_sub_pd(_mm256_set_pd(P[k], p2[k], p1[k], p0[k]), _mm256_set1_pd(P[k]));
+    s = _mm256_add_pd(s, _mm256_mul_pd(d, d));
+  }
+  const __m256d hv = _mm256_set_pd(1.0, h[2], h[1], h[0]), zero = _mm256_setzero_pd();
+  const __m256d l = _mm256_blendv_pd(zero, _mm256_div_pd(_mm256_sqrt_pd(s), hv),
+                                     _mm256_cmp_pd(hv, zero, _CMP_GT_OQ));
+  // Lane 3 only pads: its length is taken as 1.
+  pulls_of_lengths(frame, _mm256_blend_pd(l, _mm256_set1_pd(1.0), 8), worst, deviation, step);
+}
 #endif
+
+void direct_pulls(const apex_frame& frame, const double* h, double& worst, double& deviation,
+                  double* step) noexcept {
+#if VOXFILL_PLACE_AVX2
+  if (has_avx2) {
+    direct_pulls_avx2(frame, h, worst, deviation, step);
+    return;
+  }
+#endif
+  double L[3];
+  for (unsigned i = 0; i < 3; ++i)
+    L[i] = h[i] > 0.0 ? distance(frame.col(i), frame.col(3)) / h[i] : 0.0;
+  edge_pulls_scalar(frame, L, worst, deviation, step);
+}
 
 void edge_pulls(const apex_frame& frame, const double* L, double& worst, double& deviation,
                 double* step) noexcept {
@@ -193,12 +228,19 @@ bool adjust_apex(size_field& field, const refine_context& c, apex_frame& frame, 
   bool go = true;
   for (unsigned k = 0; k < ITERATIONS && go; ++k) {
     double L[3];
-    bool traced = true;
-    for (unsigned i = 0; i < 3 && traced; ++i)
-      traced = apex_edge_length(field, frame, frame_sizes, frame_tets, i, L[i]);
-    if (!traced) break;
     double worst, deviation, step[3];
-    edge_pulls(frame, L, worst, deviation, step);
+    if (field.direct_lengths) {
+      // Over the mesh itself a length is the distance over the log mean of the end sizes.
+      double h[3];
+      for (unsigned i = 0; i < 3; ++i) h[i] = log_mean(frame_sizes[i], frame_sizes[3]);
+      direct_pulls(frame, h, worst, deviation, step);
+    } else {
+      bool traced = true;
+      for (unsigned i = 0; i < 3 && traced; ++i)
+        traced = apex_edge_length(field, frame, frame_sizes, frame_tets, i, L[i]);
+      if (!traced) break;
+      edge_pulls(frame, L, worst, deviation, step);
+    }
     // The frame's tet turns the other way from the bad tet's: the apex stands on its side.
     const double q =
         -tet_quality_lanes(frame.col(o[0]), frame.col(o[1]), frame.col(o[2]), frame.col(o[3]));
