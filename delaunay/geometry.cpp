@@ -76,10 +76,17 @@ VOXFILL_AVX2 inline __m256d dot4(const __m256d* u, const __m256d* v) noexcept {
 // raw_shape_quality in four lanes, the scalar operations one for one and in the same order
 // (nothing fused); a lane that tet_quality would not take as it stands (doubtful, or too small to
 // trust) is left to the scalar routine.
-VOXFILL_AVX2 void tet_quality_apexes_avx2(const double* p0, const double* p1, const double* p2,
-                                          const double* apexes, double* q) noexcept {
-  const __m256d X = _mm256_loadu_pd(apexes), Y = _mm256_loadu_pd(apexes + 4),
-                Z = _mm256_loadu_pd(apexes + 8);
+VOXFILL_AVX2 void tet_quality_heights_avx2(const double* p0, const double* p1, const double* p2,
+                                           const double* centre, const double* normal,
+                                           const double* z, double* q) noexcept {
+  // The apexes centre + z normal, x, y and z by lanes.
+  const __m256d h = _mm256_loadu_pd(z);
+  const __m256d X =
+      _mm256_add_pd(_mm256_set1_pd(centre[0]), _mm256_mul_pd(_mm256_set1_pd(normal[0]), h));
+  const __m256d Y =
+      _mm256_add_pd(_mm256_set1_pd(centre[1]), _mm256_mul_pd(_mm256_set1_pd(normal[1]), h));
+  const __m256d Z =
+      _mm256_add_pd(_mm256_set1_pd(centre[2]), _mm256_mul_pd(_mm256_set1_pd(normal[2]), h));
   __m256d a[3], b[3], c[3];
   seen_from(p0, X, Y, Z, a);
   seen_from(p1, X, Y, Z, b);
@@ -137,7 +144,8 @@ VOXFILL_AVX2 void tet_quality_apexes_avx2(const double* p0, const double* p1, co
   const int taken = _mm256_movemask_pd(sure);
   for (unsigned k = 0; k < 4; ++k)
     if (!(taken >> k & 1)) {
-      const double p[3] = {apexes[k], apexes[4 + k], apexes[8 + k]};
+      double p[3];
+      for (unsigned c = 0; c < 3; ++c) p[c] = centre[c] + normal[c] * z[k];
       q[k] = tet_quality(p0, p1, p2, p);
     }
 }
@@ -224,16 +232,17 @@ double tet_quality_lanes(const double* p0, const double* p1, const double* p2,
   return tet_quality(p0, p1, p2, p3);
 }
 
-void tet_quality_apexes(const double* p0, const double* p1, const double* p2, const double* apexes,
-                        double* q) noexcept {
+void tet_quality_heights(const double* p0, const double* p1, const double* p2, const double* centre,
+                         const double* normal, const double* z, double* q) noexcept {
 #if VOXFILL_SOLVE_AVX2
   if (has_avx2) {
-    tet_quality_apexes_avx2(p0, p1, p2, apexes, q);
+    tet_quality_heights_avx2(p0, p1, p2, centre, normal, z, q);
     return;
   }
 #endif
   for (unsigned k = 0; k < 4; ++k) {
-    const double p[3] = {apexes[k], apexes[4 + k], apexes[8 + k]};
+    double p[3];
+    for (unsigned c = 0; c < 3; ++c) p[c] = centre[c] + normal[c] * z[k];
     q[k] = tet_quality(p0, p1, p2, p);
   }
 }

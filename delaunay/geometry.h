@@ -154,10 +154,10 @@ inline double tet_quality(const double* xyz, unsigned n0, unsigned n1, unsigned 
 double tet_quality_lanes(const double* p0, const double* p1, const double* p2,
                          const double* p3) noexcept;
 
-// tet_quality of the four tets (p0, p1, p2, apex k), k = 0 to 3, into q[k]; apexes holds the x of
-// the four apexes, then their y, then their z. The same values, bit for bit, as four calls.
-void tet_quality_apexes(const double* p0, const double* p1, const double* p2, const double* apexes,
-                        double* q) noexcept;
+// tet_quality of the four tets (p0, p1, p2, centre + z[k] normal), k = 0 to 3, into q[k]: the
+// same values, bit for bit, as four calls.
+void tet_quality_heights(const double* p0, const double* p1, const double* p2, const double* centre,
+                         const double* normal, const double* z, double* q) noexcept;
 
 // ---------------------------------------------------------------------------------------------
 // Triangles

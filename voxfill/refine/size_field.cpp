@@ -491,12 +491,10 @@ double best_apex(const dense2D<double>& nodes, const unsigned* tri, double tol,
 
   // Four heights at a time: the qualities are those of one call each, bit for bit.
   auto qualities = [&](const double* z, unsigned count, double* q) {
-    double apexes[12];
-    for (unsigned k = 0; k < 3; ++k)
-      for (unsigned i = 0; i < 4; ++i)
-        apexes[4 * k + i] = centre[k] + normal[k] * z[i < count ? i : 0];
+    const double heights[4] = {z[0], z[1 < count ? 1 : 0], z[2 < count ? 2 : 0],
+                               z[3 < count ? 3 : 0]};
     double out[4];
-    tet_quality_apexes(c, b, a, apexes, out);
+    tet_quality_heights(c, b, a, centre, normal, heights, out);
     for (unsigned i = 0; i < count; ++i) q[i] = out[i];
   };
 
