@@ -197,8 +197,8 @@ namespace {
 // interpolate_size; without `sized` the caller throws the size away, and the weights are worked
 // out only where the walks depend on them (the result is then meaningless, `tet` and the random
 // draws are the same).
-bool interpolate_in(size_field& field, const double* P, unsigned& tet, double& h,
-                    bool sized) noexcept {
+[[gnu::always_inline]] inline bool interpolate_in(size_field& field, const double* P, unsigned& tet,
+                                                  double& h, bool sized) noexcept {
   h = 0.0;
   double w[3];
   if (!locate_in_field(field, P, tet, sized ? w : nullptr)) return false;
