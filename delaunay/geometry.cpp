@@ -224,8 +224,8 @@ VOXFILL_AVX2 double tet_quality_avx2(const double* p0, const double* p1, const d
 
 }  // namespace
 
-double tet_quality_lanes(const double* p0, const double* p1, const double* p2,
-                         const double* p3) noexcept {
+double tet_quality_wide(const double* p0, const double* p1, const double* p2,
+                        const double* p3) noexcept {
 #if VOXFILL_SOLVE_AVX2
   if (has_avx2) return tet_quality_avx2(p0, p1, p2, p3);
 #endif

@@ -151,8 +151,8 @@ inline double tet_quality(const double* xyz, unsigned n0, unsigned n1, unsigned 
 
 // tet_quality(p0, p1, p2, p3), the same bits, with much of the work in vector lanes where the
 // processor has AVX2: for a caller that can't inline the scalar one to any gain.
-double tet_quality_lanes(const double* p0, const double* p1, const double* p2,
-                         const double* p3) noexcept;
+double tet_quality_wide(const double* p0, const double* p1, const double* p2,
+                        const double* p3) noexcept;
 
 // tet_quality of the four tets (p0, p1, p2, centre + z[k] normal), k = 0 to 3, into q[k]: the
 // same values, bit for bit, as four calls.

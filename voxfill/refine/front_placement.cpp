@@ -243,7 +243,7 @@ bool adjust_apex(size_field& field, const refine_context& c, apex_frame& frame, 
     }
     // The frame's tet turns the other way from the bad tet's: the apex stands on its side.
     const double q =
-        -tet_quality_lanes(frame.col(o[0]), frame.col(o[1]), frame.col(o[2]), frame.col(o[3]));
+        -tet_quality_wide(frame.col(o[0]), frame.col(o[1]), frame.col(o[2]), frame.col(o[3]));
     if (q < FLAT) break;
     const double m = blend(worst, q, shape_weight);
     // While the size fit is poor and getting better, better size beats merit: a new start.
