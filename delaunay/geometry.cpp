@@ -2,6 +2,8 @@
 // solver, barycentric weights, classifications, planes, segments and local indices.
 #include "delaunay/geometry.h"
 
+#include "delaunay/cpu_lanes.h"
+
 // The 3x3 solver in four lanes where the processor has AVX2, chosen when the program runs.
 #if defined(__x86_64__) && (defined(__GNUC__) || defined(__clang__))
 #define VOXFILL_SOLVE_AVX2 1
@@ -47,10 +49,7 @@ double tet_quality_retry(const double* p0, const double* p1, const double* p2, c
 namespace {
 
 #if VOXFILL_SOLVE_AVX2
-const bool has_avx2 = [] {
-  __builtin_cpu_init();
-  return __builtin_cpu_supports("avx2") != 0;
-}();
+const bool has_avx2 = lanes_avx2();
 
 // u . v by lanes, each vector given by its x, y and z.
 VOXFILL_AVX2 inline __m256d dot_lanes(__m256d ux, __m256d uy, __m256d uz, __m256d vx, __m256d vy,

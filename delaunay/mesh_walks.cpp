@@ -5,6 +5,7 @@
 #include <cmath>
 #include <cstddef>
 
+#include "delaunay/cpu_lanes.h"
 #include "delaunay/geometry.h"
 #include "delaunay/tet_tables.h"
 
@@ -341,10 +342,7 @@ inline unsigned leave_by(const unsigned* nbs, int mask, unsigned start) noexcept
 }
 
 #if VOXFILL_WALK_AVX2
-const bool has_avx2 = [] {
-  __builtin_cpu_init();
-  return __builtin_cpu_supports("avx2") != 0;
-}();
+const bool has_avx2 = lanes_avx2();
 
 // beyond_faces with face f in lane f. The lanes do the scalar operations one for one and in the
 // same order (nothing fused), so the mask has the same bits. The nodes seen from P are gathered

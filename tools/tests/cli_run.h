@@ -41,16 +41,22 @@ inline std::string slurp(const std::string& path) {
   return s.str();
 }
 
-// Runs the built tool with `args`, stdout and stderr caught.
-inline result voxfill(const std::string& args) {
+// Runs the built tool with `args`, stdout and stderr caught; `env` (NAME=value ...) goes before
+// the command.
+inline result voxfill_env(const std::string& env, const std::string& args) {
   const std::string out = in_folder("stdout.txt"), err = in_folder("stderr.txt");
-  const std::string cmd = std::string(VOXFILL_BIN) + " " + args + " >" + out + " 2>" + err;
+  const std::string cmd = (env.empty() ? "" : env + " ") + std::string(VOXFILL_BIN) + " " + args +
+                          " >" + out + " 2>" + err;
   const int s = std::system(cmd.c_str());
   result r;
   r.status = WIFEXITED(s) ? WEXITSTATUS(s) : -1;
   r.out = slurp(out);
   r.err = slurp(err);
   return r;
+}
+
+inline result voxfill(const std::string& args) {
+  return voxfill_env("", args);
 }
 
 inline void write_text(const std::string& path, const std::string& text) {

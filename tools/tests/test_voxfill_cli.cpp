@@ -541,6 +541,18 @@ TEST(VoxfillCli, DemoAndInfo) {
   EXPECT_NE(i.out.find("below 0 (inverted)          0\n"), std::string::npos);
 }
 
+// The vector lanes of the geometry must give the scalar code's bits: the demo's mesh, made with
+// them and with them turned off, is the same file.
+TEST(VoxfillCli, VectorLanesLeaveTheMeshAlone) {
+  const result on = voxfill("demo -o " + in_folder("lanes_on"));
+  const result off = voxfill_env("VOXFILL_VECTOR_LANES=off", "demo -o " + in_folder("lanes_off"));
+  ASSERT_EQ(on.status, 0) << on.err;
+  ASSERT_EQ(off.status, 0) << off.err;
+  const std::string a = slurp(in_folder("lanes_on/demo.mesh"));
+  EXPECT_GT(a.size(), 100000u);
+  EXPECT_TRUE(a == slurp(in_folder("lanes_off/demo.mesh")));
+}
+
 // Catches a Ctrl-C that kills the run, loses the mesh, or does not end with warning -10 and
 // status 1.
 TEST(VoxfillCli, InterruptWritesTheMeshSoFar) {

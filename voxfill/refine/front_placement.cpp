@@ -4,6 +4,7 @@
 #include <cfloat>
 #include <cmath>
 
+#include "delaunay/cpu_lanes.h"
 #include "delaunay/geometry.h"
 #include "delaunay/mesh_walks.h"
 #include "delaunay/tet_tables.h"
@@ -93,10 +94,7 @@ void edge_pulls_scalar(const apex_frame& frame, const double* L, double& worst, 
 }
 
 #if VOXFILL_PLACE_AVX2
-const bool has_avx2 = [] {
-  __builtin_cpu_init();
-  return __builtin_cpu_supports("avx2") != 0;
-}();
+const bool has_avx2 = lanes_avx2();
 
 VOXFILL_AVX2 inline __m256d load3(const double* p) noexcept {
   return _mm256_insertf128_pd(_mm256_castpd128_pd256(_mm_loadu_pd(p)), _mm_load_sd(p + 2), 1);
