@@ -8,6 +8,7 @@
 #include <cstring>
 
 #include "delaunay/keys.h"
+#include "delaunay/quality_lanes.h"
 #include "delaunay/star_edge_table.h"
 #include "delaunay/tet_tables.h"
 #include "numcore/debug_check.h"
@@ -449,82 +450,6 @@ void in_circumsphere_pair(const double* const a[4], const double* const b[4], co
 #endif
 }
 
-// The qualities of the tets (P, face f) and (P, face g), the faces given by their three node
-// coordinates, as tet_quality computes them: each lane does its operations in the same order,
-// so the values are the same to the bit. A lane that tet_quality would look at again (a doubtful
-// or tiny value, or no positive denominator) is left to tet_quality itself.
-void face_quality_pair(const double* P, const double* const f[3], const double* const g[3],
-                       double& qf, double& qg) noexcept {
-#if defined(__SSE2__)
-  // Lane 0 holds face f, lane 1 face g. Edge vectors from the third face node: a to P, b and c to
-  // the first two face nodes.
-  __m128d x[3], y[3], z[3];
-  for (unsigned k = 0; k < 3; ++k) {
-    const __m128d uf = _mm_loadu_pd(f[k]), ug = _mm_loadu_pd(g[k]);
-    x[k] = _mm_unpacklo_pd(uf, ug);
-    y[k] = _mm_unpackhi_pd(uf, ug);
-    z[k] = _mm_loadh_pd(_mm_load_sd(f[k] + 2), g[k] + 2);
-  }
-  const __m128d a0 = _mm_sub_pd(_mm_set1_pd(P[0]), x[2]), a1 = _mm_sub_pd(_mm_set1_pd(P[1]), y[2]),
-                a2 = _mm_sub_pd(_mm_set1_pd(P[2]), z[2]);
-  const __m128d b0 = _mm_sub_pd(x[0], x[2]), b1 = _mm_sub_pd(y[0], y[2]),
-                b2 = _mm_sub_pd(z[0], z[2]);
-  const __m128d c0 = _mm_sub_pd(x[1], x[2]), c1 = _mm_sub_pd(y[1], y[2]),
-                c2 = _mm_sub_pd(z[1], z[2]);
-  auto dot = [](__m128d u0, __m128d u1, __m128d u2, __m128d v0, __m128d v1, __m128d v2) {
-    return _mm_add_pd(_mm_add_pd(_mm_mul_pd(u0, v0), _mm_mul_pd(u1, v1)), _mm_mul_pd(u2, v2));
-  };
-  const __m128d L0 = dot(a0, a1, a2, a0, a1, a2), L1 = dot(b0, b1, b2, b0, b1, b2),
-                L2 = dot(c0, c1, c2, c0, c1, c2);
-  const __m128d dab = dot(a0, a1, a2, b0, b1, b2), dac = dot(a0, a1, a2, c0, c1, c2),
-                dbc = dot(b0, b1, b2, c0, c1, c2);
-  const __m128d two = _mm_set1_pd(2.0);
-  const __m128d Eab = _mm_sub_pd(_mm_add_pd(L0, L1), _mm_mul_pd(two, dab));
-  const __m128d Eac = _mm_sub_pd(_mm_add_pd(L0, L2), _mm_mul_pd(two, dac));
-  const __m128d Ebc = _mm_sub_pd(_mm_add_pd(L1, L2), _mm_mul_pd(two, dbc));
-  auto gram = [](__m128d u, __m128d v, __m128d d) {
-    return _mm_sub_pd(_mm_mul_pd(u, v), _mm_mul_pd(d, d));
-  };
-  const __m128d Gbc = gram(L1, L2, dbc), Gac = gram(L0, L2, dac), Gab = gram(L0, L1, dab);
-  const __m128d dfar = _mm_add_pd(_mm_sub_pd(L0, dab), _mm_sub_pd(dbc, dac));
-  const __m128d Gfar = gram(Eab, Eac, dfar);
-  const __m128d tol = _mm_set1_pd(SQUARE_TOL), zero = _mm_setzero_pd();
-  auto thin = [&tol](__m128d G, __m128d u, __m128d v) {
-    return _mm_cmplt_pd(G, _mm_mul_pd(_mm_mul_pd(tol, u), v));
-  };
-  const __m128d doubtful =
-      _mm_or_pd(_mm_or_pd(_mm_or_pd(_mm_cmpngt_pd(Eab, zero), _mm_cmpngt_pd(Eac, zero)),
-                          _mm_or_pd(_mm_cmpngt_pd(Ebc, zero), thin(Gbc, L1, L2))),
-                _mm_or_pd(_mm_or_pd(thin(Gac, L0, L2), thin(Gab, L0, L1)), thin(Gfar, Eab, Eac)));
-  __m128d H = _mm_max_pd(L1, L0);
-  H = _mm_max_pd(L2, H);
-  H = _mm_max_pd(Eab, H);
-  H = _mm_max_pd(Eac, H);
-  H = _mm_max_pd(Ebc, H);
-  const __m128d D = _mm_mul_pd(
-      _mm_sqrt_pd(H),
-      _mm_add_pd(_mm_add_pd(_mm_add_pd(_mm_sqrt_pd(Gbc), _mm_sqrt_pd(Gac)), _mm_sqrt_pd(Gab)),
-                 _mm_sqrt_pd(Gfar)));
-  const __m128d bc0 = _mm_sub_pd(_mm_mul_pd(b1, c2), _mm_mul_pd(b2, c1));
-  const __m128d bc1 = _mm_sub_pd(_mm_mul_pd(b2, c0), _mm_mul_pd(b0, c2));
-  const __m128d bc2 = _mm_sub_pd(_mm_mul_pd(b0, c1), _mm_mul_pd(b1, c0));
-  const __m128d raw =
-      _mm_div_pd(_mm_mul_pd(_mm_set1_pd(4.898979485566356), dot(a0, a1, a2, bc0, bc1, bc2)), D);
-  const __m128d q = _mm_min_pd(_mm_set1_pd(1.0), _mm_max_pd(_mm_set1_pd(-1.0), raw));
-  const __m128d magnitude = _mm_andnot_pd(_mm_set1_pd(-0.0), q);
-  const __m128d plain = _mm_andnot_pd(
-      doubtful, _mm_and_pd(_mm_cmpgt_pd(D, zero), _mm_cmpge_pd(magnitude, _mm_set1_pd(DOUBT_TOL))));
-  const int lanes = _mm_movemask_pd(plain);
-  alignas(16) double out[2];
-  _mm_store_pd(out, q);
-  qf = lanes & 1 ? out[0] : tet_quality(P, f[0], f[1], f[2]);
-  qg = lanes & 2 ? out[1] : tet_quality(P, g[0], g[1], g[2]);
-#else
-  qf = tet_quality(P, f[0], f[1], f[2]);
-  qg = tet_quality(P, g[0], g[1], g[2]);
-#endif
-}
-
 #if VOXFILL_CAVITY_AVX
 // Whether the processor runs AVX. Its lanes do the operations of the SSE2 and scalar code one for
 // one (nothing fused), so both give the same bits; AVX only does more at a time.
@@ -619,93 +544,6 @@ VOXFILL_AVX void in_circumsphere_quad(const mesh_view& v, const unsigned t[4], c
     in[l] =
         circumsphere_ratio(v.point(n[0]), v.point(n[1]), v.point(n[2]), v.point(n[3]), P) < limit;
   }
-}
-
-// face_quality_pair over four lanes: the faces coded code[0..3] (4 tet + local face).
-VOXFILL_AVX void face_quality_quad(const mesh_view& v, const double* P, const unsigned code[4],
-                                   double q[4]) noexcept {
-  __m256d x[3], y[3], z[3];
-  {
-    const unsigned *n0 = v.tet(code[0] >> 2), *n1 = v.tet(code[1] >> 2), *n2 = v.tet(code[2] >> 2),
-                   *n3 = v.tet(code[3] >> 2);
-    const unsigned *o0 = tet_face_nodes[code[0] & 3], *o1 = tet_face_nodes[code[1] & 3],
-                   *o2 = tet_face_nodes[code[2] & 3], *o3 = tet_face_nodes[code[3] & 3];
-    for (unsigned k = 0; k < 3; ++k)
-      gather_points(v.point(n0[o0[k]]), v.point(n1[o1[k]]), v.point(n2[o2[k]]), v.point(n3[o3[k]]),
-                    x[k], y[k], z[k]);
-  }
-  const __m256d a0 = _mm256_sub_pd(_mm256_set1_pd(P[0]), x[2]),
-                a1 = _mm256_sub_pd(_mm256_set1_pd(P[1]), y[2]),
-                a2 = _mm256_sub_pd(_mm256_set1_pd(P[2]), z[2]);
-  const __m256d b0 = _mm256_sub_pd(x[0], x[2]), b1 = _mm256_sub_pd(y[0], y[2]),
-                b2 = _mm256_sub_pd(z[0], z[2]);
-  const __m256d c0 = _mm256_sub_pd(x[1], x[2]), c1 = _mm256_sub_pd(y[1], y[2]),
-                c2 = _mm256_sub_pd(z[1], z[2]);
-  const __m256d L0 = dot4(a0, a1, a2, a0, a1, a2), L1 = dot4(b0, b1, b2, b0, b1, b2),
-                L2 = dot4(c0, c1, c2, c0, c1, c2);
-  const __m256d dab = dot4(a0, a1, a2, b0, b1, b2), dac = dot4(a0, a1, a2, c0, c1, c2),
-                dbc = dot4(b0, b1, b2, c0, c1, c2);
-  const __m256d two = _mm256_set1_pd(2.0);
-  const __m256d Eab = _mm256_sub_pd(_mm256_add_pd(L0, L1), _mm256_mul_pd(two, dab));
-  const __m256d Eac = _mm256_sub_pd(_mm256_add_pd(L0, L2), _mm256_mul_pd(two, dac));
-  const __m256d Ebc = _mm256_sub_pd(_mm256_add_pd(L1, L2), _mm256_mul_pd(two, dbc));
-  const __m256d Gbc = _mm256_sub_pd(_mm256_mul_pd(L1, L2), _mm256_mul_pd(dbc, dbc));
-  const __m256d Gac = _mm256_sub_pd(_mm256_mul_pd(L0, L2), _mm256_mul_pd(dac, dac));
-  const __m256d Gab = _mm256_sub_pd(_mm256_mul_pd(L0, L1), _mm256_mul_pd(dab, dab));
-  const __m256d dfar = _mm256_add_pd(_mm256_sub_pd(L0, dab), _mm256_sub_pd(dbc, dac));
-  const __m256d Gfar = _mm256_sub_pd(_mm256_mul_pd(Eab, Eac), _mm256_mul_pd(dfar, dfar));
-  const __m256d tol = _mm256_set1_pd(SQUARE_TOL), zero = _mm256_setzero_pd();
-  const __m256d thin_bc = _mm256_cmp_pd(Gbc, _mm256_mul_pd(_mm256_mul_pd(tol, L1), L2), _CMP_LT_OQ);
-  const __m256d thin_ac = _mm256_cmp_pd(Gac, _mm256_mul_pd(_mm256_mul_pd(tol, L0), L2), _CMP_LT_OQ);
-  const __m256d thin_ab = _mm256_cmp_pd(Gab, _mm256_mul_pd(_mm256_mul_pd(tol, L0), L1), _CMP_LT_OQ);
-  const __m256d thin_far =
-      _mm256_cmp_pd(Gfar, _mm256_mul_pd(_mm256_mul_pd(tol, Eab), Eac), _CMP_LT_OQ);
-  const __m256d doubtful =
-      _mm256_or_pd(_mm256_or_pd(_mm256_or_pd(_mm256_cmp_pd(Eab, zero, _CMP_NGT_UQ),
-                                             _mm256_cmp_pd(Eac, zero, _CMP_NGT_UQ)),
-                                _mm256_or_pd(_mm256_cmp_pd(Ebc, zero, _CMP_NGT_UQ), thin_bc)),
-                   _mm256_or_pd(_mm256_or_pd(thin_ac, thin_ab), thin_far));
-  __m256d H = _mm256_max_pd(L1, L0);
-  H = _mm256_max_pd(L2, H);
-  H = _mm256_max_pd(Eab, H);
-  H = _mm256_max_pd(Eac, H);
-  H = _mm256_max_pd(Ebc, H);
-  const __m256d D = _mm256_mul_pd(
-      _mm256_sqrt_pd(H),
-      _mm256_add_pd(_mm256_add_pd(_mm256_add_pd(_mm256_sqrt_pd(Gbc), _mm256_sqrt_pd(Gac)),
-                                  _mm256_sqrt_pd(Gab)),
-                    _mm256_sqrt_pd(Gfar)));
-  const __m256d bc0 = _mm256_sub_pd(_mm256_mul_pd(b1, c2), _mm256_mul_pd(b2, c1));
-  const __m256d bc1 = _mm256_sub_pd(_mm256_mul_pd(b2, c0), _mm256_mul_pd(b0, c2));
-  const __m256d bc2 = _mm256_sub_pd(_mm256_mul_pd(b0, c1), _mm256_mul_pd(b1, c0));
-  const __m256d raw = _mm256_div_pd(
-      _mm256_mul_pd(_mm256_set1_pd(4.898979485566356), dot4(a0, a1, a2, bc0, bc1, bc2)), D);
-  const __m256d value =
-      _mm256_min_pd(_mm256_set1_pd(1.0), _mm256_max_pd(_mm256_set1_pd(-1.0), raw));
-  const __m256d magnitude = _mm256_andnot_pd(_mm256_set1_pd(-0.0), value);
-  const __m256d plain = _mm256_andnot_pd(
-      doubtful, _mm256_and_pd(_mm256_cmp_pd(D, zero, _CMP_GT_OQ),
-                              _mm256_cmp_pd(magnitude, _mm256_set1_pd(DOUBT_TOL), _CMP_GE_OQ)));
-  const int lanes = _mm256_movemask_pd(plain);
-  _mm256_storeu_pd(q, value);
-  for (unsigned l = 0, redo = ~lanes & 15; redo; ++l, redo >>= 1)
-    if (redo & 1) q[l] = v.face_quality(P, code[l]);
-}
-
-// The qualities of the new tets on the faces, four at a time, and three at the end; returns how
-// many it did (all but one or two).
-VOXFILL_AVX unsigned face_qualities_avx(const mesh_view& v, const double* P, const unsigned* faces,
-                                        unsigned F, double* q) noexcept {
-  unsigned k = 0;
-  for (; k + 4 <= F; k += 4) face_quality_quad(v, P, faces + k, q + k);
-  if (k + 3 == F) {  // three left: the last lane repeats the last face
-    const unsigned four[4] = {faces[k], faces[k + 1], faces[k + 2], faces[k + 2]};
-    double out[4];
-    face_quality_quad(v, P, four, out);
-    q[k] = out[0], q[k + 1] = out[1], q[k + 2] = out[2];
-    k = F;
-  }
-  return k;
 }
 
 // Whether the tets t[0..count) (count 1 to 4) hold P in their circumspheres, as in_circumsphere.
@@ -990,24 +828,26 @@ void correct_cavity(mesh_store& m, kernel_workspace& ws, cavity_record& cav,
   {
     const unsigned F = cav.faces.size;
     double* q = cav.face_qualities.data();
-    auto face_points = [&v](unsigned code, const double* p[3]) {
-      const unsigned* n = v.tet(code >> 2);
-      const unsigned* f = tet_face_nodes[code & 3];
-      p[0] = v.point(n[f[0]]), p[1] = v.point(n[f[1]]), p[2] = v.point(n[f[2]]);
-    };
+    // Four new tets (P, face nodes) at a time; the last group of two or three repeats its last
+    // face, a last single face goes alone.
     unsigned k = 0;
-#if VOXFILL_CAVITY_AVX
-    if (has_avx) {
-      k = face_qualities_avx(v, P, cav.faces.data(), F, q);
-      for (unsigned j = 0; j < k; ++j) flat |= !(q[j] > STAR_TOL);
-    }
-#endif
-    for (; k + 1 < F; k += 2) {
-      const double *f[3], *g[3];
-      face_points(cav.faces[k], f);
-      face_points(cav.faces[k + 1], g);
-      face_quality_pair(P, f, g, q[k], q[k + 1]);
-      flat |= !(q[k] > STAR_TOL) | !(q[k + 1] > STAR_TOL);
+    for (; k + 1 < F; k += 4) {
+      const double* p[16];
+      for (unsigned l = 0; l < 4; ++l) {
+        const unsigned code = cav.faces[k + l < F ? k + l : F - 1];
+        const unsigned* n = v.tet(code >> 2);
+        const unsigned* f = tet_face_nodes[code & 3];
+        p[4 * l] = P;
+        p[4 * l + 1] = v.point(n[f[0]]);
+        p[4 * l + 2] = v.point(n[f[1]]);
+        p[4 * l + 3] = v.point(n[f[2]]);
+      }
+      double out[4];
+      tet_quality_lanes(p, out);
+      for (unsigned l = 0; l < 4 && k + l < F; ++l) {
+        q[k + l] = out[l];
+        flat |= !(out[l] > STAR_TOL);
+      }
     }
     if (k < F) {
       q[k] = v.face_quality(P, cav.faces[k]);
