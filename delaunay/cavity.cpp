@@ -547,13 +547,12 @@ VOXFILL_AVX void in_circumsphere_quad(const mesh_view& v, const unsigned t[4], c
 }
 
 // Whether the tets t[0..count) (count 1 to 4) hold P in their circumspheres, as in_circumsphere.
+// All four of in[] are written: the lanes past count repeat the last tet.
 VOXFILL_AVX void in_circumsphere_avx(const mesh_view& v, const unsigned* t, unsigned count,
-                                     const double* P, double limit, bool* in) noexcept {
+                                     const double* P, double limit, bool in[4]) noexcept {
   const unsigned last = t[count - 1];
   const unsigned four[4] = {t[0], count > 1 ? t[1] : last, count > 2 ? t[2] : last, last};
-  bool out[4];
-  in_circumsphere_quad(v, four, P, limit, out);
-  for (unsigned l = 0; l < count; ++l) in[l] = out[l];
+  in_circumsphere_quad(v, four, P, limit, in);
 }
 #endif
 
@@ -1005,12 +1004,14 @@ bool fill_star(mesh_store& m, kernel_workspace& ws, cavity_record& cav,
       made[k] = t;
     }
   }
-  for (unsigned k = reused; k < F; ++k) {
-    const unsigned* s = star + 4 * std::size_t(k);
-    const unsigned t = m.new_tet(s[0], s[1], s[2], s[3], color, qualities[k]);
-    VOXFILL_ASSERT(t != NONE);
-    made[k] = t;
-  }
+  if (!m.append_tets(star + 4 * std::size_t(reused), qualities + reused, F - reused, color,
+                     made + reused))
+    for (unsigned k = reused; k < F; ++k) {
+      const unsigned* s = star + 4 * std::size_t(k);
+      const unsigned t = m.new_tet(s[0], s[1], s[2], s[3], color, qualities[k]);
+      VOXFILL_ASSERT(t != NONE);
+      made[k] = t;
+    }
   out.size = F;
   for (unsigned k = reused; k < T; ++k) m.release_tet(old_tets[k]);
 
@@ -1024,12 +1025,10 @@ bool fill_star(mesh_store& m, kernel_workspace& ws, cavity_record& cav,
     nbs[0] = outside == NONE ? NONE : outside >> 2;
     for (unsigned f = 1; f < 4; ++f) nbs[f] = l[f] == NONE ? NONE : made[l[f]];
     if (outside != NONE) v.nb(outside >> 2)[outside & 3] = t;
-  }
-  for (unsigned k = 0; k < F; ++k) {
     const unsigned* s = star + 4 * std::size_t(k);
-    const unsigned t = made[k];
-    anc[s[0]] = t, anc[s[1]] = t, anc[s[2]] = t, anc[s[3]] = t;
+    anc[s[1]] = t, anc[s[2]] = t, anc[s[3]] = t;
   }
+  if (F) anc[p] = made[F - 1];  // p is node 0 of every row: the last row wins, as for the others
   ws.star_tets.clear();
   ws.star_neighbors.clear();
   return true;

@@ -91,6 +91,37 @@ unsigned mesh_store::new_tet(unsigned n0, unsigned n1, unsigned n2, unsigned n3,
   return t;
 }
 
+bool mesh_store::append_tets(const unsigned* rows, const double* qualities, unsigned count,
+                             unsigned color, unsigned* made) noexcept {
+  const unsigned n = tets.cols(), end = n + count;
+  if (tets.free_stack.size || neighbors.free_stack.size || end < n || neighbors.cols() != n ||
+      colors.size != n || tet_qualities.size != n || tet_stamps.size != n || marks.size < end)
+    return false;
+  dense2D<unsigned>& a = tets.data;
+  dense2D<unsigned>& b = neighbors.data;
+  if (a.rows != 4 || a.ld != 4 || b.rows != 4 || b.ld != 4 || a.capacity_cols() < end ||
+      b.capacity_cols() < end || colors.capacity() < end || tet_qualities.capacity() < end ||
+      tet_stamps.capacity() < end)
+    return false;
+  a.cols = b.cols = end;
+  a.size += 4 * count;
+  b.size += 4 * count;
+  colors.size = tet_qualities.size = tet_stamps.size = end;
+  unsigned* r = a.col(n);
+  for (unsigned k = 0; k < count; ++k) {
+    const unsigned t = n + k;
+    tets.free_bits.reset(t);
+    neighbors.free_bits.reset(t);
+    r[4 * k] = rows[4 * k], r[4 * k + 1] = rows[4 * k + 1];
+    r[4 * k + 2] = rows[4 * k + 2], r[4 * k + 3] = rows[4 * k + 3];
+    colors[t] = color;
+    tet_qualities[t] = qualities[k];
+    tet_stamps[t] = tet_clock;
+    made[k] = t;
+  }
+  return true;
+}
+
 void mesh_store::release_tet(unsigned t) noexcept {
   // Both tables free the row or neither does: they must hand out the same rows later. A row that
   // cannot be freed stays taken, deleted and unused.

@@ -56,6 +56,12 @@ class mesh_store {
   // A tet with neighbours NONE, colour and quality as given: its index, or NONE (store unchanged).
   unsigned new_tet(unsigned n0, unsigned n1, unsigned n2, unsigned n3, unsigned color,
                    double quality) noexcept;
+  // new_tet for each of the `count` rows of four nodes at `rows` (qualities at `qualities`), the
+  // tets' indices put into `made`, when neither table has a free row and every array has room
+  // for them already: then they are simply the next columns, and their neighbour rows are left to
+  // the caller. False, and nothing done, in any other case.
+  bool append_tets(const unsigned* rows, const double* qualities, unsigned count, unsigned color,
+                   unsigned* made) noexcept;
   // Frees the rows; nodes and neighbours stay readable until the rows are reused.
   void release_tet(unsigned t) noexcept;
   void release_tets(const unsigned* list, unsigned count) noexcept;
