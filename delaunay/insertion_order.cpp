@@ -2,6 +2,7 @@
 #include "delaunay/insertion_order.h"
 
 #include <algorithm>
+#include <array>
 #include <bit>
 #include <cmath>
 
@@ -41,32 +42,60 @@ std::uint64_t spread_by_three(std::uint64_t x) noexcept {
   return x;
 }
 
+// Skilling's transform of the three coordinates into the transposed Hilbert index works from
+// the top bit down: each level, by its own three bits, inverts the bits below it of axis 0 or
+// exchanges them with those of another axis; then the axes are Gray-coded. What the levels above
+// have done to the bits below is one of the 48 signed permutations of the axes, so the transform
+// runs as a state machine over the interleaved bits. A state: bits 0-1, 2-3 and 4-5 the source
+// axis of axes 0, 1 and 2, bits 6 to 8 the inversion of each.
+constexpr unsigned FIRST_STATE = 0u | 1u << 2 | 2u << 4;
+
+// For state s and the grid bits g of one level (axis 0 highest): the next state times 8, plus the
+// level's bits after the transform and the running exclusive or of the axes (axis 0 highest).
+constexpr std::array<std::uint16_t, 512 * 8> make_levels() noexcept {
+  std::array<std::uint16_t, 512 * 8> table{};
+  for (unsigned s = 0; s < 512; ++s)
+    for (unsigned g = 0; g < 8; ++g) {
+      unsigned from[3] = {s & 3, (s >> 2) & 3, (s >> 4) & 3}, inv = s >> 6;
+      if (from[0] > 2 || from[1] > 2 || from[2] > 2) continue;
+      unsigned b[3] = {0, 0, 0};
+      for (unsigned i = 0; i < 3; ++i) b[i] = ((g >> (2 - from[i])) & 1) ^ ((inv >> i) & 1);
+      for (unsigned i = 0; i < 3; ++i) {
+        if (b[i]) {
+          inv ^= 1;  // the low bits of axis 0 inverted
+        } else {     // exchanged with those of axis i
+          const unsigned f = from[0], i0 = inv & 1, ii = (inv >> i) & 1;
+          from[0] = from[i];
+          from[i] = f;
+          inv = (inv & ~(1u | 1u << i)) | ii | i0 << i;
+        }
+      }
+      const unsigned c0 = b[0], c1 = b[1] ^ c0, c2 = b[2] ^ c1;
+      const unsigned next = from[0] | from[1] << 2 | from[2] << 4 | inv << 6;
+      table[8 * s + g] = std::uint16_t(next << 3 | c0 << 2 | c1 << 1 | c2);
+    }
+  return table;
+}
+constexpr std::array<std::uint16_t, 512 * 8> LEVELS = make_levels();
+
 }  // namespace
 
 std::uint64_t hilbert_key(const double* p, const double lo[3], double side) noexcept {
   const double scale = side > 0.0 ? double(1u << KEY_BITS) / side : 0.0;
-  unsigned X[3];
-  for (unsigned i = 0; i < 3; ++i) X[i] = grid_position(p[i], lo[i], scale);
-  // Skilling's transform of the three coordinates into the transposed Hilbert index: undo the
-  // excess work of the recursive curve level by level, then Gray-code the result. The bits are
-  // random, so each level's choice (invert the low bits of X[0], or exchange them with X[i]) is
-  // made with masks rather than branches.
-  for (unsigned Q = 1u << (KEY_BITS - 1); Q > 1; Q >>= 1) {
-    const unsigned P = Q - 1;
-    for (unsigned i = 0; i < 3; ++i) {
-      const unsigned set = 0u - ((X[i] & Q) != 0);  // all ones when the bit is set
-      const unsigned t = (X[0] ^ X[i]) & P & ~set;
-      X[0] ^= (P & set) | t;
-      X[i] ^= t;
-    }
+  const std::uint64_t grid = spread_by_three(grid_position(p[0], lo[0], scale)) << 2 |
+                             spread_by_three(grid_position(p[1], lo[1], scale)) << 1 |
+                             spread_by_three(grid_position(p[2], lo[2], scale));
+  // One level of three bits at a time from the top, through the table of the transform the
+  // levels above have left; the Gray code's running parity flips every axis below a set bit.
+  std::uint64_t key = 0;
+  unsigned state = FIRST_STATE, flip = 0;
+  for (int level = KEY_BITS - 1; level >= 0; --level) {
+    const unsigned e = LEVELS[8 * state + unsigned(grid >> (3 * level) & 7)];
+    key = key << 3 | ((e ^ flip) & 7);
+    flip ^= 0u - (e & 1);
+    state = e >> 3;
   }
-  X[1] ^= X[0];
-  X[2] ^= X[1];
-  unsigned t = 0;
-  for (unsigned Q = 1u << (KEY_BITS - 1); Q > 1; Q >>= 1) t ^= (Q - 1) & (0u - ((X[2] & Q) != 0));
-  // Interleave: the top bit of each axis first.
-  return spread_by_three(X[0] ^ t) << 2 | spread_by_three(X[1] ^ t) << 1 |
-         spread_by_three(X[2] ^ t);
+  return key;
 }
 
 bool order_for_insertion(const double* xyz, unsigned* list, unsigned count, random_source_type& g) {
