@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <cstring>
 
+#include "delaunay/cpu_lanes.h"
 #include "delaunay/keys.h"
 #include "delaunay/quality_lanes.h"
 #include "delaunay/star_edge_table.h"
@@ -28,6 +29,9 @@
 
 namespace kelvo::voxfill {
 namespace {
+
+// Two lanes unless the vector lanes are turned off; the scalar tests give the same answers.
+const bool has_sse2 = lanes_sse2();
 
 using numcore::prefetch;
 using numcore::prefetch_for_write;
@@ -453,10 +457,7 @@ void in_circumsphere_pair(const double* const a[4], const double* const b[4], co
 #if VOXFILL_CAVITY_AVX
 // Whether the processor runs AVX. Its lanes do the operations of the SSE2 and scalar code one for
 // one (nothing fused), so both give the same bits; AVX only does more at a time.
-const bool has_avx = [] {
-  __builtin_cpu_init();
-  return __builtin_cpu_supports("avx") != 0;
-}();
+const bool has_avx = lanes_avx();
 
 // x, y and z of the points a, b, c, d in lanes 0 to 3.
 VOXFILL_AVX inline void gather_points(const double* a, const double* b, const double* c,
@@ -752,14 +753,14 @@ void collect_cavity(mesh_store& m, unsigned p, dense1D<unsigned>& seeds, cavity_
       k = nc;
     }
 #endif
-    for (; k + 1 < nc; k += 2) {
+    for (; has_sse2 && k + 1 < nc; k += 2) {
       const unsigned* n = v.tet(cand[k]);
       const unsigned* o = v.tet(cand[k + 1]);
       const double* const pa[4] = {v.point(n[0]), v.point(n[1]), v.point(n[2]), v.point(n[3])};
       const double* const pb[4] = {v.point(o[0]), v.point(o[1]), v.point(o[2]), v.point(o[3])};
       in_circumsphere_pair(pa, pb, P, limit, in[k], in[k + 1]);
     }
-    if (k < nc) {
+    for (; k < nc; ++k) {
       const unsigned* n = v.tet(cand[k]);
       in[k] = in_circumsphere(v.point(n[0]), v.point(n[1]), v.point(n[2]), v.point(n[3]), P, limit);
     }

@@ -14,6 +14,15 @@ bool lanes_wanted() noexcept {
 
 }  // namespace
 
+bool lanes_sse2() noexcept {
+#if defined(__SSE2__)
+  static const bool on = lanes_wanted();
+  return on;
+#else
+  return false;
+#endif
+}
+
 #if defined(__x86_64__) && (defined(__GNUC__) || defined(__clang__))
 bool lanes_avx() noexcept {
   static const bool on = [] {

@@ -6,6 +6,7 @@
 
 namespace kelvo::voxfill {
 
+bool lanes_sse2() noexcept;  // two lanes, which every x86-64 processor runs, unless turned off
 bool lanes_avx() noexcept;   // the processor runs AVX and the lanes are not turned off
 bool lanes_avx2() noexcept;  // the same for AVX2
 
