@@ -6,6 +6,10 @@
 #include <cmath>
 #include <utility>
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 #include "delaunay/geometry.h"
 #include "delaunay/mesh_walks.h"
 #include "voxfill/optim/edge_code.h"
@@ -73,6 +77,21 @@ void grow_bits(bit_set& bits, unsigned n) noexcept {
   bits.grow(n);
 }
 
+// Whether one of the n qualities at q is at most `limit` (NaN never is).
+inline bool any_at_most(const double* q, unsigned n, double limit) noexcept {
+#if defined(__SSE2__)
+  if (n == 32) {
+    const __m128d L = _mm_set1_pd(limit);
+    __m128d hit = _mm_setzero_pd();
+    for (unsigned k = 0; k < 32; k += 2) hit = _mm_or_pd(hit, _mm_cmple_pd(_mm_loadu_pd(q + k), L));
+    return _mm_movemask_pd(hit) != 0;
+  }
+#endif
+  for (unsigned k = 0; k < n; ++k)
+    if (q[k] <= limit) return true;
+  return false;
+}
+
 }  // namespace
 
 void prepare_masks(regularizer& g) noexcept {
@@ -116,9 +135,12 @@ void pick_worst_tets(regularizer& g, double quality_limit, const bit_set& frozen
   unsigned* out = tets.begin();
   unsigned size = 0;
   // By blocks of 32 tets, one word of the frozen mask each: most words are 0, and then no tet
-  // of the block needs its bit.
+  // of the block needs its bit. Under a limit below 1 (no quality exceeds 1) most blocks hold no
+  // tet at all, which a look at their qualities alone tells.
+  const bool sparse = quality_limit < 1.0;
   for (unsigned t0 = 0; t0 < cols; t0 += 32) {
     const unsigned end = cols - t0 < 32 ? cols : t0 + 32;
+    if (sparse && !any_at_most(quality + t0, end - t0, quality_limit)) continue;
     const unsigned word = t0 < frozen_length ? frozen_words[t0 >> 5] : 0u;
     if (!word) {
       for (unsigned t = t0; t < end; ++t) {
