@@ -77,19 +77,27 @@ void grow_bits(bit_set& bits, unsigned n) noexcept {
   bits.grow(n);
 }
 
-// Whether one of the n qualities at q is at most `limit` (NaN never is).
-inline bool any_at_most(const double* q, unsigned n, double limit) noexcept {
+// Bit k set when q[k] is at most `limit` (NaN never is), for k < n <= 32.
+inline unsigned at_most_bits(const double* q, unsigned n, double limit) noexcept {
 #if defined(__SSE2__)
   if (n == 32) {
     const __m128d L = _mm_set1_pd(limit);
-    __m128d hit = _mm_setzero_pd();
-    for (unsigned k = 0; k < 32; k += 2) hit = _mm_or_pd(hit, _mm_cmple_pd(_mm_loadu_pd(q + k), L));
-    return _mm_movemask_pd(hit) != 0;
+    unsigned bits = 0;
+    for (unsigned k = 0; k < 32; k += 2)
+      bits |= unsigned(_mm_movemask_pd(_mm_cmple_pd(_mm_loadu_pd(q + k), L))) << k;
+    return bits;
   }
 #endif
-  for (unsigned k = 0; k < n; ++k)
-    if (q[k] <= limit) return true;
-  return false;
+  unsigned bits = 0;
+  for (unsigned k = 0; k < n; ++k) bits |= unsigned(q[k] <= limit) << k;
+  return bits;
+}
+
+// Bit k set when tet t0 + k is frozen.
+inline unsigned frozen_bits_at(const bit_set& frozen, unsigned t0) noexcept {
+  if (t0 >= frozen.length) return 0u;
+  const unsigned word = frozen.words[t0 >> 5], left = frozen.length - t0;
+  return left >= 32 ? word : word & ((1u << left) - 1u);
 }
 
 }  // namespace
@@ -111,12 +119,68 @@ void prepare_masks(regularizer& g) noexcept {
     if (hard.test(n)) g.settled_nodes.set(n);
 }
 
+namespace {
+
+// The tets of quality at most `bound` (not over the limit of the pick), neither deleted nor
+// frozen, in index order.
+void tets_at_most(const mesh_store& m, double bound, const bit_set& frozen,
+                  dense1D<unsigned>& tets) noexcept {
+  const unsigned cols = m.tets.cols();
+  const double* quality = m.tet_qualities.begin();
+  const unsigned* colors = m.colors.begin();
+  unsigned* out = tets.begin();
+  unsigned size = 0;
+  for (unsigned t0 = 0; t0 < cols; t0 += 32) {
+    const unsigned n = cols - t0 < 32 ? cols - t0 : 32;
+    unsigned bits = at_most_bits(quality + t0, n, bound);
+    if (!bits) continue;
+    bits &= ~frozen_bits_at(frozen, t0);
+    for (; bits; bits &= bits - 1) {
+      const unsigned t = t0 + unsigned(__builtin_ctz(bits));
+      if (colors[t] != DELETED) out[size++] = t;
+    }
+  }
+  tets.size = size;
+}
+
+}  // namespace
+
 void pick_worst_tets(regularizer& g, double quality_limit, const bit_set& frozen, unsigned count,
                      dense1D<unsigned>& tets) noexcept {
   const mesh_store& m = g.engine;
   tets.clear();
   const unsigned cols = m.tets.cols();
   if (!tets.reserve(cols)) return;
+  const double* quality = m.tet_qualities.begin();
+  auto worse = [quality](unsigned a, unsigned b) {
+    const double qa = quality[a], qb = quality[b];
+    return qa < qb || (qa == qb && a < b);
+  };
+  // The pick is the `count` first tets in the order of (quality, index) among those eligible:
+  // any bound under which `count` of them lie holds all of it.
+  regularizer::pick_hint* hint = nullptr;
+  for (regularizer::pick_hint& h : g.pick_hints)
+    if (h.count == count && h.limit == quality_limit && count) hint = &h;
+  if (hint && count <= cols / 8) {
+    const double q = hint->quality;
+    const double bound = std::min(quality_limit, q + std::max(0.5 * std::fabs(q), 0.01));
+    tets_at_most(m, bound, frozen, tets);
+    if (tets.size >= count) {
+      if (count < tets.size)
+        std::nth_element(tets.begin(), tets.begin() + count, tets.end(), worse);
+      std::sort(tets.begin(), tets.begin() + count, worse);
+      tets.size = count;
+      hint->quality = quality[tets[count - 1]];
+      return;
+    }
+    tets.clear();
+  }
+  if (!hint && count) {
+    hint = &g.pick_hints[g.next_pick_hint];
+    g.next_pick_hint = (g.next_pick_hint + 1) % 8;
+    hint->count = count;
+    hint->limit = quality_limit;
+  }
   // Qualities into bins that keep their order: the bins below the one where the pick ends are
   // all in it, the bins above none, so that only the tets of the lower bins are selected among.
   // The bins span [0, quality_limit]: q * scale is at most `bins` there (rounding cannot carry
@@ -128,7 +192,6 @@ void pick_worst_tets(regularizer& g, double quality_limit, const bit_set& frozen
     const double x = q * scale;
     return x > 0.0 ? unsigned(x) : 0u;
   };
-  const double* quality = m.tet_qualities.begin();
   const unsigned* colors = m.colors.begin();
   const unsigned* frozen_words = frozen.words.begin();
   const unsigned frozen_length = frozen.length;
@@ -140,7 +203,7 @@ void pick_worst_tets(regularizer& g, double quality_limit, const bit_set& frozen
   const bool sparse = quality_limit < 1.0;
   for (unsigned t0 = 0; t0 < cols; t0 += 32) {
     const unsigned end = cols - t0 < 32 ? cols : t0 + 32;
-    if (sparse && !any_at_most(quality + t0, end - t0, quality_limit)) continue;
+    if (sparse && !at_most_bits(quality + t0, end - t0, quality_limit)) continue;
     const unsigned word = t0 < frozen_length ? frozen_words[t0 >> 5] : 0u;
     if (!word) {
       for (unsigned t = t0; t < end; ++t) {
@@ -174,15 +237,12 @@ void pick_worst_tets(regularizer& g, double quality_limit, const bit_set& frozen
       if (!(quality[out[k]] * scale >= above)) out[kept++] = out[k];
     tets.size = kept;
   }
-  auto worse = [quality](unsigned a, unsigned b) {
-    const double qa = quality[a], qb = quality[b];
-    return qa < qb || (qa == qb && a < b);
-  };
   // Only the order by (quality, index) matters, a total order: selecting the pick first and
   // sorting it alone gives the same list as a sort of all.
   if (count < tets.size) std::nth_element(tets.begin(), tets.begin() + count, tets.end(), worse);
   std::sort(tets.begin(), tets.begin() + count, worse);
   tets.size = count;
+  if (hint) hint->quality = quality[tets[count - 1]];
 }
 
 void pick_edges(regularizer& g, const dense1D<unsigned>& tets, bool use_metric, bool symmetric,

@@ -49,6 +49,17 @@ class regularizer {
   dense1D<unsigned> targets;          // of node insertion: pairs (tet, local edge or NONE)
   dense1D<unsigned> insertion_seeds;  // seeds of an insertion's cavity
 
+  // Of the last worst-tet picks, per count and limit: the quality of the last tet picked. The
+  // next pick of the same kind first looks only under a bound a little above it, which most
+  // blocks of tets are wholly over; the picks themselves do not depend on it.
+  struct pick_hint {
+    unsigned count = 0;
+    double limit = 0.0;
+    double quality = 0.0;
+  };
+  pick_hint pick_hints[8];
+  unsigned next_pick_hint = 0;
+
   regularizer(th4_engine& e, bool carry_sizes, bool with_background, bool with_topology);
   regularizer(const regularizer&) = delete;
   regularizer& operator=(const regularizer&) = delete;
