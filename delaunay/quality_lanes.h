@@ -36,6 +36,10 @@ unsigned edge_fit_floor_lanes(const double* p, double hp, const double* const q[
 // A unit vector is the edge vector times 1 / |edge| (kept as it is at length 0 or 1).
 void solid_angle_lanes(const double* const* const t[4], double y[4][4], double x[4][4]) noexcept;
 
+// out[l] = float(2 atan2(y[l], x[l])) for l = 0 to 3, the bits of the library call, mostly by a
+// series far more precise than a float.
+void twice_atan2_lanes(const double y[4], const double x[4], float out[4]) noexcept;
+
 // The same with the tets' nodes n[4 l] to n[4 l + 3] in a 3-row coordinate table.
 inline void tet_quality_lanes(const dense2D<double>& coords, const unsigned n[16],
                               double q[4]) noexcept {

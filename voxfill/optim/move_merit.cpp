@@ -35,33 +35,6 @@ double symmetric_length(const mesh_store& m, unsigned a, unsigned b) noexcept {
 namespace {
 using namespace geometry_detail;
 
-// float(2 atan2(y, x)) with the bits of the library call, which is slow: by the odd series of
-// atan about 0 (after atan a = pi/4 + atan((a - 1) / (a + 1)) above tan(pi/8)), whose error
-// stays under 4e-12 of the value. Taken when every value within 1e-10 of it rounds to the same
-// float; otherwise (and for zeros and extreme inputs) by the library call.
-float twice_atan2_float(double y, double x) noexcept {
-  const double ax = std::fabs(x), ay = std::fabs(y);
-  const double hi = ax < ay ? ay : ax, lo = ax < ay ? ax : ay;
-  if (!(lo > 0.0) || !(hi > 1e-150) || !(hi < 1e150)) return float(2.0 * std::atan2(y, x));
-  double a = lo / hi, base = 0.0;
-  if (a > 0.41421356237309503) {
-    a = (a - 1.0) / (a + 1.0);
-    base = 0.78539816339744831;
-  }
-  const double a2 = a * a;
-  double s = 1.0 / 25;
-  for (const double c : {1.0 / 23, 1.0 / 21, 1.0 / 19, 1.0 / 17, 1.0 / 15, 1.0 / 13, 1.0 / 11,
-                         1.0 / 9, 1.0 / 7, 1.0 / 5, 1.0 / 3})
-    s = c - a2 * s;
-  double t = base + (a - a * a2 * s);
-  if (ay > ax) t = 1.5707963267948966 - t;
-  if (x < 0.0) t = 3.1415926535897931 - t;
-  const double v = 2.0 * (y < 0.0 ? -t : t), e = 1e-10 * std::fabs(v);
-  const float f = float(v - e);
-  if (f == float(v + e)) return f;
-  return float(2.0 * std::atan2(y, x));
-}
-
 void unit_from(const double* p, const double* q, double* u) noexcept {
   sub3(q, p, u);
   const double n2 = dot3(u, u);
@@ -258,9 +231,11 @@ bool move_merit::fill_valence_records() noexcept {
     solid_angle_lanes(lanes, y, x);
     for (unsigned l = 0; l < fill; ++l) {
       const unsigned* n = store.tets.row(batch[l]);
+      float angles[4];
+      twice_atan2_lanes(y[l], x[l], angles);
       for (unsigned i = 0; i < 4; ++i) {
         // Seen from node i this turn makes the solid angle of a positive tet positive.
-        rec[n[i]].angle += twice_atan2_float(y[l][i], x[l][i]);
+        rec[n[i]].angle += angles[i];
         rec[n[i]].count += 0.62831855f;
       }
     }
