@@ -158,12 +158,23 @@ void pick_worst_tets(regularizer& g, double quality_limit, const bit_set& frozen
   };
   // The pick is the `count` first tets in the order of (quality, index) among those eligible:
   // any bound under which `count` of them lie holds all of it.
+  // The bound comes from the last pick of this count and limit or, without one, from one of a
+  // larger count under the same limit.
   regularizer::pick_hint* hint = nullptr;
-  for (regularizer::pick_hint& h : g.pick_hints)
-    if (h.count == count && h.limit == quality_limit && count) hint = &h;
-  if (hint && count <= cols / 8) {
-    const double q = hint->quality;
-    const double bound = std::min(quality_limit, q + std::max(0.5 * std::fabs(q), 0.01));
+  const regularizer::pick_hint* guide = nullptr;
+  for (regularizer::pick_hint& h : g.pick_hints) {
+    if (!count || h.limit != quality_limit || h.count < count) continue;
+    if (h.count == count) hint = &h;
+    if (!guide || h.count < guide->count) guide = &h;
+  }
+  const double guess = guide ? guide->quality : 0.0;
+  if (!hint && count) {
+    hint = &g.pick_hints[g.next_pick_hint];
+    g.next_pick_hint = (g.next_pick_hint + 1) % 8;
+    *hint = regularizer::pick_hint{count, quality_limit, 0.0};
+  }
+  if (guide && count <= cols / 8) {
+    const double bound = std::min(quality_limit, guess + std::max(0.5 * std::fabs(guess), 0.01));
     tets_at_most(m, bound, frozen, tets);
     if (tets.size >= count) {
       if (count < tets.size)
@@ -174,12 +185,6 @@ void pick_worst_tets(regularizer& g, double quality_limit, const bit_set& frozen
       return;
     }
     tets.clear();
-  }
-  if (!hint && count) {
-    hint = &g.pick_hints[g.next_pick_hint];
-    g.next_pick_hint = (g.next_pick_hint + 1) % 8;
-    hint->count = count;
-    hint->limit = quality_limit;
   }
   // Qualities into bins that keep their order: the bins below the one where the pick ends are
   // all in it, the bins above none, so that only the tets of the lower bins are selected among.
