@@ -16,12 +16,17 @@ namespace kelvo::voxfill {
 namespace {
 
 // The most that any reconnection of r ring nodes can reach against the old state: its count
-// factor, and the valence and hard terms at their best.
-double reconnection_bound(const move_merit& mm, unsigned r) noexcept {
+// factor, and the valence and hard terms at their best. Those terms are powers of at least 1
+// (fits are at most 1, exponents not negative), so a count factor over `best` is returned as it
+// is: the bound is over `best` as well.
+double reconnection_bound(const move_merit& mm, unsigned r, double best) noexcept {
   const long count = r >= 2 ? 2 * long(r) - 4 : 0;
   const long lo = long(mm.old_count) - long(mm.count_window),
              hi = long(mm.old_count) + long(mm.count_window);
   double bound = mm.count_factors[8 + std::clamp(count, lo, hi) - long(mm.old_count)];
+  if (bound > best && mm.worst_exponent >= 0.0 && mm.mean_exponent >= 0.0 &&
+      !(mm.old_mean_fit > 1.0) && !(mm.old_worst_fit > 1.0) && mm.hard_base > 0.0)
+    return bound;
   if (mm.valence_records.size && (mm.worst_exponent != 0.0 || mm.mean_exponent != 0.0)) {
     if (mm.old_mean_fit > 0.0) bound *= std::pow(1.0 / mm.old_mean_fit, mm.mean_exponent);
     if (mm.old_worst_fit > 0.0) bound *= std::pow(1.0 / mm.old_worst_fit, mm.worst_exponent);
@@ -77,7 +82,7 @@ bool edge_move(regularizer& g, unsigned t, unsigned k, double short_limit, doubl
   g.new_rows.resize(4, 0);
   g.new_qualities.clear();
 
-  if (g.shell_tets.size <= shell_limit && reconnection_bound(mm, g.ring_nodes.size) > best) {
+  if (g.shell_tets.size <= shell_limit && reconnection_bound(mm, g.ring_nodes.size, best) > best) {
     double value = floor;
     unsigned pattern = NONE;
     reconnect_patterns(g.moves, a, b, g.ring_nodes, value, pattern, g.new_rows, g.new_edges,
