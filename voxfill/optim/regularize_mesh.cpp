@@ -174,7 +174,7 @@ void pick_worst_tets(regularizer& g, double quality_limit, const bit_set& frozen
     *hint = regularizer::pick_hint{count, quality_limit, 0.0};
   }
   if (guide && count <= cols / 8) {
-    const double bound = std::min(quality_limit, guess + std::max(0.5 * std::fabs(guess), 0.01));
+    const double bound = std::min(quality_limit, guess + std::max(0.25 * std::fabs(guess), 0.01));
     tets_at_most(m, bound, frozen, tets);
     if (tets.size >= count) {
       if (count < tets.size)
