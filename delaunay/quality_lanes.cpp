@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 
+#include "delaunay/cpu_lanes.h"
 #include "delaunay/geometry.h"
 
 // Four lanes at a time where the processor has AVX, chosen when the program runs.
@@ -48,10 +49,7 @@ float twice_atan2_one(double y, double x) noexcept {
 
 #if VOXFILL_QUALITY_AVX
 // Nothing fused: the lanes round as the scalar code does.
-const bool has_avx = [] {
-  __builtin_cpu_init();
-  return __builtin_cpu_supports("avx") != 0;
-}();
+const bool has_avx = lanes_avx();
 
 // x, y and z of the points a, b, c, d in lanes 0 to 3.
 VOXFILL_AVX inline void gather_points(const double* a, const double* b, const double* c,
