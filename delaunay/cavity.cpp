@@ -9,6 +9,7 @@
 
 #include "delaunay/cpu_lanes.h"
 #include "delaunay/keys.h"
+#include "delaunay/lanes_avx.h"
 #include "delaunay/quality_lanes.h"
 #include "delaunay/star_edge_table.h"
 #include "delaunay/tet_tables.h"
@@ -18,15 +19,6 @@
 #if defined(__SSE2__)
 #include <emmintrin.h>
 #endif
-// Four lanes at a time where the processor has AVX, chosen when the program runs.
-#if defined(__x86_64__) && (defined(__GNUC__) || defined(__clang__))
-#define VOXFILL_CAVITY_AVX 1
-#include <immintrin.h>
-#define VOXFILL_AVX __attribute__((target("avx")))
-#else
-#define VOXFILL_CAVITY_AVX 0
-#endif
-
 namespace kelvo::voxfill {
 namespace {
 
@@ -454,30 +446,12 @@ void in_circumsphere_pair(const double* const a[4], const double* const b[4], co
 #endif
 }
 
-#if VOXFILL_CAVITY_AVX
+#if VOXFILL_LANES_AVX
 // Whether the processor runs AVX. Its lanes do the operations of the SSE2 and scalar code one for
 // one (nothing fused), so both give the same bits; AVX only does more at a time.
 const bool has_avx = lanes_avx();
 
-// x, y and z of the points a, b, c, d in lanes 0 to 3.
-VOXFILL_AVX inline void gather_points(const double* a, const double* b, const double* c,
-                                      const double* d, __m256d& x, __m256d& y,
-                                      __m256d& z) noexcept {
-  const __m128d ua = _mm_loadu_pd(a), ub = _mm_loadu_pd(b);
-  const __m128d uc = _mm_loadu_pd(c), ud = _mm_loadu_pd(d);
-  x = _mm256_insertf128_pd(_mm256_castpd128_pd256(_mm_unpacklo_pd(ua, ub)), _mm_unpacklo_pd(uc, ud),
-                           1);
-  y = _mm256_insertf128_pd(_mm256_castpd128_pd256(_mm_unpackhi_pd(ua, ub)), _mm_unpackhi_pd(uc, ud),
-                           1);
-  z = _mm256_insertf128_pd(_mm256_castpd128_pd256(_mm_loadh_pd(_mm_load_sd(a + 2), b + 2)),
-                           _mm_loadh_pd(_mm_load_sd(c + 2), d + 2), 1);
-}
-
-VOXFILL_AVX inline __m256d dot4(__m256d u0, __m256d u1, __m256d u2, __m256d v0, __m256d v1,
-                                __m256d v2) noexcept {
-  return _mm256_add_pd(_mm256_add_pd(_mm256_mul_pd(u0, v0), _mm256_mul_pd(u1, v1)),
-                       _mm256_mul_pd(u2, v2));
-}
+using namespace avx_lanes;
 
 // in_circumsphere_pair over four lanes: the tets t[0..3].
 VOXFILL_AVX void in_circumsphere_quad(const mesh_view& v, const unsigned t[4], const double* P,
@@ -747,7 +721,7 @@ void collect_cavity(mesh_store& m, unsigned p, dense1D<unsigned>& seeds, cavity_
     // Tested two at a time (three or four at once with AVX); taken in the order of the faces.
     bool in[4];
     unsigned k = 0;
-#if VOXFILL_CAVITY_AVX
+#if VOXFILL_LANES_AVX
     if (has_avx && nc >= 3) {
       in_circumsphere_avx(v, cand, nc, P, limit, in);
       k = nc;

@@ -3,8 +3,10 @@
 #include "delaunay/geometry.h"
 
 #include "delaunay/cpu_lanes.h"
+#include "delaunay/lanes_avx.h"
 
-// The 3x3 solver in four lanes where the processor has AVX2, chosen when the program runs.
+// The 3x3 solver and the tet qualities in vector lanes where the processor has AVX2, chosen when
+// the program runs.
 #if defined(__x86_64__) && (defined(__GNUC__) || defined(__clang__))
 #define VOXFILL_SOLVE_AVX2 1
 #include <immintrin.h>
@@ -66,15 +68,8 @@ VOXFILL_AVX2 inline void seen_from(const double* p, __m256d x, __m256d y, __m256
   v[2] = _mm256_sub_pd(_mm256_set1_pd(p[2]), z);
 }
 
-// dot3 by lanes.
-VOXFILL_AVX2 inline __m256d dot4(const __m256d* u, const __m256d* v) noexcept {
-  return _mm256_add_pd(_mm256_add_pd(_mm256_mul_pd(u[0], v[0]), _mm256_mul_pd(u[1], v[1])),
-                       _mm256_mul_pd(u[2], v[2]));
-}
-
-// raw_shape_quality in four lanes, the scalar operations one for one and in the same order
-// (nothing fused); a lane that tet_quality would not take as it stands (doubtful, or too small to
-// trust) is left to the scalar routine.
+// The four apexes made in lanes and their shape qualities there; a lane that tet_quality would
+// not take as it stands (doubtful, or too small to trust) is left to the scalar routine.
 VOXFILL_AVX2 void tet_quality_heights_avx2(const double* p0, const double* p1, const double* p2,
                                            const double* centre, const double* normal,
                                            const double* z, double* q) noexcept {
@@ -90,57 +85,8 @@ VOXFILL_AVX2 void tet_quality_heights_avx2(const double* p0, const double* p1, c
   seen_from(p0, X, Y, Z, a);
   seen_from(p1, X, Y, Z, b);
   seen_from(p2, X, Y, Z, c);
-  const __m256d L0 = dot4(a, a), L1 = dot4(b, b), L2 = dot4(c, c);
-  const __m256d dab = dot4(a, b), dac = dot4(a, c), dbc = dot4(b, c);
-  const __m256d two = _mm256_set1_pd(2.0), zero = _mm256_setzero_pd();
-  const __m256d Eab = _mm256_sub_pd(_mm256_add_pd(L0, L1), _mm256_mul_pd(two, dab));
-  const __m256d Eac = _mm256_sub_pd(_mm256_add_pd(L0, L2), _mm256_mul_pd(two, dac));
-  const __m256d Ebc = _mm256_sub_pd(_mm256_add_pd(L1, L2), _mm256_mul_pd(two, dbc));
-  const __m256d Gbc = _mm256_sub_pd(_mm256_mul_pd(L1, L2), _mm256_mul_pd(dbc, dbc));
-  const __m256d Gac = _mm256_sub_pd(_mm256_mul_pd(L0, L2), _mm256_mul_pd(dac, dac));
-  const __m256d Gab = _mm256_sub_pd(_mm256_mul_pd(L0, L1), _mm256_mul_pd(dab, dab));
-  const __m256d dfar = _mm256_add_pd(_mm256_sub_pd(L0, dab), _mm256_sub_pd(dbc, dac));
-  const __m256d Gfar = _mm256_sub_pd(_mm256_mul_pd(Eab, Eac), _mm256_mul_pd(dfar, dfar));
-  const __m256d tol = _mm256_set1_pd(SQUARE_TOL);
-  // Lanes that are not doubtful.
-  __m256d sure =
-      _mm256_and_pd(_mm256_cmp_pd(Eab, zero, _CMP_GT_OQ), _mm256_cmp_pd(Eac, zero, _CMP_GT_OQ));
-  sure = _mm256_and_pd(sure, _mm256_cmp_pd(Ebc, zero, _CMP_GT_OQ));
-  sure = _mm256_and_pd(sure,
-                       _mm256_cmp_pd(Gbc, _mm256_mul_pd(_mm256_mul_pd(tol, L1), L2), _CMP_NLT_UQ));
-  sure = _mm256_and_pd(sure,
-                       _mm256_cmp_pd(Gac, _mm256_mul_pd(_mm256_mul_pd(tol, L0), L2), _CMP_NLT_UQ));
-  sure = _mm256_and_pd(sure,
-                       _mm256_cmp_pd(Gab, _mm256_mul_pd(_mm256_mul_pd(tol, L0), L1), _CMP_NLT_UQ));
-  sure = _mm256_and_pd(
-      sure, _mm256_cmp_pd(Gfar, _mm256_mul_pd(_mm256_mul_pd(tol, Eab), Eac), _CMP_NLT_UQ));
-  // H = L0, then each of the others when greater: max_pd(x, H) is x > H ? x : H.
-  __m256d H = L0;
-  H = _mm256_max_pd(L1, H);
-  H = _mm256_max_pd(L2, H);
-  H = _mm256_max_pd(Eab, H);
-  H = _mm256_max_pd(Eac, H);
-  H = _mm256_max_pd(Ebc, H);
-  const __m256d D = _mm256_mul_pd(
-      _mm256_sqrt_pd(H),
-      _mm256_add_pd(_mm256_add_pd(_mm256_add_pd(_mm256_sqrt_pd(Gbc), _mm256_sqrt_pd(Gac)),
-                                  _mm256_sqrt_pd(Gab)),
-                    _mm256_sqrt_pd(Gfar)));
-  __m256d bc[3];
-  bc[0] = _mm256_sub_pd(_mm256_mul_pd(b[1], c[2]), _mm256_mul_pd(b[2], c[1]));
-  bc[1] = _mm256_sub_pd(_mm256_mul_pd(b[2], c[0]), _mm256_mul_pd(b[0], c[2]));
-  bc[2] = _mm256_sub_pd(_mm256_mul_pd(b[0], c[1]), _mm256_mul_pd(b[1], c[0]));
-  __m256d r = _mm256_div_pd(_mm256_mul_pd(_mm256_set1_pd(4.898979485566356), dot4(a, bc)), D);
-  // q > 1 ? 1 : (q < -1 ? -1 : q)
-  const __m256d one = _mm256_set1_pd(1.0), minus_one = _mm256_set1_pd(-1.0);
-  r = _mm256_blendv_pd(_mm256_blendv_pd(r, minus_one, _mm256_cmp_pd(r, minus_one, _CMP_LT_OQ)), one,
-                       _mm256_cmp_pd(r, one, _CMP_GT_OQ));
-  // A lane is taken as it stands when sure, D > 0 and |q| >= DOUBT_TOL.
-  const __m256d magnitude = _mm256_andnot_pd(_mm256_set1_pd(-0.0), r);
-  sure = _mm256_and_pd(sure, _mm256_cmp_pd(D, zero, _CMP_GT_OQ));
-  sure = _mm256_and_pd(sure, _mm256_cmp_pd(magnitude, _mm256_set1_pd(DOUBT_TOL), _CMP_GE_OQ));
-  _mm256_storeu_pd(q, r);
-  const int taken = _mm256_movemask_pd(sure);
+  const int taken =
+      avx_lanes::shape_quality(a[0], a[1], a[2], b[0], b[1], b[2], c[0], c[1], c[2], q);
   for (unsigned k = 0; k < 4; ++k)
     if (!(taken >> k & 1)) {
       double p[3];

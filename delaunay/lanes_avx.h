@@ -1,0 +1,98 @@
+// Pieces of the four-lane (AVX) geometry that several files share: four points loaded into
+// lanes, dot products, and the shape quality from the edge vectors of four tets. Every lane does
+// the scalar operations in the same order with nothing fused, so it rounds as the scalar code.
+// Callers run these only when lanes_avx() says so.
+#pragma once
+
+#if defined(__x86_64__) && (defined(__GNUC__) || defined(__clang__))
+#define VOXFILL_LANES_AVX 1
+#include <immintrin.h>
+
+#include "delaunay/geometry.h"
+
+#define VOXFILL_AVX __attribute__((target("avx")))
+
+namespace kelvo::voxfill::avx_lanes {
+
+// x, y and z of the points a, b, c, d in lanes 0 to 3.
+VOXFILL_AVX inline void gather_points(const double* a, const double* b, const double* c,
+                                      const double* d, __m256d& x, __m256d& y,
+                                      __m256d& z) noexcept {
+  const __m128d ua = _mm_loadu_pd(a), ub = _mm_loadu_pd(b);
+  const __m128d uc = _mm_loadu_pd(c), ud = _mm_loadu_pd(d);
+  x = _mm256_insertf128_pd(_mm256_castpd128_pd256(_mm_unpacklo_pd(ua, ub)), _mm_unpacklo_pd(uc, ud),
+                           1);
+  y = _mm256_insertf128_pd(_mm256_castpd128_pd256(_mm_unpackhi_pd(ua, ub)), _mm_unpackhi_pd(uc, ud),
+                           1);
+  z = _mm256_insertf128_pd(_mm256_castpd128_pd256(_mm_loadh_pd(_mm_load_sd(a + 2), b + 2)),
+                           _mm_loadh_pd(_mm_load_sd(c + 2), d + 2), 1);
+}
+
+VOXFILL_AVX inline __m256d dot4(__m256d u0, __m256d u1, __m256d u2, __m256d v0, __m256d v1,
+                                __m256d v2) noexcept {
+  return _mm256_add_pd(_mm256_add_pd(_mm256_mul_pd(u0, v0), _mm256_mul_pd(u1, v1)),
+                       _mm256_mul_pd(u2, v2));
+}
+
+// raw_shape_quality and the checks of tet_quality over four lanes; the lanes that need the
+// permutation retries (or have no positive denominator) are done again by the scalar code.
+// The clamped raw shape quality of the four tets with edge vectors a, b, c from their fourth
+// point (x, y, z by lanes) into q; bit l of the result is set when lane l may be taken as it
+// stands, clear where tet_quality would retry other orders or the value is too small to trust.
+VOXFILL_AVX inline int shape_quality(__m256d a0, __m256d a1, __m256d a2, __m256d b0, __m256d b1,
+                                     __m256d b2, __m256d c0, __m256d c1, __m256d c2,
+                                     double q[4]) noexcept {
+  const __m256d L0 = dot4(a0, a1, a2, a0, a1, a2), L1 = dot4(b0, b1, b2, b0, b1, b2),
+                L2 = dot4(c0, c1, c2, c0, c1, c2);
+  const __m256d dab = dot4(a0, a1, a2, b0, b1, b2), dac = dot4(a0, a1, a2, c0, c1, c2),
+                dbc = dot4(b0, b1, b2, c0, c1, c2);
+  const __m256d two = _mm256_set1_pd(2.0);
+  const __m256d Eab = _mm256_sub_pd(_mm256_add_pd(L0, L1), _mm256_mul_pd(two, dab));
+  const __m256d Eac = _mm256_sub_pd(_mm256_add_pd(L0, L2), _mm256_mul_pd(two, dac));
+  const __m256d Ebc = _mm256_sub_pd(_mm256_add_pd(L1, L2), _mm256_mul_pd(two, dbc));
+  const __m256d Gbc = _mm256_sub_pd(_mm256_mul_pd(L1, L2), _mm256_mul_pd(dbc, dbc));
+  const __m256d Gac = _mm256_sub_pd(_mm256_mul_pd(L0, L2), _mm256_mul_pd(dac, dac));
+  const __m256d Gab = _mm256_sub_pd(_mm256_mul_pd(L0, L1), _mm256_mul_pd(dab, dab));
+  const __m256d dfar = _mm256_add_pd(_mm256_sub_pd(L0, dab), _mm256_sub_pd(dbc, dac));
+  const __m256d Gfar = _mm256_sub_pd(_mm256_mul_pd(Eab, Eac), _mm256_mul_pd(dfar, dfar));
+  const __m256d tol = _mm256_set1_pd(SQUARE_TOL), zero = _mm256_setzero_pd();
+  const __m256d thin_bc = _mm256_cmp_pd(Gbc, _mm256_mul_pd(_mm256_mul_pd(tol, L1), L2), _CMP_LT_OQ);
+  const __m256d thin_ac = _mm256_cmp_pd(Gac, _mm256_mul_pd(_mm256_mul_pd(tol, L0), L2), _CMP_LT_OQ);
+  const __m256d thin_ab = _mm256_cmp_pd(Gab, _mm256_mul_pd(_mm256_mul_pd(tol, L0), L1), _CMP_LT_OQ);
+  const __m256d thin_far =
+      _mm256_cmp_pd(Gfar, _mm256_mul_pd(_mm256_mul_pd(tol, Eab), Eac), _CMP_LT_OQ);
+  const __m256d doubtful =
+      _mm256_or_pd(_mm256_or_pd(_mm256_or_pd(_mm256_cmp_pd(Eab, zero, _CMP_NGT_UQ),
+                                             _mm256_cmp_pd(Eac, zero, _CMP_NGT_UQ)),
+                                _mm256_or_pd(_mm256_cmp_pd(Ebc, zero, _CMP_NGT_UQ), thin_bc)),
+                   _mm256_or_pd(_mm256_or_pd(thin_ac, thin_ab), thin_far));
+  __m256d H = _mm256_max_pd(L1, L0);
+  H = _mm256_max_pd(L2, H);
+  H = _mm256_max_pd(Eab, H);
+  H = _mm256_max_pd(Eac, H);
+  H = _mm256_max_pd(Ebc, H);
+  const __m256d D = _mm256_mul_pd(
+      _mm256_sqrt_pd(H),
+      _mm256_add_pd(_mm256_add_pd(_mm256_add_pd(_mm256_sqrt_pd(Gbc), _mm256_sqrt_pd(Gac)),
+                                  _mm256_sqrt_pd(Gab)),
+                    _mm256_sqrt_pd(Gfar)));
+  const __m256d bc0 = _mm256_sub_pd(_mm256_mul_pd(b1, c2), _mm256_mul_pd(b2, c1));
+  const __m256d bc1 = _mm256_sub_pd(_mm256_mul_pd(b2, c0), _mm256_mul_pd(b0, c2));
+  const __m256d bc2 = _mm256_sub_pd(_mm256_mul_pd(b0, c1), _mm256_mul_pd(b1, c0));
+  const __m256d raw = _mm256_div_pd(
+      _mm256_mul_pd(_mm256_set1_pd(4.898979485566356), dot4(a0, a1, a2, bc0, bc1, bc2)), D);
+  const __m256d value =
+      _mm256_min_pd(_mm256_set1_pd(1.0), _mm256_max_pd(_mm256_set1_pd(-1.0), raw));
+  const __m256d magnitude = _mm256_andnot_pd(_mm256_set1_pd(-0.0), value);
+  const __m256d plain = _mm256_andnot_pd(
+      doubtful, _mm256_and_pd(_mm256_cmp_pd(D, zero, _CMP_GT_OQ),
+                              _mm256_cmp_pd(magnitude, _mm256_set1_pd(DOUBT_TOL), _CMP_GE_OQ)));
+  _mm256_storeu_pd(q, value);
+  return _mm256_movemask_pd(plain);
+}
+
+}  // namespace kelvo::voxfill::avx_lanes
+
+#else
+#define VOXFILL_LANES_AVX 0
+#endif
