@@ -4,7 +4,9 @@
 
 #include <array>
 #include <bit>
+#include <cmath>
 #include <cstdint>
+#include <limits>
 #include <random>
 #include <vector>
 
@@ -115,6 +117,43 @@ TEST(VectorLanes, TrialHeightsMatchOneCallEach) {
       for (unsigned i = 0; i < 3; ++i) p[i] = centre[i] + normal[i] * z[k];
       mismatches += bits(q[k]) != bits(tet_quality(c, b, a, p));
     }
+  }
+  EXPECT_EQ(mismatches, 0u);
+}
+
+// Solid angles are kept as floats of 2 atan2(y, x); the fast form must round to the same float
+// everywhere, zeros, signs, infinities and the octant borders included.
+TEST(VectorLanes, TwiceAtan2RoundsAsTheLibrary) {
+  std::mt19937_64 rng(11);
+  std::uniform_real_distribution<double> u(-1.0, 1.0);
+  std::vector<double> ys, xs;
+  const double special[] = {0.0,
+                            -0.0,
+                            1.0,
+                            -1.0,
+                            1e-300,
+                            -1e-300,
+                            1e300,
+                            0.41421356237309503,
+                            2.414213562373095,
+                            std::numeric_limits<double>::infinity(),
+                            -std::numeric_limits<double>::infinity()};
+  for (double y : special)
+    for (double x : special) ys.push_back(y), xs.push_back(x);
+  for (int k = 0; k < 200000; ++k) {
+    const double y = u(rng), x = u(rng);
+    ys.push_back(y), xs.push_back(x);
+    ys.push_back(x * (1.0 + 1e-15 * u(rng))), xs.push_back(x);  // near the diagonal
+    ys.push_back(y * 1e-9), xs.push_back(x);                    // near the axis
+  }
+  while (ys.size() % 4) ys.push_back(0.5), xs.push_back(0.25);
+  unsigned mismatches = 0;
+  for (std::size_t k = 0; k < ys.size(); k += 4) {
+    float out[4];
+    twice_atan2_lanes(&ys[k], &xs[k], out);
+    for (unsigned l = 0; l < 4; ++l)
+      mismatches += std::bit_cast<std::uint32_t>(out[l]) !=
+                    std::bit_cast<std::uint32_t>(float(2.0 * std::atan2(ys[k + l], xs[k + l])));
   }
   EXPECT_EQ(mismatches, 0u);
 }
