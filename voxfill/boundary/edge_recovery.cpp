@@ -32,6 +32,7 @@ void coded_face_nodes(const mesh_store& m, unsigned c, unsigned* f) {
 // A crossing of the segment AB with face f that is more than a touch at a shared node.
 bool face_crossed(const mesh_store& m, const unsigned* f, const double* A, const double* B,
                   unsigned a, unsigned b, double d) {
+  if (segment_triangle_apart(m.nodes.data, f[0], f[1], f[2], A, B, d)) return false;
   const triangle_contact c =
       intersect_segment_triangle(m.nodes.data, f[0], f[1], f[2], A, B, d, false);
   if (!(c.in_face && c.on_segment)) return false;
@@ -55,6 +56,8 @@ bool crosses_target(const mesh_store& m, unsigned x, unsigned y, const recovery_
   }
   const unsigned* f = target.n;
   if (face_holds(f, x) && face_holds(f, y)) return false;
+  if (segment_triangle_apart(m.nodes.data, f[0], f[1], f[2], m.nodes.row(x), m.nodes.row(y), d))
+    return false;
   const triangle_contact c = intersect_segment_triangle(m.nodes.data, f[0], f[1], f[2],
                                                         m.nodes.row(x), m.nodes.row(y), d, false);
   if (!(c.in_face && c.on_segment)) return false;

@@ -319,6 +319,9 @@ int crossing_edges_of_face(boundary_recoverer& r, const face_key& face, double d
     const unsigned x = e.n[0], y = e.n[1];
     if (x == y || (face_holds(face, x) && face_holds(face, y))) continue;
     if (r.crossing_seen.insert(e) != 2) continue;
+    if (segment_triangle_apart(m.nodes.data, face.n[0], face.n[1], face.n[2], m.nodes.row(x),
+                               m.nodes.row(y), d))
+      continue;
     const triangle_contact c = intersect_segment_triangle(
         m.nodes.data, face.n[0], face.n[1], face.n[2], m.nodes.row(x), m.nodes.row(y), d, false);
     if (!(c.in_face && c.on_segment)) continue;

@@ -2,6 +2,8 @@
 // distances and contact flags that hold up on nearly coplanar and nearly touching input.
 #pragma once
 
+#include <cmath>
+
 #include "delaunay/geometry.h"
 
 namespace kelvo::voxfill {
@@ -60,5 +62,27 @@ segment_contact intersect_node_edges(const dense2D<double>& nodes, unsigned a, u
 triangle_contact intersect_segment_triangle(const dense2D<double>& nodes, unsigned f0, unsigned f1,
                                             unsigned f2, const double* P, const double* Q,
                                             double tol, bool absolute) noexcept;
+
+// True when the boxes of PQ and of the triangle (f0, f1, f2) of `nodes` stand apart, on some axis,
+// by more than every contact with tolerance `tol` (a length) can bridge, with room for rounding:
+// intersect_segment_triangle would then report neither in_face nor on_segment. Cheap, so worth
+// asking first when only those flags matter.
+inline bool segment_triangle_apart(const dense2D<double>& nodes, unsigned f0, unsigned f1,
+                                   unsigned f2, const double* P, const double* Q,
+                                   double tol) noexcept {
+  const double* a = nodes.col(f0);
+  const double* b = nodes.col(f1);
+  const double* c = nodes.col(f2);
+  for (unsigned i = 0; i < 3; ++i) {
+    double lo = a[i], hi = a[i];
+    lo = b[i] < lo ? b[i] : lo, hi = b[i] > hi ? b[i] : hi;
+    lo = c[i] < lo ? c[i] : lo, hi = c[i] > hi ? c[i] : hi;
+    const double slo = P[i] < Q[i] ? P[i] : Q[i], shi = P[i] < Q[i] ? Q[i] : P[i];
+    const double big = std::fabs(lo) + std::fabs(hi) + std::fabs(slo) + std::fabs(shi);
+    const double margin = 4.0 * tol + 1e-7 * big;
+    if (shi + margin < lo || hi + margin < slo) return true;
+  }
+  return false;
+}
 
 }  // namespace kelvo::voxfill

@@ -38,6 +38,8 @@ unsigned face_toward(const mesh_store& m, unsigned t, unsigned other) {
 
 // The segment passes through face f: both flags, and more than a touch at a node of the face.
 bool passes(const mesh_store& m, const unsigned* f, unsigned a, unsigned b, double d) {
+  if (segment_triangle_apart(m.nodes.data, f[0], f[1], f[2], m.nodes.row(a), m.nodes.row(b), d))
+    return false;
   const triangle_contact c = intersect_segment_triangle(m.nodes.data, f[0], f[1], f[2],
                                                         m.nodes.row(a), m.nodes.row(b), d, false);
   if (!(c.in_face && c.on_segment)) return false;
