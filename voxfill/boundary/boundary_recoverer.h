@@ -40,6 +40,9 @@ struct boundary_recoverer {
   std::vector<edge_key> crossing_stack;
   std::vector<std::pair<float, unsigned>> sort_keys;
   std::vector<edge_key> sort_scratch;
+  // Rings of the crossing edges that no pattern removed, in list order, for the next round: a
+  // shell whose ring is unchanged gives the same patterns and fails again.
+  std::vector<unsigned> failed_rings, failed_rings_next, failed_starts, failed_starts_next;
   // Scratch rows and lists.
   dense2D<unsigned> ball_rows, new_rows, edge_rows;
   dense1D<double> new_qualities;

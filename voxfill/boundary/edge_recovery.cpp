@@ -201,8 +201,12 @@ std::pair<unsigned, bool> remove_crossing_edges(boundary_recoverer& r,
   mesh_store& m = r.store;
   const unsigned start = unsigned(crossing.size());
   bool ok = true;
+  bool have_rings = false;
   for (;;) {
     unsigned removed = 0, kept = 0;
+    r.failed_rings_next.clear();
+    r.failed_starts_next.clear();
+    r.failed_starts_next.push_back(0);
     for (unsigned i = 0; i < crossing.size(); ++i) {
       const unsigned p = crossing[i].n[0], q = crossing[i].n[1];
       const unsigned t0 = edge_tet(m, p, q);
@@ -217,9 +221,16 @@ std::pair<unsigned, bool> remove_crossing_edges(boundary_recoverer& r,
         for (unsigned j = i; j < crossing.size(); ++j) crossing[kept++] = crossing[j];
         break;
       }
+      bool same_ring = false;
+      if (have_rings) {
+        const unsigned lo = r.failed_starts[i], hi = r.failed_starts[i + 1];
+        same_ring = hi - lo == r.ring_nodes.size;
+        for (unsigned k = 0; same_ring && k < r.ring_nodes.size; ++k)
+          same_ring = r.failed_rings[lo + k] == r.ring_nodes[k];
+      }
       std::uint32_t mask = 0;
       bool gone = false;
-      for (unsigned tries = 0; tries < 32 && !gone; ++tries) {
+      for (unsigned tries = 0; tries < 32 && !gone && !same_ring; ++tries) {
         double best = 1e-12;
         unsigned pattern = NONE;
         recover_patterns(r.steiner.removal_state, p, q, r.ring_nodes, m.hard_set, mask, best,
@@ -233,13 +244,20 @@ std::pair<unsigned, bool> remove_crossing_edges(boundary_recoverer& r,
         gone = replace_tets(m, r.steiner.exchange, r.ball_tets, r.new_rows, r.new_qualities,
                             r.new_tets);
       }
-      if (gone)
+      if (gone) {
         ++removed;
-      else
+      } else {
         crossing[kept++] = crossing[i];
+        for (unsigned k = 0; k < r.ring_nodes.size; ++k)
+          r.failed_rings_next.push_back(r.ring_nodes[k]);
+        r.failed_starts_next.push_back(unsigned(r.failed_rings_next.size()));
+      }
     }
     crossing.resize(kept);
     if (!(repeat && ok && removed && kept)) break;
+    r.failed_rings.swap(r.failed_rings_next);
+    r.failed_starts.swap(r.failed_starts_next);
+    have_rings = true;
   }
   return {start - unsigned(crossing.size()), ok};
 }
