@@ -541,6 +541,8 @@ int recover_edge_by_pipe(boundary_recoverer& r, unsigned a, unsigned b, double d
     // A segment that passes close by a node turns round the edges at it: consecutive faces of
     // the pipe share an edge, and no 2-3 swap applies. Those edges go by reconnection of their
     // shells, a few rounds at most, before any Steiner node.
+    // When the rounds below change nothing, the pipe they walked still stands.
+    bool walked = false;
     if (!steiner_steps && edge_rounds < 4) {
       ++edge_rounds;
       c = walk_pipe(r, a, b, d);
@@ -553,11 +555,14 @@ int recover_edge_by_pipe(boundary_recoverer& r, unsigned a, unsigned b, double d
         last_length = NONE;
         continue;
       }
+      walked = true;
     }
     // Steiner nodes go in from a, whatever the last direction of the swaps was.
-    c = walk_pipe(r, a, b, d);
-    if (c == 2) return 1;
-    if (c < 0) return c;
+    if (!walked) {
+      c = walk_pipe(r, a, b, d);
+      if (c == 2) return 1;
+      if (c < 0) return c;
+    }
     const unsigned n = r.pipe.size;
     if (n > 16 && budget < n / 2) budget = 0;
     if (n < 2) return -4;
