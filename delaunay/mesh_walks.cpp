@@ -104,12 +104,52 @@ bool ball_of_node(mesh_store& m, unsigned node, unsigned start, dense1D<unsigned
   out.clear();
   if (start == NONE && node < m.ancestors.size) start = m.ancestors[node];
   if (start == NONE) return false;
-  m.bump_marks();
-  return walk_ball(m, node, start, out, m.work_stack, [&m](unsigned t) {
-    if (m.marked(t)) return false;
-    m.mark(t);
-    return true;
-  });
+  const unsigned mv = m.bump_marks();
+  // The walk of walk_ball over raw views: room for a tet's pushes is made before it is visited,
+  // so that the pushes themselves need no checks. The order and the marks are walk_ball's.
+  dense1D<unsigned>& stack = m.work_stack;
+  stack.clear();
+  unsigned* mk = m.marks.data();
+  const unsigned msize = m.marks.size;
+  const unsigned* tets = m.tets.data.vec->data + m.tets.data.offset;
+  const unsigned* nbs = m.neighbors.data.vec->data + m.neighbors.data.offset;
+  const std::size_t tld = m.tets.data.ld, nld = m.neighbors.data.ld;
+  if (!stack.reserve(8) || !out.reserve(8)) return false;
+  unsigned* st = stack.data();
+  unsigned* o = out.data();
+  unsigned ns = 0, no = 0, room_s = stack.vec->capacity - stack.offset,
+           room_o = out.vec->capacity - out.offset;
+  bool closed = true;
+  mk[start] = mv;
+  st[ns++] = start;
+  while (ns) {
+    const unsigned t = st[--ns];
+    if (ns + 4 > room_s || no + 1 > room_o) {
+      stack.size = ns;
+      out.size = no;
+      if (!stack.reserve(2 * (ns + 4)) || !out.reserve(2 * (no + 1))) return false;
+      st = stack.data();
+      o = out.data();
+      room_s = stack.vec->capacity - stack.offset;
+      room_o = out.vec->capacity - out.offset;
+    }
+    const unsigned* n = tets + tld * t;
+    const unsigned* nb4 = nbs + nld * t;
+    o[no++] = t;
+    for (unsigned k = 4; k-- > 0;) {
+      if (n[k] == node) continue;
+      const unsigned nb = nb4[k];
+      if (nb == NONE)
+        closed = false;
+      else if (!(nb < msize && mk[nb] == mv)) {
+        mk[nb] = mv;
+        st[ns++] = nb;
+      }
+    }
+  }
+  stack.size = 0;
+  out.size = no;
+  return closed;
 }
 
 bool ball_of_node_unmarked(const mesh_store& m, unsigned node, unsigned start,
