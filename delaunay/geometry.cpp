@@ -376,6 +376,16 @@ double tet_barycentric_prepared(const double* a, const double* b, const double* 
   return solve_3x3_rows(a, b, c, bc, V, w, 2);
 }
 
+#if VOXFILL_SOLVE_AVX2
+// One call from a walk that runs in AVX2 lanes already: the solve is inlined here.
+VOXFILL_AVX2 double tet_barycentric_prepared_avx2(const double* a, const double* b, const double* c,
+                                                  const double* p3, const double* p,
+                                                  double* w) noexcept {
+  sub3(p, p3, w);
+  return solve_3x3_avx2(a, b, c, w, 2);
+}
+#endif
+
 double tet_barycentric(const dense2D<double>& coords, unsigned n0, unsigned n1, unsigned n2,
                        unsigned n3, const double* p, double* w) noexcept {
   VOXFILL_ASSERT(coords.rows == 3);

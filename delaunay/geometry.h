@@ -288,6 +288,9 @@ double tet_barycentric(const double* xyz, unsigned n0, unsigned n1, unsigned n2,
 // c = p2 - p3, bc = b x c and determinant V = a . bc are at hand, as orient_det computes them.
 double tet_barycentric_prepared(const double* a, const double* b, const double* c, const double* bc,
                                 double V, const double* p3, const double* p, double* w) noexcept;
+// As tet_barycentric_prepared, for callers that run only where the processor has AVX2 (x86-64).
+double tet_barycentric_prepared_avx2(const double* a, const double* b, const double* c,
+                                     const double* p3, const double* p, double* w) noexcept;
 
 // Weights of p0 and p1 of the point `p` projected on the plane of the triangle (p0, p1, p2) in D
 // dimensions (2 or 3), written to `w`. Returns twice the area; 0.0 with both weights 0.0 when the

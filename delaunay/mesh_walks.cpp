@@ -445,7 +445,7 @@ VOXFILL_AVX2 int walk_avx2(const flat_table<double>& xyz_in, const flat_table<un
     }
     const int mask = beyond_faces_avx2(q, p, _mm256_set1_pd(e.V * tol), turn);
     if (mask == 0) {
-      if (w) tet_barycentric_prepared(e.a, e.b, e.c, e.bc, e.V, q[3], P, w);
+      if (w) tet_barycentric_prepared_avx2(e.a, e.b, e.c, q[3], P, w);
       return 1;
     }
     t = leave_by(neighbors.col(t), mask, start);
