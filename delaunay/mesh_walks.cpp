@@ -168,30 +168,48 @@ unsigned find_edge_tet(mesh_store& m, unsigned a, unsigned b, unsigned& start) n
   dense1D<unsigned>& stack = m.work_stack;
   stack.clear();
   unsigned result = NONE;
-  if (start != NONE) {
-    m.bump_marks();
-    m.mark(start);
-    stack.push_back(start);
+  if (start == NONE) return NONE;
+  const unsigned mv = m.bump_marks();
+  // Raw views, with room for a tet's pushes made before it is visited: the same order and marks
+  // as checked pushes give.
+  if (!stack.reserve(8)) {
+    start = NONE;
+    return NONE;
   }
-  while (stack.size) {
-    const unsigned t = stack.back();
-    stack.pop_back();
-    const unsigned* n = m.tets.row(t);
+  unsigned* mk = m.marks.data();
+  const unsigned msize = m.marks.size;
+  const unsigned* tets = m.tets.data.vec->data + m.tets.data.offset;
+  const unsigned* nbs = m.neighbors.data.vec->data + m.neighbors.data.offset;
+  const std::size_t tld = m.tets.data.ld, nld = m.neighbors.data.ld;
+  unsigned* st = stack.data();
+  unsigned ns = 0, room = stack.vec->capacity - stack.offset;
+  mk[start] = mv;
+  st[ns++] = start;
+  while (ns) {
+    const unsigned t = st[--ns];
+    const unsigned* n = tets + tld * t;
     if (holds(n, b)) {
       result = t;
-      stack.clear();
       break;
     }
+    if (ns + 4 > room) {
+      stack.size = ns;
+      if (!stack.reserve(2 * (ns + 4))) break;
+      st = stack.data();
+      room = stack.vec->capacity - stack.offset;
+    }
     const unsigned ia = local_index(n, a);
+    const unsigned* nb4 = nbs + nld * t;
     for (unsigned i = 0; i < 4; ++i) {
       if (i == ia) continue;
-      const unsigned nb = m.neighbors(i, t);
-      if (nb != NONE && !m.marked(nb)) {
-        m.mark(nb);
-        stack.push_back(nb);
+      const unsigned nb = nb4[i];
+      if (nb != NONE && !(nb < msize && mk[nb] == mv)) {
+        mk[nb] = mv;
+        st[ns++] = nb;
       }
     }
   }
+  stack.size = 0;
   start = result;
   return result;
 }
