@@ -537,6 +537,7 @@ void abandon(cavity_record& cav) noexcept {
   cav.faces.clear();
   cav.hard_faces.clear();
   cav.face_qualities.clear();
+  cav.face_bits.clear();
 }
 
 // A list of the cavity could not grow: the cavity is given up and says why.
@@ -677,10 +678,17 @@ void collect_cavity(mesh_store& m, unsigned p, dense1D<unsigned>& seeds, cavity_
   cav.faces.clear();
   cav.hard_faces.clear();
   cav.face_qualities.clear();
-  for (unsigned k = 0; k < seeds.size; ++k)
-    if (!append(cav.tets, seeds[k])) return out_of_memory(cav, seeds);
-  m.bump_marks();
+  cav.face_bits.clear();
+  // A tet is claimed by the first tet of the cavity that meets it when it comes off the stack: it
+  // joins the cavity (in the order of the faces) when its circumsphere holds the node, and is left
+  // out for good otherwise. Four mark values: in the cavity, left out, and the same two for a tet
+  // tested ahead of its claim to fill the lanes of a test, which its claim then turns into one of
+  // the first two. The tests do not depend on the order in which they are made.
+  m.bump_marks(4);
   const mesh_view v(m);
+  const unsigned in_cavity = v.mark, left_out = in_cavity + 1, ahead_in = in_cavity + 2,
+                 ahead_out = in_cavity + 3;
+  unsigned* marks = v.marks;
   // The rows of a cavity are far apart in memory. Each tet taken asks at once for the rows of its
   // neighbours, which are tested when it comes off the stack; and before the tests, for the node
   // each neighbour adds. So the misses of a level overlap instead of coming one by one.
@@ -694,75 +702,156 @@ void collect_cavity(mesh_store& m, unsigned p, dense1D<unsigned>& seeds, cavity_
       prefetch(v.nb(nb));
     }
   };
-  for (unsigned k = 0; k < seeds.size; ++k) {
-    v.set(seeds[k]);
-    ask_around(seeds[k]);
+  auto ask_points = [&v](unsigned t) {
+    const unsigned* n = v.tet(t);
+    prefetch(v.point(n[0]));
+    prefetch(v.point(n[1]));
+    prefetch(v.point(n[2]));
+    prefetch(v.point(n[3]));
+  };
+  // The lists through plain pointers, with room made for the four tets a step can take.
+  unsigned *tets = nullptr, *face_bits = nullptr, *stack = nullptr;
+  unsigned T = 0, S = seeds.size, tets_room = 0, stack_room = 0;
+  auto make_room = [&](unsigned takes) {
+    cav.tets.size = cav.face_bits.size = T;
+    seeds.size = S;
+    if (!cav.tets.reserve(T + takes, 2) || !cav.face_bits.reserve(T + takes, 2) ||
+        !seeds.reserve(S + takes, 2))
+      return false;
+    tets = cav.tets.data();
+    face_bits = cav.face_bits.data();
+    stack = seeds.data();
+    tets_room = std::min(cav.tets.capacity(), cav.face_bits.capacity());
+    stack_room = seeds.capacity();
+    return true;
+  };
+  if (!make_room(S)) return out_of_memory(cav, seeds);
+  // The seeds, each once in the cavity; the stack holds positions in `cav.tets`, a repeated seed
+  // that of its first entry.
+  for (unsigned k = 0; k < S; ++k) {
+    const unsigned t = stack[k];
+    unsigned at = T;
+    if (marks[t] == in_cavity) {
+      at = 0;
+      while (tets[at] != t) ++at;
+    } else {
+      marks[t] = in_cavity;
+      tets[T++] = t;
+      ask_around(t);
+    }
+    stack[k] = at;
   }
-  if (seeds.size) prefetch(m.colors.data() + seeds[0]);
+  if (T) prefetch(m.colors.data() + tets[0]);
   const double* P = v.point(p);
   const double limit = 1.0 + tol;
-  while (seeds.size) {
-    const unsigned t = seeds.back();
-    seeds.pop_back();
+  while (S) {
+    const unsigned k = stack[--S];
+    const unsigned t = tets[k];
     const unsigned* nbs = v.nb(t);
-    // The neighbours not seen yet, marked now (so a repeated one is tested once, as before).
-    unsigned cand[4], nc = 0;
+    // The claims of t in the order of its faces: those tested ahead with their answers, the
+    // others tested now (marked left out until the test says otherwise). The faces of t come out
+    // on the way: bits 0-3 on the boundary, 4-7 inner towards a lower tet.
+    unsigned taken[4] = {NONE, NONE, NONE, NONE}, nc = 0, bits = 0;
+    unsigned lane[4], lane_face[4], nl = 0;
     for (unsigned i = 0; i < 4; ++i) {
       const unsigned nb = nbs[i];
-      if (nb == NONE || v.marked(nb)) continue;
-      v.set(nb);
-      cand[nc++] = nb;
-      const unsigned* n = v.tet(nb);
-      prefetch(v.point(n[0]));
-      prefetch(v.point(n[1]));
-      prefetch(v.point(n[2]));
-      prefetch(v.point(n[3]));
+      if (nb == NONE) {
+        bits |= 1u << i;
+        continue;
+      }
+      const unsigned s = marks[nb] - in_cavity;
+      if (s >= 4) {
+        marks[nb] = left_out;
+        ask_points(nb);
+        lane[nl] = nb;
+        lane_face[nl++] = i;
+      } else if (s == 0) {
+        bits |= unsigned(nb < t) << (4 + i);
+      } else if (s == 2) {
+        marks[nb] = in_cavity;
+        taken[i] = nb;
+        ++nc;
+        bits |= unsigned(nb < t) << (4 + i);
+      } else {
+        marks[nb] = left_out;
+        bits |= 1u << i;
+      }
     }
-    // Tested two at a time (three or four at once with AVX); taken in the order of the faces.
-    bool in[4];
-    unsigned k = 0;
+    if (nl) {
+      const unsigned own = nl;
 #if VOXFILL_LANES_AVX
-    if (has_avx && nc >= 3) {
-      in_circumsphere_avx(v, cand, nc, P, limit, in);
-      k = nc;
-    }
+      // Free lanes take the untested neighbours of the next tet on the stack: tests that come
+      // anyway.
+      if (has_avx && nl < 4 && S) {
+        const unsigned* next = v.nb(tets[stack[S - 1]]);
+        for (unsigned i = 0; i < 4 && nl < 4; ++i) {
+          const unsigned nb = next[i];
+          if (nb == NONE || marks[nb] - in_cavity < 4) continue;
+          marks[nb] = ahead_out;
+          ask_points(nb);
+          lane[nl++] = nb;
+        }
+      }
 #endif
-    for (; has_sse2 && k + 1 < nc; k += 2) {
-      const unsigned* n = v.tet(cand[k]);
-      const unsigned* o = v.tet(cand[k + 1]);
-      const double* const pa[4] = {v.point(n[0]), v.point(n[1]), v.point(n[2]), v.point(n[3])};
-      const double* const pb[4] = {v.point(o[0]), v.point(o[1]), v.point(o[2]), v.point(o[3])};
-      in_circumsphere_pair(pa, pb, P, limit, in[k], in[k + 1]);
+      // Four at a time with AVX, else two at a time; the same answers as the one-tet test.
+      bool in[4];
+      unsigned l = 0;
+#if VOXFILL_LANES_AVX
+      if (has_avx && nl >= 3) {
+        in_circumsphere_avx(v, lane, nl, P, limit, in);
+        l = nl;
+      }
+#endif
+      for (; has_sse2 && l + 1 < nl; l += 2) {
+        const unsigned* n = v.tet(lane[l]);
+        const unsigned* o = v.tet(lane[l + 1]);
+        const double* const pa[4] = {v.point(n[0]), v.point(n[1]), v.point(n[2]), v.point(n[3])};
+        const double* const pb[4] = {v.point(o[0]), v.point(o[1]), v.point(o[2]), v.point(o[3])};
+        in_circumsphere_pair(pa, pb, P, limit, in[l], in[l + 1]);
+      }
+      for (; l < nl; ++l) {
+        const unsigned* n = v.tet(lane[l]);
+        in[l] =
+            in_circumsphere(v.point(n[0]), v.point(n[1]), v.point(n[2]), v.point(n[3]), P, limit);
+      }
+      for (l = 0; l < own; ++l) {
+        const unsigned nb = lane[l], i = lane_face[l];
+        if (in[l]) {
+          marks[nb] = in_cavity;
+          taken[i] = nb;
+          ++nc;
+          bits |= unsigned(nb < t) << (4 + i);
+        } else {
+          bits |= 1u << i;
+        }
+      }
+      for (; l < nl; ++l)
+        if (in[l]) marks[lane[l]] = ahead_in;
     }
-    for (; k < nc; ++k) {
-      const unsigned* n = v.tet(cand[k]);
-      in[k] = in_circumsphere(v.point(n[0]), v.point(n[1]), v.point(n[2]), v.point(n[3]), P, limit);
-    }
-    for (k = 0; k < nc; ++k) {
-      if (!in[k]) continue;
-      const unsigned nb = cand[k];
-      if (!append(cav.tets, nb) || !append(seeds, nb)) return out_of_memory(cav, seeds);
+    face_bits[k] = bits;
+    if (!nc) continue;
+    if ((T + nc > tets_room || S + nc > stack_room) && !make_room(nc))
+      return out_of_memory(cav, seeds);
+    for (unsigned i = 0; i < 4; ++i) {  // taken in the order of the faces
+      const unsigned nb = taken[i];
+      if (nb == NONE) continue;
+      face_bits[T] = 0;
+      stack[S++] = T;
+      tets[T++] = nb;
       ask_around(nb);
     }
   }
+  cav.tets.size = cav.face_bits.size = T;
+  seeds.size = 0;
 }
 
 void correct_cavity(mesh_store& m, kernel_workspace& ws, cavity_record& cav,
                     kernel_mode_type kernel_mode, const entity_set& hard_set) noexcept {
   if (cav.tets.size == 0) return;
   bool edge_check = kernel_mode == kernel_mode_type::hard_edges;
-  m.bump_marks();
+  // The marks of the collection hold the cavity's tets in the current generation.
   const mesh_view v(m);
   const double* P = v.point(cav.node);
-
-  unsigned w = 0;
-  for (unsigned k = 0; k < cav.tets.size; ++k) {
-    const unsigned t = cav.tets[k];
-    if (v.marked(t)) continue;
-    v.set(t);
-    cav.tets[w++] = t;
-  }
-  cav.tets.size = w;
 
   // Boundary faces, in the order of the tets and then of their faces; and with hard faces to
   // honour, the inner faces seen from the higher tet index, which alone can be hard faces.
@@ -778,17 +867,16 @@ void correct_cavity(mesh_store& m, kernel_workspace& ws, cavity_record& cav,
   {
     unsigned* faces = cav.faces.data();
     unsigned* inner_faces = inner.data();
+    const unsigned* tets = cav.tets.data();
+    const unsigned* face_bits = cav.face_bits.data();
     unsigned F = 0, I = 0;
     for (unsigned k = 0; k < T; ++k) {
-      const unsigned t = cav.tets[k];
-      const unsigned* nbs = v.nb(t);
-      for (unsigned i = 0; i < 4; ++i) {
-        const unsigned nb = nbs[i];
-        if (nb == NONE || !v.marked(nb))
-          faces[F++] = 4 * t + i;
-        else if (nb < t && hard_check)
-          inner_faces[I++] = 4 * t + i;
-      }
+      const unsigned t4 = 4 * tets[k];
+      for (unsigned b = face_bits[k] & 15; b; b &= b - 1)
+        faces[F++] = t4 + unsigned(__builtin_ctz(b));
+      if (hard_check)
+        for (unsigned b = face_bits[k] >> 4; b; b &= b - 1)
+          inner_faces[I++] = t4 + unsigned(__builtin_ctz(b));
     }
     cav.faces.size = F;
     inner.size = I;

@@ -89,18 +89,20 @@ inline bool in_circumsphere(const double* p0, const double* p1, const double* p2
 void make_hard_face_bits(kernel_workspace& ws, const entity_set& hard) noexcept;
 void forget_hard_face_bits(kernel_workspace& ws) noexcept;
 
-// Grows the cavity of node p from `seeds` (taken unconditionally) through the neighbours whose
-// circumsphere holds the node, ratio below 1 + tol. Fills `cav.tets` (seeds first) and sets
-// `cav.node`; empties the other lists. `seeds` is used as the stack and comes back empty. Marks
-// hold the tets tested or taken.
+// Grows the cavity of node p from `seeds` (taken unconditionally, each once) through the
+// neighbours whose circumsphere holds the node, ratio below 1 + tol. Fills `cav.tets` (seeds
+// first) and `cav.face_bits`, sets `cav.node`; empties the other lists. `seeds` is used as the
+// stack and comes back empty. The cavity's tets hold the current mark value, the other tets tested
+// values just above it (a generation of four).
 void collect_cavity(mesh_store& m, unsigned p, dense1D<unsigned>& seeds, cavity_record& cav,
                     double tol) noexcept;
 
 // Removes tets from the cavity until it can be starred from its node: every new tet above
 // STAR_TOL, the boundary a sphere holding every cavity node, and with kernel_mode 1 or 2 no hard
 // face crossed (2: no hard edge inside either). Fills `faces`, `hard_faces` and `face_qualities`.
-// Leaves a valid cavity, an empty one, or abandons (node NONE, all lists empty). On return marks
-// hold the cavity's tets.
+// Leaves a valid cavity, an empty one, or abandons (node NONE, all lists empty). Starts from the
+// cavity, its face bits and its marks as collect_cavity left them; on return marks hold the
+// cavity's tets.
 // `ws` lends its edge set.
 void correct_cavity(mesh_store& m, kernel_workspace& ws, cavity_record& cav,
                     kernel_mode_type kernel_mode, const entity_set& hard_set) noexcept;

@@ -171,14 +171,14 @@ bool mesh_store::load_tets(const dense2D<unsigned>& t4, unsigned color) noexcept
   return true;
 }
 
-unsigned mesh_store::bump_marks() noexcept {
-  if (mark_value >= 0u - mark_step) {
+unsigned mesh_store::bump_marks(unsigned values) noexcept {
+  if (mark_value >= 0u - mark_step - (values - 1)) {
     mark_value = 1;
     marks = 0u;  // fills the list: older generations could otherwise read as current
   } else {
     mark_value += mark_step;
   }
-  mark_step = 1;
+  mark_step = values;
   return mark_value;
 }
 

@@ -76,8 +76,10 @@ class mesh_store {
   // Room for that many nodes and tets in every parallel array; false when memory ran out.
   bool reserve(unsigned node_count, unsigned tet_count) noexcept;
 
-  // A fresh generation of visit marks, without clearing (but at the wrap of the counter).
-  unsigned bump_marks() noexcept;
+  // A fresh generation of visit marks, without clearing (but at the wrap of the counter). It owns
+  // `values` mark values, mark_value and the ones just above it; the next generation starts
+  // beyond them.
+  unsigned bump_marks(unsigned values = 1) noexcept;
   bool marked(unsigned i) const noexcept { return i < marks.size && marks[i] == mark_value; }
   void mark(unsigned i) noexcept { marks[i] = mark_value; }
   // Makes `marks` cover index i (new entries 0). False when memory ran out. The room doubles, but
