@@ -123,16 +123,17 @@ unsigned faces_of_tet(const cavity_record& cav, unsigned t) noexcept {
   return c;
 }
 
-// A hash of a face that does not depend on the order of its nodes, each node well mixed first, so
-// that faces of nearby node numbers spread over all bits.
+// A node well mixed: faces of nearby node numbers spread over all bits.
+inline unsigned mixed_node(unsigned x) noexcept {
+  x *= 0x9E3779B1u;
+  x ^= x >> 16;
+  x *= 0x85EBCA6Bu;
+  return x ^ (x >> 13);
+}
+
+// A hash of a face that does not depend on the order of its nodes, each node well mixed first.
 unsigned mixed_face_hash(unsigned a, unsigned b, unsigned c) noexcept {
-  auto mix = [](unsigned x) {
-    x *= 0x9E3779B1u;
-    x ^= x >> 16;
-    x *= 0x85EBCA6Bu;
-    return x ^ (x >> 13);
-  };
-  return mix(a) + mix(b) + mix(c);
+  return mixed_node(a) + mixed_node(b) + mixed_node(c);
 }
 
 // hard.has_face(a, b, c) for nodes known to be hard: the set's own filter, then its chain, where
@@ -154,8 +155,9 @@ bool holds_hard_face(const entity_set& hard, unsigned a, unsigned b, unsigned c)
 
 // Both sides of every hard face that runs through the cavity become boundary faces. The far side
 // of P gets a non-positive quality and leaves at the next sweep; P on the face sends both away.
-// `inner` lists the inner faces that may be hard, each once. False when a list could not grow.
-bool add_hard_faces(const mesh_view& v, cavity_record& cav, const dense1D<unsigned>& inner,
+// The inner faces that may be hard are those of bits 4-7 of `face_bits`, per tet of the cavity,
+// each seen once. False when a list could not grow.
+bool add_hard_faces(const mesh_view& v, cavity_record& cav, const unsigned* face_bits,
                     const entity_set& hard, const hard_face_bits& bits, const double* P) noexcept {
   const unsigned* node_words = hard.node_bits.words.data();
   const unsigned node_bits = hard.node_bits.length;
@@ -164,28 +166,53 @@ bool add_hard_faces(const mesh_view& v, cavity_record& cav, const dense1D<unsign
   };
   const unsigned* face_words = bits.set == &hard ? bits.words.data() : nullptr;
   const unsigned shift = bits.shift;
-  for (unsigned k = 0; k < inner.size; ++k) {
-    const unsigned c1 = inner[k];
-    const unsigned t = c1 >> 2, i = c1 & 3;
+  const unsigned T = cav.tets.size;
+  for (unsigned k = 0; k < T; ++k) {
+    unsigned inner = face_bits[k] >> 4;
+    if (!inner) continue;
+    const unsigned t = cav.tets[k];
     const unsigned* n = v.tet(t);
-    const unsigned* f = tet_face_nodes[i];
-    const unsigned a = n[f[0]], b = n[f[1]], c = n[f[2]];
-    // The face bits first when there are any: while a surface is meshed every node is hard.
+    // Face i holds every node but node i: its hash is the sum of the others' terms, and it is hard
+    // only with the three of them hard. The face bits first when there are any: while a surface is
+    // meshed every node is hard.
     if (face_words) {
-      const unsigned h = mixed_face_hash(a, b, c) >> shift;
-      if (!((face_words[h >> 5] >> (h & 31)) & 1u)) continue;
+      const unsigned m[4] = {mixed_node(n[0]), mixed_node(n[1]), mixed_node(n[2]),
+                             mixed_node(n[3])};
+      const unsigned sum = m[0] + m[1] + m[2] + m[3];
+      unsigned keep = 0;
+      for (unsigned b = inner; b; b &= b - 1) {
+        const unsigned i = unsigned(__builtin_ctz(b));
+        const unsigned h = (sum - m[i]) >> shift;
+        keep |= ((face_words[h >> 5] >> (h & 31)) & 1u) << i;
+      }
+      inner = keep;
+    } else {
+      const unsigned h = unsigned(is_hard(n[0])) | unsigned(is_hard(n[1])) << 1 |
+                         unsigned(is_hard(n[2])) << 2 | unsigned(is_hard(n[3])) << 3;
+      unsigned keep = 0;
+      for (unsigned b = inner; b; b &= b - 1) {
+        const unsigned i = unsigned(__builtin_ctz(b));
+        keep |= unsigned((h | (1u << i)) == 15) << i;
+      }
+      inner = keep;
     }
-    if (!is_hard(a) || !is_hard(b) || !is_hard(c) || !holds_hard_face(hard, a, b, c)) continue;
-    const unsigned nb = v.nb(t)[i];
-    const unsigned c2 = 4 * nb + v.back_face(nb, t);
-    double q1 = v.face_quality(P, c1), q2 = -q1;
-    if (q1 != 0.0) {
-      q2 = v.face_quality(P, c2);
-      if (q2 == 0.0) q1 = 0.0;
+    for (; inner; inner &= inner - 1) {
+      const unsigned i = unsigned(__builtin_ctz(inner));
+      const unsigned* f = tet_face_nodes[i];
+      const unsigned a = n[f[0]], b = n[f[1]], c = n[f[2]];
+      if (!is_hard(a) || !is_hard(b) || !is_hard(c) || !holds_hard_face(hard, a, b, c)) continue;
+      const unsigned c1 = 4 * t + i;
+      const unsigned nb = v.nb(t)[i];
+      const unsigned c2 = 4 * nb + v.back_face(nb, t);
+      double q1 = v.face_quality(P, c1), q2 = -q1;
+      if (q1 != 0.0) {
+        q2 = v.face_quality(P, c2);
+        if (q2 == 0.0) q1 = 0.0;
+      }
+      if (!append_face(cav, c1, q1) || !append_face(cav, c2, q2) || !append(cav.hard_faces, c1) ||
+          !append(cav.hard_faces, c2))
+        return false;
     }
-    if (!append_face(cav, c1, q1) || !append_face(cav, c2, q2) || !append(cav.hard_faces, c1) ||
-        !append(cav.hard_faces, c2))
-      return false;
   }
   return true;
 }
@@ -853,34 +880,29 @@ void correct_cavity(mesh_store& m, kernel_workspace& ws, cavity_record& cav,
   const mesh_view v(m);
   const double* P = v.point(cav.node);
 
-  // Boundary faces, in the order of the tets and then of their faces; and with hard faces to
-  // honour, the inner faces seen from the higher tet index, which alone can be hard faces.
+  // Boundary faces, in the order of the tets and then of their faces. With hard faces to honour,
+  // the inner faces seen from the higher tet index (bits 4-7), which alone can be hard faces, are
+  // looked at below.
   const unsigned T = cav.tets.size;
   const bool hard_check = kernel_mode != kernel_mode_type::plain && hard_set.faces.size() > 0;
-  dense1D<unsigned>& inner = ws.inner_faces;
   cav.faces.clear();
   cav.hard_faces.clear();
   cav.face_qualities.clear();
-  inner.clear();
-  if (T > 0x3FFFFFFFu || !cav.faces.reserve(4 * T) || (hard_check && !inner.reserve(4 * T)))
-    return out_of_memory(cav);
+  if (T > 0x3FFFFFFFu || !cav.faces.reserve(4 * T)) return out_of_memory(cav);
+  unsigned any_inner = 0;
   {
     unsigned* faces = cav.faces.data();
-    unsigned* inner_faces = inner.data();
     const unsigned* tets = cav.tets.data();
     const unsigned* face_bits = cav.face_bits.data();
-    unsigned F = 0, I = 0;
+    unsigned F = 0;
     for (unsigned k = 0; k < T; ++k) {
-      const unsigned t4 = 4 * tets[k];
-      for (unsigned b = face_bits[k] & 15; b; b &= b - 1)
-        faces[F++] = t4 + unsigned(__builtin_ctz(b));
-      if (hard_check)
-        for (unsigned b = face_bits[k] >> 4; b; b &= b - 1)
-          inner_faces[I++] = t4 + unsigned(__builtin_ctz(b));
+      const unsigned t4 = 4 * tets[k], bits = face_bits[k];
+      any_inner |= bits;
+      for (unsigned b = bits & 15; b; b &= b - 1) faces[F++] = t4 + unsigned(__builtin_ctz(b));
     }
     cav.faces.size = F;
-    inner.size = I;
   }
+  any_inner = hard_check ? any_inner >> 4 : 0;
   for (unsigned k = 0; k < T; ++k) {  // rows that the star will mostly rewrite
     prefetch_for_write(m.tet_qualities.data() + cav.tets[k]);
     prefetch_for_write(m.tet_stamps.data() + cav.tets[k]);
@@ -916,9 +938,10 @@ void correct_cavity(mesh_store& m, kernel_workspace& ws, cavity_record& cav,
       flat |= !(q[k] > STAR_TOL);
     }
   }
-  if (inner.size) {
+  if (any_inner) {
     const unsigned before = cav.faces.size;
-    if (!add_hard_faces(v, cav, inner, hard_set, ws.hard_bits, P)) return out_of_memory(cav);
+    if (!add_hard_faces(v, cav, cav.face_bits.data(), hard_set, ws.hard_bits, P))
+      return out_of_memory(cav);
     flat |= cav.faces.size != before;
   }
 
