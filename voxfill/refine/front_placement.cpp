@@ -44,6 +44,47 @@ double blend(double worst, double q, double shape_weight) noexcept {
   return worst * std::pow(q / worst, shape_weight);
 }
 
+// The merit of the best position so far; its power is taken only when a comparison needs it.
+struct lazy_merit {
+  double worst = 0.0, q = 0.0, value = 0.0;
+  bool known = false;
+  double get(double shape_weight) noexcept {
+    if (!known) value = blend(worst, q, shape_weight), known = true;
+    return value;
+  }
+};
+
+// ln(r) for r near 1 by 2 atanh((r - 1) / (r + 1)) to the fifth power; `err` gets a bound on
+// the terms left off and the rounding. False when r is too far from 1 for the bound to be tight.
+bool log_near_one(double r, double& value, double& err) noexcept {
+  const double u = (r - 1.0) / (r + 1.0);
+  if (!(std::fabs(u) <= 0.25)) return false;
+  const double u2 = u * u;
+  value = 2.0 * u * (1.0 + u2 * (1.0 / 3.0 + u2 * 0.2));
+  err = 2.0 * std::fabs(u) * u2 * u2 * u2 / (7.0 * (1.0 - u2)) + 1e-15 * std::fabs(value) + 1e-15;
+  return true;
+}
+
+// Whether blend(worst, q) < blend(b.worst, b.q). The blend is worst^(1 - w) q^w, so the sign of
+// (1 - w) ln(worst / b.worst) + w ln(q / b.q) decides it wherever that stands clear of the
+// rounding of both blends (a few units in the last place); elsewhere the powers are taken. `m`
+// gets the merit of (worst, q) when it was worked out.
+bool merit_below(double worst, double q, lazy_merit& b, double w, lazy_merit& m) noexcept {
+  if (w > 0.0 && w < 1.0 && worst > 0.0 && b.worst > 0.0 && q > 0.0 && b.q > 0.0 && worst <= 1.0 &&
+      b.worst <= 1.0 && q <= 1.0 && b.q <= 1.0) {
+    double l1, e1, l2, e2;
+    if (log_near_one(worst / b.worst, l1, e1) && log_near_one(q / b.q, l2, e2)) {
+      const double d = (1.0 - w) * l1 + w * l2;
+      const double e = (1.0 - w) * e1 + w * e2 + 1e-13;
+      if (d > e) return false;
+      if (d < -e) return true;
+    }
+  }
+  m.value = blend(worst, q, w);
+  m.known = true;
+  return m.value < b.get(w);
+}
+
 bool walkable(const size_field& f) noexcept {
   const node_locator& loc = f.locator;
   return loc.nodes && loc.tets && loc.neighbors && loc.ancestors;
@@ -219,7 +260,8 @@ bool adjust_apex(size_field& field, const refine_context& c, apex_frame& frame, 
   if (frame_tets[3] == NONE) frame_tets[3] = frame_tets[2];
   if (!field_size_at(field, P, frame_tets[3], frame_sizes[3])) return false;
   const unsigned* o = c.tet_order;
-  double best_merit = 0.0, best_worst = 0.0;
+  lazy_merit best;
+  double best_worst = 0.0;
   // Only the apex moves: the face and its sizes stay as they are.
   double saved[3] = {0.0, 0.0, 0.0}, saved_size = 0.0;
   bool kept = false;
@@ -243,14 +285,16 @@ bool adjust_apex(size_field& field, const refine_context& c, apex_frame& frame, 
     const double q =
         -tet_quality_wide(frame.col(o[0]), frame.col(o[1]), frame.col(o[2]), frame.col(o[3]));
     if (q < FLAT) break;
-    const double m = blend(worst, q, shape_weight);
-    // While the size fit is poor and getting better, better size beats merit: a new start.
-    if (k == 0 || (worst < HALF_SQRT2 && worst > best_worst)) {
-      best_worst = worst;
-      best_merit = m;
-    }
-    if (!(m < best_merit)) {
-      best_merit = m;
+    // While the size fit is poor and getting better, better size beats merit: a new start, which
+    // keeps this position whatever its merit.
+    const bool restart = k == 0 || (worst < HALF_SQRT2 && worst > best_worst);
+    if (restart) best_worst = worst;
+    lazy_merit m;
+    if (restart || !merit_below(worst, q, best, shape_weight, m)) {
+      best.worst = worst;
+      best.q = q;
+      best.value = m.value;
+      best.known = m.known;
       for (unsigned d = 0; d < 3; ++d) saved[d] = P[d];
       saved_size = frame_sizes[3];
       quality = q;
