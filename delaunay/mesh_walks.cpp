@@ -438,10 +438,98 @@ VOXFILL_AVX2 inline int beyond_faces_avx2(const double* const* q, const __m256d*
   return _mm256_movemask_pd(_mm256_cmp_pd(D, limit, _CMP_GT_OQ));
 }
 
+VOXFILL_AVX2 inline __m256d load3(const double* p) noexcept {
+  return _mm256_insertf128_pd(_mm256_castpd128_pd256(_mm_loadu_pd(p)), _mm_load_sd(p + 2), 1);
+}
+
+template <int l>
+VOXFILL_AVX2 inline __m256d spread(__m256d v) noexcept {
+  return _mm256_permute4x64_pd(v, l * 0x55);
+}
+
+VOXFILL_AVX2 inline __m256d rows_times(__m256d Rx, __m256d Ry, __m256d Rz, __m256d y,
+                                       __m256d inv) noexcept {
+  return _mm256_mul_pd(
+      _mm256_add_pd(_mm256_add_pd(_mm256_mul_pd(Rx, spread<0>(y)), _mm256_mul_pd(Ry, spread<1>(y))),
+                    _mm256_mul_pd(Rz, spread<2>(y))),
+      inv);
+}
+
+// The part of the lane solve of tet_barycentric_prepared_avx2 that hangs on the tet alone: the
+// rows of the inverse by lanes and the determinant, the same operations in the same order.
+VOXFILL_AVX2 void memo_frame(const edge_frame& e, walk_memo& memo) noexcept {
+  // Each column with lane 3 cleared, as load3 gives it; the next field of the frame stands
+  // behind each of them.
+  const __m256d zero = _mm256_setzero_pd();
+  const __m256d C0 = _mm256_blend_pd(_mm256_loadu_pd(e.a), zero, 8);
+  const __m256d C1 = _mm256_blend_pd(_mm256_loadu_pd(e.b), zero, 8);
+  const __m256d C2 = _mm256_blend_pd(_mm256_loadu_pd(e.c), zero, 8);
+  __m256d u[3], v[3], c[3];
+  {
+    const __m256d lo01 = _mm256_unpacklo_pd(C1, C2), hi01 = _mm256_unpackhi_pd(C1, C2);
+    const __m256d zc0 = _mm256_permute4x64_pd(C0, 0xAA);
+    const __m256d xc0 = _mm256_permute4x64_pd(C0, 0x00), yc0 = _mm256_permute4x64_pd(C0, 0x55);
+    u[0] = _mm256_blend_pd(lo01, xc0, 4);
+    u[1] = _mm256_blend_pd(_mm256_permute4x64_pd(hi01, 0x04), yc0, 4);
+    u[2] = _mm256_blend_pd(_mm256_permute4x64_pd(lo01, 0x0E), zc0, 4);
+  }
+  for (unsigned k = 0; k < 3; ++k) {
+    v[k] = _mm256_permute4x64_pd(u[k], 1 | 2 << 2 | 0 << 4 | 3 << 6);
+    c[k] = _mm256_permute4x64_pd(u[k], 2 | 0 << 2 | 1 << 4 | 3 << 6);
+  }
+  const __m256d Rx = _mm256_sub_pd(_mm256_mul_pd(u[1], v[2]), _mm256_mul_pd(u[2], v[1]));
+  const __m256d Ry = _mm256_sub_pd(_mm256_mul_pd(u[2], v[0]), _mm256_mul_pd(u[0], v[2]));
+  const __m256d Rz = _mm256_sub_pd(_mm256_mul_pd(u[0], v[1]), _mm256_mul_pd(u[1], v[0]));
+  const __m256d cr = _mm256_add_pd(_mm256_add_pd(_mm256_mul_pd(c[0], Rx), _mm256_mul_pd(c[1], Ry)),
+                                   _mm256_mul_pd(c[2], Rz));
+  const __m128d cr01 = _mm256_castpd256_pd128(cr);
+  memo.det = (_mm_cvtsd_f64(cr01) + _mm_cvtsd_f64(_mm_unpackhi_pd(cr01, cr01)) +
+              _mm_cvtsd_f64(_mm256_extractf128_pd(cr, 1))) /
+             3.0;
+  _mm256_store_pd(memo.cols[0], C0);
+  _mm256_store_pd(memo.cols[1], C1);
+  _mm256_store_pd(memo.cols[2], C2);
+  _mm256_store_pd(memo.rows[0], Rx);
+  _mm256_store_pd(memo.rows[1], Ry);
+  _mm256_store_pd(memo.rows[2], Rz);
+  _mm256_store_pd(memo.inv, _mm256_set1_pd(memo.det == 0.0 ? 0.0 : 1.0 / memo.det));
+}
+
+// The rest of that solve: the weights of P in the memo's tet, two refinements at most.
+VOXFILL_AVX2 void memo_weights(const walk_memo& memo, const double* P, double* w) noexcept {
+  if (memo.det == 0.0) {
+    w[0] = w[1] = w[2] = 0.0;
+    return;
+  }
+  const __m256d C0 = _mm256_load_pd(memo.cols[0]), C1 = _mm256_load_pd(memo.cols[1]),
+                C2 = _mm256_load_pd(memo.cols[2]);
+  const __m256d Rx = _mm256_load_pd(memo.rows[0]), Ry = _mm256_load_pd(memo.rows[1]),
+                Rz = _mm256_load_pd(memo.rows[2]), inv = _mm256_load_pd(memo.inv);
+  // P minus node 3 lane by lane, as sub3 does it; lane 3 is 0.0.
+  const __m256d B = _mm256_sub_pd(load3(P), load3(memo.q[3]));
+  __m256d x = rows_times(Rx, Ry, Rz, B, inv);
+  const __m256d sign = _mm256_set1_pd(-0.0), small = _mm256_set1_pd(1e-12);
+  for (int k = 0; k < 2; ++k) {
+    const __m256d e = _mm256_sub_pd(B, _mm256_add_pd(_mm256_add_pd(_mm256_mul_pd(C0, spread<0>(x)),
+                                                                   _mm256_mul_pd(C1, spread<1>(x))),
+                                                     _mm256_mul_pd(C2, spread<2>(x))));
+    const __m256d d = rows_times(Rx, Ry, Rz, e, inv);
+    x = _mm256_add_pd(x, d);
+    const __m256d ok = _mm256_cmp_pd(_mm256_andnot_pd(sign, d),
+                                     _mm256_mul_pd(small, _mm256_andnot_pd(sign, x)), _CMP_LE_OQ);
+    if ((_mm256_movemask_pd(ok) & 7) == 7) break;
+  }
+  alignas(32) double out[4];
+  _mm256_store_pd(out, x);
+  w[0] = out[0];
+  w[1] = out[1];
+  w[2] = out[2];
+}
+
 VOXFILL_AVX2 int walk_avx2(const flat_table<double>& xyz_in, const flat_table<unsigned>& tets_in,
                            const flat_table<unsigned>& neighbors_in, unsigned steps,
-                           const double* P, unsigned& t, double tol, bit_source& bits,
-                           double* w) noexcept {
+                           const double* P, unsigned& t, double tol, bit_source& bits, double* w,
+                           walk_memo* memo = nullptr) noexcept {
   const flat_table<double> xyz = xyz_in;
   const flat_table<unsigned> tets = tets_in, neighbors = neighbors_in;
   static_assert(
@@ -451,6 +539,17 @@ VOXFILL_AVX2 int walk_avx2(const flat_table<double>& xyz_in, const flat_table<un
       tet_face_nodes[3][0] == 2 && tet_face_nodes[3][1] == 1 && tet_face_nodes[3][2] == 0);
   const __m256d p[3] = {_mm256_set1_pd(P[0]), _mm256_set1_pd(P[1]), _mm256_set1_pd(P[2])};
   const __m256d turn = _mm256_set_pd(0.0, -0.0, 0.0, 0.0);
+  // The first step in the memo's tet: its frame passed the volume test when it was kept.
+  if (memo && t != NONE && t == memo->tet && steps) {
+    --steps;
+    const unsigned start = bits.next();
+    const int mask = beyond_faces_avx2(memo->q, p, _mm256_set1_pd(memo->V * tol), turn);
+    if (mask == 0) {
+      memo_weights(*memo, P, w);
+      return 1;
+    }
+    t = leave_by(neighbors.col(t), mask, start);
+  }
   while (t != NONE && steps) {
     --steps;
     const unsigned start = bits.next();
@@ -463,7 +562,15 @@ VOXFILL_AVX2 int walk_avx2(const flat_table<double>& xyz_in, const flat_table<un
     }
     const int mask = beyond_faces_avx2(q, p, _mm256_set1_pd(e.V * tol), turn);
     if (mask == 0) {
-      if (w) tet_barycentric_prepared_avx2(e.a, e.b, e.c, q[3], P, w);
+      if (memo) {
+        memo->tet = t;
+        for (unsigned i = 0; i < 4; ++i) memo->q[i] = q[i];
+        memo->V = e.V;
+        memo_frame(e, *memo);
+        memo_weights(*memo, P, w);
+      } else if (w) {
+        tet_barycentric_prepared_avx2(e.a, e.b, e.c, q[3], P, w);
+      }
       return 1;
     }
     t = leave_by(neighbors.col(t), mask, start);
@@ -476,11 +583,14 @@ VOXFILL_AVX2 int walk_avx2(const flat_table<double>& xyz_in, const flat_table<un
 
 int walk_tables(const dense2D<double>& xyz_table, const slot_table<unsigned>& tets_table,
                 const slot_table<unsigned>& neighbors_table, const double* P, unsigned& t,
-                double tol, bit_source& bits, double* w = nullptr) noexcept {
+                double tol, bit_source& bits, double* w = nullptr,
+                walk_memo* memo = nullptr) noexcept {
   const flat_table<double> xyz(xyz_table);
   const flat_table<unsigned> tets(tets_table.data), neighbors(neighbors_table.data);
 #if VOXFILL_WALK_AVX2
-  if (has_avx2) return walk_avx2(xyz, tets, neighbors, tets_table.cols(), P, t, tol, bits, w);
+  if (has_avx2) return walk_avx2(xyz, tets, neighbors, tets_table.cols(), P, t, tol, bits, w, memo);
+#else
+  (void)memo;
 #endif
   return walk_scalar(xyz, tets, neighbors, tets_table.cols(), P, t, tol, bits, w);
 }
@@ -512,6 +622,22 @@ bool locate_tet(node_locator& loc, const double* P, unsigned& t, double tol, bit
   }
   if (loc.nodes && loc.tets && loc.neighbors &&
       walk_tables(loc.nodes->data, *loc.tets, *loc.neighbors, P, t, tol, bits, w) == 1)
+    return true;
+  t = NONE;
+  return false;
+}
+
+bool locate_tet(node_locator& loc, const double* P, unsigned& t, double tol, bit_source& bits,
+                double* w, walk_memo& memo) noexcept {
+  if (!loc.ancestors) return false;
+  if (t == NONE) {
+    const unsigned node = loc.near_node(P);
+    if (node == NONE || node >= loc.ancestors->size) return false;
+    t = (*loc.ancestors)[node];
+    if (t == NONE) return false;
+  }
+  if (loc.nodes && loc.tets && loc.neighbors &&
+      walk_tables(loc.nodes->data, *loc.tets, *loc.neighbors, P, t, tol, bits, w, &memo) == 1)
     return true;
   t = NONE;
   return false;

@@ -80,6 +80,25 @@ bool locate_tet(node_locator& loc, const double* P, unsigned& t, double tol,
 bool locate_tet(node_locator& loc, const double* P, unsigned& t, double tol, bit_source& bits,
                 double* w) noexcept;
 
+// What a walk that found weights keeps of the tet it ended in, for the next look-up nearby: the
+// tet, its nodes, its determinant and the rows of its inverse. A walk that starts in that tet
+// again tests its faces and solves for the weights without working these out anew, with the same
+// bits and the same random draws. Valid only while the mesh and its coordinates stay as they
+// are; `tet` is NONE for an empty memo.
+struct walk_memo {
+  unsigned tet = NONE;
+  const double* q[4] = {nullptr, nullptr, nullptr, nullptr};
+  double V = 0.0, det = 0.0;
+  alignas(32) double cols[3][4];
+  alignas(32) double rows[3][4];
+  alignas(32) double inv[4];
+};
+
+// locate_tet with the weights, through `memo`: it is used when the walk starts in its tet and is
+// refilled when the walk ends elsewhere.
+bool locate_tet(node_locator& loc, const double* P, unsigned& t, double tol, bit_source& bits,
+                double* w, walk_memo& memo) noexcept;
+
 // As locate_tet, but the tet must be classified; with `retry`, walks again from each tet of the
 // ball of the nearest node until a walk ends in a classified tet.
 bool locate_tet_in_domain(mesh_store& m, const double* P, unsigned& t, double tol, bool retry,

@@ -251,14 +251,17 @@ double first_apex(const apex_frame& frame, const double* frame_sizes, const unsi
   return H;
 }
 
-bool adjust_apex(size_field& field, const refine_context& c, apex_frame& frame, double* frame_sizes,
-                 unsigned* frame_tets, double height_factor, double shape_weight,
-                 double& quality) noexcept {
+namespace {
+
+// adjust_apex with the memo of the apex's walks, kept over the heights of one face.
+bool adjust_apex_memo(size_field& field, const refine_context& c, apex_frame& frame,
+                      double* frame_sizes, unsigned* frame_tets, double height_factor,
+                      double shape_weight, double& quality, walk_memo& memo) noexcept {
   double* P = frame.col(3);
   first_apex(frame, frame_sizes, c.face_order, height_factor, shape_weight, P);
   // A walk from beside the face is short; without a start the locator's tree is searched.
   if (frame_tets[3] == NONE) frame_tets[3] = frame_tets[2];
-  if (!field_size_at(field, P, frame_tets[3], frame_sizes[3])) return false;
+  if (!field_size_at(field, P, frame_tets[3], frame_sizes[3], memo)) return false;
   const unsigned* o = c.tet_order;
   lazy_merit best;
   double best_worst = 0.0;
@@ -305,7 +308,7 @@ bool adjust_apex(size_field& field, const refine_context& c, apex_frame& frame, 
         // The last move is never measured, but its walk draws the same random bits.
         if (k + 1 == ITERATIONS || !(deviation > 0.02))
           field_walk(field, P, frame_tets[3]);
-        else if (!field_size_at(field, P, frame_tets[3], frame_sizes[3]))
+        else if (!field_size_at(field, P, frame_tets[3], frame_sizes[3], memo))
           go = false;
       }
     } else {
@@ -317,6 +320,16 @@ bool adjust_apex(size_field& field, const refine_context& c, apex_frame& frame, 
   for (unsigned d = 0; d < 3; ++d) P[d] = saved[d];
   frame_sizes[3] = saved_size;
   return true;
+}
+
+}  // namespace
+
+bool adjust_apex(size_field& field, const refine_context& c, apex_frame& frame, double* frame_sizes,
+                 unsigned* frame_tets, double height_factor, double shape_weight,
+                 double& quality) noexcept {
+  walk_memo memo;
+  return adjust_apex_memo(field, c, frame, frame_sizes, frame_tets, height_factor, shape_weight,
+                          quality, memo);
 }
 
 double front_point(th4_engine& e, refine_context& c, unsigned f0, unsigned f1, unsigned f2,
@@ -338,12 +351,14 @@ double front_point(th4_engine& e, refine_context& c, unsigned f0, unsigned f1, u
       locate_tet(field.locator, frame.col(i), frame_tets[i], LOCATE_TOL, field.walk_bits);
   }
   frame_tets[3] = start != NONE ? start : frame_tets[2];
+  // The mesh stays as it is over all heights of the face.
+  walk_memo memo;
   double height_factor = 1.0;
   double quality = 0.0;
   bool found = false;
   for (unsigned k = 0; k < HEIGHTS && !found; ++k) {
-    found = adjust_apex(field, c, frame, frame_sizes, frame_tets, height_factor, c.shape_weight,
-                        quality);
+    found = adjust_apex_memo(field, c, frame, frame_sizes, frame_tets, height_factor,
+                             c.shape_weight, quality, memo);
     height_factor *= 0.5;
   }
   if (!found || !(quality > FLAT)) return 0.0;

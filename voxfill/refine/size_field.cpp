@@ -48,9 +48,11 @@ bool in_domain(const size_field& field, unsigned t) noexcept {
 
 // The tet holding P over the field's own tables and with its own random bits, so that a
 // background mesh is walked like the mesh itself. With `w`, also P's weights in it.
-bool locate_in_field(size_field& field, const double* P, unsigned& t,
-                     double* w = nullptr) noexcept {
-  return bound(field.locator) && locate_tet(field.locator, P, t, LOCATE_TOL, field.walk_bits, w);
+bool locate_in_field(size_field& field, const double* P, unsigned& t, double* w = nullptr,
+                     walk_memo* memo = nullptr) noexcept {
+  if (!bound(field.locator)) return false;
+  if (memo && w) return locate_tet(field.locator, P, t, LOCATE_TOL, field.walk_bits, w, *memo);
+  return locate_tet(field.locator, P, t, LOCATE_TOL, field.walk_bits, w);
 }
 
 // The tets around `node` into field.ball, depth first from its ancestor.
@@ -198,10 +200,11 @@ namespace {
 // out only where the walks depend on them (the result is then meaningless, `tet` and the random
 // draws are the same).
 [[gnu::always_inline]] inline bool interpolate_in(size_field& field, const double* P, unsigned& tet,
-                                                  double& h, bool sized) noexcept {
+                                                  double& h, bool sized,
+                                                  walk_memo* memo = nullptr) noexcept {
   h = 0.0;
   double w[3];
-  if (!locate_in_field(field, P, tet, sized ? w : nullptr)) return false;
+  if (!locate_in_field(field, P, tet, sized ? w : nullptr, memo)) return false;
   const unsigned* n = field.locator.tets->row(tet);
   if (!in_domain(field, tet)) {
     if (!sized) tet_barycentric(field.locator.nodes->data, n[0], n[1], n[2], n[3], P, w);
@@ -230,6 +233,19 @@ bool interpolate_size(size_field& field, const double* P, unsigned& tet, double&
 
 bool field_size_at(size_field& field, const double* P, unsigned& tet, double& h) noexcept {
   if (interpolate_in(field, P, tet, h, true)) return true;
+  if (field.parent_field) {
+    tet = NONE;
+    const bool found = field_size_at(*field.parent_field, P, tet, h);
+    tet = NONE;
+    if (found) return true;
+  }
+  h = 0.0;
+  return false;
+}
+
+bool field_size_at(size_field& field, const double* P, unsigned& tet, double& h,
+                   walk_memo& memo) noexcept {
+  if (interpolate_in(field, P, tet, h, true, &memo)) return true;
   if (field.parent_field) {
     tet = NONE;
     const bool found = field_size_at(*field.parent_field, P, tet, h);

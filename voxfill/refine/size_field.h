@@ -3,6 +3,7 @@
 #pragma once
 
 #include "delaunay/key_set.h"
+#include "delaunay/mesh_walks.h"
 #include "delaunay/node_locator.h"
 #include "delaunay/random_source.h"
 #include "voxfill/mesher_th4.h"
@@ -50,6 +51,10 @@ bool size_at(th4_engine& engine, const double* P, double& h) noexcept;
 // interpolate_size in `field` from the tet hint `tet` (NONE for none), then in the parents with
 // no hint. `tet` is NONE after a parent was asked; `h` is 0.0 when all fail.
 bool field_size_at(size_field& field, const double* P, unsigned& tet, double& h) noexcept;
+
+// The same through `memo`, for a run of look-ups near each other over a mesh that stays as it is.
+bool field_size_at(size_field& field, const double* P, unsigned& tet, double& h,
+                   walk_memo& memo) noexcept;
 
 // The walks of field_size_at, with the same random draws and the same `tet` after them, for a
 // caller that would throw the size away: the size is not worked out where nothing hangs on it.
