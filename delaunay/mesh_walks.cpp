@@ -457,13 +457,8 @@ VOXFILL_AVX2 inline __m256d rows_times(__m256d Rx, __m256d Ry, __m256d Rz, __m25
 
 // The part of the lane solve of tet_barycentric_prepared_avx2 that hangs on the tet alone: the
 // rows of the inverse by lanes and the determinant, the same operations in the same order.
-VOXFILL_AVX2 void memo_frame(const edge_frame& e, walk_memo& memo) noexcept {
-  // Each column with lane 3 cleared, as load3 gives it; the next field of the frame stands
-  // behind each of them.
-  const __m256d zero = _mm256_setzero_pd();
-  const __m256d C0 = _mm256_blend_pd(_mm256_loadu_pd(e.a), zero, 8);
-  const __m256d C1 = _mm256_blend_pd(_mm256_loadu_pd(e.b), zero, 8);
-  const __m256d C2 = _mm256_blend_pd(_mm256_loadu_pd(e.c), zero, 8);
+// The columns come as lane_volume leaves them, lane 3 cleared as load3 clears it.
+VOXFILL_AVX2 inline void memo_frame(__m256d C0, __m256d C1, __m256d C2, walk_memo& memo) noexcept {
   __m256d u[3], v[3], c[3];
   {
     const __m256d lo01 = _mm256_unpacklo_pd(C1, C2), hi01 = _mm256_unpackhi_pd(C1, C2);
@@ -526,6 +521,27 @@ VOXFILL_AVX2 void memo_weights(const walk_memo& memo, const double* P, double* w
   w[2] = out[2];
 }
 
+// frame_of in lanes: the edge vectors a, b, c from node 3 with coordinate k in lane k (lane 3 is
+// 0.0), b x c the same way, and the determinant summed in the order of dot3; the operations are
+// those of sub3, cross3 and dot3 one for one.
+VOXFILL_AVX2 inline double lane_volume(const double* const* q, __m256d& a, __m256d& b,
+                                       __m256d& c) noexcept {
+  // Masked loads clear lane 3 as load3 does.
+  const __m256i xyz = _mm256_set_epi64x(0, -1, -1, -1);
+  const __m256d q3 = _mm256_maskload_pd(q[3], xyz);
+  a = _mm256_sub_pd(_mm256_maskload_pd(q[0], xyz), q3);
+  b = _mm256_sub_pd(_mm256_maskload_pd(q[1], xyz), q3);
+  c = _mm256_sub_pd(_mm256_maskload_pd(q[2], xyz), q3);
+  constexpr int YZX = 1 | 2 << 2 | 0 << 4 | 3 << 6, ZXY = 2 | 0 << 2 | 1 << 4 | 3 << 6;
+  const __m256d bc =
+      _mm256_sub_pd(_mm256_mul_pd(_mm256_permute4x64_pd(b, YZX), _mm256_permute4x64_pd(c, ZXY)),
+                    _mm256_mul_pd(_mm256_permute4x64_pd(b, ZXY), _mm256_permute4x64_pd(c, YZX)));
+  const __m256d abc = _mm256_mul_pd(a, bc);
+  const __m128d lo = _mm256_castpd256_pd128(abc);
+  return (_mm_cvtsd_f64(lo) + _mm_cvtsd_f64(_mm_unpackhi_pd(lo, lo))) +
+         _mm_cvtsd_f64(_mm256_extractf128_pd(abc, 1));
+}
+
 VOXFILL_AVX2 int walk_avx2(const flat_table<double>& xyz_in, const flat_table<unsigned>& tets_in,
                            const flat_table<unsigned>& neighbors_in, unsigned steps,
                            const double* P, unsigned& t, double tol, bit_source& bits, double* w,
@@ -555,21 +571,26 @@ VOXFILL_AVX2 int walk_avx2(const flat_table<double>& xyz_in, const flat_table<un
     const unsigned start = bits.next();
     const unsigned* n = tets.col(t);
     const double* q[4] = {xyz.col(n[0]), xyz.col(n[1]), xyz.col(n[2]), xyz.col(n[3])};
-    edge_frame e;
-    if (!frame_of(q, e)) {
+    __m256d a, b, c;
+    const double V = lane_volume(q, a, b, c);
+    if (!(V > 0.0 && std::isfinite(V))) {
       t = NONE;
       return -1;
     }
-    const int mask = beyond_faces_avx2(q, p, _mm256_set1_pd(e.V * tol), turn);
+    const int mask = beyond_faces_avx2(q, p, _mm256_set1_pd(V * tol), turn);
     if (mask == 0) {
       if (memo) {
         memo->tet = t;
         for (unsigned i = 0; i < 4; ++i) memo->q[i] = q[i];
-        memo->V = e.V;
-        memo_frame(e, *memo);
+        memo->V = V;
+        memo_frame(a, b, c, *memo);
         memo_weights(*memo, P, w);
       } else if (w) {
-        tet_barycentric_prepared_avx2(e.a, e.b, e.c, q[3], P, w);
+        alignas(32) double ea[4], eb[4], ec[4];
+        _mm256_store_pd(ea, a);
+        _mm256_store_pd(eb, b);
+        _mm256_store_pd(ec, c);
+        tet_barycentric_prepared_avx2(ea, eb, ec, q[3], P, w);
       }
       return 1;
     }
