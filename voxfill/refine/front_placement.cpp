@@ -155,14 +155,17 @@ VOXFILL_AVX2 inline void pulls_of_lengths(const apex_frame& frame, __m256d l, do
   ci = _mm256_blendv_pd(_mm256_blendv_pd(ci, one, _mm256_cmp_pd(ci, one, _CMP_GT_OQ)), low,
                         _mm256_cmp_pd(ci, low, _CMP_LT_OQ));
   ci = _mm256_mul_pd(ci, _mm256_set1_pd(0.5));
-  alignas(32) double rs[4], devs[4];
-  _mm256_store_pd(rs, r);
-  _mm256_store_pd(devs, dev);
-  worst = DBL_MAX;
-  deviation = 0.0;
-  for (unsigned i = 0; i < 3; ++i) {
-    if (rs[i] < worst) worst = rs[i];
-    if (devs[i] > deviation) deviation = devs[i];
+  // The scalar scans edge by edge: min_sd and max_sd keep the running value unless the new one is
+  // strictly below (above) it, NaN included.
+  {
+    const __m128d r01 = _mm256_castpd256_pd128(r), r2 = _mm256_extractf128_pd(r, 1);
+    __m128d m = _mm_min_sd(r01, _mm_set_sd(DBL_MAX));
+    m = _mm_min_sd(_mm_unpackhi_pd(r01, r01), m);
+    worst = _mm_cvtsd_f64(_mm_min_sd(r2, m));
+    const __m128d d01 = _mm256_castpd256_pd128(dev), d2 = _mm256_extractf128_pd(dev, 1);
+    __m128d x = _mm_max_sd(d01, _mm_setzero_pd());
+    x = _mm_max_sd(_mm_unpackhi_pd(d01, d01), x);
+    deviation = _mm_cvtsd_f64(_mm_max_sd(d2, x));
   }
   const __m256d P = load3(frame.col(3));
   __m256d s = _mm256_setzero_pd();
