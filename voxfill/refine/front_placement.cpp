@@ -382,6 +382,9 @@ void place_candidates(th4_engine& e, refine_context& c, dense2D<double>& points,
   sizes.clear();
   const unsigned n = c.front_faces.size;
   if (!points.reserve(3, n) || !sizes.reserve(n)) return;
+  // Room for a point per face in the reserved storage; the table is cut to the kept ones at the
+  // end.
+  points.resize(3, n);
   // Over the mesh itself the apex stands in or near the bad tet: its walk is short from there.
   const size_field& field = e.size_field ? *e.size_field : *e.own_size_field;
   const bool own_mesh = &field.locator == &e.locator;
@@ -401,11 +404,11 @@ void place_candidates(th4_engine& e, refine_context& c, dense2D<double>& points,
     unsigned u = own_mesh && near != NONE ? near : t;
     if (!locate_tet(e.locator, P, u, LOCATE_TOL, c.context_bits)) continue;
     if (c.good_tets.test(u) || e.colors[u] != e.colors[t]) continue;
-    points.resize(3, count + 1);
     for (unsigned d = 0; d < 3; ++d) points(d, count) = P[d];
     sizes.push_back(h);
     ++count;
   }
+  points.resize(3, count);
 }
 
 }  // namespace kelvo::voxfill
