@@ -555,17 +555,6 @@ VOXFILL_AVX2 int walk_avx2(const flat_table<double>& xyz_in, const flat_table<un
       tet_face_nodes[3][0] == 2 && tet_face_nodes[3][1] == 1 && tet_face_nodes[3][2] == 0);
   const __m256d p[3] = {_mm256_set1_pd(P[0]), _mm256_set1_pd(P[1]), _mm256_set1_pd(P[2])};
   const __m256d turn = _mm256_set_pd(0.0, -0.0, 0.0, 0.0);
-  // The first step in the memo's tet: its frame passed the volume test when it was kept.
-  if (memo && t != NONE && t == memo->tet && steps) {
-    --steps;
-    const unsigned start = bits.next();
-    const int mask = beyond_faces_avx2(memo->q, p, _mm256_set1_pd(memo->V * tol), turn);
-    if (mask == 0) {
-      memo_weights(*memo, P, w);
-      return 1;
-    }
-    t = leave_by(neighbors.col(t), mask, start);
-  }
   while (t != NONE && steps) {
     --steps;
     const unsigned start = bits.next();
@@ -602,18 +591,38 @@ VOXFILL_AVX2 int walk_avx2(const flat_table<double>& xyz_in, const flat_table<un
 }
 #endif
 
+#if VOXFILL_WALK_AVX2
+// The first step of a walk that starts in the memo's tet, whose frame passed the volume test when
+// it was kept: true when P is in it (weights in w), else t is the neighbour the walk goes on from.
+VOXFILL_AVX2 bool memo_step(const walk_memo& memo, const slot_table<unsigned>& neighbors,
+                            const double* P, unsigned& t, double tol, bit_source& bits,
+                            double* w) noexcept {
+  const unsigned start = bits.next();
+  const __m256d p[3] = {_mm256_set1_pd(P[0]), _mm256_set1_pd(P[1]), _mm256_set1_pd(P[2])};
+  const int mask = beyond_faces_avx2(memo.q, p, _mm256_set1_pd(memo.V * tol),
+                                     _mm256_set_pd(0.0, -0.0, 0.0, 0.0));
+  if (mask == 0) {
+    memo_weights(memo, P, w);
+    return true;
+  }
+  t = leave_by(neighbors.row(t), mask, start);
+  return false;
+}
+#endif
+
 int walk_tables(const dense2D<double>& xyz_table, const slot_table<unsigned>& tets_table,
                 const slot_table<unsigned>& neighbors_table, const double* P, unsigned& t,
-                double tol, bit_source& bits, double* w = nullptr,
-                walk_memo* memo = nullptr) noexcept {
+                double tol, bit_source& bits, double* w = nullptr, walk_memo* memo = nullptr,
+                unsigned steps = ~0u) noexcept {
   const flat_table<double> xyz(xyz_table);
   const flat_table<unsigned> tets(tets_table.data), neighbors(neighbors_table.data);
+  if (steps == ~0u) steps = tets_table.cols();
 #if VOXFILL_WALK_AVX2
-  if (has_avx2) return walk_avx2(xyz, tets, neighbors, tets_table.cols(), P, t, tol, bits, w, memo);
+  if (has_avx2) return walk_avx2(xyz, tets, neighbors, steps, P, t, tol, bits, w, memo);
 #else
   (void)memo;
 #endif
-  return walk_scalar(xyz, tets, neighbors, tets_table.cols(), P, t, tol, bits, w);
+  return walk_scalar(xyz, tets, neighbors, steps, P, t, tol, bits, w);
 }
 
 }  // namespace
@@ -657,8 +666,19 @@ bool locate_tet(node_locator& loc, const double* P, unsigned& t, double tol, bit
     t = (*loc.ancestors)[node];
     if (t == NONE) return false;
   }
-  if (loc.nodes && loc.tets && loc.neighbors &&
-      walk_tables(loc.nodes->data, *loc.tets, *loc.neighbors, P, t, tol, bits, w, &memo) == 1)
+  if (!loc.nodes || !loc.tets || !loc.neighbors) {
+    t = NONE;
+    return false;
+  }
+  unsigned steps = loc.tets->cols();
+#if VOXFILL_WALK_AVX2
+  if (has_avx2 && t == memo.tet && steps) {
+    if (memo_step(memo, *loc.neighbors, P, t, tol, bits, w)) return true;
+    --steps;
+  }
+#endif
+  if (walk_tables(loc.nodes->data, *loc.tets, *loc.neighbors, P, t, tol, bits, w, &memo, steps) ==
+      1)
     return true;
   t = NONE;
   return false;
