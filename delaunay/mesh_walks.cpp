@@ -324,14 +324,6 @@ inline int first_face(int mask, unsigned start) noexcept {
 
 }  // namespace
 
-int locate_side(const dense2D<double>& xyz, const double* P, const unsigned* tet, double tol,
-                unsigned start) noexcept {
-  const double* q[4] = {xyz.col(tet[0]), xyz.col(tet[1]), xyz.col(tet[2]), xyz.col(tet[3])};
-  edge_frame e;
-  const int mask = beyond_faces(q, P, tol, e);
-  return mask < 0 ? mask : first_face(mask, start);
-}
-
 namespace {
 
 // Column j of a table at base + ld * j: the views of the walk's tables, read once per walk.
@@ -610,6 +602,20 @@ VOXFILL_AVX2 bool memo_step(const walk_memo& memo, const slot_table<unsigned>& n
 }
 #endif
 
+#if VOXFILL_WALK_AVX2
+// locate_side by the tests of a walk step, which give the scalar bits.
+VOXFILL_AVX2 int locate_side_avx2(const double* const* q, const double* P, double tol,
+                                  unsigned start) noexcept {
+  __m256d a, b, c;
+  const double V = lane_volume(q, a, b, c);
+  if (!(V > 0.0) || !std::isfinite(V)) return -2;
+  const __m256d p[3] = {_mm256_set1_pd(P[0]), _mm256_set1_pd(P[1]), _mm256_set1_pd(P[2])};
+  const int mask =
+      beyond_faces_avx2(q, p, _mm256_set1_pd(V * tol), _mm256_set_pd(0.0, -0.0, 0.0, 0.0));
+  return first_face(mask, start);
+}
+#endif
+
 int walk_tables(const dense2D<double>& xyz_table, const slot_table<unsigned>& tets_table,
                 const slot_table<unsigned>& neighbors_table, const double* P, unsigned& t,
                 double tol, bit_source& bits, double* w = nullptr, walk_memo* memo = nullptr,
@@ -626,6 +632,17 @@ int walk_tables(const dense2D<double>& xyz_table, const slot_table<unsigned>& te
 }
 
 }  // namespace
+
+int locate_side(const dense2D<double>& xyz, const double* P, const unsigned* tet, double tol,
+                unsigned start) noexcept {
+  const double* q[4] = {xyz.col(tet[0]), xyz.col(tet[1]), xyz.col(tet[2]), xyz.col(tet[3])};
+#if VOXFILL_WALK_AVX2
+  if (has_avx2) return locate_side_avx2(q, P, tol, start);
+#endif
+  edge_frame e;
+  const int mask = beyond_faces(q, P, tol, e);
+  return mask < 0 ? mask : first_face(mask, start);
+}
 
 int walk_to_point(const mesh_store& m, const double* P, unsigned& t, double tol,
                   bit_source& bits) noexcept {
