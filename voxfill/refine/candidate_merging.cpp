@@ -49,16 +49,68 @@ struct lent_items {
   lent_items& operator=(const lent_items&) = delete;
 };
 
-// group_score by the end sizes, without the calls of the general length: over the mesh itself
-// this is most of the merge.
+// The score of direct_score's group when it is above `best`, else some value not above it: the
+// caller stops at the first group that does not beat the last. The newest member, the farthest
+// from i, is judged first since it is the likeliest to lie out of reach; the terms are summed in
+// the members' order all the same.
 double direct_score(const dense2D<double>& points, const dense1D<double>& sizes, double r2,
                     unsigned i, const std::vector<unsigned>& near, unsigned k, const double* G,
-                    double hG) noexcept {
+                    double hG, double best) noexcept {
+  const double* xyz = points.col(0);
+  const std::size_t ld = points.ld;
+  const double* size_of = sizes.data();
+  const unsigned* members = near.data();
+  auto term_of = [&](unsigned x) {
+    const double h = log_mean(hG, size_of[x]);
+    const double d = h > 0.0 ? std::sqrt(geometry_detail::dist2<3>(G, xyz + ld * x)) / h : 0.0;
+    return r2 / (d * d + r2);
+  };
+  const double last = term_of(k == 0 ? i : members[k - 1]);
+  // A member at `radius` or beyond is not served by G: the group is no group.
+  if (!(last > 0.5)) return 0.0;
+  double score = 0.0;
+  for (unsigned q = 0; q < k; ++q) {
+    const double term = term_of(q == 0 ? i : members[q - 1]);
+    if (!(term > 0.5)) return 0.0;
+    score += term;
+    // No term is above 1: with the rest at 1 the group still can't beat `best`. The margin is
+    // far above the rounding of the sum.
+    if (score + double(k - q) + 1e-9 <= best) return 0.0;
+  }
+  return score + last;
+}
+
+}  // namespace
+
+namespace {
+
+// group_score with the sum of the members' coordinates given, and an answer that only has to be
+// right when it is above `best` (see direct_score).
+double score_above(size_field& field, const dense2D<double>& points, const dense1D<double>& sizes,
+                   double r2, unsigned i, const std::vector<unsigned>& near, unsigned k,
+                   const double* sum, double best, unsigned& tet, double* G, double& hG) noexcept {
+  const double members = double(k + 1);
+  for (unsigned d = 0; d < 3; ++d) G[d] = sum[d] / members;
+  hG = 0.0;
+  if (!field_size_at(field, G, tet, hG)) return 0.0;
+  const unsigned tG = tet;
+  if (field.direct_lengths) return direct_score(points, sizes, r2, i, near, k, G, hG, best);
+  // Over the mesh itself a length comes from the end sizes alone: the members' tets would go
+  // unused, and their searches cost more than the rest of the merge.
+  const bool walk = walkable(field);
+  // The members lie close together: each search starts from the tet found last.
+  unsigned last = tG;
   double score = 0.0;
   for (unsigned q = 0; q <= k; ++q) {
     const unsigned x = q == 0 ? i : near[q - 1];
-    const double h = log_mean(hG, sizes[x]);
-    const double d = h > 0.0 ? std::sqrt(geometry_detail::dist2<3>(G, points.col(x))) / h : 0.0;
+    const double* X = points.col(x);
+    unsigned tx = NONE;
+    if (q != 0 && walk) {
+      tx = last;
+      if (locate_tet(field.locator, X, tx, LOCATE_TOL, field.walk_bits)) last = tx;
+    }
+    double d = 0.0;
+    if (!field_length(field, G, tG, hG, X, tx, sizes[x], d)) return 0.0;
     const double term = r2 / (d * d + r2);
     // A member at `radius` or beyond is not served by G: the group is no group.
     if (!(term > 0.5)) return 0.0;
@@ -330,34 +382,7 @@ double group_score(size_field& field, const dense2D<double>& points, const dense
     const double* X = points.col(near[q]);
     for (unsigned d = 0; d < 3; ++d) sum[d] += X[d];
   }
-  const double members = double(k + 1);
-  for (unsigned d = 0; d < 3; ++d) G[d] = sum[d] / members;
-  hG = 0.0;
-  if (!field_size_at(field, G, tet, hG)) return 0.0;
-  const unsigned tG = tet;
-  if (field.direct_lengths) return direct_score(points, sizes, r2, i, near, k, G, hG);
-  // Over the mesh itself a length comes from the end sizes alone: the members' tets would go
-  // unused, and their searches cost more than the rest of the merge.
-  const bool walk = !field.direct_lengths && walkable(field);
-  // The members lie close together: each search starts from the tet found last.
-  unsigned last = tG;
-  double score = 0.0;
-  for (unsigned q = 0; q <= k; ++q) {
-    const unsigned x = q == 0 ? i : near[q - 1];
-    const double* X = points.col(x);
-    unsigned tx = NONE;
-    if (q != 0 && walk) {
-      tx = last;
-      if (locate_tet(field.locator, X, tx, LOCATE_TOL, field.walk_bits)) last = tx;
-    }
-    double d = 0.0;
-    if (!field_length(field, G, tG, hG, X, tx, sizes[x], d)) return 0.0;
-    const double term = r2 / (d * d + r2);
-    // A member at `radius` or beyond is not served by G: the group is no group.
-    if (!(term > 0.5)) return 0.0;
-    score += term;
-  }
-  return score;
+  return score_above(field, points, sizes, r2, i, near, k, sum, -DBL_MAX, tet, G, hG);
 }
 
 void merge_candidates(th4_engine& e, refine_context& c, dense2D<double>& points,
@@ -411,9 +436,14 @@ void merge_candidates(th4_engine& e, refine_context& c, dense2D<double>& points,
       double hR = sizes[i];
       double best = 1.0;
       unsigned u = 0, tet = NONE;
+      // The members' coordinates summed as the groups grow, in the same order as group_score.
+      double sum[3] = {Pi[0], Pi[1], Pi[2]};
       for (unsigned k = 1; k <= m; ++k) {
+        const double* X = points.col(s.near[k - 1]);
+        for (unsigned d = 0; d < 3; ++d) sum[d] += X[d];
         double G[3], hG = 0.0;
-        const double score = group_score(field, points, sizes, r2, i, s.near, k, tet, G, hG);
+        const double score =
+            score_above(field, points, sizes, r2, i, s.near, k, sum, best, tet, G, hG);
         if (!(score > best)) break;
         best = score;
         u = k;
