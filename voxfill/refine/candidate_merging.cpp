@@ -317,11 +317,28 @@ void keep_near(spacing_filter& F, unsigned i, const dense2D<double>& points,
   }
 }
 
+// The candidates copied into the order of the grid's cells, four numbers each (x, y, z, size):
+// the sweeps of grid_near read memory in order.
+void grid_lay_out(const cell_grid& grid, const dense2D<double>& points,
+                  const dense1D<double>& sizes, unsigned n, std::vector<double>& cell_data) {
+  cell_data.resize(4 * std::size_t(n));
+  const unsigned* order = grid.points.data();
+  double* out = cell_data.data();
+  for (unsigned k = 0; k < n; ++k, out += 4) {
+    const unsigned j = order[k];
+    const double* X = points.col(j);
+    out[0] = X[0];
+    out[1] = X[1];
+    out[2] = X[2];
+    out[3] = sizes[j];
+  }
+}
+
 // near_candidates through the grid, the box and the nearness judged in one sweep: only the near
 // ones are listed, and the sort makes the order of the cells irrelevant.
 void grid_near(spacing_filter& F, unsigned i, const dense2D<double>& points,
-               const dense1D<double>& sizes, const cell_grid& grid, std::vector<unsigned>& near,
-               std::vector<double>& lengths) {
+               const dense1D<double>& sizes, const cell_grid& grid, const double* cell_data,
+               std::vector<unsigned>& near, std::vector<double>& lengths) {
   near.clear();
   lengths.clear();
   auto& items = F.near_items;
@@ -337,30 +354,27 @@ void grid_near(spacing_filter& F, unsigned i, const dense2D<double>& points,
     a[d] = grid_cell(grid, d, lo[d]);
     b[d] = grid_cell(grid, d, hi[d]);
   }
+  const unsigned dx = grid.dims[0], dy = grid.dims[1];
   const unsigned* starts = grid.starts.data();
   const unsigned* cell_points = grid.points.data();
-  const double* xyz = points.col(0);
-  const std::size_t ld = points.ld;
-  const double* size_of = sizes.data();
   for (unsigned z = a[2]; z <= b[2]; ++z)
     for (unsigned y = a[1]; y <= b[1]; ++y) {
-      const unsigned row = (z * grid.dims[1] + y) * grid.dims[0];
+      const unsigned row = (z * dy + y) * dx;
       const unsigned end = starts[row + b[0] + 1];
       for (unsigned k = starts[row + a[0]]; k < end; ++k) {
-        const unsigned j = cell_points[k];
-        const double* X = xyz + ld * j;
+        const double* X = cell_data + 4 * std::size_t(k);
         if (!(X[0] >= lo[0] && X[0] <= hi[0] && X[1] >= lo[1] && X[1] <= hi[1] && X[2] >= lo[2] &&
               X[2] <= hi[2]))
           continue;
         // From here as keep_near, candidate i itself included until the sort.
-        const double s = size_of[j];
+        const double s = X[3];
         if (s == 0.0) continue;
         const double d2 = geometry_detail::dist2<3>(P, X);
         const double far = ratio * (h > s ? h : s);
         if (h > 0.0 && d2 > far * far * (1.0 + 1e-9)) continue;
         const double mean = log_mean(h, s);
         const double d = mean > 0.0 ? std::sqrt(d2) / mean : 0.0;
-        if (d <= ratio) items.emplace_back(d, j);
+        if (d <= ratio) items.emplace_back(d, cell_points[k]);
       }
     }
   std::sort(items.begin(), items.end());
@@ -413,6 +427,7 @@ void merge_candidates(th4_engine& e, refine_context& c, dense2D<double>& points,
     double widths = 0.0;
     for (unsigned k = 0; k < n; ++k) widths += F.box_factor * sizes[k];
     const bool gridded = grid_build(s.grid, points, n, 0.5 * widths / double(n));
+    if (gridded) grid_lay_out(s.grid, points, sizes, n, s.cell_data);
     s.tree.rows.clear();
     if (!gridded) {
       s.tree.rows.reserve(n);
@@ -424,7 +439,7 @@ void merge_candidates(th4_engine& e, refine_context& c, dense2D<double>& points,
     for (unsigned i = 0; i < n; ++i) {
       if (s.removed[i]) continue;
       if (gridded) {
-        grid_near(F, i, points, sizes, s.grid, s.near, s.lengths);
+        grid_near(F, i, points, sizes, s.grid, s.cell_data.data(), s.near, s.lengths);
       } else {
         near_candidates(F, i, points, sizes, s.tree, s.near, s.lengths);
       }

@@ -81,6 +81,7 @@ struct merge_scratch {
   std::vector<unsigned char> removed;
   std::vector<unsigned> near;
   std::vector<double> lengths;
+  std::vector<double> cell_data;  // x, y, z and size of each candidate in the grid's order
   std::vector<std::pair<double, unsigned>> near_items;  // lent to the filter of each call
   dense2D<double> points;                               // the output, swapped with the input
   dense1D<double> sizes;
