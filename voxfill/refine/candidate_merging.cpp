@@ -8,7 +8,9 @@
 #include <numeric>
 #include <tuple>
 
+#include "delaunay/cpu_lanes.h"
 #include "delaunay/geometry.h"
+#include "delaunay/lanes_avx.h"
 #include "delaunay/mesh_walks.h"
 #include "voxfill/delaunay_th4.h"
 #include "voxfill/optim/move_merit.h"
@@ -49,10 +51,43 @@ struct lent_items {
   lent_items& operator=(const lent_items&) = delete;
 };
 
+#if VOXFILL_LANES_AVX
+// The terms r2 / (d^2 + r2) of direct_score for the four members X (sizes s) in lanes, as the
+// scalar code rounds them: log_mean by its series, the distance by dist2, nothing fused. Bit l
+// of the result is set where log_mean would take its logarithm: that lane is to be done again.
+VOXFILL_AVX int group_terms_avx(const double* const* X, const double* s, const double* G, double hG,
+                                double r2, double* t) noexcept {
+  __m256d x, y, z;
+  avx_lanes::gather_points(X[0], X[1], X[2], X[3], x, y, z);
+  const __m256d dx = _mm256_sub_pd(_mm256_set1_pd(G[0]), x);
+  const __m256d dy = _mm256_sub_pd(_mm256_set1_pd(G[1]), y);
+  const __m256d dz = _mm256_sub_pd(_mm256_set1_pd(G[2]), z);
+  const __m256d d2 = _mm256_add_pd(_mm256_add_pd(_mm256_mul_pd(dx, dx), _mm256_mul_pd(dy, dy)),
+                                   _mm256_mul_pd(dz, dz));
+  const __m256d S = _mm256_loadu_pd(s), H = _mm256_set1_pd(hG);
+  // As log_mean's choices: lo = hG < s ? hG : s, hi = hG < s ? s : hG.
+  const __m256d lo = _mm256_min_pd(H, S), hi = _mm256_max_pd(S, H);
+  const __m256d r = _mm256_div_pd(_mm256_sub_pd(hi, lo), lo);
+  const int logs = _mm256_movemask_pd(_mm256_cmp_pd(r, _mm256_set1_pd(0.1), _CMP_GE_OQ));
+  const __m256d one = _mm256_set1_pd(1.0), third = _mm256_set1_pd(1.0 / 3);
+  const __m256d u = _mm256_div_pd(r, _mm256_set1_pd(2.0));
+  __m256d p = _mm256_sub_pd(third, _mm256_mul_pd(_mm256_set1_pd(0.42222222222222217), u));
+  p = _mm256_sub_pd(third, _mm256_mul_pd(p, u));
+  p = _mm256_sub_pd(one, _mm256_mul_pd(p, u));
+  p = _mm256_add_pd(one, _mm256_mul_pd(u, p));
+  const __m256d mean = _mm256_mul_pd(lo, p);
+  const __m256d sized = _mm256_cmp_pd(mean, _mm256_setzero_pd(), _CMP_GT_OQ);
+  const __m256d d = _mm256_and_pd(sized, _mm256_div_pd(_mm256_sqrt_pd(d2), mean));
+  const __m256d R2 = _mm256_set1_pd(r2);
+  _mm256_storeu_pd(t, _mm256_div_pd(R2, _mm256_add_pd(_mm256_mul_pd(d, d), R2)));
+  return logs;
+}
+#endif
+
 // The score of direct_score's group when it is above `best`, else some value not above it: the
 // caller stops at the first group that does not beat the last. The newest member, the farthest
 // from i, is judged first since it is the likeliest to lie out of reach; the terms are summed in
-// the members' order all the same.
+// the members' order all the same, four of them worked out at a time where the lanes allow.
 double direct_score(const dense2D<double>& points, const dense1D<double>& sizes, double r2,
                     unsigned i, const std::vector<unsigned>& near, unsigned k, const double* G,
                     double hG, double best) noexcept {
@@ -69,7 +104,29 @@ double direct_score(const dense2D<double>& points, const dense1D<double>& sizes,
   // A member at `radius` or beyond is not served by G: the group is no group.
   if (!(last > 0.5)) return 0.0;
   double score = 0.0;
-  for (unsigned q = 0; q < k; ++q) {
+  unsigned q = 0;
+#if VOXFILL_LANES_AVX
+  if (k >= 4 && lanes_avx()) {
+    for (; q + 4 <= k; q += 4) {
+      unsigned x[4];
+      const double* X[4];
+      double s[4], t[4];
+      for (unsigned l = 0; l < 4; ++l) {
+        x[l] = q + l == 0 ? i : members[q + l - 1];
+        X[l] = xyz + ld * x[l];
+        s[l] = size_of[x[l]];
+      }
+      const int logs = group_terms_avx(X, s, G, hG, r2, t);
+      for (unsigned l = 0; l < 4; ++l) {
+        const double term = logs >> l & 1 ? term_of(x[l]) : t[l];
+        if (!(term > 0.5)) return 0.0;
+        score += term;
+      }
+      if (score + double(k - q - 3) + 1e-9 <= best) return 0.0;
+    }
+  }
+#endif
+  for (; q < k; ++q) {
     const double term = term_of(q == 0 ? i : members[q - 1]);
     if (!(term > 0.5)) return 0.0;
     score += term;
