@@ -267,13 +267,18 @@ bool grid_build(cell_grid& grid, const dense2D<double>& points, unsigned n, doub
   if (n == 0 || !(width > 0.0 && width < DBL_MAX)) return false;
   double lo[3], hi[3];
   for (unsigned d = 0; d < 3; ++d) lo[d] = hi[d] = points(d, 0);
-  for (unsigned p = 0; p < n; ++p)
+  // x * 0.0 is 0.0 for a finite x and NaN for any other: one sum tells whether all are finite.
+  double zero = 0.0;
+  const double* X = points.col(0);
+  const std::size_t ld = points.ld;
+  for (unsigned p = 0; p < n; ++p, X += ld)
     for (unsigned d = 0; d < 3; ++d) {
-      const double x = points(d, p);
-      if (!(x >= -DBL_MAX && x <= DBL_MAX)) return false;
+      const double x = X[d];
+      zero += x * 0.0;
       lo[d] = std::min(lo[d], x);
       hi[d] = std::max(hi[d], x);
     }
+  if (zero != 0.0) return false;
   // Not many more cells than points: the counts and starts stay linear in n.
   const double room = 16.0 * double(n) + 64.0;
   for (;;) {
@@ -293,10 +298,10 @@ bool grid_build(cell_grid& grid, const dense2D<double>& points, unsigned n, doub
   grid.cells.resize(n);
   grid.points.resize(n);
   for (unsigned p = 0; p < n; ++p) {
-    const double* X = points.col(p);
+    const double* Y = points.col(p);
     const unsigned c =
-        (grid_cell(grid, 2, X[2]) * grid.dims[1] + grid_cell(grid, 1, X[1])) * grid.dims[0] +
-        grid_cell(grid, 0, X[0]);
+        (grid_cell(grid, 2, Y[2]) * grid.dims[1] + grid_cell(grid, 1, Y[1])) * grid.dims[0] +
+        grid_cell(grid, 0, Y[0]);
     grid.cells[p] = c;
     ++grid.starts[c + 1];
   }
