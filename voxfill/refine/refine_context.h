@@ -36,6 +36,10 @@ struct refine_context {
   dense1D<unsigned> graph_offsets, graph_nodes;
   dense1D<unsigned> new_tets;
   dense1D<unsigned> ring_tets;  // old bad tets beside a good or new tet
+  // The rows whose good bit is clear, ascending, from one judging to the next: the old bad tets
+  // are found among them without a look at every row. Trusted only after a judging that ended.
+  dense1D<unsigned> clear_rows, clear_spare;
+  bool clear_rows_known = false;
   dense1D<unsigned> local_nodes, local_index;
   dense1D<unsigned> size_stamps;
   dense2D<unsigned> new_tet_rows;

@@ -3,10 +3,14 @@
 #include "voxfill/refine/refinement_loop.h"
 
 #include <algorithm>
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
 #include <cfloat>
 #include <tuple>
 #include <vector>
 
+#include "delaunay/cpu_lanes.h"
 #include "delaunay/delaunay_mgr.h"
 #include "delaunay/insertion_order.h"
 #include "delaunay/mesh_walks.h"
@@ -107,6 +111,49 @@ bool insert_front(refine_context& c, unsigned code) noexcept {
   const unsigned n = c.front_faces.size;
   c.front_faces.push_back(code);
   return c.front_faces.size == n + 1;
+}
+
+// The rows below n whose bit is clear, ascending, into `rows`. False when memory ran out.
+bool clear_rows_of(const bit_set& bits, unsigned n, dense1D<unsigned>& rows) noexcept {
+  rows.clear();
+  const unsigned* words = bits.words.data();
+  for (unsigned w = 0; w < (n + 31) >> 5; ++w) {
+    unsigned clear = ~words[w];
+    if (32 * w + 32 > n) clear &= (1u << (n & 31)) - 1u;
+    for (; clear != 0; clear &= clear - 1) {
+      const unsigned before = rows.size;
+      rows.push_back(32 * w + unsigned(__builtin_ctz(clear)));
+      if (rows.size != before + 1) return false;
+    }
+  }
+  return true;
+}
+
+// The rows whose bit is clear once a judging has settled them: the clear rows from before that
+// are still clear and the new tets judged bad, merged in row order. Nothing else changed a bit.
+// Without memory for them they stay unknown.
+void next_clear_rows(refine_context& c) noexcept {
+  const bit_set& bits = c.good_tets;
+  dense1D<unsigned>& out = c.clear_spare;
+  out.clear();
+  if (!out.reserve(c.clear_rows.size + c.new_tets.size)) return;
+  const unsigned *x = c.clear_rows.data(), *y = c.new_tets.data();
+  const unsigned xe = c.clear_rows.size, ye = c.new_tets.size;
+  unsigned i = 0, j = 0;
+  for (;;) {
+    unsigned t;
+    if (i < xe && (j >= ye || x[i] <= y[j])) {
+      t = x[i++];
+      if (j < ye && y[j] == t) ++j;
+    } else if (j < ye) {
+      t = y[j++];
+    } else {
+      break;
+    }
+    if (!bits.test(t)) out.push_back(t);
+  }
+  std::swap(c.clear_rows, c.clear_spare);
+  c.clear_rows_known = true;
 }
 
 }  // namespace
@@ -252,27 +299,52 @@ int make_front(th4_engine& e, refine_context& c, const dense1D<unsigned>& insert
     e.tet_clock = 1;
   }
   const unsigned old_bits = std::min(c.good_tets.length, T);
+  const unsigned old_length = c.good_tets.length;
+  if (c.pass_count == 0 || !c.clear_rows_known) {
+    if (!clear_rows_of(c.good_tets, old_length, c.clear_rows)) return -199;
+  }
+  c.clear_rows_known = false;
   if (!c.good_tets.grow(T)) return -199;
   for (unsigned t = old_bits; t < T; ++t) c.good_tets.set(t);
   c.new_tets.clear();
-  // The old bad tets, ascending, listed in the same sweep: the ring and the front need no other
-  // look at all rows. The graph's list is free until the size limiting makes the graph.
+  // The old bad tets are the rows below old_bits with a clear bit that hold a tet and are not
+  // new: all of them among the clear rows, in row order. The new tets come from a sweep of the
+  // stamps alone. The graph's list is free until the size limiting makes the graph.
   dense1D<unsigned>& bad = c.graph_nodes;
   bad.clear();
   {
-    // Plain pointers: the bits have room for all T rows, and only the two lists grow here.
+    // Plain pointers: the bits have room for all T rows, and only the new list grows here.
     const unsigned* stamps = e.tet_stamps.data();
     const unsigned* colors = e.colors.data();
     unsigned* words = c.good_tets.words.data();
     const unsigned clock = c.pass_clock;
-    for (unsigned t = 0; t < T; ++t) {
-      const unsigned bit = 1u << (t & 31);
-      if (stamps[t] > clock && colors[t] < DELETED) {
+    auto take = [&](unsigned t) {
+      if (colors[t] < DELETED) {
         c.new_tets.push_back(t);
-        words[t >> 5] |= bit;
-      } else if (t < old_bits && colors[t] != DELETED && !(words[t >> 5] & bit)) {
+        words[t >> 5] |= 1u << (t & 31);
+      }
+    };
+    unsigned t = 0;
+#if defined(__SSE2__)
+    if (lanes_sse2()) {
+      // Four stamps at a time, compared unsigned by their flipped sign bits; a new tet is rare.
+      const __m128i flip = _mm_set1_epi32(int(0x80000000u));
+      const __m128i above = _mm_set1_epi32(int(clock ^ 0x80000000u));
+      for (; t + 4 <= T; t += 4) {
+        const __m128i x = _mm_loadu_si128(reinterpret_cast<const __m128i*>(stamps + t));
+        int m = _mm_movemask_ps(_mm_castsi128_ps(_mm_cmpgt_epi32(_mm_xor_si128(x, flip), above)));
+        for (; m != 0; m &= m - 1) take(t + unsigned(__builtin_ctz(unsigned(m))));
+      }
+    }
+#endif
+    for (; t < T; ++t)
+      if (stamps[t] > clock) take(t);
+    const unsigned* rows = c.clear_rows.data();
+    for (unsigned k = 0; k < c.clear_rows.size; ++k) {
+      const unsigned u = rows[k];
+      if (u < old_bits && colors[u] != DELETED && !(words[u >> 5] >> (u & 31) & 1u)) {
         const unsigned before = bad.size;
-        bad.push_back(t);
+        bad.push_back(u);
         if (bad.size != before + 1) return -199;
       }
     }
@@ -299,6 +371,8 @@ int make_front(th4_engine& e, refine_context& c, const dense1D<unsigned>& insert
     c.good_tets.set(t);
     collect_long_edges(e, c, e.tets.row(t));
   }
+  // The bits are settled: the clear rows for the next judging, else a look at all bits then.
+  next_clear_rows(c);
   // The bad tets now: the old ones left and the new ones judged bad, merged into row order.
   {
     bool any_hard = false, whole = true;
