@@ -51,20 +51,27 @@ struct lent_items {
   lent_items& operator=(const lent_items&) = delete;
 };
 
+// The members of a group, i first and then its near candidates in order, coordinates and sizes
+// by columns: the lanes load four members at once.
+struct member_table {
+  const double* x;
+  const double* y;
+  const double* z;
+  const double* s;
+};
+
 #if VOXFILL_LANES_AVX
-// The terms r2 / (d^2 + r2) of direct_score for the four members X (sizes s) in lanes, as the
-// scalar code rounds them: log_mean by its series, the distance by dist2, nothing fused. Bit l
-// of the result is set where log_mean would take its logarithm: that lane is to be done again.
-VOXFILL_AVX int group_terms_avx(const double* const* X, const double* s, const double* G, double hG,
+// The terms r2 / (d^2 + r2) of direct_score for members q to q + 3 in lanes, as the scalar code
+// rounds them: log_mean by its series, the distance by dist2, nothing fused. Bit l of the result
+// is set where log_mean would take its logarithm: that lane is to be done again.
+VOXFILL_AVX int group_terms_avx(const member_table& M, unsigned q, const double* G, double hG,
                                 double r2, double* t) noexcept {
-  __m256d x, y, z;
-  avx_lanes::gather_points(X[0], X[1], X[2], X[3], x, y, z);
-  const __m256d dx = _mm256_sub_pd(_mm256_set1_pd(G[0]), x);
-  const __m256d dy = _mm256_sub_pd(_mm256_set1_pd(G[1]), y);
-  const __m256d dz = _mm256_sub_pd(_mm256_set1_pd(G[2]), z);
+  const __m256d dx = _mm256_sub_pd(_mm256_set1_pd(G[0]), _mm256_loadu_pd(M.x + q));
+  const __m256d dy = _mm256_sub_pd(_mm256_set1_pd(G[1]), _mm256_loadu_pd(M.y + q));
+  const __m256d dz = _mm256_sub_pd(_mm256_set1_pd(G[2]), _mm256_loadu_pd(M.z + q));
   const __m256d d2 = _mm256_add_pd(_mm256_add_pd(_mm256_mul_pd(dx, dx), _mm256_mul_pd(dy, dy)),
                                    _mm256_mul_pd(dz, dz));
-  const __m256d S = _mm256_loadu_pd(s), H = _mm256_set1_pd(hG);
+  const __m256d S = _mm256_loadu_pd(M.s + q), H = _mm256_set1_pd(hG);
   // As log_mean's choices: lo = hG < s ? hG : s, hi = hG < s ? s : hG.
   const __m256d lo = _mm256_min_pd(H, S), hi = _mm256_max_pd(S, H);
   const __m256d r = _mm256_div_pd(_mm256_sub_pd(hi, lo), lo);
@@ -84,23 +91,28 @@ VOXFILL_AVX int group_terms_avx(const double* const* X, const double* s, const d
 }
 #endif
 
-// The score of direct_score's group when it is above `best`, else some value not above it: the
-// caller stops at the first group that does not beat the last. The newest member, the farthest
-// from i, is judged first since it is the likeliest to lie out of reach; the terms are summed in
-// the members' order all the same, four of them worked out at a time where the lanes allow.
-double direct_score(const dense2D<double>& points, const dense1D<double>& sizes, double r2,
-                    unsigned i, const std::vector<unsigned>& near, unsigned k, const double* G,
-                    double hG, double best) noexcept {
-  const double* xyz = points.col(0);
-  const std::size_t ld = points.ld;
-  const double* size_of = sizes.data();
-  const unsigned* members = near.data();
-  auto term_of = [&](unsigned x) {
-    const double h = log_mean(hG, size_of[x]);
-    const double d = h > 0.0 ? std::sqrt(geometry_detail::dist2<3>(G, xyz + ld * x)) / h : 0.0;
+// The score of direct_score's group of members 0 to k when it is above `best`, else some value
+// not above it: the caller stops at the first group that does not beat the last. The newest
+// member, the farthest from i, is judged first since it is the likeliest to lie out of reach;
+// the terms are summed in the members' order all the same, four of them worked out at a time
+// where the lanes allow.
+double direct_score(const member_table& M, double r2, unsigned k, const double* G, double hG,
+                    double best) noexcept {
+  auto term_of = [&](unsigned q) {
+    const double h = log_mean(hG, M.s[q]);
+    double d = 0.0;
+    if (h > 0.0) {
+      // As dist2: the squares summed from 0.0 in the order of the axes.
+      const double dx = G[0] - M.x[q], dy = G[1] - M.y[q], dz = G[2] - M.z[q];
+      double d2 = 0.0;
+      d2 += dx * dx;
+      d2 += dy * dy;
+      d2 += dz * dz;
+      d = std::sqrt(d2) / h;
+    }
     return r2 / (d * d + r2);
   };
-  const double last = term_of(k == 0 ? i : members[k - 1]);
+  const double last = term_of(k);
   // A member at `radius` or beyond is not served by G: the group is no group.
   if (!(last > 0.5)) return 0.0;
   double score = 0.0;
@@ -108,17 +120,10 @@ double direct_score(const dense2D<double>& points, const dense1D<double>& sizes,
 #if VOXFILL_LANES_AVX
   if (k >= 4 && lanes_avx()) {
     for (; q + 4 <= k; q += 4) {
-      unsigned x[4];
-      const double* X[4];
-      double s[4], t[4];
+      double t[4];
+      const int logs = group_terms_avx(M, q, G, hG, r2, t);
       for (unsigned l = 0; l < 4; ++l) {
-        x[l] = q + l == 0 ? i : members[q + l - 1];
-        X[l] = xyz + ld * x[l];
-        s[l] = size_of[x[l]];
-      }
-      const int logs = group_terms_avx(X, s, G, hG, r2, t);
-      for (unsigned l = 0; l < 4; ++l) {
-        const double term = logs >> l & 1 ? term_of(x[l]) : t[l];
+        const double term = logs >> l & 1 ? term_of(q + l) : t[l];
         if (!(term > 0.5)) return 0.0;
         score += term;
       }
@@ -127,7 +132,7 @@ double direct_score(const dense2D<double>& points, const dense1D<double>& sizes,
   }
 #endif
   for (; q < k; ++q) {
-    const double term = term_of(q == 0 ? i : members[q - 1]);
+    const double term = term_of(q);
     if (!(term > 0.5)) return 0.0;
     score += term;
     // No term is above 1: with the rest at 1 the group still can't beat `best`. The margin is
@@ -145,13 +150,14 @@ namespace {
 // right when it is above `best` (see direct_score).
 double score_above(size_field& field, const dense2D<double>& points, const dense1D<double>& sizes,
                    double r2, unsigned i, const std::vector<unsigned>& near, unsigned k,
-                   const double* sum, double best, unsigned& tet, double* G, double& hG) noexcept {
+                   const member_table& M, const double* sum, double best, unsigned& tet, double* G,
+                   double& hG) noexcept {
   const double members = double(k + 1);
   for (unsigned d = 0; d < 3; ++d) G[d] = sum[d] / members;
   hG = 0.0;
   if (!field_size_at(field, G, tet, hG)) return 0.0;
   const unsigned tG = tet;
-  if (field.direct_lengths) return direct_score(points, sizes, r2, i, near, k, G, hG, best);
+  if (field.direct_lengths) return direct_score(M, r2, k, G, hG, best);
   // Over the mesh itself a length comes from the end sizes alone: the members' tets would go
   // unused, and their searches cost more than the rest of the merge.
   const bool walk = walkable(field);
@@ -458,7 +464,22 @@ double group_score(size_field& field, const dense2D<double>& points, const dense
     const double* X = points.col(near[q]);
     for (unsigned d = 0; d < 3; ++d) sum[d] += X[d];
   }
-  return score_above(field, points, sizes, r2, i, near, k, sum, -DBL_MAX, tet, G, hG);
+  std::vector<double> columns;
+  try {
+    columns.resize(4 * std::size_t(k + 1));
+  } catch (const std::bad_alloc&) {
+    return 0.0;
+  }
+  double* x = columns.data();
+  const member_table M{x, x + (k + 1), x + 2 * (k + 1), x + 3 * (k + 1)};
+  for (unsigned q = 0; q <= k; ++q) {
+    const unsigned j = q == 0 ? i : near[q - 1];
+    x[q] = points(0, j);
+    x[q + (k + 1)] = points(1, j);
+    x[q + 2 * (k + 1)] = points(2, j);
+    x[q + 3 * (k + 1)] = sizes[j];
+  }
+  return score_above(field, points, sizes, r2, i, near, k, M, sum, -DBL_MAX, tet, G, hG);
 }
 
 void merge_candidates(th4_engine& e, refine_context& c, dense2D<double>& points,
@@ -513,14 +534,28 @@ void merge_candidates(th4_engine& e, refine_context& c, dense2D<double>& points,
       double hR = sizes[i];
       double best = 1.0;
       unsigned u = 0, tet = NONE;
-      // The members' coordinates summed as the groups grow, in the same order as group_score.
+      // The members' coordinates summed as the groups grow, in the same order as group_score,
+      // and laid out by columns for the scores.
       double sum[3] = {Pi[0], Pi[1], Pi[2]};
+      if (s.member_columns.size() < 4 * std::size_t(m + 1))
+        s.member_columns.resize(4 * std::size_t(m + 1));
+      double* mx = s.member_columns.data();
+      const member_table M{mx, mx + (m + 1), mx + 2 * (m + 1), mx + 3 * (m + 1)};
+      mx[0] = Pi[0];
+      mx[m + 1] = Pi[1];
+      mx[2 * (m + 1)] = Pi[2];
+      mx[3 * (m + 1)] = sizes[i];
       for (unsigned k = 1; k <= m; ++k) {
-        const double* X = points.col(s.near[k - 1]);
+        const unsigned j = s.near[k - 1];
+        const double* X = points.col(j);
         for (unsigned d = 0; d < 3; ++d) sum[d] += X[d];
+        mx[k] = X[0];
+        mx[k + (m + 1)] = X[1];
+        mx[k + 2 * (m + 1)] = X[2];
+        mx[k + 3 * (m + 1)] = sizes[j];
         double G[3], hG = 0.0;
         const double score =
-            score_above(field, points, sizes, r2, i, s.near, k, sum, best, tet, G, hG);
+            score_above(field, points, sizes, r2, i, s.near, k, M, sum, best, tet, G, hG);
         if (!(score > best)) break;
         best = score;
         u = k;

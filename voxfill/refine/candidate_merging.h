@@ -47,7 +47,8 @@ void near_candidates(spacing_filter& F, unsigned i, const dense2D<double>& point
 
 // How well the centroid G of candidate i and the first k entries of `near` stands for all of
 // them: the sum over the members of r2 / (d^2 + r2), d the length from G in the field. 0.0 when
-// G has no size, a length can't be traced, or a member lies at `radius` or beyond. `tet` is the
+// G has no size, a length can't be traced, a member lies at `radius` or beyond, or memory ran
+// out. `tet` is the
 // tet of the previous G of this candidate (NONE at first) and gets that of this one.
 double group_score(size_field& field, const dense2D<double>& points, const dense1D<double>& sizes,
                    double r2, unsigned i, const std::vector<unsigned>& near, unsigned k,
@@ -81,7 +82,8 @@ struct merge_scratch {
   std::vector<unsigned char> removed;
   std::vector<unsigned> near;
   std::vector<double> lengths;
-  std::vector<double> cell_data;  // x, y, z and size of each candidate in the grid's order
+  std::vector<double> cell_data;       // x, y, z and size of each candidate in the grid's order
+  std::vector<double> member_columns;  // x, y, z and sizes of the members of a group by columns
   std::vector<std::pair<double, unsigned>> near_items;  // lent to the filter of each call
   dense2D<double> points;                               // the output, swapped with the input
   dense1D<double> sizes;
