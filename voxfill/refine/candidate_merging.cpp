@@ -118,17 +118,20 @@ double direct_score(const member_table& M, double r2, unsigned k, const double* 
   double score = 0.0;
   unsigned q = 0;
 #if VOXFILL_LANES_AVX
-  if (k >= 4 && lanes_avx()) {
-    for (; q + 4 <= k; q += 4) {
+  // The columns have room for three lanes past the last member; those lanes are dropped.
+  if (k >= 2 && lanes_avx()) {
+    for (; q + 2 <= k; q += 4) {
+      const unsigned used = k - q < 4 ? k - q : 4;
       double t[4];
       const int logs = group_terms_avx(M, q, G, hG, r2, t);
-      for (unsigned l = 0; l < 4; ++l) {
+      for (unsigned l = 0; l < used; ++l) {
         const double term = logs >> l & 1 ? term_of(q + l) : t[l];
         if (!(term > 0.5)) return 0.0;
         score += term;
       }
-      if (score + double(k - q - 3) + 1e-9 <= best) return 0.0;
+      if (score + double(k - q - used + 1) + 1e-9 <= best) return 0.0;
     }
+    if (q > k) q = k;
   }
 #endif
   for (; q < k; ++q) {
@@ -466,7 +469,7 @@ double group_score(size_field& field, const dense2D<double>& points, const dense
   }
   std::vector<double> columns;
   try {
-    columns.resize(4 * std::size_t(k + 1));
+    columns.resize(4 * std::size_t(k + 1) + 3);
   } catch (const std::bad_alloc&) {
     return 0.0;
   }
@@ -537,8 +540,8 @@ void merge_candidates(th4_engine& e, refine_context& c, dense2D<double>& points,
       // The members' coordinates summed as the groups grow, in the same order as group_score,
       // and laid out by columns for the scores.
       double sum[3] = {Pi[0], Pi[1], Pi[2]};
-      if (s.member_columns.size() < 4 * std::size_t(m + 1))
-        s.member_columns.resize(4 * std::size_t(m + 1));
+      if (s.member_columns.size() < 4 * std::size_t(m + 1) + 3)
+        s.member_columns.resize(4 * std::size_t(m + 1) + 3);
       double* mx = s.member_columns.data();
       const member_table M{mx, mx + (m + 1), mx + 2 * (m + 1), mx + 3 * (m + 1)};
       mx[0] = Pi[0];
