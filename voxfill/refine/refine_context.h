@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cfloat>
+#include <cstdint>
 #include <map>
 #include <utility>
 #include <vector>
@@ -49,9 +50,9 @@ struct refine_context {
   index_set protected_nodes;  // Steiner nodes of the recovery
   unsigned face_order[3] = {0, 1, 2};
   unsigned tet_order[4] = {0, 1, 2, 3};
-  random_source_type random_source{1u};  // the merging's own draws
-  bit_source context_bits;               // start faces of the walks of the placement
-  std::vector<std::pair<unsigned, unsigned>> front_keys;
+  random_source_type random_source{1u};   // the merging's own draws
+  bit_source context_bits;                // start faces of the walks of the placement
+  std::vector<std::uint64_t> front_keys;  // scratch of the sort of the front
   merge_scratch merging;   // lists of the merging of candidates, reused from pass to pass
   limit_scratch limiting;  // heap and lists of the size limiting, reused likewise
 

@@ -7,6 +7,7 @@
 #include <emmintrin.h>
 #endif
 #include <cfloat>
+#include <cstdint>
 #include <tuple>
 #include <vector>
 
@@ -268,7 +269,8 @@ void collect_front(th4_engine& e, refine_context& c) {
 }
 
 int sort_front(const th4_engine& e, refine_context& c) {
-  std::vector<std::pair<unsigned, unsigned>>& keys = c.front_keys;
+  // (smallest node, code) packed in one word per face: the same order as the pairs, one compare.
+  std::vector<std::uint64_t>& keys = c.front_keys;
   keys.clear();
   try {
     keys.reserve(c.front_faces.size);
@@ -279,10 +281,10 @@ int sort_front(const th4_engine& e, refine_context& c) {
     const unsigned code = c.front_faces[k];
     const unsigned* r = e.tets.row(code >> 2);
     const unsigned* fn = tet_face_nodes[code & 3u];
-    keys.emplace_back(std::min({r[fn[0]], r[fn[1]], r[fn[2]]}), code);
+    keys.push_back(std::uint64_t(std::min({r[fn[0]], r[fn[1]], r[fn[2]]})) << 32 | code);
   }
   std::sort(keys.begin(), keys.end());
-  for (unsigned k = 0; k < keys.size(); ++k) c.front_faces[k] = keys[k].second;
+  for (unsigned k = 0; k < keys.size(); ++k) c.front_faces[k] = unsigned(keys[k]);
   return 0;
 }
 
