@@ -13,6 +13,7 @@
 
 #include "delaunay/cpu_lanes.h"
 #include "delaunay/delaunay_mgr.h"
+#include "delaunay/geometry.h"
 #include "delaunay/insertion_order.h"
 #include "delaunay/mesh_walks.h"
 #include "delaunay/tet_tables.h"
@@ -173,12 +174,64 @@ void mark_long_edges(th4_engine& e, refine_context& c) {
   const unsigned* locals = c.local_nodes.data();
   const unsigned* rows = c.new_tet_rows.col(0);
   const std::size_t ld = c.new_tet_rows.ld;
+  // Over the mesh itself a length has no side effects, so the order in which a node's edges are
+  // met does not matter: each tet's nodes in falling order, the ones above v are met first and
+  // the rest are never read.
+  const unsigned T = c.new_tets.size;
+  const bool falling =
+      field.direct_lengths && c.falling_rows.resize(4 * T) && c.falling_rows.size == 4 * T;
+  if (falling) {
+    unsigned* out = c.falling_rows.data();
+    for (unsigned k = 0; k < T; ++k, out += 4) {
+      const unsigned* r = rows + ld * k;
+      unsigned x0 = r[0], x1 = r[1], x2 = r[2], x3 = r[3];
+      if (x0 < x1) std::swap(x0, x1);
+      if (x2 < x3) std::swap(x2, x3);
+      if (x0 < x2) std::swap(x0, x2);
+      if (x1 < x3) std::swap(x1, x3);
+      if (x1 < x2) std::swap(x1, x2);
+      out[0] = x0, out[1] = x1, out[2] = x2, out[3] = x3;
+    }
+  }
+  const unsigned* sorted = c.falling_rows.data();
+  const double* node_sizes = e.node_sizes.data();
+  const double limit = c.max_edge_length;
   for (unsigned v = 0; v < L; ++v) {
     const unsigned a = locals[v];
     const unsigned first = offsets[v], last = offsets[v + 1];
     const unsigned met = 2 * v, long_met = 2 * v + 1;
     bool any = false;
-    for (unsigned p = first; p < last; ++p) {
+    if (falling) {
+      const double* P = e.nodes.row(a);
+      const double hP = node_sizes[a];
+      for (unsigned p = first; p < last; ++p) {
+        // v is in the tet: the falling row reaches it before its end.
+        const unsigned* r = sorted + 4 * std::size_t(node_tets[p]);
+        for (unsigned i = 0; r[i] > v; ++i) {
+          const unsigned w = r[i];
+          if (seen[w] >> 1 == v) continue;
+          seen[w] = met;
+          const unsigned b = locals[w];
+          const double* Q = e.nodes.row(b);
+          const double hQ = node_sizes[b];
+          // The bounds of longer_than, here without the call for most edges.
+          const double lo = hP < hQ ? hP : hQ, hi = hP < hQ ? hQ : hP;
+          const double near = limit * lo, far = limit * hi;
+          bool is_long;
+          const double d2 = geometry_detail::dist2<3>(P, Q);
+          if (near > 1e-150 && far < 1e150 && d2 > far * far * (1.0 + 1e-9))
+            is_long = true;
+          else if (near > 1e-150 && far < 1e150 && d2 < near * near * (1.0 - 1e-9))
+            is_long = false;
+          else
+            is_long = longer_than(field, P, NONE, hP, Q, NONE, hQ, limit);
+          if (!is_long || e.hard_set.has_edge(a, b)) continue;
+          seen[w] = long_met;
+          any = true;
+        }
+      }
+    }
+    for (unsigned p = falling ? last : first; p < last; ++p) {
       const unsigned* r = rows + ld * node_tets[p];
       for (unsigned i = 0; i < 4; ++i) {
         const unsigned w = r[i];
