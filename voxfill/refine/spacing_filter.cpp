@@ -33,7 +33,8 @@ double direct_length(const double* P, double hP, const double* Q, double hQ) noe
 // direct_length(P, hP, Q, hQ) <= ratio, with the logarithm only when the distance lies between
 // ratio times the smaller and the larger size: the mean lies between them. The margins keep the
 // rounding of the mean from turning an answer.
-bool directly_near(const double* P, double hP, const double* Q, double hQ, double ratio) noexcept {
+[[gnu::always_inline]] inline bool directly_near(const double* P, double hP, const double* Q,
+                                                 double hQ, double ratio) noexcept {
   const double lo = hP < hQ ? hP : hQ, hi = hP < hQ ? hQ : hP;
   if (lo > 0.0 && hi < DBL_MAX) {
     const double d2 = geometry_detail::dist2<3>(P, Q);
@@ -160,6 +161,7 @@ struct mesh_cells {
   // within ratio times the larger size, so the boxes may shrink to that.
   double largest = DBL_MAX;
   std::vector<double> cell_largest;  // per cell its largest size, when `largest` is finite
+  std::vector<double> cell_data;     // x, y, z and size of each node in the order of the cells
 };
 
 // False when the boxes are not all finite or memory ran out: the octree is searched then.
@@ -215,6 +217,16 @@ bool build_mesh_cells_or_throw(node_octree& octree, const dense1D<double>& node_
     return true;
   }
   if (!grid_build(M.grid, M.xyz, m, width)) return false;
+  // The searches read the nodes in the order of the cells, without the indirection.
+  M.cell_data.resize(4 * std::size_t(m));
+  double* out = M.cell_data.data();
+  for (unsigned k = 0; k < m; ++k, out += 4) {
+    const unsigned j = M.grid.points[k];
+    out[0] = M.xyz(0, j);
+    out[1] = M.xyz(1, j);
+    out[2] = M.xyz(2, j);
+    out[3] = M.sizes[j];
+  }
   if (largest < DBL_MAX) {
     M.cell_largest.assign(M.grid.starts.size() - 1, 0.0);
     for (unsigned k = 0; k < m; ++k) {
@@ -270,21 +282,17 @@ bool near_in_mesh_cells(const mesh_cells& M, const double* P, double h, double h
     }
   }
   const unsigned* starts = g.starts.data();
-  const unsigned* cell_points = g.points.data();
-  const double* xyz = M.xyz.col(0);
-  const std::size_t ld = M.xyz.ld;
-  const double* size_of = M.sizes.data();
+  const double* cell_data = M.cell_data.data();
   for (unsigned z = a[2]; z <= b[2]; ++z)
     for (unsigned y = a[1]; y <= b[1]; ++y) {
       const unsigned row = (z * g.dims[1] + y) * g.dims[0];
       const unsigned end = starts[row + b[0] + 1];
       for (unsigned k = starts[row + a[0]]; k < end; ++k) {
-        const unsigned j = cell_points[k];
-        const double* X = xyz + ld * j;
+        const double* X = cell_data + 4 * std::size_t(k);
         if (!(lo[0] <= X[0] && X[0] <= hi[0] && lo[1] <= X[1] && X[1] <= hi[1] && lo[2] <= X[2] &&
               X[2] <= hi[2]))
           continue;
-        if (directly_near(P, h, X, size_of[j], ratio)) return true;
+        if (directly_near(P, h, X, X[3], ratio)) return true;
       }
     }
   return false;
