@@ -264,14 +264,15 @@ void collect_long_edges(th4_engine& e, refine_context& c, const unsigned* n) {
   size_field& field = *e.size_field;
   for (const auto& [i, j] : order) {
     const unsigned a = n[i], b = n[j];
-    if (e.hard_set.has_edge(a, b)) continue;
-    const auto key = std::minmax(a, b);
-    if (c.long_edges.count(key)) continue;
-    // Over the mesh itself the length is that of longer_than, which spares most logarithms.
+    // Over the mesh itself the length is that of longer_than, which spares most logarithms, and
+    // has no side effects: the short edges go first, without the look-ups.
     if (field.direct_lengths &&
         !longer_than(field, e.nodes.row(a), NONE, e.node_sizes[a], e.nodes.row(b), NONE,
                      e.node_sizes[b], c.max_edge_length))
       continue;
+    if (e.hard_set.has_edge(a, b)) continue;
+    const auto key = std::minmax(a, b);
+    if (c.long_edges.count(key)) continue;
     double L = 0.0;
     if (!field_length(field, e.nodes.row(a), NONE, e.node_sizes[a], e.nodes.row(b), NONE,
                       e.node_sizes[b], L))
