@@ -3,13 +3,14 @@
 #include "voxfill/refine/refinement_loop.h"
 
 #include <algorithm>
-#if defined(__SSE2__)
-#include <emmintrin.h>
-#endif
+#include <bit>
 #include <cfloat>
 #include <cstdint>
 #include <tuple>
 #include <vector>
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
 
 #include "delaunay/cpu_lanes.h"
 #include "delaunay/delaunay_mgr.h"
@@ -124,7 +125,7 @@ bool clear_rows_of(const bit_set& bits, unsigned n, dense1D<unsigned>& rows) noe
     if (32 * w + 32 > n) clear &= (1u << (n & 31)) - 1u;
     for (; clear != 0; clear &= clear - 1) {
       const unsigned before = rows.size;
-      rows.push_back(32 * w + unsigned(__builtin_ctz(clear)));
+      rows.push_back(32 * w + unsigned(std::countr_zero(clear)));
       if (rows.size != before + 1) return false;
     }
   }
@@ -389,7 +390,7 @@ int make_front(th4_engine& e, refine_context& c, const dense1D<unsigned>& insert
       for (; t + 4 <= T; t += 4) {
         const __m128i x = _mm_loadu_si128(reinterpret_cast<const __m128i*>(stamps + t));
         int m = _mm_movemask_ps(_mm_castsi128_ps(_mm_cmpgt_epi32(_mm_xor_si128(x, flip), above)));
-        for (; m != 0; m &= m - 1) take(t + unsigned(__builtin_ctz(unsigned(m))));
+        for (; m != 0; m &= m - 1) take(t + unsigned(std::countr_zero(unsigned(m))));
       }
     }
 #endif
