@@ -499,23 +499,24 @@ void merge_candidates(th4_engine& e, refine_context& c, dense2D<double>& points,
     if (s.points.vec.get() == points.vec.get()) s.points.clear_hard();
     if (s.sizes.vec.get() == sizes.vec.get()) s.sizes.clear_hard();
     if (!s.points.resize(3, n) || !s.sizes.resize(n)) return;
-    s.order.resize(n);
     s.removed.assign(n, 0);
 
-    // The tree is built in random order: the front's order would make it a deep chain.
-    std::iota(s.order.begin(), s.order.end(), 0u);
-    for (unsigned k = 1; k < n; ++k) {
-      const unsigned j = unsigned(c.random_source() % (k + 1));
-      if (j != k) std::swap(s.order[k], s.order[j]);
-    }
     // The near searches go through a grid of cells about half a box wide when the points allow
-    // one, else through the tree. Both find the same sets, and those are sorted.
+    // one, else through the tree. Both find the same sets, and those are sorted: the shape of the
+    // tree, and so the draws that shuffle its order, change nothing in the result.
     double widths = 0.0;
     for (unsigned k = 0; k < n; ++k) widths += F.box_factor * sizes[k];
     const bool gridded = grid_build(s.grid, points, n, 0.5 * widths / double(n));
     if (gridded) grid_lay_out(s.grid, points, sizes, n, s.cell_data);
     s.tree.rows.clear();
     if (!gridded) {
+      // The tree is built in random order: the front's order would make it a deep chain.
+      s.order.resize(n);
+      std::iota(s.order.begin(), s.order.end(), 0u);
+      for (unsigned k = 1; k < n; ++k) {
+        const unsigned j = unsigned(c.random_source() % (k + 1));
+        if (j != k) std::swap(s.order[k], s.order[j]);
+      }
       s.tree.rows.reserve(n);
       for (unsigned k = 0; k < n; ++k) kd_insert(s.tree, points, s.order[k]);
     }

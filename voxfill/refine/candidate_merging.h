@@ -92,8 +92,9 @@ struct merge_scratch {
 // Replaces both tables by the merged candidates, in the order of the table: a group whose score
 // is above 0.85 per member collapses into its centroid; otherwise a candidate moves to the
 // centroid of its best group and its members stay candidates of their own. `radius` is the
-// nearness in the size field. The tree is built in an order shuffled by c.random_source. When
-// memory runs out the tables are left as they were.
+// nearness in the size field. The near searches go through a grid of cells, or where the points
+// allow none through the tree, built in an order shuffled by c.random_source. When memory runs
+// out the tables are left as they were.
 void merge_candidates(th4_engine& e, refine_context& c, dense2D<double>& points,
                       dense1D<double>& sizes, double radius) noexcept;
 
