@@ -23,13 +23,6 @@ double blend(double s, double q, double w) noexcept {
   return w >= 1.0 ? q : s * std::pow(q / s, w);
 }
 
-// symmetric_length of edge (a, b) with the log mean h of its end sizes given.
-double symmetric_length_with(const mesh_store& m, unsigned a, unsigned b, double h) noexcept {
-  const double d = std::sqrt(edge_length2(m.nodes.data, a, b));
-  if (d > h) return h / d;
-  return h > 0.0 ? d / h : 0.0;
-}
-
 // Best place along a line of unit steps, kept in the outputs when it beats `best`.
 struct line_search {
   regularizer& g;
@@ -292,107 +285,119 @@ double search_step(regularizer& g, unsigned node, double weight, const dense1D<u
                    double* best_position, double& best_size) noexcept {
   th4_engine& m = g.engine;
   node_smoother& sm = g.smoother;
-  const double* p = m.nodes.row(node);
-  const double h = m.node_sizes[node];
+  const double* base = m.nodes.data.col(0);
+  const std::size_t ld = m.nodes.data.ld;
+  const double* p = base + ld * node;
+  const double* sizes = m.node_sizes.begin();
+  const double h = sizes[node];
+  const unsigned n = ball.size;
+  const unsigned* rows = sm.ball_rows.col(0);
+  const std::size_t rows_ld = sm.ball_rows.ld;
   double qmin = 1.0, W_sum = 0.0, D[3] = {0.0, 0.0, 0.0};
   unsigned worst = 0;
-  sm.ball_neighbors.clear();
+  // The node's place in each row, looked up once for the vote and the ray.
+  unsigned* locals = sm.ball_locals.begin();
+  for (unsigned j = 0; j < n; ++j) locals[j] = local_index(rows + rows_ld * j, node);
   m.bump_marks();
   m.mark(node);
-  // Every neighbour of a closed ball is in three tets at least: the first two can be left out.
-  for (unsigned j = 2; j < ball.size; ++j) {
-    const unsigned* r = sm.ball_rows.col(j);
-    for (unsigned i = 0; i < 4; ++i)
-      if (!m.marked(r[i])) {
-        m.mark(r[i]);
-        sm.ball_neighbors.push_back(r[i]);
+  {
+    // Every neighbour of a closed ball is in three tets at least: the first two can be left out.
+    unsigned* marks = m.marks.begin();
+    const unsigned marks_size = m.marks.size, mark = m.mark_value;
+    unsigned* out = sm.ball_neighbors.begin();  // room for four per tet made by smooth_node
+    unsigned count = 0;
+    for (unsigned j = 2; j < n; ++j) {
+      const unsigned* r = rows + rows_ld * j;
+      for (unsigned i = 0; i < 4; ++i) {
+        const unsigned v = r[i];
+        if (v < marks_size && marks[v] == mark) continue;
+        marks[v] = mark;
+        out[count++] = v;
       }
+    }
+    sm.ball_neighbors.size = count;
   }
+  const unsigned edges = sm.ball_neighbors.size;
+  const unsigned* nb = sm.ball_neighbors.begin();
   // Each neighbour's mean with the node once, instead of once per tet that the two share.
   const unsigned cols = m.nodes.cols();
   const bool cached =
       weight < 1.0 &&
       (sm.node_means.size >= cols || sm.node_means.resize(std::max(cols, 2 * sm.node_means.size)));
+  double* node_means = sm.node_means.begin();
   if (cached)
-    for (unsigned e = 0; e < sm.ball_neighbors.size; ++e) {
-      const unsigned b = sm.ball_neighbors[e];
-      sm.node_means[b] = log_mean(h, m.node_sizes[b]);
-    }
-  const apex_view view(m, cached ? &sm.node_means : nullptr);
-  const unsigned n = ball.size;
+    for (unsigned e = 0; e < edges; ++e) node_means[nb[e]] = log_mean(h, sizes[nb[e]]);
   // The points of the ball's tets, for the frames here and the trials of the line search: the
   // nodes other than this one stay put.
   sm.ball_points.resize(4 * n);
   const double** points = sm.ball_points.begin();
-  {
-    const double* base = m.nodes.data.col(0);
-    const std::size_t ld = m.nodes.data.ld;
-    for (unsigned j = 0; j < n; ++j) {
-      const unsigned* r = sm.ball_rows.col(j);
-      for (unsigned i = 0; i < 4; ++i) points[4 * j + i] = base + ld * r[i];
-    }
+  for (unsigned j = 0; j < n; ++j) {
+    const unsigned* r = rows + rows_ld * j;
+    for (unsigned i = 0; i < 4; ++i) points[4 * j + i] = base + ld * r[i];
   }
   // The targets over the faces opposite the node four at a time, then the votes in order.
-  for (unsigned j0 = 0; j0 < n; j0 += 4) {
-    const double* tri[4][3];
-    const double* const* lanes[4];
-    double means[4][3];
-    for (unsigned l = 0; l < 4; ++l) {
-      const unsigned j = j0 + l < n ? j0 + l : n - 1;
-      const unsigned* r = sm.ball_rows.col(j);
-      const unsigned* f = tet_face_nodes[local_index(r, node)];
-      for (unsigned k = 0; k < 3; ++k) tri[l][k] = points[4 * j + f[k]];
-      lanes[l] = tri[l];
-      if (weight < 1.0)
-        for (unsigned k = 0; k < 3; ++k) {
-          const unsigned v = r[f[k]];
-          means[l][k] = view.means && v < view.marks_size && view.marks[v] == view.mark
-                            ? view.means[v]
-                            : log_mean(view.sizes[v], h);
-        }
-    }
-    double targets[4][3];
-    apex_lanes(lanes, 0.2721655269759087, weight, weight < 1.0 ? means : nullptr, targets);
-    for (unsigned l = 0; l < 4 && j0 + l < n; ++l) {
-      const unsigned j = j0 + l;
-      const double q = m.tet_qualities[ball[j]];
-      if (q < qmin) {
-        qmin = q;
-        worst = j;
+  {
+    const unsigned* marks = m.marks.begin();
+    const unsigned marks_size = m.marks.size, mark = m.mark_value;
+    const double* qualities = m.tet_qualities.begin();
+    for (unsigned j0 = 0; j0 < n; j0 += 4) {
+      const double* tri[4][3];
+      const double* const* lanes[4];
+      double means[4][3];
+      for (unsigned l = 0; l < 4; ++l) {
+        const unsigned j = j0 + l < n ? j0 + l : n - 1;
+        const unsigned* r = rows + rows_ld * j;
+        const unsigned* f = tet_face_nodes[locals[j]];
+        const double* const* q = points + 4 * j;
+        tri[l][0] = q[f[0]], tri[l][1] = q[f[1]], tri[l][2] = q[f[2]];
+        lanes[l] = tri[l];
+        if (weight < 1.0)
+          for (unsigned k = 0; k < 3; ++k) {
+            const unsigned v = r[f[k]];
+            means[l][k] = cached && v < marks_size && marks[v] == mark ? node_means[v]
+                                                                       : log_mean(sizes[v], h);
+          }
       }
-      const double W = q > 0.001 ? 1.0 / (q * q) : 1000000.0;
-      W_sum += W;
-      for (unsigned c = 0; c < 3; ++c) D[c] += W * (targets[l][c] - p[c]);
+      double targets[4][3];
+      apex_lanes(lanes, 0.2721655269759087, weight, weight < 1.0 ? means : nullptr, targets);
+      for (unsigned l = 0; l < 4 && j0 + l < n; ++l) {
+        const unsigned j = j0 + l;
+        const double q = qualities[ball[j]];
+        if (q < qmin) {
+          qmin = q;
+          worst = j;
+        }
+        const double W = q > 0.001 ? 1.0 / (q * q) : 1000000.0;
+        W_sum += W;
+        for (unsigned c = 0; c < 3; ++c) D[c] += W * (targets[l][c] - p[c]);
+      }
     }
   }
-  double d2_min = DBL_MAX, d2_sum = 0.0, r_max = 1.0;
-  const unsigned edges = sm.ball_neighbors.size;
+  double d2_min = DBL_MAX, d2_sum = 0.0, r_max = 1.0, s_min = 1.0;
   if (!sm.edge_lengths.resize(edges) || !sm.edge_bounds.resize(edges)) {
     sm.edge_lengths.clear();
     sm.edge_bounds.clear();
   }
+  sm.edge_means.clear();
+  const bool keep = weight < 1.0 && sm.edge_means.resize(edges);
+  double* edge_means = sm.edge_means.begin();
+  sm.means_size = h;
   for (unsigned e = 0; e < edges; ++e) {
-    const unsigned b = sm.ball_neighbors[e];
-    const double d2 = edge_length2(m.nodes.data, node, b);
+    const unsigned b = nb[e];
+    const double d2 = dist2<3>(p, base + ld * b);
     d2_min = std::min(d2_min, d2);
     d2_sum += d2;
-    const double hb = m.node_sizes[b];
+    const double hb = sizes[b];
     if (g.moves_carry_sizes && h > 0.0 && hb > 0.0) r_max = std::max({r_max, h / hb, hb / h});
-  }
-  double s_min = 1.0;
-  sm.edge_means.clear();
-  if (weight < 1.0) {
-    const bool keep = sm.edge_means.resize(edges);
-    sm.means_size = h;
-    for (unsigned e = 0; e < edges; ++e) {
-      const unsigned b = sm.ball_neighbors[e];
-      const double mean = cached ? sm.node_means[b] : log_mean(h, m.node_sizes[b]);
-      if (keep) sm.edge_means[e] = mean;
-      s_min = std::min(s_min, symmetric_length_with(m, node, b, mean));
+    if (weight < 1.0) {
+      const double mean = cached ? node_means[b] : log_mean(h, hb);
+      if (keep) edge_means[e] = mean;
+      const double d = std::sqrt(d2);
+      s_min = std::min(s_min, d > mean ? mean / d : (mean > 0.0 ? d / mean : 0.0));
     }
-    if (!keep) sm.edge_means.clear();
   }
-  const double rms = std::sqrt(d2_sum / ball.size);
+  if (!keep) sm.edge_means.clear();
+  const double rms = std::sqrt(d2_sum / n);
   if (W_sum > 0.0)
     for (double& d : D) d /= W_sum;
   double len = std::sqrt(dot3(D, D));
@@ -410,11 +415,10 @@ double search_step(regularizer& g, unsigned node, double weight, const dense1D<u
     size_ray& ray = sm.ray;
     ray.node = node;
     ray.valid = false;
-    ray.ball_faces.resize(4, ball.size);
-    for (unsigned j = 0; j < ball.size; ++j) {
-      const unsigned* r = sm.ball_rows.col(j);
-      const unsigned i = local_index(r, node);
-      const unsigned* o = tet_turned_face_nodes[i];
+    ray.ball_faces.resize(4, n);
+    for (unsigned j = 0; j < n; ++j) {
+      const unsigned* r = rows + rows_ld * j;
+      const unsigned* o = tet_turned_face_nodes[locals[j]];
       unsigned* f4 = ray.ball_faces.col(j);
       f4[0] = node, f4[1] = r[o[0]], f4[2] = r[o[2]], f4[3] = r[o[1]];
     }
@@ -441,9 +445,9 @@ double smooth_node(regularizer& g, unsigned node, double weight,
   node_smoother& sm = g.smoother;
   const unsigned n = ball.size, e = 3 * n / 2;
   if (!sm.ball_rows.resize(4, n) || !sm.trial_qualities.reserve(n) ||
-      !sm.ball_points.reserve(4 * n) || !sm.best_qualities.resize(n) ||
-      !sm.ball_neighbors.reserve(e) || !sm.edge_means.reserve(e) || !sm.edge_lengths.reserve(e) ||
-      !sm.edge_bounds.reserve(e) || !sm.ray.ball_faces.reserve(4, n))
+      !sm.ball_points.reserve(4 * n) || !sm.best_qualities.resize(n) || !sm.ball_locals.resize(n) ||
+      !sm.ball_neighbors.reserve(4 * n) || !sm.edge_means.reserve(e) ||
+      !sm.edge_lengths.reserve(e) || !sm.edge_bounds.reserve(e) || !sm.ray.ball_faces.reserve(4, n))
     return 0.0;
   for (unsigned j = 0; j < n; ++j) std::copy_n(m.tets.row(ball[j]), 4, sm.ball_rows.col(j));
   const double w = g.moves_carry_sizes ? weight : 1.0;

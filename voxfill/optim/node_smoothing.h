@@ -24,6 +24,7 @@ struct node_smoother {
   dense1D<double> trial_qualities;
   dense1D<const double*> ball_points;  // per tet of ball_rows, its four points
   dense1D<double> best_qualities;
+  dense1D<unsigned> ball_locals;     // per tet of ball_rows, the node's place in it
   dense1D<unsigned> ball_neighbors;  // the other ends of the node's edges
   // The log means of the sizes at the ends of the node's edges, for the node at size means_size:
   // the trials that keep its size need no logarithm.
