@@ -198,6 +198,9 @@ void walk_line(line_search& w) noexcept {
   sm.trial_qualities.resize(n);
   double* trial_qualities = sm.trial_qualities.begin();
   const double* const* points = sm.ball_points.begin();  // made by the vote
+  unsigned* order = sm.trial_order.begin();
+  const double* const** ordered = sm.trial_points.begin();
+  unsigned ordered_first = NONE;
   double k = 1.0;
   for (unsigned i = 0; i < w.steps; ++i) {
     const double trial[3] = {w.start[0] + k * w.step[0], w.start[1] + k * w.step[1],
@@ -232,22 +235,26 @@ void walk_line(line_search& w) noexcept {
     const double hopeless = hopeless_below(w.best, s, w.weight);
     double merit = 0.0, q = 1.0;
     const unsigned first = w.worst < n ? w.worst : 0;
+    if (first != ordered_first) {
+      // The last worst tet first, then the others in ball order; three more entries repeat the
+      // last so that every group of four lanes is full.
+      for (unsigned c = 0; c < n + 3; ++c) {
+        const unsigned cc = c < n ? c : n - 1;
+        const unsigned j = cc == 0 ? first : (cc <= first ? cc - 1 : cc);
+        order[c] = j;
+        ordered[c] = points + 4 * j;
+      }
+      ordered_first = first;
+    }
     unsigned worst = first;
     // Four tets at a time, taken in the order of the scalar loop; the ones past a give-up are
     // evaluated for nothing, but cost less than doing each alone.
     for (unsigned c0 = 0; c0 < n && q > 0.0; c0 += 4) {
-      unsigned js[4];
-      const double* const* tets[4];
-      for (unsigned l = 0; l < 4; ++l) {
-        const unsigned c = c0 + l < n ? c0 + l : n - 1;
-        const unsigned j = c == 0 ? first : (c <= first ? c - 1 : c);
-        js[l] = j;
-        tets[l] = points + 4 * j;
-      }
       double vs[4];
-      tet_quality_lanes(tets, vs);
-      for (unsigned l = 0; l < 4 && c0 + l < n; ++l) {
-        const unsigned j = js[l];
+      tet_quality_lanes(ordered + c0, vs);
+      const unsigned lanes = n - c0 < 4 ? n - c0 : 4;
+      for (unsigned l = 0; l < lanes; ++l) {
+        const unsigned j = order[c0 + l];
         const double v = vs[l];
         if (!(v > 1e-12)) {
           q = -1.0;
@@ -446,6 +453,7 @@ double smooth_node(regularizer& g, unsigned node, double weight,
   const unsigned n = ball.size, e = 3 * n / 2;
   if (!sm.ball_rows.resize(4, n) || !sm.trial_qualities.reserve(n) ||
       !sm.ball_points.reserve(4 * n) || !sm.best_qualities.resize(n) || !sm.ball_locals.resize(n) ||
+      !sm.trial_order.resize(n + 3) || !sm.trial_points.resize(n + 3) ||
       !sm.ball_neighbors.reserve(4 * n) || !sm.edge_means.reserve(e) ||
       !sm.edge_lengths.reserve(e) || !sm.edge_bounds.reserve(e) || !sm.ray.ball_faces.reserve(4, n))
     return 0.0;

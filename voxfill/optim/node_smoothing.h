@@ -24,6 +24,9 @@ struct node_smoother {
   dense1D<double> trial_qualities;
   dense1D<const double*> ball_points;  // per tet of ball_rows, its four points
   dense1D<double> best_qualities;
+  // The ball's tets in the order the line search tries them, and their points.
+  dense1D<unsigned> trial_order;
+  dense1D<const double* const*> trial_points;
   dense1D<unsigned> ball_locals;     // per tet of ball_rows, the node's place in it
   dense1D<unsigned> ball_neighbors;  // the other ends of the node's edges
   // The log means of the sizes at the ends of the node's edges, for the node at size means_size:
