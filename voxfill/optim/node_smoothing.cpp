@@ -347,6 +347,14 @@ double search_step(regularizer& g, unsigned node, double weight, const dense1D<u
     const unsigned* marks = m.marks.begin();
     const unsigned marks_size = m.marks.size, mark = m.mark_value;
     const double* qualities = m.tet_qualities.begin();
+    // The rows from the third on have all their nodes marked by now; with those of the first two
+    // marked too, every face node has its mean cached.
+    bool direct = cached;
+    for (unsigned j = 0; j < 2 && j < n; ++j)
+      for (unsigned i = 0; i < 4; ++i) {
+        const unsigned v = rows[rows_ld * j + i];
+        direct = direct && v < marks_size && marks[v] == mark;
+      }
     for (unsigned j0 = 0; j0 < n; j0 += 4) {
       const double* tri[4][3];
       const double* const* lanes[4];
@@ -358,7 +366,9 @@ double search_step(regularizer& g, unsigned node, double weight, const dense1D<u
         const double* const* q = points + 4 * j;
         tri[l][0] = q[f[0]], tri[l][1] = q[f[1]], tri[l][2] = q[f[2]];
         lanes[l] = tri[l];
-        if (weight < 1.0)
+        if (direct)
+          for (unsigned k = 0; k < 3; ++k) means[l][k] = node_means[r[f[k]]];
+        else if (weight < 1.0)
           for (unsigned k = 0; k < 3; ++k) {
             const unsigned v = r[f[k]];
             means[l][k] = cached && v < marks_size && marks[v] == mark ? node_means[v]
