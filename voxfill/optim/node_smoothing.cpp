@@ -139,11 +139,9 @@ void prepare_ray(regularizer& g, const double* P) noexcept {
 // minimum as all of them.
 double ball_edge_fit(const mesh_store& m, node_smoother& sm, unsigned node, const double* p,
                      double hn, unsigned count) noexcept {
-  const dense2D<double>& xyz = m.nodes.data;
-  const double* base = xyz.col(0);
-  const std::size_t ld = xyz.ld;
   const unsigned* nb = sm.ball_neighbors.begin();
-  const double* sizes = m.node_sizes.begin();
+  const double* const* ends = sm.neighbor_points.begin();
+  const double* end_sizes = sm.neighbor_sizes.begin();
   double* lengths = sm.edge_lengths.begin();
   double* bounds = sm.edge_bounds.begin();
   unsigned first = 0;
@@ -151,15 +149,10 @@ double ball_edge_fit(const mesh_store& m, node_smoother& sm, unsigned node, cons
   // Four edges at a time (the last repeated to fill the lanes); the smallest floor is picked in
   // edge order, and an edge without usable sizes sends all of them to the plain way below.
   for (unsigned e0 = 0; e0 < count && bounded; e0 += 4) {
-    const double* q[4];
-    double h[4], d[4], floors[4];
-    for (unsigned l = 0; l < 4; ++l) {
-      const unsigned b = nb[e0 + l < count ? e0 + l : count - 1];
-      q[l] = base + ld * b;
-      h[l] = sizes[b];
-    }
-    const unsigned usable = edge_fit_floor_lanes(p, hn, q, h, d, floors);
-    for (unsigned l = 0; l < 4 && e0 + l < count; ++l) {
+    double d[4], floors[4];
+    const unsigned usable = edge_fit_floor_lanes(p, hn, ends + e0, end_sizes + e0, d, floors);
+    const unsigned lanes = count - e0 < 4 ? count - e0 : 4;
+    for (unsigned l = 0; l < lanes; ++l) {
       const unsigned e = e0 + l;
       bounded = (usable >> l) & 1u;
       if (!bounded) break;
@@ -174,7 +167,7 @@ double ball_edge_fit(const mesh_store& m, node_smoother& sm, unsigned node, cons
     return s;
   }
   auto exact = [&](unsigned e) {
-    const double d = lengths[e], h = log_mean(hn, sizes[nb[e]]);
+    const double d = lengths[e], h = log_mean(hn, end_sizes[e]);
     if (d > h) return h / d;
     return h > 0.0 ? d / h : 0.0;
   };
@@ -190,11 +183,9 @@ void walk_line(line_search& w) noexcept {
   node_smoother& sm = g.smoother;
   double* p = m.nodes.row(w.node);
   const double old[3] = {p[0], p[1], p[2]}, old_size = m.node_sizes[w.node];
-  const double* base = m.nodes.data.col(0);
-  const std::size_t ld = m.nodes.data.ld;
   const unsigned n = sm.ball_rows.cols;
   const unsigned edges = sm.ball_neighbors.size;
-  const unsigned* nb = sm.ball_neighbors.begin();
+  const double* const* ends = sm.neighbor_points.begin();  // made by the vote
   sm.trial_qualities.resize(n);
   double* trial_qualities = sm.trial_qualities.begin();
   const double* const* points = sm.ball_points.begin();  // made by the vote
@@ -225,7 +216,7 @@ void walk_line(line_search& w) noexcept {
       if (sm.edge_means.size == edges && hn == sm.means_size) {
         const double* means = sm.edge_means.begin();
         for (unsigned e = 0; e < edges; ++e) {
-          const double d = std::sqrt(dist2<3>(p, base + ld * nb[e])), mean = means[e];
+          const double d = std::sqrt(dist2<3>(p, ends[e])), mean = means[e];
           s = std::min(s, d > mean ? mean / d : (mean > 0.0 ? d / mean : 0.0));
         }
       } else {
@@ -326,6 +317,19 @@ double search_step(regularizer& g, unsigned node, double weight, const dense1D<u
   }
   const unsigned edges = sm.ball_neighbors.size;
   const unsigned* nb = sm.ball_neighbors.begin();
+  {
+    // The other ends' points and sizes, the last repeated to fill a group of four lanes.
+    const double** ends = sm.neighbor_points.begin();
+    double* end_sizes = sm.neighbor_sizes.begin();
+    for (unsigned e = 0; e < edges; ++e) {
+      ends[e] = base + ld * nb[e];
+      end_sizes[e] = sizes[nb[e]];
+    }
+    for (unsigned e = edges; e < edges + 3 && edges; ++e) {
+      ends[e] = ends[edges - 1];
+      end_sizes[e] = end_sizes[edges - 1];
+    }
+  }
   // Each neighbour's mean with the node once, instead of once per tet that the two share.
   const unsigned cols = m.nodes.cols();
   const bool cached =
@@ -464,7 +468,8 @@ double smooth_node(regularizer& g, unsigned node, double weight,
   if (!sm.ball_rows.resize(4, n) || !sm.trial_qualities.reserve(n) ||
       !sm.ball_points.reserve(4 * n) || !sm.best_qualities.resize(n) || !sm.ball_locals.resize(n) ||
       !sm.trial_order.resize(n + 3) || !sm.trial_points.resize(n + 3) ||
-      !sm.ball_neighbors.reserve(4 * n) || !sm.edge_means.reserve(e) ||
+      !sm.ball_neighbors.reserve(4 * n) || !sm.neighbor_points.resize(4 * n + 3) ||
+      !sm.neighbor_sizes.resize(4 * n + 3) || !sm.edge_means.reserve(e) ||
       !sm.edge_lengths.reserve(e) || !sm.edge_bounds.reserve(e) || !sm.ray.ball_faces.reserve(4, n))
     return 0.0;
   for (unsigned j = 0; j < n; ++j) std::copy_n(m.tets.row(ball[j]), 4, sm.ball_rows.col(j));

@@ -27,8 +27,10 @@ struct node_smoother {
   // The ball's tets in the order the line search tries them, and their points.
   dense1D<unsigned> trial_order;
   dense1D<const double* const*> trial_points;
-  dense1D<unsigned> ball_locals;     // per tet of ball_rows, the node's place in it
-  dense1D<unsigned> ball_neighbors;  // the other ends of the node's edges
+  dense1D<unsigned> ball_locals;           // per tet of ball_rows, the node's place in it
+  dense1D<unsigned> ball_neighbors;        // the other ends of the node's edges
+  dense1D<const double*> neighbor_points;  // their points and sizes, three more repeating the last
+  dense1D<double> neighbor_sizes;
   // The log means of the sizes at the ends of the node's edges, for the node at size means_size:
   // the trials that keep its size need no logarithm.
   dense1D<double> edge_means;
