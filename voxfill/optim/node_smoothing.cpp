@@ -11,6 +11,7 @@
 #include "delaunay/tet_tables.h"
 #include "voxfill/optim/regularize_mesh.h"
 #include "voxfill/optim/regularizer.h"
+#include "voxfill/optim/smoothing_lanes.h"
 
 namespace kelvo::voxfill {
 
@@ -110,25 +111,41 @@ void prepare_ray(regularizer& g, const double* P) noexcept {
   size_ray& ray = g.smoother.ray;
   ray.valid = false;
   const dense2D<unsigned>& faces = ray.ball_faces;
-  for (unsigned j = 0; j < faces.cols; ++j) {
-    const unsigned* row = faces.col(j);
-    if (locate_side(m.nodes.data, P, row, 1e-10, 0) != -1) continue;
-    double w[3];
-    tet_barycentric(m.nodes.data, row[0], row[1], row[2], row[3], P, w);
-    ray.step_fraction = 1 - w[0];
-    double u = 0.0, v = 0.0;
-    if (ray.step_fraction > 0.0) {
-      u = std::clamp(w[1] / ray.step_fraction, 0.0, 1.0);
-      v = std::clamp(w[2] / ray.step_fraction, 0.0, 1.0);
+  // The first tet of the ball, in its order, that holds P: four at a time.
+  const double* base = m.nodes.data.col(0);
+  const std::size_t ld = m.nodes.data.ld;
+  const unsigned cols = faces.cols;
+  unsigned found = cols;
+  for (unsigned j0 = 0; j0 < cols; j0 += 4) {
+    const double* pts[4][4];
+    const double* const* lanes[4] = {pts[0], pts[1], pts[2], pts[3]};
+    for (unsigned l = 0; l < 4; ++l) {
+      const unsigned* row = faces.col(j0 + l < cols ? j0 + l : cols - 1);
+      for (unsigned i = 0; i < 4; ++i) pts[l][i] = base + ld * row[i];
     }
-    const double h1 = m.node_sizes[row[1]], h2 = m.node_sizes[row[2]], h3 = m.node_sizes[row[3]];
-    const double size = h3 + (h1 - h3) * u + (h2 - h3) * v;
-    ray.valid = size > 0.0 && size < DBL_MAX;
-    if (ray.valid) {
-      ray.start_size = m.node_sizes[ray.node];
-      ray.end_size = size;
+    unsigned bits = inside_lanes(lanes, P, 1e-10);
+    if (cols - j0 < 4) bits &= (1u << (cols - j0)) - 1u;
+    if (bits) {
+      found = j0 + unsigned(__builtin_ctz(bits));
+      break;
     }
-    return;
+  }
+  if (found == cols) return;
+  const unsigned* row = faces.col(found);
+  double w[3];
+  tet_barycentric(m.nodes.data, row[0], row[1], row[2], row[3], P, w);
+  ray.step_fraction = 1 - w[0];
+  double u = 0.0, v = 0.0;
+  if (ray.step_fraction > 0.0) {
+    u = std::clamp(w[1] / ray.step_fraction, 0.0, 1.0);
+    v = std::clamp(w[2] / ray.step_fraction, 0.0, 1.0);
+  }
+  const double h1 = m.node_sizes[row[1]], h2 = m.node_sizes[row[2]], h3 = m.node_sizes[row[3]];
+  const double size = h3 + (h1 - h3) * u + (h2 - h3) * v;
+  ray.valid = size > 0.0 && size < DBL_MAX;
+  if (ray.valid) {
+    ray.start_size = m.node_sizes[ray.node];
+    ray.end_size = size;
   }
 }
 

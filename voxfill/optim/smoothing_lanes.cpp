@@ -1,0 +1,99 @@
+#include "voxfill/optim/smoothing_lanes.h"
+
+#include <cmath>
+
+#include "delaunay/cpu_lanes.h"
+#include "delaunay/geometry.h"
+#include "delaunay/lanes_avx.h"
+
+namespace kelvo::voxfill {
+namespace {
+
+using namespace geometry_detail;
+
+// One tet, in the operations and order of the walks' face test.
+bool inside_one(const double* const* q, const double* P, double tol) noexcept {
+  double a[3], b[3], c[3], bc[3];
+  sub3(q[0], q[3], a);
+  sub3(q[1], q[3], b);
+  sub3(q[2], q[3], c);
+  cross3(b, c, bc);
+  const double V = dot3(a, bc);
+  if (!(V > 0.0) || !std::isfinite(V)) return false;
+  const double limit = V * tol;
+  double d[4][3];
+  for (unsigned i = 0; i < 4; ++i)
+    for (unsigned k = 0; k < 3; ++k) d[i][k] = q[i][k] - P[k];
+  double c23[3], c03[3], c10[3];
+  cross3(d[2], d[3], c23);
+  cross3(d[0], d[3], c03);
+  cross3(d[1], d[0], c10);
+  const double D0 = dot3(d[1], c23), D1 = dot3(d[2], c03), D2 = -dot3(d[1], c03),
+               D3 = dot3(d[2], c10);
+  return !(D0 > limit) && !(D1 > limit) && !(D2 > limit) && !(D3 > limit);
+}
+
+#if VOXFILL_LANES_AVX
+using namespace avx_lanes;
+
+const bool has_avx = lanes_avx();
+
+VOXFILL_AVX inline void cross4(__m256d u0, __m256d u1, __m256d u2, __m256d v0, __m256d v1,
+                               __m256d v2, __m256d& r0, __m256d& r1, __m256d& r2) noexcept {
+  r0 = _mm256_sub_pd(_mm256_mul_pd(u1, v2), _mm256_mul_pd(u2, v1));
+  r1 = _mm256_sub_pd(_mm256_mul_pd(u2, v0), _mm256_mul_pd(u0, v2));
+  r2 = _mm256_sub_pd(_mm256_mul_pd(u0, v1), _mm256_mul_pd(u1, v0));
+}
+
+VOXFILL_AVX unsigned inside_quad(const double* const* const t[4], const double* P,
+                                 double tol) noexcept {
+  __m256d x[4], y[4], z[4];
+  for (unsigned k = 0; k < 4; ++k)
+    gather_points(t[0][k], t[1][k], t[2][k], t[3][k], x[k], y[k], z[k]);
+  const __m256d a0 = _mm256_sub_pd(x[0], x[3]), a1 = _mm256_sub_pd(y[0], y[3]),
+                a2 = _mm256_sub_pd(z[0], z[3]);
+  const __m256d b0 = _mm256_sub_pd(x[1], x[3]), b1 = _mm256_sub_pd(y[1], y[3]),
+                b2 = _mm256_sub_pd(z[1], z[3]);
+  const __m256d c0 = _mm256_sub_pd(x[2], x[3]), c1 = _mm256_sub_pd(y[2], y[3]),
+                c2 = _mm256_sub_pd(z[2], z[3]);
+  __m256d bc0, bc1, bc2;
+  cross4(b0, b1, b2, c0, c1, c2, bc0, bc1, bc2);
+  const __m256d V = dot4(a0, a1, a2, bc0, bc1, bc2);
+  const __m256d limit = _mm256_mul_pd(V, _mm256_set1_pd(tol));
+  const __m256d px = _mm256_set1_pd(P[0]), py = _mm256_set1_pd(P[1]), pz = _mm256_set1_pd(P[2]);
+  __m256d d0[4], d1[4], d2[4];
+  for (unsigned i = 0; i < 4; ++i) {
+    d0[i] = _mm256_sub_pd(x[i], px);
+    d1[i] = _mm256_sub_pd(y[i], py);
+    d2[i] = _mm256_sub_pd(z[i], pz);
+  }
+  __m256d c23[3], c03[3], c10[3];
+  cross4(d0[2], d1[2], d2[2], d0[3], d1[3], d2[3], c23[0], c23[1], c23[2]);
+  cross4(d0[0], d1[0], d2[0], d0[3], d1[3], d2[3], c03[0], c03[1], c03[2]);
+  cross4(d0[1], d1[1], d2[1], d0[0], d1[0], d2[0], c10[0], c10[1], c10[2]);
+  const __m256d D0 = dot4(d0[1], d1[1], d2[1], c23[0], c23[1], c23[2]);
+  const __m256d D1 = dot4(d0[2], d1[2], d2[2], c03[0], c03[1], c03[2]);
+  const __m256d D2 =
+      _mm256_xor_pd(dot4(d0[1], d1[1], d2[1], c03[0], c03[1], c03[2]), _mm256_set1_pd(-0.0));
+  const __m256d D3 = dot4(d0[2], d1[2], d2[2], c10[0], c10[1], c10[2]);
+  const __m256d good = _mm256_and_pd(_mm256_cmp_pd(V, _mm256_setzero_pd(), _CMP_GT_OQ),
+                                     _mm256_cmp_pd(V, _mm256_set1_pd(HUGE_VAL), _CMP_LT_OQ));
+  const __m256d within = _mm256_and_pd(
+      _mm256_and_pd(_mm256_cmp_pd(D0, limit, _CMP_NGT_UQ), _mm256_cmp_pd(D1, limit, _CMP_NGT_UQ)),
+      _mm256_and_pd(_mm256_cmp_pd(D2, limit, _CMP_NGT_UQ), _mm256_cmp_pd(D3, limit, _CMP_NGT_UQ)));
+  return unsigned(_mm256_movemask_pd(_mm256_and_pd(good, within)));
+}
+#endif
+
+}  // namespace
+
+unsigned inside_lanes(const double* const* const t[4], const double* P, double tol) noexcept {
+#if VOXFILL_LANES_AVX
+  if (has_avx) return inside_quad(t, P, tol);
+#endif
+  unsigned bits = 0;
+  for (unsigned l = 0; l < 4; ++l) bits |= unsigned(inside_one(t[l], P, tol)) << l;
+  return bits;
+}
+
+}  // namespace kelvo::voxfill
