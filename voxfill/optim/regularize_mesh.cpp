@@ -162,21 +162,34 @@ void pick_worst_tets(regularizer& g, double quality_limit, const bit_set& frozen
   // larger count under the same limit.
   regularizer::pick_hint* hint = nullptr;
   const regularizer::pick_hint* guide = nullptr;
+  const regularizer::pick_hint* below = nullptr;
   for (regularizer::pick_hint& h : g.pick_hints) {
-    if (!count || h.limit != quality_limit || h.count < count) continue;
+    if (!count || h.limit != quality_limit || !h.count) continue;
+    if (h.count < count) {
+      if (!below || h.count > below->count) below = &h;
+      continue;
+    }
     if (h.count == count) hint = &h;
     if (!guide || h.count < guide->count) guide = &h;
   }
-  const double guess = guide ? guide->quality : 0.0;
   if (!hint && count) {
     hint = &g.pick_hints[g.next_pick_hint];
     g.next_pick_hint = (g.next_pick_hint + 1) % 8;
     *hint = regularizer::pick_hint{count, quality_limit, 0.0};
   }
-  if (guide && count <= cols / 8) {
-    const double bound = std::min(quality_limit, guess + std::max(0.25 * std::fabs(guess), 0.01));
-    tets_at_most(m, bound, frozen, tets);
-    if (tets.size >= count) {
+  // Without a pick as large, the last quality of a smaller one is where this one starts at the
+  // least. Bounds further and further above the guess cost a look at the qualities each, less
+  // than the bins below.
+  if ((guide || below) && count <= cols / 8) {
+    const double guess = guide ? guide->quality : below->quality;
+    const double step = std::max(0.25 * std::fabs(guess), 0.01);
+    for (unsigned attempt = 0; attempt < 4; ++attempt) {
+      const double bound = std::min(quality_limit, guess + double(1u << (2 * attempt)) * step);
+      tets_at_most(m, bound, frozen, tets);
+      // At the limit the list holds every eligible tet: the pick is all of them when too few.
+      if (tets.size < count && bound < quality_limit) continue;
+      if (!tets.size) return;
+      count = std::min(count, tets.size);
       if (count < tets.size)
         std::nth_element(tets.begin(), tets.begin() + count, tets.end(), worse);
       std::sort(tets.begin(), tets.begin() + count, worse);
