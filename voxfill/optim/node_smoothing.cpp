@@ -246,12 +246,11 @@ void walk_line(line_search& w) noexcept {
     if (first != ordered_first) {
       // The last worst tet first, then the others in ball order; three more entries repeat the
       // last so that every group of four lanes is full.
-      for (unsigned c = 0; c < n + 3; ++c) {
-        const unsigned cc = c < n ? c : n - 1;
-        const unsigned j = cc == 0 ? first : (cc <= first ? cc - 1 : cc);
-        order[c] = j;
-        ordered[c] = points + 4 * j;
-      }
+      order[0] = first;
+      for (unsigned c = 1; c <= first; ++c) order[c] = c - 1;
+      for (unsigned c = first + 1; c < n; ++c) order[c] = c;
+      for (unsigned c = n; c < n + 3; ++c) order[c] = order[n - 1];
+      for (unsigned c = 0; c < n + 3; ++c) ordered[c] = points + 4 * order[c];
       ordered_first = first;
     }
     unsigned worst = first;
