@@ -10,15 +10,6 @@
 
 namespace kelvo::voxfill {
 
-double log_mean(double h1, double h2) noexcept {
-  const double lo = h1 < h2 ? h1 : h2, hi = h1 < h2 ? h2 : h1;
-  const double r = (hi - lo) / lo;
-  if (r >= 0.1) return lo * r / std::log(1.0 + r);
-  // The series of r / ln(1 + r) about 0: the formula above loses digits there.
-  const double x = r / 2;
-  return lo * (1 + x * (1 - (1.0 / 3 - (1.0 / 3 - 0.42222222222222217 * x) * x) * x));
-}
-
 double metric_length(const mesh_store& m, unsigned a, unsigned b) noexcept {
   const double d = std::sqrt(edge_length2(m.nodes.data, a, b));
   const double h = log_mean(m.node_sizes[a], m.node_sizes[b]);
