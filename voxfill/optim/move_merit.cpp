@@ -10,19 +10,6 @@
 
 namespace kelvo::voxfill {
 
-double metric_length(const mesh_store& m, unsigned a, unsigned b) noexcept {
-  const double d = std::sqrt(edge_length2(m.nodes.data, a, b));
-  const double h = log_mean(m.node_sizes[a], m.node_sizes[b]);
-  return h > 0.0 ? d / h : 0.0;
-}
-
-double symmetric_length(const mesh_store& m, unsigned a, unsigned b) noexcept {
-  const double d = std::sqrt(edge_length2(m.nodes.data, a, b));
-  const double h = log_mean(m.node_sizes[a], m.node_sizes[b]);
-  if (d > h) return h / d;
-  return h > 0.0 ? d / h : 0.0;
-}
-
 namespace {
 using namespace geometry_detail;
 

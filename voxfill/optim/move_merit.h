@@ -5,6 +5,7 @@
 
 #include <cmath>
 
+#include "delaunay/geometry.h"
 #include "delaunay/mesh_store.h"
 #include "numcore/dense2D.h"
 
@@ -52,9 +53,18 @@ inline double log_mean(double h1, double h2) noexcept {
   return lo * (1 + x * (1 - (1.0 / 3 - (1.0 / 3 - 0.42222222222222217 * x) * x) * x));
 }
 // Length of the edge over the mean of its nodes' sizes; 0.0 when the sizes give no mean.
-double metric_length(const mesh_store& m, unsigned a, unsigned b) noexcept;
+inline double metric_length(const mesh_store& m, unsigned a, unsigned b) noexcept {
+  const double d = std::sqrt(edge_length2(m.nodes.data, a, b));
+  const double h = log_mean(m.node_sizes[a], m.node_sizes[b]);
+  return h > 0.0 ? d / h : 0.0;
+}
 // The same, inverted when above 1: in [0, 1], 1 for a perfect fit.
-double symmetric_length(const mesh_store& m, unsigned a, unsigned b) noexcept;
+inline double symmetric_length(const mesh_store& m, unsigned a, unsigned b) noexcept {
+  const double d = std::sqrt(edge_length2(m.nodes.data, a, b));
+  const double h = log_mean(m.node_sizes[a], m.node_sizes[b]);
+  if (d > h) return h / d;
+  return h > 0.0 ? d / h : 0.0;
+}
 // Solid angle at p of the tet (p, a, b, c); positive for a positive tet.
 double solid_angle(const double* p, const double* a, const double* b, const double* c) noexcept;
 
