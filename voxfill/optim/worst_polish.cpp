@@ -2,11 +2,15 @@
 #include "voxfill/optim/worst_polish.h"
 
 #include <algorithm>
+#include <bit>
 #include <cfloat>
 #include <cmath>
+#include <cstdint>
 
 #include "delaunay/cavity.h"
+#include "delaunay/cpu_lanes.h"
 #include "delaunay/geometry.h"
+#include "delaunay/lanes_avx.h"
 #include "delaunay/mesh_walks.h"
 #include "delaunay/quality_lanes.h"
 #include "delaunay/tet_tables.h"
@@ -20,12 +24,110 @@ namespace {
 
 using namespace geometry_detail;
 
+// Doubles per block of four rows in polish.row_lanes: x, y, z of each of the four points by
+// lanes, then per point the mask of the lanes where it is the moving node.
+constexpr unsigned BLOCK = 64;
+
+// Row j's points (its node `node` included, which the masks replace) into lane j % 4 of its block.
+void set_row_lane(polish_scratch& s, const mesh_store& m, unsigned j, const unsigned* r,
+                  unsigned node) noexcept {
+  double* b = s.row_lanes.begin() + BLOCK * (j / 4) + j % 4;
+  const double ones = std::bit_cast<double>(~std::uint64_t(0));
+  for (unsigned k = 0; k < 4; ++k) {
+    const double* y = m.nodes.row(r[k]);
+    for (unsigned c = 0; c < 3; ++c) b[12 * k + 4 * c] = y[c];
+    b[48 + 4 * k] = r[k] == node ? ones : 0.0;
+  }
+}
+
+// polish.row_lanes for the rows as they stand (the last row repeated to fill the last block).
+// Nothing when the lanes don't run; false when memory ran out.
+bool set_row_lanes(regularizer& g, unsigned node) noexcept {
+  polish_scratch& s = g.polish;
+  const unsigned n = s.rows.cols;
+  if (!lanes_avx() || !n) return true;
+  if (!s.row_lanes.resize(BLOCK * ((n + 3) / 4))) return false;
+  for (unsigned j = 0; j < (n + 3) / 4 * 4; ++j)
+    set_row_lane(s, g.engine, j, s.rows.col(j < n ? j : n - 1), node);
+  return true;
+}
+
+// Rows 0 and j exchanged in polish.row_lanes.
+void swap_row_lanes(polish_scratch& s, unsigned j) noexcept {
+  double* a = s.row_lanes.begin();
+  double* b = a + BLOCK * (j / 4) + j % 4;
+  for (unsigned i = 0; i < BLOCK; i += 4) std::swap(a[i], b[i]);
+}
+
+// The scalar quality of row r with the node at p.
+double row_quality_at(const mesh_store& m, const unsigned* r, unsigned node,
+                      const double* p) noexcept {
+  const double* q[4];
+  for (unsigned i = 0; i < 4; ++i) q[i] = r[i] == node ? p : m.nodes.row(r[i]);
+  return tet_quality(q[0], q[1], q[2], q[3]);
+}
+
+#if VOXFILL_LANES_AVX
+// worst_at over polish.row_lanes: the same qualities (those of tet_quality), met in the same
+// order, with the same give-up and the same exchange of rows.
+VOXFILL_AVX double worst_at_lanes(regularizer& g, unsigned node, const double* p, double floor,
+                                  dense1D<double>& out) noexcept {
+  using namespace avx_lanes;
+  const mesh_store& m = g.engine;
+  polish_scratch& s = g.polish;
+  dense2D<unsigned>& rows = s.rows;
+  const __m256d px = _mm256_set1_pd(p[0]), py = _mm256_set1_pd(p[1]), pz = _mm256_set1_pd(p[2]);
+  const unsigned n = rows.cols;
+  double q = 1.0;
+  for (unsigned j0 = 0; j0 < n; j0 += 4) {
+    const double* b = s.row_lanes.begin() + BLOCK * (j0 / 4);
+    __m256d x[4], y[4], z[4];
+    for (unsigned k = 0; k < 4; ++k) {
+      const __m256d mask = _mm256_loadu_pd(b + 48 + 4 * k);
+      x[k] = _mm256_blendv_pd(_mm256_loadu_pd(b + 12 * k), px, mask);
+      y[k] = _mm256_blendv_pd(_mm256_loadu_pd(b + 12 * k + 4), py, mask);
+      z[k] = _mm256_blendv_pd(_mm256_loadu_pd(b + 12 * k + 8), pz, mask);
+    }
+    const __m256d a0 = _mm256_sub_pd(x[0], x[3]), a1 = _mm256_sub_pd(y[0], y[3]),
+                  a2 = _mm256_sub_pd(z[0], z[3]);
+    const __m256d b0 = _mm256_sub_pd(x[1], x[3]), b1 = _mm256_sub_pd(y[1], y[3]),
+                  b2 = _mm256_sub_pd(z[1], z[3]);
+    const __m256d c0 = _mm256_sub_pd(x[2], x[3]), c1 = _mm256_sub_pd(y[2], y[3]),
+                  c2 = _mm256_sub_pd(z[2], z[3]);
+    double lanes[4];
+    const int plain = shape_quality(a0, a1, a2, b0, b1, b2, c0, c1, c2, lanes);
+    for (unsigned l = 0; l < 4 && j0 + l < n; ++l) {
+      const unsigned j = j0 + l;
+      // A lane that tet_quality would retry is done by it, and only when it is reached.
+      const double v = (plain >> l) & 1 ? lanes[l] : row_quality_at(m, rows.col(j), node, p);
+      out[j] = v;
+      if (!(v > floor)) {
+        if (j > 0) {
+          unsigned* front = rows.col(0);
+          unsigned* r = rows.col(j);
+          for (unsigned i = 0; i < 4; ++i) std::swap(front[i], r[i]);
+          std::swap(s.best[0], s.best[j]);
+          if (s.rows_of_ball) std::swap(s.ball[0], s.ball[j]);
+          swap_row_lanes(s, j);
+        }
+        return 0.0;
+      }
+      q = std::min(q, v);
+    }
+  }
+  return q;
+}
+#endif
+
 // The worst quality of the tets `rows` with the node at `p`, each into `out`, or 0.0 as soon as
 // one falls to `floor` or below: such a place cannot win. The tet that failed moves to the front,
 // so that the next trial meets it first (with its entries of `best`, and of `ball` when the rows
 // are a ball's).
 double worst_at(regularizer& g, unsigned node, const double* p, double floor,
                 dense1D<double>& out) noexcept {
+#if VOXFILL_LANES_AVX
+  if (lanes_avx()) return worst_at_lanes(g, node, p, floor, out);
+#endif
   th4_engine& m = g.engine;
   polish_scratch& s = g.polish;
   dense2D<unsigned>& rows = s.rows;
@@ -63,6 +165,71 @@ double worst_at(regularizer& g, unsigned node, const double* p, double floor,
   }
   x[0] = old[0], x[1] = old[1], x[2] = old[2];
   return q;
+}
+
+#if VOXFILL_LANES_AVX
+// The quality of row r with the node at p[l] into q[l], l = 0 to 3: the bits of tet_quality.
+VOXFILL_AVX void front_quad(const mesh_store& m, const unsigned* r, unsigned node,
+                            const double* const p[4], double q[4]) noexcept {
+  using namespace avx_lanes;
+  __m256d x[4], y[4], z[4];
+  for (unsigned k = 0; k < 4; ++k) {
+    if (r[k] == node) {
+      gather_points(p[0], p[1], p[2], p[3], x[k], y[k], z[k]);
+    } else {
+      const double* w = m.nodes.row(r[k]);
+      x[k] = _mm256_set1_pd(w[0]), y[k] = _mm256_set1_pd(w[1]), z[k] = _mm256_set1_pd(w[2]);
+    }
+  }
+  const __m256d a0 = _mm256_sub_pd(x[0], x[3]), a1 = _mm256_sub_pd(y[0], y[3]),
+                a2 = _mm256_sub_pd(z[0], z[3]);
+  const __m256d b0 = _mm256_sub_pd(x[1], x[3]), b1 = _mm256_sub_pd(y[1], y[3]),
+                b2 = _mm256_sub_pd(z[1], z[3]);
+  const __m256d c0 = _mm256_sub_pd(x[2], x[3]), c1 = _mm256_sub_pd(y[2], y[3]),
+                c2 = _mm256_sub_pd(z[2], z[3]);
+  const int plain = shape_quality(a0, a1, a2, b0, b1, b2, c0, c1, c2, q);
+  for (unsigned l = 0, redo = ~plain & 15; redo; ++l, redo >>= 1)
+    if (redo & 1) q[l] = row_quality_at(m, r, node, p[l]);
+}
+#endif
+
+// The qualities of the front row (row 0) with the node at each of a list of places, worked out
+// as they are asked for, four at a time where the lanes run. A trial gives up at the first row
+// that falls to the floor, and most give up at the front row, which then stays where it is: a
+// place whose front row falls there is passed over without a trial, to the same effect.
+struct front_lookahead {
+  const double* places;  // xyz triples
+  unsigned count;
+  unsigned base = NONE;  // v[i] is of place base + i, for i below span
+  unsigned span = 0;
+  double v[4] = {};
+};
+
+// The first place from `from` on whose front row is over `floor`; f.count when there is none.
+// A trial that fails moves another row to the front: f.base must then be reset to NONE.
+unsigned next_trial(regularizer& g, unsigned node, front_lookahead& f, unsigned from,
+                    double floor) noexcept {
+  const mesh_store& m = g.engine;
+  const unsigned* r = g.polish.rows.col(0);
+  for (unsigned i = from; i < f.count; ++i) {
+    if (f.base == NONE || i < f.base || i >= f.base + f.span) {
+      f.base = i;
+#if VOXFILL_LANES_AVX
+      if (lanes_avx()) {
+        const double* p[4];
+        f.span = std::min(f.count - i, 4u);
+        for (unsigned l = 0; l < 4; ++l) p[l] = f.places + 3 * (i + std::min(l, f.span - 1));
+        front_quad(m, r, node, p, f.v);
+      } else
+#endif
+      {
+        f.span = 1;
+        f.v[0] = row_quality_at(m, r, node, f.places + 3 * i);
+      }
+    }
+    if (f.v[i - f.base] > floor) return i;
+  }
+  return f.count;
 }
 
 // Tries `at` and keeps it in (best, best_at, polish.best) when it beats `best`.
@@ -130,11 +297,14 @@ void ascend(regularizer& g, unsigned node, double scale, double& best, double* b
     const double len = std::sqrt(dot3(dir, dir));
     if (!(len > 0.0)) break;
     bool gained = false;
-    double step = 0.25 * scale / len;
-    for (unsigned k = 0; k < 10 && !gained; ++k, step *= 0.5) {
-      double trial[3];
-      for (unsigned c = 0; c < 3; ++c) trial[c] = at[c] + step * dir[c];
-      gained = try_place(g, node, trial, best, best_at);
+    double step = 0.25 * scale / len, trials[10][3];
+    for (unsigned k = 0; k < 10; ++k, step *= 0.5)
+      for (unsigned c = 0; c < 3; ++c) trials[k][c] = at[c] + step * dir[c];
+    front_lookahead f{trials[0], 10};
+    for (unsigned k = next_trial(g, node, f, 0, best); k < 10 && !gained;
+         k = next_trial(g, node, f, k + 1, best)) {
+      gained = try_place(g, node, trials[k], best, best_at);
+      if (!gained) f.base = NONE;
     }
     if (!gained) break;
   }
@@ -180,7 +350,6 @@ void grow_region(regularizer& g, dense1D<unsigned>& region, unsigned cap) noexce
 bool star_rows(regularizer& g, const dense1D<unsigned>& region, unsigned node) noexcept {
   th4_engine& m = g.engine;
   polish_scratch& s = g.polish;
-  s.rows.resize(4, 0);
   s.region_nodes.clear();
   s.lost.clear();
   // The region's tets marked, for the test of each neighbour (the marks of nodes come later,
@@ -190,51 +359,69 @@ bool star_rows(regularizer& g, const dense1D<unsigned>& region, unsigned node) n
     if (!m.cover_marks(region[k])) return false;
     m.mark(region[k]);
   }
+  // Room for four outer faces a tet, the count set after.
+  if (!s.rows.resize(4, 4 * region.size)) return false;
+  unsigned count = 0;
   for (unsigned k = 0; k < region.size; ++k) {
     const unsigned t = region[k];
     const unsigned* r = m.tets.row(t);
     for (unsigned f = 0; f < 4; ++f) {
       const unsigned nb = m.neighbors(f, t);
       if (nb != NONE && m.marked(nb)) continue;
-      const unsigned c = s.rows.cols;
-      if (!s.rows.resize(4, c + 1)) return false;
-      unsigned* out = s.rows.col(c);
+      unsigned* out = s.rows.col(count++);
       std::copy_n(r, 4, out);
       out[f] = node;  // in place of the node opposite the face: the turn is kept
     }
-    for (unsigned i = 0; i < 4; ++i) s.region_nodes.push_back(r[i]);
   }
-  // A hard edge inside the region would be lost: only one on an outer face may stay.
+  s.rows.resize(4, count);
+  // A hard edge inside the region would be lost: only one on an outer face may stay. The faces
+  // of its own tet at the edge answer most often; else the outer faces of the others.
   for (unsigned k = 0; k < region.size; ++k) {
-    const unsigned* r = m.tets.row(region[k]);
+    const unsigned t = region[k];
+    const unsigned* r = m.tets.row(t);
     for (unsigned e = 0; e < 6; ++e) {
-      const unsigned a = r[tet_edge_nodes[e][0]], b = r[tet_edge_nodes[e][1]];
+      const unsigned i = tet_edge_nodes[e][0], j = tet_edge_nodes[e][1];
+      const unsigned a = r[i], b = r[j];
       if (!m.hard_set.has_edge(a, b)) continue;
       bool outer = false;
-      for (unsigned j = 0; j < s.rows.cols && !outer; ++j)
-        outer = local_index(s.rows.col(j), a) < 4 && local_index(s.rows.col(j), b) < 4;
+      for (unsigned f = 0; f < 4 && !outer; ++f) {
+        if (f == i || f == j) continue;
+        const unsigned nb = m.neighbors(f, t);
+        outer = nb == NONE || !m.marked(nb);
+      }
+      for (unsigned c = 0; c < count && !outer; ++c)
+        outer = local_index(s.rows.col(c), a) < 4 && local_index(s.rows.col(c), b) < 4;
       if (!outer) return false;
     }
   }
-  std::sort(s.region_nodes.begin(), s.region_nodes.end());
-  s.region_nodes.size =
-      unsigned(std::unique(s.region_nodes.begin(), s.region_nodes.end()) - s.region_nodes.begin());
-  // The nodes of the star's rows marked: a region node is on an outer face just when it is one.
+  // The nodes of the outer faces, each once, marked; then the region's other nodes, which the
+  // star drops: only free ones may go.
   m.bump_marks();
-  for (unsigned j = 0; j < s.rows.cols; ++j) {
-    const unsigned* r = s.rows.col(j);
+  if (!m.cover_marks(node)) return false;
+  for (unsigned c = 0; c < count; ++c) {
+    const unsigned* r = s.rows.col(c);
     for (unsigned i = 0; i < 4; ++i) {
-      if (!m.cover_marks(r[i])) return false;
-      m.mark(r[i]);
+      const unsigned v = r[i];
+      if (v == node || m.marked(v)) continue;
+      if (!m.cover_marks(v)) return false;
+      m.mark(v);
+      s.region_nodes.push_back(v);
     }
   }
-  for (unsigned k = 0; k < s.region_nodes.size; ++k) {
-    const unsigned v = s.region_nodes[k];
-    const bool on_face = m.marked(v);
-    // A node inside the region goes: only a free one may.
-    if (!on_face && (m.hard_set.has_node(v) || g.settled_nodes.test(v))) return false;
-    if (!on_face) s.lost.push_back(v);
+  for (unsigned k = 0; k < region.size; ++k) {
+    const unsigned* r = m.tets.row(region[k]);
+    for (unsigned i = 0; i < 4; ++i) {
+      const unsigned v = r[i];
+      if (!m.cover_marks(v)) return false;
+      if (m.marked(v)) continue;
+      if (m.hard_set.has_node(v) || g.settled_nodes.test(v)) return false;
+      m.mark(v);
+      s.lost.push_back(v);
+      s.region_nodes.push_back(v);
+    }
   }
+  std::sort(s.region_nodes.begin(), s.region_nodes.end());
+  std::sort(s.lost.begin(), s.lost.end());
   return s.trial.resize(s.rows.cols) && s.best.resize(s.rows.cols);
 }
 
@@ -244,7 +431,7 @@ bool best_star(regularizer& g, const dense1D<unsigned>& region, unsigned node, d
                double* best_at, double& best) noexcept {
   th4_engine& m = g.engine;
   polish_scratch& s = g.polish;
-  if (!star_rows(g, region, node)) return false;
+  if (!star_rows(g, region, node) || !set_row_lanes(g, node)) return false;
   s.rows_of_ball = false;
   // A start far below what must be beaten seldom climbs to it: such places are cut short.
   best = std::max(0.5 * beat, 1e-12);
@@ -255,13 +442,22 @@ bool best_star(regularizer& g, const dense1D<unsigned>& region, unsigned node, d
     const double* y = m.nodes.row(s.region_nodes[k]);
     for (unsigned c = 0; c < 3; ++c) centre[c] += y[c] / s.region_nodes.size;
   }
-  any = try_place(g, node, centre, best, best_at);
+  if (!s.places.resize(3 * (region.size + 1))) return false;
+  std::copy_n(centre, 3, s.places.begin());
   for (unsigned k = 0; k < region.size; ++k) {
     const unsigned* r = m.tets.row(region[k]);
-    double at[3] = {0.0, 0.0, 0.0};
+    double* at = s.places.begin() + 3 * (k + 1);
+    at[0] = at[1] = at[2] = 0.0;
     for (unsigned i = 0; i < 4; ++i)
       for (unsigned c = 0; c < 3; ++c) at[c] += 0.25 * m.nodes.row(r[i])[c];
-    any = try_place(g, node, at, best, best_at) || any;
+  }
+  front_lookahead f{s.places.begin(), region.size + 1};
+  for (unsigned k = next_trial(g, node, f, 0, best); k < f.count;
+       k = next_trial(g, node, f, k + 1, best)) {
+    if (try_place(g, node, s.places.begin() + 3 * k, best, best_at))
+      any = true;
+    else
+      f.base = NONE;
   }
   if (!any) return false;
   double* x = m.nodes.row(node);
@@ -287,6 +483,7 @@ bool polish_node(regularizer& g, unsigned node) noexcept {
     s.best[j] = m.tet_qualities[s.ball[j]];
     q0 = std::min(q0, s.best[j]);
   }
+  if (!set_row_lanes(g, node)) return false;
   const double* p = m.nodes.row(node);
   const double here[3] = {p[0], p[1], p[2]};
 
@@ -315,11 +512,14 @@ bool polish_node(regularizer& g, unsigned node) noexcept {
 
   double best = q0, best_at[3] = {here[0], here[1], here[2]};
   for (unsigned t = 0; t < count; ++t) {
-    double step = 1.0;
-    for (unsigned k = 0; k < 8; ++k, step *= 0.5) {
-      double trial[3];
-      for (unsigned c = 0; c < 3; ++c) trial[c] = here[c] + step * (targets[t][c] - here[c]);
-      if (try_place(g, node, trial, best, best_at)) break;  // the longest step that wins
+    double step = 1.0, trials[8][3];
+    for (unsigned k = 0; k < 8; ++k, step *= 0.5)
+      for (unsigned c = 0; c < 3; ++c) trials[k][c] = here[c] + step * (targets[t][c] - here[c]);
+    front_lookahead f{trials[0], 8};
+    for (unsigned k = next_trial(g, node, f, 0, best); k < 8;
+         k = next_trial(g, node, f, k + 1, best)) {
+      if (try_place(g, node, trials[k], best, best_at)) break;  // the longest step that wins
+      f.base = NONE;
     }
   }
   ascend(g, node, mean_edge_at(m, s.rows, node), best, best_at);

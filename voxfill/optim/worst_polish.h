@@ -23,7 +23,11 @@ struct polish_scratch {
   dense1D<unsigned> winner;        // the region whose star is best so far
   dense1D<unsigned> lost;          // free nodes inside a region, which its star drops
   bool rows_of_ball = false;       // rows are the tets of `ball`, in the same order
-  dense1D<unsigned> new_nodes;     // made by the stars of a round
+  // The points of the rows by blocks of four rows, lane by lane, with the lanes where each point
+  // is the moving node: a trial place then reads no row. Kept only where the lanes run.
+  dense1D<double> row_lanes;
+  dense1D<double> places;       // starts of a star's node, xyz triples
+  dense1D<unsigned> new_nodes;  // made by the stars of a round
 };
 
 // One node: the best of the trial places, when it beats the worst tet of the ball. True when the
