@@ -345,83 +345,109 @@ void grow_region(regularizer& g, dense1D<unsigned>& region, unsigned cap) noexce
   }
 }
 
+// Sorts a short list in place.
+void sort_short(unsigned* v, unsigned n) noexcept {
+  for (unsigned i = 1; i < n; ++i) {
+    const unsigned x = v[i];
+    unsigned j = i;
+    for (; j > 0 && v[j - 1] > x; --j) v[j] = v[j - 1];
+    v[j] = x;
+  }
+}
+
 // The star of a new node over the outer faces of `region` into polish.rows. False when a node of
 // the region is on none of those faces (it would be lost) or memory ran out.
 bool star_rows(regularizer& g, const dense1D<unsigned>& region, unsigned node) noexcept {
   th4_engine& m = g.engine;
   polish_scratch& s = g.polish;
+  const unsigned n = region.size;
+  const unsigned* reg = region.begin();
+  const unsigned* tets = m.tets.data.vec->data + m.tets.data.offset;
+  const unsigned* nbs = m.neighbors.data.vec->data + m.neighbors.data.offset;
+  const std::size_t tld = m.tets.data.ld, nld = m.neighbors.data.ld;
+  // Room for four outer faces a tet (the count set after), and for every node of the region.
   s.region_nodes.clear();
   s.lost.clear();
+  if (!s.rows.resize(4, 4 * n) || !s.outer_faces.resize(n) || !s.region_nodes.reserve(4 * n) ||
+      !s.lost.reserve(4 * n))
+    return false;
   // The region's tets marked, for the test of each neighbour (the marks of nodes come later,
   // under a fresh mark value: tets and nodes share the list).
-  m.bump_marks();
-  for (unsigned k = 0; k < region.size; ++k) {
-    if (!m.cover_marks(region[k])) return false;
-    m.mark(region[k]);
+  unsigned mv = m.bump_marks();
+  unsigned top = node;
+  for (unsigned k = 0; k < n; ++k) {
+    if (!m.cover_marks(reg[k])) return false;
+    const unsigned* r = tets + tld * reg[k];
+    for (unsigned i = 0; i < 4; ++i) top = std::max(top, r[i]);
   }
-  // Room for four outer faces a tet, the count set after.
-  if (!s.rows.resize(4, 4 * region.size)) return false;
+  unsigned* mk = m.marks.data();
+  unsigned msize = m.marks.size;
+  for (unsigned k = 0; k < n; ++k) mk[reg[k]] = mv;
+  unsigned* rows = s.rows.col(0);
   unsigned count = 0;
-  for (unsigned k = 0; k < region.size; ++k) {
-    const unsigned t = region[k];
-    const unsigned* r = m.tets.row(t);
+  for (unsigned k = 0; k < n; ++k) {
+    const unsigned* r = tets + tld * reg[k];
+    const unsigned* nb4 = nbs + nld * reg[k];
+    unsigned outer = 0;
     for (unsigned f = 0; f < 4; ++f) {
-      const unsigned nb = m.neighbors(f, t);
-      if (nb != NONE && m.marked(nb)) continue;
-      unsigned* out = s.rows.col(count++);
+      const unsigned nb = nb4[f];
+      if (nb != NONE && nb < msize && mk[nb] == mv) continue;
+      outer |= 1u << f;
+      unsigned* out = rows + 4 * count++;
       std::copy_n(r, 4, out);
       out[f] = node;  // in place of the node opposite the face: the turn is kept
     }
+    s.outer_faces[k] = outer;
   }
   s.rows.resize(4, count);
   // A hard edge inside the region would be lost: only one on an outer face may stay. The faces
-  // of its own tet at the edge answer most often; else the outer faces of the others.
-  for (unsigned k = 0; k < region.size; ++k) {
-    const unsigned t = region[k];
-    const unsigned* r = m.tets.row(t);
+  // of its own tet at the edge (those opposite its other two nodes) answer most often; else the
+  // outer faces of the others.
+  for (unsigned k = 0; k < n; ++k) {
+    const unsigned* r = tets + tld * reg[k];
+    unsigned hard = 0;
+    for (unsigned i = 0; i < 4; ++i) hard |= unsigned(m.hard_set.has_node(r[i])) << i;
+    if (hard == 0 || (hard & (hard - 1)) == 0) continue;
     for (unsigned e = 0; e < 6; ++e) {
       const unsigned i = tet_edge_nodes[e][0], j = tet_edge_nodes[e][1];
+      if (!((hard >> i) & (hard >> j) & 1u)) continue;
       const unsigned a = r[i], b = r[j];
       if (!m.hard_set.has_edge(a, b)) continue;
-      bool outer = false;
-      for (unsigned f = 0; f < 4 && !outer; ++f) {
-        if (f == i || f == j) continue;
-        const unsigned nb = m.neighbors(f, t);
-        outer = nb == NONE || !m.marked(nb);
-      }
+      bool outer = (s.outer_faces[k] & ~((1u << i) | (1u << j))) != 0;
       for (unsigned c = 0; c < count && !outer; ++c)
-        outer = local_index(s.rows.col(c), a) < 4 && local_index(s.rows.col(c), b) < 4;
+        outer = local_index(rows + 4 * c, a) < 4 && local_index(rows + 4 * c, b) < 4;
       if (!outer) return false;
     }
   }
   // The nodes of the outer faces, each once, marked; then the region's other nodes, which the
   // star drops: only free ones may go.
-  m.bump_marks();
-  if (!m.cover_marks(node)) return false;
-  for (unsigned c = 0; c < count; ++c) {
-    const unsigned* r = s.rows.col(c);
-    for (unsigned i = 0; i < 4; ++i) {
-      const unsigned v = r[i];
-      if (v == node || m.marked(v)) continue;
-      if (!m.cover_marks(v)) return false;
-      m.mark(v);
-      s.region_nodes.push_back(v);
-    }
+  mv = m.bump_marks();
+  if (!m.cover_marks(top)) return false;
+  mk = m.marks.data();
+  unsigned* nodes = s.region_nodes.data();
+  unsigned* lost = s.lost.data();
+  unsigned nn = 0, nl = 0;
+  for (unsigned c = 0; c < 4 * count; ++c) {
+    const unsigned v = rows[c];
+    if (v == node || mk[v] == mv) continue;
+    mk[v] = mv;
+    nodes[nn++] = v;
   }
-  for (unsigned k = 0; k < region.size; ++k) {
-    const unsigned* r = m.tets.row(region[k]);
+  for (unsigned k = 0; k < n; ++k) {
+    const unsigned* r = tets + tld * reg[k];
     for (unsigned i = 0; i < 4; ++i) {
       const unsigned v = r[i];
-      if (!m.cover_marks(v)) return false;
-      if (m.marked(v)) continue;
+      if (mk[v] == mv) continue;
       if (m.hard_set.has_node(v) || g.settled_nodes.test(v)) return false;
-      m.mark(v);
-      s.lost.push_back(v);
-      s.region_nodes.push_back(v);
+      mk[v] = mv;
+      lost[nl++] = v;
+      nodes[nn++] = v;
     }
   }
-  std::sort(s.region_nodes.begin(), s.region_nodes.end());
-  std::sort(s.lost.begin(), s.lost.end());
+  sort_short(nodes, nn);
+  sort_short(lost, nl);
+  s.region_nodes.size = nn;
+  s.lost.size = nl;
   return s.trial.resize(s.rows.cols) && s.best.resize(s.rows.cols);
 }
 

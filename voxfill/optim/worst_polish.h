@@ -22,6 +22,7 @@ struct polish_scratch {
   dense1D<unsigned> region_nodes;  // their nodes, sorted
   dense1D<unsigned> winner;        // the region whose star is best so far
   dense1D<unsigned> lost;          // free nodes inside a region, which its star drops
+  dense1D<unsigned> outer_faces;   // per tet of a region: bit f set when its face f is outer
   bool rows_of_ball = false;       // rows are the tets of `ball`, in the same order
   // The points of the rows by blocks of four rows, lane by lane, with the lanes where each point
   // is the moving node: a trial place then reads no row. Kept only where the lanes run.
