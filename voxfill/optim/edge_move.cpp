@@ -38,6 +38,18 @@ double reconnection_bound(const move_merit& mm, unsigned r, double best) noexcep
   return bound;
 }
 
+// reconnection_bound(mm, r, best) > best as it would be after merit_reference of `old_count`
+// rows, when the count factor alone settles it (the usual case); false otherwise.
+bool count_factor_passes(const move_merit& mm, unsigned old_count, unsigned r,
+                         double best) noexcept {
+  const long count = r >= 2 ? 2 * long(r) - 4 : 0;
+  const long lo = long(old_count) - long(mm.count_window),
+             hi = long(old_count) + long(mm.count_window);
+  const double bound = mm.count_factors[8 + std::clamp(count, lo, hi) - long(old_count)];
+  // The reference's fits are never over 1: that part of the test needs no reference.
+  return bound > best && mm.worst_exponent >= 0.0 && mm.mean_exponent >= 0.0 && mm.hard_base > 0.0;
+}
+
 bool node_gone(const mesh_store& m, unsigned n) noexcept {
   return n >= m.ancestors.size || m.ancestors[n] == NONE;
 }
@@ -78,15 +90,20 @@ bool edge_move(regularizer& g, unsigned t, unsigned k, double short_limit, doubl
   const bool hard_pair = hard_links && m.hard_set.has_node(a) && m.hard_set.has_node(b);
   const bool split = insert && L > (hard_pair ? 0.0 : long_limit);
   // Only a reconnection or a split is rated against this reference; a contraction takes its own.
-  if (g.shell_tets.size <= shell_limit || split) mm.merit_reference(g.old_rows);
+  // A reconnection whose count factor passes the bound takes it only once one of its patterns
+  // passes the quality limit, which most often none does.
+  const bool reconnect = g.shell_tets.size <= shell_limit;
+  const bool defer =
+      reconnect && !split && count_factor_passes(mm, g.shell_tets.size, g.ring_nodes.size, best);
+  if ((reconnect || split) && !defer) mm.merit_reference(g.old_rows);
   g.new_rows.resize(4, 0);
   g.new_qualities.clear();
 
-  if (g.shell_tets.size <= shell_limit && reconnection_bound(mm, g.ring_nodes.size, best) > best) {
+  if (reconnect && (defer || reconnection_bound(mm, g.ring_nodes.size, best) > best)) {
     double value = floor;
     unsigned pattern = NONE;
     reconnect_patterns(g.moves, a, b, g.ring_nodes, value, pattern, g.new_rows, g.new_edges,
-                       g.new_qualities);
+                       g.new_qualities, defer ? &g.old_rows : nullptr);
     if (pattern != NONE && value > best) {
       best = value;
     } else {

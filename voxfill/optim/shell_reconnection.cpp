@@ -112,7 +112,8 @@ bool pattern_rows(unsigned a, unsigned b, const dense1D<unsigned>& ring, unsigne
 
 void reconnect_patterns(move_record& mr, unsigned a, unsigned b, const dense1D<unsigned>& ring,
                         double& best, unsigned& pattern, dense2D<unsigned>& new_rows,
-                        dense2D<unsigned>& new_edges, dense1D<double>& new_qualities) noexcept {
+                        dense2D<unsigned>& new_edges, dense1D<double>& new_qualities,
+                        const dense2D<unsigned>* reference) noexcept {
   const double limit = best;
   best = 0.0;
   pattern = NONE;
@@ -167,6 +168,10 @@ void reconnect_patterns(move_record& mr, unsigned a, unsigned b, const dense1D<u
       q = std::min(q, known[id][side]);
     }
     if (!(q > limit)) continue;
+    if (reference) {
+      merit.merit_reference(*reference);
+      reference = nullptr;
+    }
     if (!pattern_rows(a, b, ring, p, mr.trial_rows, mr.trial_edges)) return;
     double s = 1.0;
     if (merit.shape_weight < 1.0)

@@ -29,10 +29,12 @@ bool pattern_rows(unsigned a, unsigned b, const dense1D<unsigned>& ring, unsigne
 // The best pattern by merit whose every tet is above the quality limit `best` (in); `best` (out)
 // is its merit, 0.0 and `pattern` NONE when none qualifies. A later pattern must win by more
 // than 1e-12, so the first of equal patterns stays. The merit's reference must be the shell of
-// (a, b) on this ring (merit_reference of its rows).
+// (a, b) on this ring (merit_reference of its rows); with `reference`, the shell's rows, it is
+// taken here once a pattern passes the quality limit, and not at all when none does.
 void reconnect_patterns(move_record& mr, unsigned a, unsigned b, const dense1D<unsigned>& ring,
                         double& best, unsigned& pattern, dense2D<unsigned>& new_rows,
-                        dense2D<unsigned>& new_edges, dense1D<double>& new_qualities) noexcept;
+                        dense2D<unsigned>& new_edges, dense1D<double>& new_qualities,
+                        const dense2D<unsigned>* reference = nullptr) noexcept;
 
 // For recovery: the pattern that makes the most edges of `wanted`, then the best merit, among the
 // patterns whose bit in `pattern_mask` is clear. A pattern that fails the quality limit gets its
