@@ -114,7 +114,7 @@ bool replace_tets(mesh_store& m, replace_scratch& s, const dense1D<unsigned>& ol
   // Outer faces of the old set: those whose neighbour is not in it. The neighbour table pairs
   // the faces inside the set as matching their nodes would; a tet listed twice is refused.
   dense2D<unsigned>& star = s.star_tets;
-  m.bump_marks();
+  const unsigned mv = m.bump_marks();
   for (unsigned i = 0; i < n; ++i) {
     if (m.marked(old_tets[i])) return false;
     m.mark(old_tets[i]);
@@ -122,23 +122,37 @@ bool replace_tets(mesh_store& m, replace_scratch& s, const dense1D<unsigned>& ol
 
   // Seen from the outside: the same face as 4 u + g of the tet u beyond it. A hull face has no
   // such tet; it is kept as a stand-in column that holds only the face, turned, so that the new
-  // rows must leave exactly these faces on the hull.
+  // rows must leave exactly these faces on the hull. Both lists get room for every face first.
   s.outer_codes.clear();
   s.hull_codes.clear();
-  for (unsigned c = 0; c < 4 * n; ++c) {
-    const unsigned t = old_tets[c >> 2];
-    const unsigned u = m.neighbors(c & 3u, t);
-    if (u != NONE && m.marked(u)) continue;
-    dense1D<unsigned>& list = u == NONE ? s.hull_codes : s.outer_codes;
-    unsigned code = c;
-    if (u != NONE) {
-      const unsigned g = m.neighbor_index(u, t);
-      if (g == 4) return false;  // the mesh around the set is not consistent
-      code = 4 * u + g;
+  if (!s.outer_codes.reserve(4 * n) || !s.hull_codes.reserve(4 * n)) return false;
+  {
+    const unsigned* mk = m.marks.data();
+    const unsigned msize = m.marks.size;
+    const unsigned* nbs = m.neighbors.data.vec->data + m.neighbors.data.offset;
+    const std::size_t nld = m.neighbors.data.ld;
+    unsigned* outer = s.outer_codes.data();
+    unsigned* hull = s.hull_codes.data();
+    unsigned no = 0, nh = 0;
+    for (unsigned i = 0; i < n; ++i) {
+      const unsigned t = old_tets[i];
+      const unsigned* nb4 = nbs + nld * t;
+      for (unsigned f = 0; f < 4; ++f) {
+        const unsigned u = nb4[f];
+        if (u == NONE) {
+          hull[nh++] = 4 * i + f;
+          continue;
+        }
+        if (u < msize && mk[u] == mv) continue;
+        const unsigned* back = nbs + nld * u;
+        unsigned g = 0;
+        while (g < 4 && back[g] != t) ++g;
+        if (g == 4) return false;  // the mesh around the set is not consistent
+        outer[no++] = 4 * u + g;
+      }
     }
-    const unsigned before = list.size;
-    list.push_back(code);
-    if (list.size == before) return false;
+    s.outer_codes.size = no;
+    s.hull_codes.size = nh;
   }
   std::sort(s.outer_codes.begin(), s.outer_codes.end());
 
@@ -169,56 +183,73 @@ bool replace_tets(mesh_store& m, replace_scratch& s, const dense1D<unsigned>& ol
   }
 
   s.codes.clear();
-  if (!s.codes.reserve(4 * nr + s.outer_codes.size + s.hull_codes.size)) return false;
-  for (unsigned c = 0; c < 4 * nr; ++c) s.codes.push_back(c);
-  for (unsigned k = 0; k < s.outer_codes.size; ++k) s.codes.push_back(s.outer_codes[k]);
-  for (unsigned k = 0; k < s.hull_codes.size; ++k) s.codes.push_back(4 * (first_hull + k));
+  const unsigned code_count = 4 * nr + s.outer_codes.size + s.hull_codes.size;
+  if (!s.codes.reserve(code_count)) return false;
+  {
+    unsigned* w = s.codes.data();
+    for (unsigned c = 0; c < 4 * nr; ++c) *w++ = c;
+    w = std::copy_n(s.outer_codes.begin(), s.outer_codes.size, w);
+    for (unsigned k = 0; k < s.hull_codes.size; ++k) *w++ = 4 * (first_hull + k);
+    s.codes.size = code_count;
+  }
   if (!link_faces(s, columns)) return false;
 
   // Every face has to find its partner: then the new rows fill the old region exactly.
   dense2D<unsigned>& nbr = s.star_neighbors;
   if (!nbr.resize(4, first_hull)) return false;
-  for (unsigned j = 0; j < first_hull; ++j) std::fill_n(nbr.col(j), 4, NONE);
-  for (unsigned k = 0; k < s.codes.size; ++k) {
-    const unsigned c = s.codes[k], p = s.partner[c];
-    if (p == NONE) return false;
-    if ((c >> 2) < first_hull && (p >> 2) < first_hull) nbr(c & 3u, c >> 2) = p >> 2;
-  }
-  // No tet may have one neighbour through two faces.
-  for (unsigned j = 0; j < first_hull; ++j) {
-    const unsigned* r = nbr.col(j);
-    for (unsigned a = 0; a < 4; ++a)
-      for (unsigned b = a + 1; b < 4; ++b)
-        if (r[a] != NONE && r[a] == r[b]) return false;
+  {
+    unsigned* nb = nbr.col(0);  // packed: four rows
+    std::fill_n(nb, 4 * std::size_t(first_hull), NONE);
+    const unsigned* codes = s.codes.data();
+    const unsigned* partner = s.partner.data();
+    for (unsigned k = 0; k < code_count; ++k) {
+      const unsigned c = codes[k], p = partner[c];
+      if (p == NONE) return false;
+      if ((c >> 2) < first_hull && (p >> 2) < first_hull) nb[c] = p >> 2;
+    }
+    // No tet may have one neighbour through two faces.
+    for (unsigned j = 0; j < first_hull; ++j) {
+      const unsigned* r = nb + 4 * j;
+      for (unsigned a = 0; a < 3; ++a) {
+        if (r[a] == NONE) continue;
+        for (unsigned b = a + 1; b < 4; ++b)
+          if (r[a] == r[b]) return false;
+      }
+    }
   }
   const unsigned shared = n < nr ? n : nr;
   if (!make_room(m, nr - shared, n - shared)) return false;
 
-  // From here on nothing can fail.
+  // From here on nothing can fail; new_tets has room for every new tet.
+  unsigned* made = new_tets.data();
+  unsigned* ancestors = m.ancestors.data();
   for (unsigned i = 0; i < shared; ++i) {
     const unsigned t = old_tets[i];
     const unsigned* old = m.tets.row(t);
-    for (unsigned k = 0; k < 4; ++k) m.ancestors[old[k]] = NONE;
+    for (unsigned k = 0; k < 4; ++k) ancestors[old[k]] = NONE;
     m.set_tet_nodes(t, new_rows.col(i));
     m.tet_qualities[t] = new_qualities[i];
     m.tet_stamps[t] = m.tet_clock;
-    new_tets.push_back(t);
+    made[i] = t;
   }
   for (unsigned i = shared; i < nr; ++i) {
     const unsigned* r = new_rows.col(i);
-    new_tets.push_back(m.new_tet(r[0], r[1], r[2], r[3], colour, new_qualities[i]));
+    made[i] = m.new_tet(r[0], r[1], r[2], r[3], colour, new_qualities[i]);
   }
+  new_tets.size = nr;
   for (unsigned i = shared; i < n; ++i) {
     const unsigned t = old_tets[i];
     const unsigned* old = m.tets.row(t);
-    for (unsigned k = 0; k < 4; ++k) m.ancestors[old[k]] = NONE;
+    for (unsigned k = 0; k < 4; ++k) ancestors[old[k]] = NONE;
     m.release_tet(t);
   }
-  auto tet_of_column = [&](unsigned j) { return j < nr ? new_tets[j] : s.outer_tets[j - nr]; };
+  const unsigned* outside = s.outer_tets.data();
+  auto tet_of_column = [&](unsigned j) { return j < nr ? made[j] : outside[j - nr]; };
+  const unsigned* nb = nbr.col(0);
   for (unsigned j = 0; j < first_hull; ++j) {
     const unsigned t = tet_of_column(j);
     unsigned* row = m.neighbors.row(t);
-    const unsigned* r = nbr.col(j);
+    const unsigned* r = nb + 4 * j;
     for (unsigned f = 0; f < 4; ++f) {
       if (r[f] != NONE)
         row[f] = tet_of_column(r[f]);
@@ -227,9 +258,9 @@ bool replace_tets(mesh_store& m, replace_scratch& s, const dense1D<unsigned>& ol
     }
   }
   for (unsigned j = 0; j < nr; ++j) {
-    const unsigned t = new_tets[j];
+    const unsigned t = made[j];
     const unsigned* r = m.tets.row(t);
-    for (unsigned k = 0; k < 4; ++k) m.ancestors[r[k]] = t;
+    for (unsigned k = 0; k < 4; ++k) ancestors[r[k]] = t;
   }
   return true;
 }
