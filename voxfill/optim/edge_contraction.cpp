@@ -2,7 +2,12 @@
 #include "voxfill/optim/edge_contraction.h"
 
 #include <algorithm>
+#include <bit>
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
 
+#include "delaunay/cpu_lanes.h"
 #include "delaunay/geometry.h"
 #include "delaunay/mesh_walks.h"
 #include "delaunay/quality_lanes.h"
@@ -98,13 +103,31 @@ bool collapse_onto(move_record& mr, unsigned a, unsigned b, unsigned c,
   qualities.clear();
   if (!rows.resize(4, old_rows.cols)) return false;
   unsigned kept = 0;
-  for (unsigned j = 0; j < old_rows.cols; ++j) {
-    const unsigned* r = old_rows.col(j);
-    unsigned hits = 0;
-    for (unsigned i = 0; i < 4; ++i) hits += (r[i] == a) + (r[i] == b) + (b != c && r[i] == c);
-    if (hits >= 2) continue;
-    unsigned* w = rows.col(kept++);
-    for (unsigned i = 0; i < 4; ++i) w[i] = r[i] == a || r[i] == b ? c : r[i];
+#if defined(__SSE2__)
+  // A row's four nodes against a, b and c at once: with c apart from a, each node meets at most
+  // one of them, and the count of hits is that of the lanes that meet one.
+  if (lanes_sse2() && a != b && a != c) {
+    const __m128i va = _mm_set1_epi32(int(a)), vb = _mm_set1_epi32(int(b)),
+                  vc = _mm_set1_epi32(int(c));
+    for (unsigned j = 0; j < old_rows.cols; ++j) {
+      const __m128i x = _mm_loadu_si128(reinterpret_cast<const __m128i*>(old_rows.col(j)));
+      const __m128i ab = _mm_or_si128(_mm_cmpeq_epi32(x, va), _mm_cmpeq_epi32(x, vb));
+      const __m128i hit = _mm_or_si128(ab, _mm_cmpeq_epi32(x, vc));
+      if (std::popcount(unsigned(_mm_movemask_ps(_mm_castsi128_ps(hit)))) >= 2) continue;
+      _mm_storeu_si128(reinterpret_cast<__m128i*>(rows.col(kept++)),
+                       _mm_or_si128(_mm_and_si128(ab, vc), _mm_andnot_si128(ab, x)));
+    }
+  } else
+#endif
+  {
+    for (unsigned j = 0; j < old_rows.cols; ++j) {
+      const unsigned* r = old_rows.col(j);
+      unsigned hits = 0;
+      for (unsigned i = 0; i < 4; ++i) hits += (r[i] == a) + (r[i] == b) + (b != c && r[i] == c);
+      if (hits >= 2) continue;
+      unsigned* w = rows.col(kept++);
+      for (unsigned i = 0; i < 4; ++i) w[i] = r[i] == a || r[i] == b ? c : r[i];
+    }
   }
   rows.resize(4, kept);
   double q = 1.0;
@@ -123,8 +146,26 @@ bool collapse_onto(move_record& mr, unsigned a, unsigned b, unsigned c,
   }
   double s = 1.0;
   if (kept >= 3 && mr.merit.shape_weight < 1.0) {
+    // A node met again gives the same length: where the marks can be had, each is measured once.
+    const unsigned nodes = m.nodes.cols();
+    unsigned* marks = nullptr;
+    unsigned mark = 0;
+    if (nodes <= mr.node_marks.size ||
+        mr.node_marks.resize(std::max(nodes, 2 * mr.node_marks.size), 0u)) {
+      if (++mr.node_mark == 0) {
+        mr.node_marks.fill(0u);
+        mr.node_mark = 1;
+      }
+      marks = mr.node_marks.begin();
+      mark = mr.node_mark;
+    }
     auto visit = [&](unsigned x) {
-      if (x != a && x != b && x != c) s = std::min(s, symmetric_length(m, c, x));
+      if (x == a || x == b || x == c) return;
+      if (marks) {
+        if (marks[x] == mark) return;
+        marks[x] = mark;
+      }
+      s = std::min(s, symmetric_length(m, c, x));
     };
     for (unsigned k = 0; k < neighbours.size; ++k) visit(neighbours[k]);
     if (b == c)
