@@ -282,17 +282,34 @@ void ascend(regularizer& g, unsigned node, double scale, double& best, double* b
       }
       fill = 0;
     };
-    for (unsigned j = 0; j < s.rows.cols; ++j) {
-      if (s.best[j] > 1.02 * best) continue;
-      const unsigned* r = s.rows.col(j);
-      for (unsigned c = 0; c < 3; ++c) {
-        for (unsigned i = 0; i < 4; ++i)
-          points[fill][i] = r[i] == node ? moved[c] : m.nodes.data.col(r[i]);
-        item_row[fill] = j, item_axis[fill] = c;
-        if (++fill == 4) flush();
+#if VOXFILL_LANES_AVX
+    if (lanes_avx()) {
+      // A row's three moves in the lanes of one call, the moved places put in by broadcast.
+      const double* places[4] = {moved[0], moved[1], moved[2], moved[2]};
+      for (unsigned j = 0; j < s.rows.cols; ++j) {
+        if (s.best[j] > 1.02 * best) continue;
+        double v[4];
+        front_quad(m, s.rows.col(j), node, places, v);
+        for (unsigned c = 0; c < 3; ++c) grad[c] = (v[c] - s.best[j]) / h;
+        const double len = std::sqrt(dot3(grad, grad));
+        if (len > 0.0)
+          for (unsigned k = 0; k < 3; ++k) dir[k] += grad[k] / len;
       }
+    } else
+#endif
+    {
+      for (unsigned j = 0; j < s.rows.cols; ++j) {
+        if (s.best[j] > 1.02 * best) continue;
+        const unsigned* r = s.rows.col(j);
+        for (unsigned c = 0; c < 3; ++c) {
+          for (unsigned i = 0; i < 4; ++i)
+            points[fill][i] = r[i] == node ? moved[c] : m.nodes.data.col(r[i]);
+          item_row[fill] = j, item_axis[fill] = c;
+          if (++fill == 4) flush();
+        }
+      }
+      flush();
     }
-    flush();
     std::copy_n(kept, 3, x);
     const double len = std::sqrt(dot3(dir, dir));
     if (!(len > 0.0)) break;
