@@ -179,8 +179,11 @@ void reconnect_patterns(move_record& mr, unsigned a, unsigned b, const dense1D<u
         s = std::min(s, symmetric_length(m, mr.trial_edges(0, d), mr.trial_edges(1, d)));
     // Every triangulation of the ring has the shell's nodes, those of the merit's reference.
     const double value = merit.merit_blend(s, q) * merit.topology_factor(mr.trial_rows, true);
-    if (value > best + 1e-12 && take(mr.trial_rows, mr.trial_edges, mr.trial_qualities, new_rows,
-                                     new_edges, new_qualities)) {
+    if (value > best + 1e-12) {
+      // The trial's lists become the outputs, and the old outputs serve the next trials.
+      std::swap(mr.trial_rows, new_rows);
+      std::swap(mr.trial_edges, new_edges);
+      std::swap(mr.trial_qualities, new_qualities);
       best = value;
       pattern = p;
     }
