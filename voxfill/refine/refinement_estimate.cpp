@@ -1,11 +1,12 @@
 // The refinement estimate and the reservation that it feeds.
 #include "voxfill/refine/refinement_estimate.h"
 
+#include <algorithm>
+#include <bit>
 #include <cfloat>
 #include <cmath>
+#include <cstdint>
 #include <new>
-#include <queue>
-#include <tuple>
 #include <vector>
 
 #include "delaunay/geometry.h"
@@ -35,10 +36,29 @@ float capped(double x) noexcept {
 
 }  // namespace
 
-void limit_density_jumps(const th4_engine& e, double ratio, dense1D<double>& d) noexcept {
-  using item = std::tuple<float, unsigned, unsigned>;
+namespace {
+
+// A pending lowering: the key (a positive float, whose bits sort as its value) and the tet to
+// lower in one word, the neighbour it is held to apart. Their order is that of the tuple
+// (key, a, b), so the heap pops them as a queue of such tuples would.
+struct jump {
+  std::uint64_t key_a;
+  unsigned b;
+  bool operator<(const jump& o) const noexcept {
+    return key_a < o.key_a || (key_a == o.key_a && b < o.b);
+  }
+};
+
+jump make_jump(double x, unsigned a, unsigned b) noexcept {
+  return {(std::uint64_t(std::bit_cast<std::uint32_t>(capped(x))) << 32) | a, b};
+}
+
+// limit_density_jumps with the volume of every tet of nonzero density at hand: only such tets
+// are ever looked at.
+void limit_jumps(const th4_engine& e, double ratio, dense1D<double>& d,
+                 const dense1D<double>& vol) noexcept {
   try {
-    std::priority_queue<item, std::vector<item>> queue;
+    std::vector<jump> heap;
     const unsigned T = d.size;
     for (unsigned t = 0; t < T; ++t) {
       if (d[t] == 0.0) continue;
@@ -46,30 +66,47 @@ void limit_density_jumps(const th4_engine& e, double ratio, dense1D<double>& d) 
       for (unsigned i = 0; i < 4; ++i) {
         const unsigned u = nb[i];
         if (u == NONE || u > t || u >= T || d[u] == 0.0) continue;
-        const double x = volume_of(e, u) * d[t] / (d[u] * volume_of(e, t));
-        if (x > ratio) queue.emplace(capped(x), t, u);
+        const double x = vol[u] * d[t] / (d[u] * vol[t]);
+        if (x > ratio) heap.push_back(make_jump(x, t, u));
         const double y = 1.0 / x;
-        if (y > ratio) queue.emplace(capped(y), u, t);
+        if (y > ratio) heap.push_back(make_jump(y, u, t));
       }
     }
-    while (!queue.empty()) {
-      const auto [key, a, b] = queue.top();
-      queue.pop();
-      const double Va = volume_of(e, a);
-      const double lowered = d[b] * ratio * (Va / volume_of(e, b));
+    // The pops come in one total order whatever the heap's layout: built at once, not pushed.
+    std::make_heap(heap.begin(), heap.end());
+    while (!heap.empty()) {
+      std::pop_heap(heap.begin(), heap.end());
+      const jump top = heap.back();
+      heap.pop_back();
+      const unsigned a = unsigned(top.key_a & 0xFFFFFFFFu), b = top.b;
+      const double Va = vol[a];
+      const double lowered = d[b] * ratio * (Va / vol[b]);
       if (!(lowered * 1.000000000001 <= d[a])) continue;
       d[a] = lowered;
       const unsigned* nb = e.neighbors.row(a);
       for (unsigned i = 0; i < 4; ++i) {
         const unsigned c = nb[i];
         if (c == NONE || c == b || c >= T || d[c] == 0.0) continue;
-        const double z = Va * d[c] / (volume_of(e, c) * lowered);
-        if (z > ratio) queue.emplace(capped(z), c, a);
+        const double z = Va * d[c] / (vol[c] * lowered);
+        if (z > ratio) {
+          heap.push_back(make_jump(z, c, a));
+          std::push_heap(heap.begin(), heap.end());
+        }
       }
     }
   } catch (const std::bad_alloc&) {
     // The estimate only sizes a reservation: unlimited jumps overestimate, which costs memory.
   }
+}
+
+}  // namespace
+
+void limit_density_jumps(const th4_engine& e, double ratio, dense1D<double>& d) noexcept {
+  dense1D<double> vol;
+  if (!vol.resize(d.size, 0.0)) return;  // as when the queue finds no memory
+  for (unsigned t = 0; t < d.size; ++t)
+    if (d[t] != 0.0) vol[t] = volume_of(e, t);
+  limit_jumps(e, ratio, d, vol);
 }
 
 int estimate_new_tets(const th4_engine& e, double g, double target, double& count) noexcept {
@@ -80,8 +117,8 @@ int estimate_new_tets(const th4_engine& e, double g, double target, double& coun
   if (live == 0) return 0;
   const bool use_gradation = g > 0.0 && g < DBL_MAX && target > 0.0 && target < DBL_MAX;
   try {
-    dense1D<double> d;
-    if (!d.resize(T, 0.0)) return -199;
+    dense1D<double> d, vol;
+    if (!d.resize(T, 0.0) || !vol.resize(T, 0.0)) return -199;
     const double c = use_gradation ? 1.0 / std::log(1.0 + g) : 0.0;
     for (unsigned t = 0; t < T; ++t) {
       if (!classified(e, t)) continue;
@@ -91,6 +128,7 @@ int estimate_new_tets(const th4_engine& e, double g, double target, double& coun
       for (; k < 4 && r[k] != NONE; ++k) h += e.node_sizes[r[k]];
       h = k ? h / k : 0.0;
       const double V = volume_of(e, t);
+      vol[t] = V;
       const double ideal = h * h * h * IDEAL_VOLUME;
       const double v = ideal > 0.0 ? V / ideal : 0.0;
       double density = v;
@@ -103,7 +141,7 @@ int estimate_new_tets(const th4_engine& e, double g, double target, double& coun
       }
       d[t] = std::max(density, 1.0);
     }
-    limit_density_jumps(e, 1.5, d);
+    limit_jumps(e, 1.5, d, vol);
     double sum = 0.0;
     for (unsigned t = 0; t < T; ++t) sum += d[t];
     count = std::rint(sum);
