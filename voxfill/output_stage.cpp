@@ -2,7 +2,9 @@
 // to share them, with counts, histogram and the final lists of missing entities.
 #include <algorithm>
 #include <cfloat>
+#include <cstddef>
 #include <cstdint>
+#include <new>
 #include <vector>
 
 #include "delaunay/geometry.h"
@@ -54,10 +56,53 @@ void th4_engine::drop_outside(unsigned first_node) {
 
 unsigned th4_engine::compact_tets(dense1D<unsigned>& map) {
   const unsigned old = tets.cols();
-  const unsigned count = tets.compact(map);
-  if (count == old) return count;
-  dense1D<unsigned> same;
-  neighbors.compact(same);
+  // The two tables are released together, so their free lists are the same as a rule: then one
+  // pass moves both rows and the row's other entries, with the free rows found by marks in the
+  // map rather than by sorting the free list. The rows end where the table's own compaction
+  // puts them.
+  const dense1D<unsigned>& fs = tets.free_stack;
+  const bool twin = neighbors.cols() == old && neighbors.free_stack.size == fs.size &&
+                    std::equal(fs.begin(), fs.end(), neighbors.free_stack.begin()) &&
+                    tets.data.rows == 4 && tets.data.ld == 4 && neighbors.data.rows == 4 &&
+                    neighbors.data.ld == 4 && colors.size >= old && tet_stamps.size >= old &&
+                    tet_qualities.size >= old;
+  unsigned count;
+  if (!twin) {
+    count = tets.compact(map);
+    if (count == old) return count;
+    dense1D<unsigned> same;
+    neighbors.compact(same);
+  } else {
+    unsigned dead = 0;
+    for (unsigned k = 0; k < fs.size; ++k) dead += fs[k] < old;
+    map.clear();
+    if (!map.resize(old, dead == 0 || dead == old ? NONE : 0u)) throw std::bad_alloc();
+    if (dead == 0) {
+      for (unsigned i = 0; i < old; ++i) map[i] = i;
+      return old;
+    }
+    count = 0;
+    if (dead != old) {
+      for (unsigned k = 0; k < fs.size; ++k)
+        if (fs[k] < old) map[fs[k]] = NONE;
+      unsigned* T4 = tets.data.col(0);
+      unsigned* N4 = neighbors.data.col(0);
+      unsigned* M = map.begin();
+      for (unsigned row = 0; row < old; ++row) {
+        if (M[row] == NONE) continue;
+        if (count < row) {
+          std::copy_n(T4 + 4 * std::size_t(row), 4, T4 + 4 * std::size_t(count));
+          std::copy_n(N4 + 4 * std::size_t(row), 4, N4 + 4 * std::size_t(count));
+          colors[count] = colors[row];
+          tet_stamps[count] = tet_stamps[row];
+          tet_qualities[count] = tet_qualities[row];
+        }
+        M[row] = count++;
+      }
+    }
+    tets.set_columns(count);
+    neighbors.set_columns(count);
+  }
   const unsigned m = map.size;
   auto remap = [&](unsigned& e) {
     if (e < m) e = map[e];
@@ -65,13 +110,14 @@ unsigned th4_engine::compact_tets(dense1D<unsigned>& map) {
   for (unsigned t = 0; t < count; ++t)
     for (unsigned i = 0; i < 4; ++i) remap(neighbors(i, t));
   for (unsigned& a : ancestors) remap(a);
-  for (unsigned i = 0; i < old; ++i) {
-    const unsigned k = map[i];
-    if (k == NONE) continue;
-    colors[k] = colors[i];
-    tet_stamps[k] = tet_stamps[i];
-    tet_qualities[k] = tet_qualities[i];
-  }
+  if (!twin)
+    for (unsigned i = 0; i < old; ++i) {
+      const unsigned k = map[i];
+      if (k == NONE) continue;
+      colors[k] = colors[i];
+      tet_stamps[k] = tet_stamps[i];
+      tet_qualities[k] = tet_qualities[i];
+    }
   colors.resize(count);
   tet_stamps.resize(count);
   tet_qualities.resize(count);
