@@ -107,8 +107,19 @@ unsigned th4_engine::compact_tets(dense1D<unsigned>& map) {
   auto remap = [&](unsigned& e) {
     if (e < m) e = map[e];
   };
-  for (unsigned t = 0; t < count; ++t)
-    for (unsigned i = 0; i < 4; ++i) remap(neighbors(i, t));
+  if (neighbors.data.ld == 4) {
+    // Through plain pointers: the map and the table are both words, which keeps the compiler from
+    // reloading either per entry.
+    unsigned* N = count ? neighbors.data.col(0) : nullptr;
+    const unsigned* M = map.begin();
+    for (std::size_t k = 0, end = 4 * std::size_t(count); k < end; ++k) {
+      const unsigned e = N[k];
+      N[k] = e < m ? M[e] : e;
+    }
+  } else {
+    for (unsigned t = 0; t < count; ++t)
+      for (unsigned i = 0; i < 4; ++i) remap(neighbors(i, t));
+  }
   for (unsigned& a : ancestors) remap(a);
   if (!twin)
     for (unsigned i = 0; i < old; ++i) {
@@ -129,11 +140,20 @@ unsigned th4_engine::compact_nodes(dense1D<unsigned>& map) {
   const unsigned count = nodes.compact(map);
   if (count == old) return count;
   const unsigned m = map.size;
-  for (unsigned t = 0; t < tets.cols(); ++t)
-    for (unsigned i = 0; i < 4; ++i) {
-      unsigned& e = tets(i, t);
-      if (e < m) e = map[e];
+  if (tets.data.ld == 4) {
+    unsigned* R = tets.cols() ? tets.data.col(0) : nullptr;
+    const unsigned* M = map.begin();
+    for (std::size_t k = 0, end = 4 * std::size_t(tets.cols()); k < end; ++k) {
+      const unsigned e = R[k];
+      R[k] = e < m ? M[e] : e;
     }
+  } else {
+    for (unsigned t = 0; t < tets.cols(); ++t)
+      for (unsigned i = 0; i < 4; ++i) {
+        unsigned& e = tets(i, t);
+        if (e < m) e = map[e];
+      }
+  }
   for (unsigned i = 0; i < old; ++i) {
     const unsigned k = map[i];
     if (k == NONE) continue;
