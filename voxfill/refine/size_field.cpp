@@ -522,31 +522,85 @@ double best_apex(const dense2D<double>& nodes, const unsigned* tri, double tol,
   for (unsigned k = 1; k <= 10; ++k)
     if (qs[k] > qbest) zbest = zs[k], qbest = qs[k];
   // The ends of the bracket are most often points of the scan, bit for bit: their values are
-  // at hand.
-  auto scanned_or_new = [&](double z) {
+  // at hand. Those that are not come in the lanes of the first round.
+  auto scanned = [&](double z, double& q) {
     for (unsigned k = 0; k <= 10; ++k)
-      if (std::bit_cast<std::uint64_t>(zs[k]) == std::bit_cast<std::uint64_t>(z)) return qs[k];
-    return quality(z);
+      if (std::bit_cast<std::uint64_t>(zs[k]) == std::bit_cast<std::uint64_t>(z)) {
+        q = qs[k];
+        return true;
+      }
+    return false;
   };
   double lo = std::max(z0, zbest - step), hi = std::min(z1, zbest + step);
-  double qlo = scanned_or_new(lo), qhi = scanned_or_new(hi);
+  double qlo = 0.0, qhi = 0.0;
+  bool lo_known = scanned(lo, qlo), hi_known = scanned(hi, qhi);
   const double ztol = (hi - lo) * tol;
+  // A round needs two midpoints and a call holds four: the spare lanes take midpoints that the
+  // next round needs after some pick of this one, so that a good guess spares the next call.
+  // next[g] below is, bit for bit, the midpoint that the next round works out after the picks
+  // that `from` names; its values are kept for it.
+  static constexpr int from[5][2] = {{-1, 2}, {2, 0}, {0, 1}, {1, 3}, {3, -1}};
+  double held_q[2] = {0.0, 0.0};
+  bool held[2] = {false, false};
   // Halving around the best point; the cap only guards a tolerance below the rounding of z.
   for (unsigned round = 0; round < 200 && (zbest - lo > ztol || hi - zbest > ztol); ++round) {
     const double m1 = 0.5 * (lo + zbest), m2 = 0.5 * (zbest + hi);
-    const double mz[2] = {m1, m2};
-    double mq[2];
-    qualities(mz, 2, mq);
-    const double q1 = mq[0], q2 = mq[1];
+    double q1 = held_q[0], q2 = held_q[1];
+    // The first next_count of the next midpoints have their values in next_q.
+    double next_q[4];
+    int next_count = 0;
+    if (!held[0] || !held[1] || !lo_known || !hi_known) {
+      const double next[4] = {0.5 * (m1 + zbest), 0.5 * (zbest + m2), 0.5 * (lo + m1),
+                              0.5 * (m2 + hi)};
+      double hq[4];
+      if (lo_known && hi_known && !held[0] && !held[1]) {
+        const double hz[4] = {m1, m2, next[0], next[1]};
+        tet_quality_heights(c, b, a, centre, normal, hz, hq);
+        q1 = hq[0], q2 = hq[1];
+        next_q[0] = hq[2], next_q[1] = hq[3];
+        next_count = 2;
+      } else if (lo_known && hi_known) {
+        const double hz[4] = {held[0] ? m2 : m1, next[0], next[1], next[2]};
+        tet_quality_heights(c, b, a, centre, normal, hz, hq);
+        (held[0] ? q2 : q1) = hq[0];
+        next_q[0] = hq[1], next_q[1] = hq[2], next_q[2] = hq[3];
+        next_count = 3;
+      } else {
+        double hz[4];
+        unsigned n = 0;
+        if (!lo_known) hz[n++] = lo;
+        if (!hi_known) hz[n++] = hi;
+        if (!held[0]) hz[n++] = m1;
+        if (!held[1]) hz[n++] = m2;
+        const unsigned needed = n;
+        for (unsigned g = 0; n < 4; ++g) hz[n++] = next[g];
+        tet_quality_heights(c, b, a, centre, normal, hz, hq);
+        unsigned k = 0;
+        if (!lo_known) qlo = hq[k++];
+        if (!hi_known) qhi = hq[k++];
+        if (!held[0]) q1 = hq[k++];
+        if (!held[1]) q2 = hq[k++];
+        for (unsigned g = 0; g < 4 - needed; ++g) next_q[g] = hq[needed + g];
+        next_count = int(4 - needed);
+        lo_known = hi_known = true;
+      }
+    }
     const double z[5] = {lo, m1, zbest, m2, hi}, q[5] = {qlo, q1, qbest, q2, qhi};
     unsigned best = 2;
     for (unsigned k : {0u, 1u, 3u, 4u})
       if (q[k] > q[best]) best = k;
+    for (unsigned i = 0; i < 2; ++i) {
+      const int g = from[best][i];
+      held[i] = g >= 0 && g < next_count;
+      if (held[i]) held_q[i] = next_q[g];
+    }
     const unsigned left = best > 0 ? best - 1 : 0, right = best < 4 ? best + 1 : 4;
     lo = z[left], qlo = q[left];
     hi = z[right], qhi = q[right];
     zbest = z[best], qbest = q[best];
   }
+  if (!lo_known) qlo = quality(lo);
+  if (!hi_known) qhi = quality(hi);
   if (qlo > qbest) zbest = lo, qbest = qlo;
   if (qhi > qbest) zbest = hi, qbest = qhi;
   for (unsigned k = 0; k < 3; ++k) apex[k] = centre[k] + normal[k] * zbest;
