@@ -44,16 +44,21 @@ unsigned flood_colors(mesh_store& m) {
       seed = next;
       ++c;
     }
+    // A tet is marked when it is stacked, so that it is stacked and its faces are tested once:
+    // the flood reaches the same tets in any order.
     stack.push_back(seed);
+    m.mark(seed);
     seed = NONE;
     while (stack.size) {
       const unsigned t = stack.back();
       stack.pop_back();
       m.colors[t] = c;
-      m.mark(t);
       for (unsigned f = 0; f < 4; ++f) {
         const unsigned nb = m.neighbors(f, t);
-        if (nb != NONE && !m.marked(nb) && !is_hard_face(m, t, f)) stack.push_back(nb);
+        if (nb != NONE && !m.marked(nb) && !is_hard_face(m, t, f)) {
+          m.mark(nb);
+          stack.push_back(nb);
+        }
       }
     }
   }
