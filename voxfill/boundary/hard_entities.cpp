@@ -73,6 +73,8 @@ bool hard_face_holders(const mesh_store& m, dense1D<unsigned char>& holders) noe
   const entity_set& h = m.hard_set;
   holders.clear();
   if (!holders.resize(h.faces.keys.size, 0)) return false;
+  const bool filtered = h.face_bits_shift < 32;
+  const unsigned* bits = filtered ? h.face_bits.begin() : nullptr;
   for (unsigned t = 0; t < m.tets.cols(); ++t) {
     if (!m.tet_live(t)) continue;
     const unsigned* n = m.tets.row(t);
@@ -81,15 +83,23 @@ bool hard_face_holders(const mesh_store& m, dense1D<unsigned char>& holders) noe
     for (unsigned i = 0; i < 4; ++i) count += (hard[i] = h.has_node(n[i]));
     if (count < 3) continue;
     const bool inside = m.tet_in_domain(t);
+    // The filter's hash of face i is the sum of the mixed terms of the nodes but i: the four
+    // terms once, not three for each face.
+    unsigned term[4], total = 0;
+    if (filtered)
+      for (unsigned i = 0; i < 4; ++i) total += (term[i] = mixed_node_term(n[i]));
     for (unsigned i = 0; i < 4; ++i) {
       if (count - hard[i] < 3) continue;
       // A face between two live tets is looked up once, from the higher one.
       const unsigned nb = m.neighbors(i, t);
       const bool twin = nb != NONE && m.tet_live(nb);
       if (twin && nb > t) continue;
+      if (filtered) {  // as may_have_face
+        const unsigned x = (total - term[i]) >> h.face_bits_shift;
+        if (!((bits[x >> 5] >> (x & 31)) & 1u)) continue;
+      }
       const unsigned* f = tet_face_nodes[i];
       const face_key k{{n[f[0]], n[f[1]], n[f[2]]}};
-      if (!h.may_have_face(k)) continue;
       const unsigned e = h.faces.find(k);
       if (e != NONE) holders[e] |= inside || (twin && m.tet_in_domain(nb)) ? 3 : 1;
     }
