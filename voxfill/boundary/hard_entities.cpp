@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstddef>
 #include <new>
 
 #include "delaunay/mesh_walks.h"
@@ -73,16 +74,33 @@ bool hard_face_holders(const mesh_store& m, dense1D<unsigned char>& holders) noe
   const entity_set& h = m.hard_set;
   holders.clear();
   if (!holders.resize(h.faces.keys.size, 0)) return false;
+  const unsigned T = m.tets.cols();
+  if (T == 0) return true;
+  // The tables through plain pointers taken once: the byte stores into `holders` would otherwise
+  // make the compiler read every table's handle again for each tet.
+  const unsigned ldt = m.tets.data.ld, ldn = m.neighbors.data.ld;
+  const unsigned* rows = m.tets.data.col(0);
+  const unsigned* nbs = m.neighbors.data.col(0);
+  const unsigned* colors = m.colors.begin();
+  const unsigned* node_words = h.node_bits.words.empty() ? nullptr : h.node_bits.words.begin();
+  const unsigned node_length = h.node_bits.length;
+  unsigned char* held = holders.empty() ? nullptr : holders.begin();
   const bool filtered = h.face_bits_shift < 32;
   const unsigned* bits = filtered ? h.face_bits.begin() : nullptr;
-  for (unsigned t = 0; t < m.tets.cols(); ++t) {
-    if (!m.tet_live(t)) continue;
-    const unsigned* n = m.tets.row(t);
+  const unsigned shift = h.face_bits_shift;
+  auto has_node = [&](unsigned v) {
+    return v < node_length && (node_words[v >> 5] >> (v & 31)) & 1u;
+  };
+  for (unsigned t = 0; t < T; ++t) {
+    const unsigned color = colors[t];
+    if (color == DELETED) continue;
+    const unsigned* n = rows + std::size_t(ldt) * t;
     bool hard[4];
     unsigned count = 0;
-    for (unsigned i = 0; i < 4; ++i) count += (hard[i] = h.has_node(n[i]));
+    for (unsigned i = 0; i < 4; ++i) count += (hard[i] = has_node(n[i]));
     if (count < 3) continue;
-    const bool inside = m.tet_in_domain(t);
+    const bool inside = color_in_domain(color);
+    const unsigned* nb4 = nbs + std::size_t(ldn) * t;
     // The filter's hash of face i is the sum of the mixed terms of the nodes but i: the four
     // terms once, not three for each face.
     unsigned term[4], total = 0;
@@ -91,17 +109,16 @@ bool hard_face_holders(const mesh_store& m, dense1D<unsigned char>& holders) noe
     for (unsigned i = 0; i < 4; ++i) {
       if (count - hard[i] < 3) continue;
       // A face between two live tets is looked up once, from the higher one.
-      const unsigned nb = m.neighbors(i, t);
-      const bool twin = nb != NONE && m.tet_live(nb);
+      const unsigned nb = nb4[i];
+      const bool twin = nb != NONE && colors[nb] != DELETED;
       if (twin && nb > t) continue;
       if (filtered) {  // as may_have_face
-        const unsigned x = (total - term[i]) >> h.face_bits_shift;
+        const unsigned x = (total - term[i]) >> shift;
         if (!((bits[x >> 5] >> (x & 31)) & 1u)) continue;
       }
       const unsigned* f = tet_face_nodes[i];
-      const face_key k{{n[f[0]], n[f[1]], n[f[2]]}};
-      const unsigned e = h.faces.find(k);
-      if (e != NONE) holders[e] |= inside || (twin && m.tet_in_domain(nb)) ? 3 : 1;
+      const unsigned e = h.faces.find(face_key{{n[f[0]], n[f[1]], n[f[2]]}});
+      if (e != NONE) held[e] |= inside || (twin && color_in_domain(colors[nb])) ? 3 : 1;
     }
   }
   return true;
