@@ -21,28 +21,49 @@ struct node_graph {
   std::vector<unsigned> adjacent;
 
   node_graph(const dense2D<unsigned>& triangles, unsigned n) : first(std::size_t(n) + 1, 0u) {
-    std::vector<std::uint64_t> pairs;
-    if (!triangles.empty()) pairs.reserve(6 * std::size_t(triangles.cols));
-    const auto link = [&](unsigned a, unsigned b) {
-      if (a == b || a >= n || b >= n) return;
-      pairs.push_back(std::uint64_t(a) << 32 | b);
-      pairs.push_back(std::uint64_t(b) << 32 | a);
-    };
-    if (!triangles.empty())
-      for (unsigned j = 0; j < triangles.cols; ++j) {
-        const unsigned* c = triangles.col(j);
-        link(c[0], c[1]);
-        link(c[1], c[2]);
-        link(c[2], c[0]);
+    // The links bucketed by their first node (a counting pass, then a filling pass), each bucket
+    // sorted and cut to distinct nodes: the lists that a sort of all the pairs would give, without
+    // sorting them all.
+    const unsigned cols = triangles.empty() ? 0 : triangles.cols;
+    const auto valid = [n](unsigned a, unsigned b) { return a != b && a < n && b < n; };
+    std::vector<std::size_t> start(std::size_t(n) + 1, 0);
+    for (unsigned j = 0; j < cols; ++j) {
+      const unsigned* c = triangles.col(j);
+      for (unsigned i = 0; i < 3; ++i) {
+        const unsigned a = c[i], b = c[(i + 1) % 3];
+        if (!valid(a, b)) continue;
+        ++start[a + 1];
+        ++start[b + 1];
       }
-    std::sort(pairs.begin(), pairs.end());
-    pairs.erase(std::unique(pairs.begin(), pairs.end()), pairs.end());
-    adjacent.resize(pairs.size());
-    for (std::size_t k = 0; k < pairs.size(); ++k) {
-      ++first[(pairs[k] >> 32) + 1];
-      adjacent[k] = unsigned(pairs[k]);
     }
-    for (unsigned v = 0; v < n; ++v) first[v + 1] += first[v];
+    for (unsigned v = 0; v < n; ++v) start[v + 1] += start[v];
+    std::vector<unsigned> links(start[n]);
+    std::vector<std::size_t> fill(start.begin(), start.end() - 1);
+    for (unsigned j = 0; j < cols; ++j) {
+      const unsigned* c = triangles.col(j);
+      for (unsigned i = 0; i < 3; ++i) {
+        const unsigned a = c[i], b = c[(i + 1) % 3];
+        if (!valid(a, b)) continue;
+        links[fill[a]++] = b;
+        links[fill[b]++] = a;
+      }
+    }
+    adjacent.reserve(links.size());
+    for (unsigned v = 0; v < n; ++v) {
+      unsigned* lo = links.data() + start[v];
+      unsigned* hi = links.data() + start[v + 1];
+      // Buckets hold a dozen links or so: an insertion sort, but for a node of many triangles.
+      if (hi - lo > 64) std::sort(lo, hi);
+      for (unsigned* p = lo + 1; p < hi; ++p) {
+        const unsigned x = *p;
+        unsigned* q = p;
+        for (; q > lo && q[-1] > x; --q) *q = q[-1];
+        *q = x;
+      }
+      for (unsigned* p = lo; p < hi; ++p)
+        if (p == lo || *p != p[-1]) adjacent.push_back(*p);
+      first[v + 1] = unsigned(adjacent.size());
+    }
   }
 
   unsigned degree(unsigned v) const { return first[v + 1] - first[v]; }
