@@ -2,8 +2,9 @@
 // the hard entities the mesh could not hold.
 #include "voxfill/boundary/domain_classification.h"
 
-#include <deque>
+#include <cstddef>
 #include <new>
+#include <vector>
 
 #include "delaunay/mesh_walks.h"
 #include "delaunay/tet_tables.h"
@@ -70,29 +71,36 @@ void order_subdomains(mesh_store& m, unsigned& count, unsigned subdomain_rule, i
   if (m.tets.cols() == 0 || count == 0 || start == NONE) return;
   dense1D<unsigned> region_map(count, DELETED);
   if (region_map.size != count) throw std::bad_alloc();  // the run turns it into its memory error
-  std::deque<unsigned> queue[2];
+  // First-in first-out lists as vectors read from a head: nothing is taken from their fronts
+  // until they are empty, when they start over.
+  std::vector<unsigned> queue[2];
+  std::size_t head[2] = {0, 0};
   std::vector<unsigned> pending;
   queue[0].push_back(start);
   unsigned number = NONE;  // last subdomain number given; NONE: none yet
   int sign = 0;
   unsigned current = 0;
   bool consistent = true;
-  m.bump_marks();
+  const unsigned mark = m.bump_marks();
+  const unsigned marks_size = m.marks.size;
+  unsigned* marks = m.marks.begin();
+  const unsigned* colors = m.colors.begin();
   const entity_set& hard = m.hard_set;
+  auto marked = [&](unsigned t) { return t < marks_size && marks[t] == mark; };
   for (;;) {
-    while (!queue[current].empty()) {
-      const unsigned t = queue[current].front();
-      queue[current].pop_front();
-      if (m.marked(t)) continue;
-      m.mark(t);
-      const unsigned c = m.colors[t];
+    while (head[current] < queue[current].size()) {
+      const unsigned t = queue[current][head[current]++];
+      if (marked(t)) continue;
+      marks[t] = mark;
+      const unsigned c = colors[t];
       if (c != NONE && c < count && region_map[c] == DELETED)
         region_map[c] = current == 0 ? NONE : ++number;
       const unsigned* n = m.tets.row(t);
+      const unsigned* nbs = m.neighbors.row(t);
       for (unsigned f = 0; f < 4; ++f) {
-        const unsigned nb = m.neighbors(f, t);
-        if (nb == NONE || m.marked(nb)) continue;
-        if (m.colors[nb] == c) {
+        const unsigned nb = nbs[f];
+        if (nb == NONE || marked(nb)) continue;
+        if (colors[nb] == c) {
           queue[current].push_back(nb);
           continue;
         }
@@ -112,8 +120,10 @@ void order_subdomains(mesh_store& m, unsigned& count, unsigned subdomain_rule, i
         queue[k].push_back(nb);
       }
     }
+    queue[current].clear();
+    head[current] = 0;
     current ^= 1u;
-    if (!queue[current].empty()) continue;
+    if (head[current] < queue[current].size()) continue;
     if (!pending.empty()) {
       current = 1;
       queue[1].insert(queue[1].end(), pending.begin(), pending.end());
