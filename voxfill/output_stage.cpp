@@ -13,6 +13,26 @@
 #include "voxfill/optim/move_merit.h"
 
 namespace kelvo::voxfill {
+namespace {
+
+// set_ancestors(t, t + 1) for each live tet (of the domain only, when asked) in row order, the
+// last write winning as there, through plain pointers.
+void set_live_ancestors(mesh_store& m, bool domain_only) noexcept {
+  const unsigned T = m.tets.cols();
+  if (T == 0 || m.ancestors.empty()) return;
+  const unsigned ld = m.tets.data.ld;
+  const unsigned* rows = m.tets.data.col(0);
+  const unsigned* colors = m.colors.begin();
+  unsigned* anc = m.ancestors.begin();
+  for (unsigned t = 0; t < T; ++t) {
+    const unsigned c = colors[t];
+    if (domain_only ? !color_in_domain(c) : c == DELETED) continue;
+    const unsigned* n = rows + std::size_t(ld) * t;
+    anc[n[0]] = t, anc[n[1]] = t, anc[n[2]] = t, anc[n[3]] = t;
+  }
+}
+
+}  // namespace
 
 void th4_engine::drop_outside(unsigned first_node) {
   // The visit marks (a word per tet row) are scratch that nothing after this reads: they go
@@ -41,8 +61,7 @@ void th4_engine::drop_outside(unsigned first_node) {
   if (released) {
     ancestors.clear();
     ancestors.resize(nodes.cols(), NONE);
-    for (unsigned t = 0; t < tets.cols(); ++t)
-      if (tet_live(t)) set_ancestors(t, t + 1);
+    set_live_ancestors(*this, false);
   }
   for (unsigned n = first_node; n < nodes.cols(); ++n) {
     if (ancestors[n] != NONE || nodes.is_free(n)) continue;
@@ -328,8 +347,7 @@ double th4_engine::domain_volume() const {
 }
 
 void th4_engine::set_domain_ancestors() {
-  for (unsigned t = 0; t < tets.cols(); ++t)
-    if (tet_in_domain(t)) set_ancestors(t, t + 1);
+  set_live_ancestors(*this, true);
 }
 
 }  // namespace kelvo::voxfill
