@@ -219,12 +219,31 @@ bool order_nodes(const mesher::data_type& data, unsigned n, dense1D<unsigned>& o
   return true;
 }
 
+namespace {
+
+// gridkit::change_indices of a table, through plain pointers: the table and the map are both
+// words, and through their handles every entry would read the map's handle again.
+void change_table_indices(dense2D<unsigned>& table, const dense1D<unsigned>& map) noexcept {
+  if (table.empty() || map.empty()) return;
+  const unsigned m = map.size, rows = table.rows;
+  const unsigned* M = map.begin();
+  for (unsigned j = 0; j < table.cols; ++j) {
+    unsigned* c = table.col(j);
+    for (unsigned i = 0; i < rows; ++i) {
+      const unsigned e = c[i];
+      c[i] = e < m ? M[e] : e;
+    }
+  }
+}
+
+}  // namespace
+
 int renumber_record(mesher::data_type& data, const dense1D<unsigned>& map) noexcept {
-  gridkit::change_indices(data.connectM, map);
-  gridkit::change_indices(data.connectB, map);
-  gridkit::change_indices(data.connectE, map);
+  change_table_indices(data.connectM, map);
+  change_table_indices(data.connectB, map);
+  change_table_indices(data.connectE, map);
   gridkit::change_indices(data.isolated_nodes, map);
-  gridkit::change_indices(data.background_mesh, map);
+  change_table_indices(data.background_mesh, map);
   gridkit::change_indices(data.missing_nodes, map);
   return gridkit::permutation(data.ancestors, map);
 }
