@@ -1017,6 +1017,9 @@ bool fill_star(mesh_store& m, kernel_workspace& ws, cavity_record& cav,
   // Rows with a repeated node (or p among the face's nodes) are left to the general matching.
   bool degenerate = F >= star_edge_table::PAIRED / 4;
   {
+#if defined(__SSE2__)
+    __m128i repeated = _mm_setzero_si128();  // lanes of rows with a repeated node
+#endif
     const mesh_view v(m);
     const unsigned* anc = m.ancestors.data();
     for (unsigned k = 0; k < F; ++k) {
@@ -1028,15 +1031,35 @@ bool fill_star(mesh_store& m, kernel_workspace& ws, cavity_record& cav,
       // positive when p sees the face from inside, and its face 0 is the cavity face.
       unsigned* s = star + 4 * std::size_t(k);
       const unsigned s1 = n[f[0]], s2 = n[f[1]], s3 = n[f[2]];
+      auto repeats = [&]() {
+        return (s1 == s2) | (s1 == s3) | (s2 == s3) | (s1 == p) | (s2 == p) | (s3 == p);
+      };
+#if defined(__SSE2__)
+      // The row in one register: compared with itself turned by one and by two places, it meets
+      // each of its six pairs.
+      const __m128i row = _mm_set_epi32(int(s3), int(s2), int(s1), int(p));
+      _mm_storeu_si128(reinterpret_cast<__m128i*>(s), row);
+      if (has_sse2)
+        repeated = _mm_or_si128(
+            repeated,
+            _mm_or_si128(_mm_cmpeq_epi32(row, _mm_shuffle_epi32(row, _MM_SHUFFLE(0, 3, 2, 1))),
+                         _mm_cmpeq_epi32(row, _mm_shuffle_epi32(row, _MM_SHUFFLE(1, 0, 3, 2)))));
+      else
+        degenerate |= repeats();
+#else
       s[0] = p;
       s[1] = s1;
       s[2] = s2;
       s[3] = s3;
-      degenerate |= (s1 == s2) | (s1 == s3) | (s2 == s3) | (s1 == p) | (s2 == p) | (s3 == p);
+      degenerate |= repeats();
+#endif
       prefetch_for_write(anc + s1);
       const unsigned nb = v.nb(t)[i];
       faces[k] = nb == NONE ? NONE : 4 * nb + v.back_face_of_neighbor(nb, t);
     }
+#if defined(__SSE2__)
+    degenerate |= _mm_movemask_epi8(repeated) != 0;
+#endif
   }
 
   // Faces 1 to 3 of the new tets hold p; each must meet exactly one reversed twin.
