@@ -658,7 +658,7 @@ bool link_by_faces(kernel_workspace& ws, unsigned p, unsigned F, bool& no_memory
           const int c = compare_faces(v1, v2);
           if (c == 0) continue;
           unsigned& l2 = link[v2];
-          if (c > 0 || l1 != NONE || l2 != NONE) return false;
+          if (c > 0 || l1 != F || l2 != F) return false;
           l1 = v2 >> 2;
           l2 = v1 >> 2;
         }
@@ -1013,7 +1013,9 @@ bool fill_star(mesh_store& m, kernel_workspace& ws, cavity_record& cav,
   unsigned* star = ws.star_tets.col(0);
   unsigned* link = ws.star_neighbors.col(0);
   unsigned* faces = cav.faces.data();
-  std::fill_n(link, 4 * std::size_t(F), NONE);
+  // Links are star rows, F for none: the final pass reads them through `made`, whose entry F is
+  // NONE.
+  std::fill_n(link, 4 * std::size_t(F), F);
   // Rows with a repeated node (or p among the face's nodes) are left to the general matching.
   bool degenerate = F >= star_edge_table::PAIRED / 4;
   {
@@ -1094,8 +1096,9 @@ bool fill_star(mesh_store& m, kernel_workspace& ws, cavity_record& cav,
       if (!m.cover_marks(need - 1)) return short_of_memory();
     }
   }
-  if (!out.reserve(F)) return short_of_memory();
+  if (!out.reserve(F + 1)) return short_of_memory();
   unsigned* made = out.data();
+  made[F] = NONE;
 
   const double* qualities = cav.face_qualities.data();
   {
@@ -1132,7 +1135,7 @@ bool fill_star(mesh_store& m, kernel_workspace& ws, cavity_record& cav,
     const unsigned outside = faces[k];
     const unsigned* l = link + 4 * std::size_t(k);
     nbs[0] = outside == NONE ? NONE : outside >> 2;
-    for (unsigned f = 1; f < 4; ++f) nbs[f] = l[f] == NONE ? NONE : made[l[f]];
+    nbs[1] = made[l[1]], nbs[2] = made[l[2]], nbs[3] = made[l[3]];
     if (outside != NONE) v.nb(outside >> 2)[outside & 3] = t;
     const unsigned* s = star + 4 * std::size_t(k);
     anc[s[1]] = t, anc[s[2]] = t, anc[s[3]] = t;
