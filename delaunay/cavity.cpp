@@ -311,7 +311,8 @@ bool hard_edge_inside(kernel_workspace& ws, const mesh_view& v, const cavity_rec
 enum class surface { ok, node, failure };
 
 // Whether the boundary is a topological sphere that holds every cavity node. Marks hold nodes
-// meanwhile; the cavity's tets are marked again in a fresh generation before returning.
+// meanwhile; unless the answer is ok, the cavity's tets are marked again in a fresh generation
+// before returning.
 surface surface_test(mesh_store& m, kernel_workspace& ws, const cavity_record& cav,
                      unsigned& inner_node) noexcept {
   const unsigned T = cav.tets.size, F = cav.faces.size;
@@ -365,6 +366,7 @@ surface surface_test(mesh_store& m, kernel_workspace& ws, const cavity_record& c
       }
     }
   }
+  if (result == surface::ok) return result;  // the cavity is final: its marks are not read again
   m.bump_marks();
   const mesh_view w(m);
   for (unsigned k = 0; k < T; ++k) w.set(cav.tets[k]);

@@ -101,8 +101,8 @@ void collect_cavity(mesh_store& m, unsigned p, dense1D<unsigned>& seeds, cavity_
 // STAR_TOL, the boundary a sphere holding every cavity node, and with kernel_mode 1 or 2 no hard
 // face crossed (2: no hard edge inside either). Fills `faces`, `hard_faces` and `face_qualities`.
 // Leaves a valid cavity, an empty one, or abandons (node NONE, all lists empty). Starts from the
-// cavity, its face bits and its marks as collect_cavity left them; on return marks hold the
-// cavity's tets.
+// cavity, its face bits and its marks as collect_cavity left them; on return the marks are spent
+// (they may hold nodes as well as tets).
 // `ws` lends its edge set.
 void correct_cavity(mesh_store& m, kernel_workspace& ws, cavity_record& cav,
                     kernel_mode_type kernel_mode, const entity_set& hard_set) noexcept;
