@@ -503,12 +503,14 @@ void merge_candidates(th4_engine& e, refine_context& c, dense2D<double>& points,
 
     // The near searches go through a grid of cells about half a box wide when the points allow
     // one, else through the tree. Both find the same sets, and those are sorted: the shape of the
-    // tree, and so the draws that shuffle its order, change nothing in the result.
+    // tree, and so the order that its draws shuffle, change nothing in the result. The draws are
+    // made all the same, one per candidate after the first, so that the source moves as always.
     double widths = 0.0;
     for (unsigned k = 0; k < n; ++k) widths += F.box_factor * sizes[k];
     const bool gridded = grid_build(s.grid, points, n, 0.5 * widths / double(n));
     if (gridded) grid_lay_out(s.grid, points, sizes, n, s.cell_data);
     s.tree.rows.clear();
+    if (gridded) c.random_source.discard(n - 1);
     if (!gridded) {
       // The tree is built in random order: the front's order would make it a deep chain.
       s.order.resize(n);

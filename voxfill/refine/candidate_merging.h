@@ -93,8 +93,8 @@ struct merge_scratch {
 // is above 0.85 per member collapses into its centroid; otherwise a candidate moves to the
 // centroid of its best group and its members stay candidates of their own. `radius` is the
 // nearness in the size field. The near searches go through a grid of cells, or where the points
-// allow none through the tree, built in an order shuffled by c.random_source. When memory runs
-// out the tables are left as they were.
+// allow none through the tree, built in an order shuffled by c.random_source; the source makes
+// n - 1 draws either way. When memory runs out the tables are left as they were.
 void merge_candidates(th4_engine& e, refine_context& c, dense2D<double>& points,
                       dense1D<double>& sizes, double radius) noexcept;
 
