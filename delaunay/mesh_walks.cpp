@@ -565,7 +565,7 @@ VOXFILL_AVX2 int walk_avx2(const flat_table<double>& xyz_in, const flat_table<un
         for (unsigned i = 0; i < 4; ++i) memo->q[i] = q[i];
         memo->V = V;
         memo_frame(a, b, c, *memo);
-        memo_weights(*memo, P, w);
+        if (w) memo_weights(*memo, P, w);
       } else if (w) {
         alignas(32) double ea[4], eb[4], ec[4];
         _mm256_store_pd(ea, a);
@@ -594,7 +594,7 @@ VOXFILL_AVX2 bool memo_step(const walk_memo& memo, const slot_table<unsigned>& n
   const int mask = beyond_faces_avx2(memo.q, p, _mm256_set1_pd(memo.V * tol),
                                      _mm256_set_pd(0.0, -0.0, 0.0, 0.0));
   if (mask == 0) {
-    memo_weights(memo, P, w);
+    if (w) memo_weights(memo, P, w);
     return true;
   }
   t = leave_by(neighbors.row(t), mask, start);

@@ -94,8 +94,8 @@ struct walk_memo {
   alignas(32) double inv[4];
 };
 
-// locate_tet with the weights, through `memo`: it is used when the walk starts in its tet and is
-// refilled when the walk ends elsewhere.
+// locate_tet through `memo`, with the weights unless `w` is null: the memo is used when the walk
+// starts in its tet and is refilled when the walk ends elsewhere.
 bool locate_tet(node_locator& loc, const double* P, unsigned& t, double tol, bit_source& bits,
                 double* w, walk_memo& memo) noexcept;
 

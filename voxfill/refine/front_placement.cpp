@@ -313,7 +313,7 @@ bool adjust_apex_memo(size_field& field, const refine_context& c, apex_frame& fr
         if (frame_tets[3] == NONE) frame_tets[3] = frame_tets[2];
         // The last move is never measured, but its walk draws the same random bits.
         if (k + 1 == ITERATIONS || !(deviation > 0.02))
-          field_walk(field, P, frame_tets[3]);
+          field_walk(field, P, frame_tets[3], memo);
         else if (!field_size_at(field, P, frame_tets[3], frame_sizes[3], memo))
           go = false;
       }

@@ -51,7 +51,7 @@ bool in_domain(const size_field& field, unsigned t) noexcept {
 bool locate_in_field(size_field& field, const double* P, unsigned& t, double* w = nullptr,
                      walk_memo* memo = nullptr) noexcept {
   if (!bound(field.locator)) return false;
-  if (memo && w) return locate_tet(field.locator, P, t, LOCATE_TOL, field.walk_bits, w, *memo);
+  if (memo) return locate_tet(field.locator, P, t, LOCATE_TOL, field.walk_bits, w, *memo);
   return locate_tet(field.locator, P, t, LOCATE_TOL, field.walk_bits, w);
 }
 
@@ -263,6 +263,14 @@ void field_walk(size_field& field, const double* P, unsigned& tet) noexcept {
     field_size_at(field, P, tet, h);
   else
     interpolate_in(field, P, tet, h, false);
+}
+
+void field_walk(size_field& field, const double* P, unsigned& tet, walk_memo& memo) noexcept {
+  double h;
+  if (field.parent_field)
+    field_size_at(field, P, tet, h, memo);
+  else
+    interpolate_in(field, P, tet, h, false, &memo);
 }
 
 bool size_at(th4_engine& engine, const double* P, double& h) noexcept {

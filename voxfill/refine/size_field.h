@@ -59,6 +59,7 @@ bool field_size_at(size_field& field, const double* P, unsigned& tet, double& h,
 // The walks of field_size_at, with the same random draws and the same `tet` after them, for a
 // caller that would throw the size away: the size is not worked out where nothing hangs on it.
 void field_walk(size_field& field, const double* P, unsigned& tet) noexcept;
+void field_walk(size_field& field, const double* P, unsigned& tet, walk_memo& memo) noexcept;
 
 // The size at P interpolated linearly from the four nodes of the tet of the domain that holds it
 // (tolerance 1e-12). A point clearly inside an outside tet has none; a point on the skin of one
