@@ -80,11 +80,11 @@ bool locate_tet(node_locator& loc, const double* P, unsigned& t, double tol,
 bool locate_tet(node_locator& loc, const double* P, unsigned& t, double tol, bit_source& bits,
                 double* w) noexcept;
 
-// What a walk that found weights keeps of the tet it ended in, for the next look-up nearby: the
-// tet, its nodes, its determinant and the rows of its inverse. A walk that starts in that tet
-// again tests its faces and solves for the weights without working these out anew, with the same
-// bits and the same random draws. Valid only while the mesh and its coordinates stay as they
-// are; `tet` is NONE for an empty memo.
+// What a walk keeps of the tet it ended in, for the next look-up nearby: the tet, its nodes, its
+// determinant and the rows of its inverse. A walk that starts in that tet again tests its faces
+// and solves for the weights without working these out anew, with the same bits and the same
+// random draws. Filled only by the AVX2 walk; valid only while the mesh and its coordinates stay
+// as they are; `tet` is NONE for an empty memo.
 struct walk_memo {
   unsigned tet = NONE;
   const double* q[4] = {nullptr, nullptr, nullptr, nullptr};
