@@ -260,8 +260,7 @@ namespace {
 // adjust_apex with the memo of the apex's walks, kept over the heights of one face.
 bool adjust_apex_memo(size_field& field, const refine_context& c, apex_frame& frame,
                       double* frame_sizes, unsigned* frame_tets, double height_factor,
-                      double shape_weight, double& quality, walk_memo& memo,
-                      unsigned& kept_tet) noexcept {
+                      double shape_weight, double& quality, walk_memo& memo) noexcept {
   double* P = frame.col(3);
   first_apex(frame, frame_sizes, c.face_order, height_factor, shape_weight, P);
   // A walk from beside the face is short; without a start the locator's tree is searched.
@@ -305,7 +304,6 @@ bool adjust_apex_memo(size_field& field, const refine_context& c, apex_frame& fr
       best.known = m.known;
       for (unsigned d = 0; d < 3; ++d) saved[d] = P[d];
       saved_size = frame_sizes[3];
-      kept_tet = frame_tets[3];
       quality = q;
       kept = true;
       if (deviation > FLAT) {
@@ -334,13 +332,12 @@ bool adjust_apex(size_field& field, const refine_context& c, apex_frame& frame, 
                  unsigned* frame_tets, double height_factor, double shape_weight,
                  double& quality) noexcept {
   walk_memo memo;
-  unsigned kept_tet = NONE;
   return adjust_apex_memo(field, c, frame, frame_sizes, frame_tets, height_factor, shape_weight,
-                          quality, memo, kept_tet);
+                          quality, memo);
 }
 
 double front_point(th4_engine& e, refine_context& c, unsigned f0, unsigned f1, unsigned f2,
-                   double* P, double& h, unsigned start, unsigned* apex_tet) noexcept {
+                   double* P, double& h, unsigned start) noexcept {
   h = 0.0;
   size_field& field = e.size_field ? *e.size_field : *e.own_size_field;
   const node_locator& loc = field.locator;
@@ -360,19 +357,17 @@ double front_point(th4_engine& e, refine_context& c, unsigned f0, unsigned f1, u
   frame_tets[3] = start != NONE ? start : frame_tets[2];
   // The mesh stays as it is over all heights of the face.
   walk_memo memo;
-  unsigned kept_tet = NONE;
   double height_factor = 1.0;
   double quality = 0.0;
   bool found = false;
   for (unsigned k = 0; k < HEIGHTS && !found; ++k) {
     found = adjust_apex_memo(field, c, frame, frame_sizes, frame_tets, height_factor,
-                             c.shape_weight, quality, memo, kept_tet);
+                             c.shape_weight, quality, memo);
     height_factor *= 0.5;
   }
   if (!found || !(quality > FLAT)) return 0.0;
   for (unsigned k = 0; k < 3; ++k) P[k] = frame(k, 3);
   h = frame_sizes[3];
-  if (apex_tet) *apex_tet = kept_tet;
   return -orient_det(frame.col(0), frame.col(1), frame.col(2), frame.col(3));
 }
 
@@ -395,13 +390,10 @@ void place_candidates(th4_engine& e, refine_context& c, dense2D<double>& points,
     const unsigned* row = e.tets.row(t);
     const unsigned* fn = tet_face_nodes[i];
     double P[3], h;
-    unsigned near = NONE;
-    if (!(front_point(e, c, row[fn[0]], row[fn[1]], row[fn[2]], P, h, own_mesh ? t : NONE, &near) >
-          0.0))
+    if (!(front_point(e, c, row[fn[0]], row[fn[1]], row[fn[2]], P, h, own_mesh ? t : NONE) > 0.0))
       continue;
-    // A point in a good tet, in another subdomain or out of the mesh is no candidate. Over the
-    // mesh itself the tet that held the point in its size look-up is where the walk ends.
-    unsigned u = own_mesh && near != NONE ? near : t;
+    // A point in a good tet, in another subdomain or out of the mesh is no candidate.
+    unsigned u = t;
     if (!locate_tet(e.locator, P, u, LOCATE_TOL, c.context_bits)) continue;
     if (c.good_tets.test(u) || e.colors[u] != e.colors[t]) continue;
     for (unsigned d = 0; d < 3; ++d) points(d, count) = P[d];

@@ -35,11 +35,9 @@ bool adjust_apex(size_field& field, const refine_context& c, apex_frame& frame, 
 // The apex over the face (f0, f1, f2), nodes of the engine, tried at 1, 1/2, ... 1/32 of the full
 // height. Returns D = -orient_det(f0, f1, f2, P), above 0.0 when a point P of size h was found
 // on the side of the bad tet; 0.0 when none was. The walk to the apex starts at `start`, a tet
-// of the field's mesh near it, or beside f2 when that is NONE. With `apex_tet`, it gets the tet
-// of the field's mesh that held P in its last size look-up (NONE when unknown).
+// of the field's mesh near it, or beside f2 when that is NONE.
 double front_point(th4_engine& e, refine_context& c, unsigned f0, unsigned f1, unsigned f2,
-                   double* P, double& h, unsigned start = NONE,
-                   unsigned* apex_tet = nullptr) noexcept;
+                   double* P, double& h, unsigned start = NONE) noexcept;
 
 // Reads c.front_faces (coded 4 t + i, t the bad tet); fills the two tables.
 void place_candidates(th4_engine& e, refine_context& c, dense2D<double>& points,
