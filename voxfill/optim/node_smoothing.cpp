@@ -305,23 +305,36 @@ double search_step(regularizer& g, unsigned node, double weight, const dense1D<u
   const double* sizes = m.node_sizes.begin();
   const double h = sizes[node];
   const unsigned n = ball.size;
-  const unsigned* rows = sm.ball_rows.col(0);
+  unsigned* rows = sm.ball_rows.col(0);
   const std::size_t rows_ld = sm.ball_rows.ld;
   double qmin = 1.0, W_sum = 0.0, D[3] = {0.0, 0.0, 0.0};
   unsigned worst = 0;
-  // The node's place in each row, looked up once for the vote and the ray.
+  // One pass over the ball's tets: their rows, points (for the frames here and the trials of the
+  // line search: the nodes other than this one stay put), the node's place in each row, and the
+  // other ends of its edges. Every neighbour of a closed ball is in three tets at least: the
+  // first two can be left out of that.
   unsigned* locals = sm.ball_locals.begin();
-  for (unsigned j = 0; j < n; ++j) locals[j] = local_index(rows + rows_ld * j, node);
+  sm.ball_points.resize(4 * n);
+  const double** points = sm.ball_points.begin();
   m.bump_marks();
   m.mark(node);
   {
-    // Every neighbour of a closed ball is in three tets at least: the first two can be left out.
     unsigned* marks = m.marks.begin();
     const unsigned marks_size = m.marks.size, mark = m.mark_value;
     unsigned* out = sm.ball_neighbors.begin();  // room for four per tet made by smooth_node
     unsigned count = 0;
-    for (unsigned j = 2; j < n; ++j) {
-      const unsigned* r = rows + rows_ld * j;
+    const unsigned* tets = m.tets.data.col(0);
+    const std::size_t tets_ld = m.tets.data.ld;
+    for (unsigned j = 0; j < n; ++j) {
+      const unsigned* src = tets + tets_ld * ball[j];
+      unsigned* r = rows + rows_ld * j;
+      const double** pj = points + 4 * j;
+      for (unsigned i = 0; i < 4; ++i) {
+        r[i] = src[i];
+        pj[i] = base + ld * src[i];
+      }
+      locals[j] = local_index(r, node);
+      if (j < 2) continue;
       for (unsigned i = 0; i < 4; ++i) {
         const unsigned v = r[i];
         if (v < marks_size && marks[v] == mark) continue;
@@ -354,14 +367,6 @@ double search_step(regularizer& g, unsigned node, double weight, const dense1D<u
   double* node_means = sm.node_means.begin();
   if (cached)
     for (unsigned e = 0; e < edges; ++e) node_means[nb[e]] = log_mean(h, sizes[nb[e]]);
-  // The points of the ball's tets, for the frames here and the trials of the line search: the
-  // nodes other than this one stay put.
-  sm.ball_points.resize(4 * n);
-  const double** points = sm.ball_points.begin();
-  for (unsigned j = 0; j < n; ++j) {
-    const unsigned* r = rows + rows_ld * j;
-    for (unsigned i = 0; i < 4; ++i) points[4 * j + i] = base + ld * r[i];
-  }
   // The targets over the faces opposite the node four at a time, then the votes in order.
   {
     const unsigned* marks = m.marks.begin();
@@ -488,7 +493,6 @@ double smooth_node(regularizer& g, unsigned node, double weight,
       !sm.neighbor_sizes.resize(4 * n + 3) || !sm.edge_means.reserve(e) ||
       !sm.edge_lengths.reserve(e) || !sm.edge_bounds.reserve(e) || !sm.ray.ball_faces.reserve(4, n))
     return 0.0;
-  for (unsigned j = 0; j < n; ++j) std::copy_n(m.tets.row(ball[j]), 4, sm.ball_rows.col(j));
   const double w = g.moves_carry_sizes ? weight : 1.0;
   double position[3] = {0.0, 0.0, 0.0}, size = 0.0;
   const double gain = search_step(g, node, w, ball, position, size);
