@@ -77,8 +77,10 @@ double move_merit::merit_blend(double s, double q) const noexcept {
 
 double move_merit::hard_share(const dense2D<unsigned>& rows) const noexcept {
   double most = 0.0;
-  for (unsigned j = 0; j < rows.cols; ++j) {
-    const unsigned* r = rows.col(j);
+  if (!rows.cols) return most;
+  const unsigned* r = rows.col(0);
+  const std::size_t ld = rows.ld;
+  for (unsigned j = 0; j < rows.cols; ++j, r += ld) {
     unsigned h = 0;
     for (unsigned k = 0; k < 4; ++k) h += store.hard_set.has_node(r[k]);
     most = std::max(most, 0.25 * h);
@@ -123,10 +125,13 @@ void move_merit::fits(bool trial, double& worst, double& mean) const noexcept {
   mean = 1.0;
   double sum = 0.0;
   unsigned count = 0;
+  const unsigned* nodes = fit_nodes.begin();
+  const topo_quality* rec = valence_records.begin();
+  const unsigned size = valence_records.size;
   for (unsigned k = 0; k < fit_nodes.size; ++k) {
-    const unsigned n = fit_nodes[k];
-    if (n >= valence_records.size) continue;
-    const topo_quality& r = valence_records[n];
+    const unsigned n = nodes[k];
+    if (n >= size) continue;
+    const topo_quality& r = rec[n];
     const double f = valence_fit(r.angle, trial ? r.trial : r.count);
     worst = std::min(worst, f);
     sum += f;
@@ -165,9 +170,12 @@ double move_merit::topology_factor(const dense2D<unsigned>& new_rows, bool same_
       for (unsigned k = 0; k < fit_nodes.size; ++k)
         if (fit_nodes[k] < size) rec[fit_nodes[k]].trial = rec[fit_nodes[k]].count;
       auto shift = [&](const dense2D<unsigned>& rows, double by) {
-        for (unsigned j = 0; j < rows.cols; ++j)
+        if (!rows.cols) return;
+        const unsigned* r = rows.col(0);
+        const std::size_t ld = rows.ld;
+        for (unsigned j = 0; j < rows.cols; ++j, r += ld)
           for (unsigned k = 0; k < 4; ++k) {
-            const unsigned n = rows(k, j);
+            const unsigned n = r[k];
             if (n < size) rec[n].trial = float(double(rec[n].trial) + by);
           }
       };
@@ -250,9 +258,12 @@ void move_merit::commit_valence(const dense2D<unsigned>& old_rows,
   topo_quality* rec = valence_records.begin();
   const unsigned size = valence_records.size;
   auto shift = [&](const dense2D<unsigned>& rows, double by) {
-    for (unsigned j = 0; j < rows.cols; ++j)
+    if (!rows.cols) return;
+    const unsigned* r = rows.col(0);
+    const std::size_t ld = rows.ld;
+    for (unsigned j = 0; j < rows.cols; ++j, r += ld)
       for (unsigned k = 0; k < 4; ++k) {
-        const unsigned n = rows(k, j);
+        const unsigned n = r[k];
         if (n < size) rec[n].count = float(double(rec[n].count) + by);
       }
   };
