@@ -108,39 +108,46 @@ inline void apex_of(const apex_view& m, const unsigned* row, unsigned local, dou
 // The size on the surface of the ball beyond trial point P, and how far one step goes there.
 void prepare_ray(regularizer& g, const double* P) noexcept {
   const mesh_store& m = g.engine;
+  const node_smoother& sm = g.smoother;
   size_ray& ray = g.smoother.ray;
   ray.valid = false;
-  const dense2D<unsigned>& faces = ray.ball_faces;
+  // Each tet of the ball seen from outside its face opposite the node: (node, o1, o3, o2) with o
+  // that face turned, from the points and places of the vote.
+  const unsigned n = sm.ball_rows.cols;
+  const unsigned* locals = sm.ball_locals.begin();
+  const double* const* points = sm.ball_points.begin();
+  auto face_tet = [&](unsigned j, const double** q) {
+    const double* const* t = points + 4 * j;
+    const unsigned* o = tet_turned_face_nodes[locals[j]];
+    q[0] = t[locals[j]], q[1] = t[o[0]], q[2] = t[o[2]], q[3] = t[o[1]];
+  };
   // The first tet of the ball, in its order, that holds P: four at a time.
-  const double* base = m.nodes.data.col(0);
-  const std::size_t ld = m.nodes.data.ld;
-  const unsigned cols = faces.cols;
-  unsigned found = cols;
-  for (unsigned j0 = 0; j0 < cols; j0 += 4) {
+  unsigned found = n;
+  for (unsigned j0 = 0; j0 < n; j0 += 4) {
     const double* pts[4][4];
     const double* const* lanes[4] = {pts[0], pts[1], pts[2], pts[3]};
-    for (unsigned l = 0; l < 4; ++l) {
-      const unsigned* row = faces.col(j0 + l < cols ? j0 + l : cols - 1);
-      for (unsigned i = 0; i < 4; ++i) pts[l][i] = base + ld * row[i];
-    }
+    for (unsigned l = 0; l < 4; ++l) face_tet(j0 + l < n ? j0 + l : n - 1, pts[l]);
     unsigned bits = inside_lanes(lanes, P, 1e-10);
-    if (cols - j0 < 4) bits &= (1u << (cols - j0)) - 1u;
+    if (n - j0 < 4) bits &= (1u << (n - j0)) - 1u;
     if (bits) {
       found = j0 + unsigned(__builtin_ctz(bits));
       break;
     }
   }
-  if (found == cols) return;
-  const unsigned* row = faces.col(found);
+  if (found == n) return;
+  const double* q[4];
+  face_tet(found, q);
   double w[3];
-  tet_barycentric(m.nodes.data, row[0], row[1], row[2], row[3], P, w);
+  tet_barycentric(q[0], q[1], q[2], q[3], P, w);
   ray.step_fraction = 1 - w[0];
   double u = 0.0, v = 0.0;
   if (ray.step_fraction > 0.0) {
     u = std::clamp(w[1] / ray.step_fraction, 0.0, 1.0);
     v = std::clamp(w[2] / ray.step_fraction, 0.0, 1.0);
   }
-  const double h1 = m.node_sizes[row[1]], h2 = m.node_sizes[row[2]], h3 = m.node_sizes[row[3]];
+  const unsigned* r = sm.ball_rows.col(found);
+  const unsigned* o = tet_turned_face_nodes[locals[found]];
+  const double h1 = m.node_sizes[r[o[0]]], h2 = m.node_sizes[r[o[2]]], h3 = m.node_sizes[r[o[1]]];
   const double size = h3 + (h1 - h3) * u + (h2 - h3) * v;
   ray.valid = size > 0.0 && size < DBL_MAX;
   if (ray.valid) {
@@ -457,13 +464,6 @@ double search_step(regularizer& g, unsigned node, double weight, const dense1D<u
     size_ray& ray = sm.ray;
     ray.node = node;
     ray.valid = false;
-    ray.ball_faces.resize(4, n);
-    for (unsigned j = 0; j < n; ++j) {
-      const unsigned* r = rows + rows_ld * j;
-      const unsigned* o = tet_turned_face_nodes[locals[j]];
-      unsigned* f4 = ray.ball_faces.col(j);
-      f4[0] = node, f4[1] = r[o[0]], f4[2] = r[o[2]], f4[3] = r[o[1]];
-    }
   }
   const double m0 = blend(s_min, qmin, weight);
   double best = m0;
@@ -491,7 +491,7 @@ double smooth_node(regularizer& g, unsigned node, double weight,
       !sm.trial_order.resize(n + 3) || !sm.trial_points.resize(n + 3) ||
       !sm.ball_neighbors.reserve(4 * n) || !sm.neighbor_points.resize(4 * n + 3) ||
       !sm.neighbor_sizes.resize(4 * n + 3) || !sm.edge_means.reserve(e) ||
-      !sm.edge_lengths.reserve(e) || !sm.edge_bounds.reserve(e) || !sm.ray.ball_faces.reserve(4, n))
+      !sm.edge_lengths.reserve(e) || !sm.edge_bounds.reserve(e))
     return 0.0;
   const double w = g.moves_carry_sizes ? weight : 1.0;
   double position[3] = {0.0, 0.0, 0.0}, size = 0.0;
