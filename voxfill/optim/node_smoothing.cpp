@@ -328,7 +328,8 @@ double search_step(regularizer& g, unsigned node, double weight, const dense1D<u
   {
     unsigned* marks = m.marks.begin();
     const unsigned marks_size = m.marks.size, mark = m.mark_value;
-    unsigned* out = sm.ball_neighbors.begin();  // room for four per tet made by smooth_node
+    const bool covered = marks_size >= m.nodes.cols();  // then every row's node has its mark
+    unsigned* out = sm.ball_neighbors.begin();          // room for four per tet made by smooth_node
     unsigned count = 0;
     const unsigned* tets = m.tets.data.col(0);
     const std::size_t tets_ld = m.tets.data.ld;
@@ -342,6 +343,15 @@ double search_step(regularizer& g, unsigned node, double weight, const dense1D<u
       }
       locals[j] = local_index(r, node);
       if (j < 2) continue;
+      if (covered) {
+        for (unsigned i = 0; i < 4; ++i) {
+          const unsigned v = r[i];
+          if (marks[v] == mark) continue;
+          marks[v] = mark;
+          out[count++] = v;
+        }
+        continue;
+      }
       for (unsigned i = 0; i < 4; ++i) {
         const unsigned v = r[i];
         if (v < marks_size && marks[v] == mark) continue;
