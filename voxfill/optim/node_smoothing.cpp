@@ -5,6 +5,10 @@
 #include <cfloat>
 #include <cmath>
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 #include "delaunay/geometry.h"
 #include "delaunay/mesh_walks.h"
 #include "delaunay/quality_lanes.h"
@@ -267,6 +271,27 @@ void walk_line(line_search& w) noexcept {
       double vs[4];
       tet_quality_lanes(ordered + c0, vs);
       const unsigned lanes = n - c0 < 4 ? n - c0 : 4;
+#if defined(__SSE2__)
+      // A full group where no lane ends the trial (too flat or hopeless) takes no tests by lane.
+      if (lanes == 4) {
+        const __m128d lo = _mm_loadu_pd(vs), hi = _mm_loadu_pd(vs + 2);
+        const __m128d flat = _mm_set1_pd(1e-12), bar = _mm_set1_pd(hopeless);
+        const int stop =
+            _mm_movemask_pd(_mm_or_pd(_mm_cmpngt_pd(lo, flat), _mm_cmplt_pd(lo, bar))) |
+            _mm_movemask_pd(_mm_or_pd(_mm_cmpngt_pd(hi, flat), _mm_cmplt_pd(hi, bar)));
+        if (!stop) {
+          for (unsigned l = 0; l < 4; ++l) {
+            const unsigned j = order[c0 + l];
+            trial_qualities[j] = vs[l];
+            if (vs[l] < q) {
+              q = vs[l];
+              worst = j;
+            }
+          }
+          continue;
+        }
+      }
+#endif
       for (unsigned l = 0; l < lanes; ++l) {
         const unsigned j = order[c0 + l];
         const double v = vs[l];
