@@ -172,6 +172,8 @@ void pick_worst_tets(regularizer& g, double quality_limit, const bit_set& frozen
     if (h.count == count) hint = &h;
     if (!guide || h.count < guide->count) guide = &h;
   }
+  // Read before a new hint may take the slot of either.
+  const double guess = guide ? guide->quality : below ? below->quality : 0.0;
   if (!hint && count) {
     hint = &g.pick_hints[g.next_pick_hint];
     g.next_pick_hint = (g.next_pick_hint + 1) % 8;
@@ -181,7 +183,6 @@ void pick_worst_tets(regularizer& g, double quality_limit, const bit_set& frozen
   // least. Bounds further and further above the guess cost a look at the qualities each, less
   // than the bins below.
   if ((guide || below) && count <= cols / 8) {
-    const double guess = guide ? guide->quality : below->quality;
     const double step = std::max(0.25 * std::fabs(guess), 0.01);
     for (unsigned attempt = 0; attempt < 4; ++attempt) {
       const double bound = std::min(quality_limit, guess + double(1u << (2 * attempt)) * step);
