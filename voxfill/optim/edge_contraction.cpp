@@ -2,7 +2,6 @@
 #include "voxfill/optim/edge_contraction.h"
 
 #include <algorithm>
-#include <bit>
 #if defined(__SSE2__)
 #include <emmintrin.h>
 #endif
@@ -106,15 +105,19 @@ bool collapse_onto(move_record& mr, unsigned a, unsigned b, unsigned c,
 #if defined(__SSE2__)
   // A row's four nodes against a, b and c at once: with c apart from a, each node meets at most
   // one of them, and the count of hits is that of the lanes that meet one.
-  if (lanes_sse2() && a != b && a != c) {
+  if (lanes_sse2() && a != b && a != c && old_rows.cols) {
     const __m128i va = _mm_set1_epi32(int(a)), vb = _mm_set1_epi32(int(b)),
                   vc = _mm_set1_epi32(int(c));
-    for (unsigned j = 0; j < old_rows.cols; ++j) {
-      const __m128i x = _mm_loadu_si128(reinterpret_cast<const __m128i*>(old_rows.col(j)));
+    const unsigned* from = old_rows.col(0);
+    const std::size_t ld = old_rows.ld;
+    unsigned* to = rows.col(0);  // packed: four rows
+    for (unsigned j = 0; j < old_rows.cols; ++j, from += ld) {
+      const __m128i x = _mm_loadu_si128(reinterpret_cast<const __m128i*>(from));
       const __m128i ab = _mm_or_si128(_mm_cmpeq_epi32(x, va), _mm_cmpeq_epi32(x, vb));
-      const __m128i hit = _mm_or_si128(ab, _mm_cmpeq_epi32(x, vc));
-      if (std::popcount(unsigned(_mm_movemask_ps(_mm_castsi128_ps(hit)))) >= 2) continue;
-      _mm_storeu_si128(reinterpret_cast<__m128i*>(rows.col(kept++)),
+      const unsigned hit =
+          unsigned(_mm_movemask_ps(_mm_castsi128_ps(_mm_or_si128(ab, _mm_cmpeq_epi32(x, vc)))));
+      if (hit & (hit - 1)) continue;  // two hits or more
+      _mm_storeu_si128(reinterpret_cast<__m128i*>(to + 4 * std::size_t(kept++)),
                        _mm_or_si128(_mm_and_si128(ab, vc), _mm_andnot_si128(ab, x)));
     }
   } else
