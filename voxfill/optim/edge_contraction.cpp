@@ -96,7 +96,7 @@ void clear_candidate(contraction_candidate& out) noexcept {
 bool collapse_onto(move_record& mr, unsigned a, unsigned b, unsigned c,
                    const dense1D<unsigned>& neighbours, double floor,
                    const dense2D<unsigned>& old_rows, dense2D<unsigned>& rows,
-                   dense1D<double>& qualities, double& merit) noexcept {
+                   dense1D<double>& qualities, double& merit, bool* reference) noexcept {
   const mesh_store& m = mr.store;
   merit = 0.0;
   qualities.clear();
@@ -178,6 +178,10 @@ bool collapse_onto(move_record& mr, unsigned a, unsigned b, unsigned c,
           for (unsigned i = 0; i < 4; ++i) visit(r[i]);
       }
   }
+  if (reference && *reference) {
+    mr.merit.merit_reference(old_rows);
+    *reference = false;
+  }
   merit = mr.merit.merit_blend(s, q) * mr.merit.topology_factor(rows);
   return merit > 1e-12;
 }
@@ -192,7 +196,8 @@ bool contract_node(move_record& mr, unsigned node, const dense1D<unsigned>& neig
   kept_node = NONE;
   if (!old_rows.cols) return true;
   if (!tries) return false;
-  mr.merit.merit_reference(old_rows);
+  // The reference is taken by the first collapse whose rows pass the floor: most pass none.
+  bool reference = true;
   // Nearest first, by metric length when sizes count, else by distance; ties by node.
   dense1D<unsigned>& order = mr.order;
   dense1D<double>& keys = mr.keys;
@@ -213,7 +218,7 @@ bool contract_node(move_record& mr, unsigned node, const dense1D<unsigned>& neig
     const unsigned n = neighbours[order[k]];
     double value = 0.0;
     if (collapse_onto(mr, node, n, n, neighbours, floor, old_rows, mr.trial_rows,
-                      mr.trial_qualities, value) &&
+                      mr.trial_qualities, value, &reference) &&
         value > merit && copy_candidate(mr.trial_rows, mr.trial_qualities, rows, qualities)) {
       merit = value;
       kept_node = n;
