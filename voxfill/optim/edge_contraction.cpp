@@ -101,7 +101,26 @@ bool collapse_onto(move_record& mr, unsigned a, unsigned b, unsigned c,
   merit = 0.0;
   qualities.clear();
   if (!rows.resize(4, old_rows.cols)) return false;
-  unsigned kept = 0;
+  unsigned kept = 0, rated = 0;
+  double q = 1.0;
+  // The rows made so far from `rated` on, four at a time (the last repeated to fill the lanes),
+  // used in order; with `all` the last few too. False at the first at or under the floor: each
+  // block is rated as soon as it is made, so that a collapse that fails early makes few rows.
+  auto rate = [&](bool all) {
+    while (kept - rated >= 4 || (all && rated < kept)) {
+      unsigned n[16];
+      for (unsigned l = 0; l < 4; ++l)
+        std::copy_n(rows.col(rated + l < kept ? rated + l : kept - 1), 4, n + 4 * l);
+      double v[4];
+      tet_quality_lanes(m.nodes.data, n, v);
+      for (unsigned l = 0; l < 4 && rated < kept; ++l, ++rated) {
+        if (!(v[l] > floor)) return false;
+        qualities.push_back(v[l]);
+        q = std::min(q, v[l]);
+      }
+    }
+    return true;
+  };
 #if defined(__SSE2__)
   // A row's four nodes against a, b and c at once: with c apart from a, each node meets at most
   // one of them, and the count of hits is that of the lanes that meet one.
@@ -119,6 +138,7 @@ bool collapse_onto(move_record& mr, unsigned a, unsigned b, unsigned c,
       if (hit & (hit - 1)) continue;  // two hits or more
       _mm_storeu_si128(reinterpret_cast<__m128i*>(to + 4 * std::size_t(kept++)),
                        _mm_or_si128(_mm_and_si128(ab, vc), _mm_andnot_si128(ab, x)));
+      if (kept - rated == 4 && !rate(false)) return false;
     }
   } else
 #endif
@@ -130,23 +150,11 @@ bool collapse_onto(move_record& mr, unsigned a, unsigned b, unsigned c,
       if (hits >= 2) continue;
       unsigned* w = rows.col(kept++);
       for (unsigned i = 0; i < 4; ++i) w[i] = r[i] == a || r[i] == b ? c : r[i];
+      if (kept - rated == 4 && !rate(false)) return false;
     }
   }
   rows.resize(4, kept);
-  double q = 1.0;
-  // Four rows at a time (the last repeated to fill the lanes), used in order.
-  for (unsigned j0 = 0; j0 < kept; j0 += 4) {
-    unsigned n[16];
-    for (unsigned l = 0; l < 4; ++l)
-      std::copy_n(rows.col(j0 + l < kept ? j0 + l : kept - 1), 4, n + 4 * l);
-    double v[4];
-    tet_quality_lanes(m.nodes.data, n, v);
-    for (unsigned l = 0; l < 4 && j0 + l < kept; ++l) {
-      if (!(v[l] > floor)) return false;
-      qualities.push_back(v[l]);
-      q = std::min(q, v[l]);
-    }
-  }
+  if (!rate(true)) return false;
   double s = 1.0;
   if (kept >= 3 && mr.merit.shape_weight < 1.0) {
     // A node met again gives the same length: where the marks can be had, each is measured once.
