@@ -5,6 +5,7 @@
 #include <cmath>
 
 #include "delaunay/geometry.h"
+#include "delaunay/quality_lanes.h"
 #include "delaunay/tet_tables.h"
 
 namespace kelvo::voxfill {
@@ -87,11 +88,19 @@ bool star_split(move_record& mr, unsigned a, unsigned b, unsigned n, double floo
     r0[0] = n, r0[1] = row[i], r0[2] = row[y], r0[3] = row[x];
     unsigned* r1 = rows.col(2 * c + 1);
     r1[0] = n, r1[1] = row[j], r1[2] = row[x], r1[3] = row[y];
-    for (const unsigned* r : {r0, r1}) {
-      const double v = tet_quality(m.nodes.data, r[0], r[1], r[2], r[3]);
-      if (!(v > floor)) return fail();
-      qualities.push_back(v);
-      q = std::min(q, v);
+    // The new rows of two old ones in the lanes of one call (the last repeated to fill them),
+    // used in order: any failure gives the same cleared result.
+    if (c % 2 == 0 && c + 1 < old_rows.cols) continue;
+    const unsigned first = 2 * (c - c % 2), count = 2 * c + 2 - first;
+    unsigned nodes[16];
+    for (unsigned l = 0; l < 4; ++l)
+      std::copy_n(rows.col(first + std::min(l, count - 1)), 4, nodes + 4 * l);
+    double v[4];
+    tet_quality_lanes(m.nodes.data, nodes, v);
+    for (unsigned l = 0; l < count; ++l) {
+      if (!(v[l] > floor)) return fail();
+      qualities.push_back(v[l]);
+      q = std::min(q, v[l]);
     }
   }
   if (mr.merit.shape_weight >= 1.0) {
