@@ -2,6 +2,7 @@
 #include "voxfill/optim/edge_contraction.h"
 
 #include <algorithm>
+#include <cmath>
 #if defined(__SSE2__)
 #include <emmintrin.h>
 #endif
@@ -197,7 +198,7 @@ bool collapse_onto(move_record& mr, unsigned a, unsigned b, unsigned c,
 bool contract_node(move_record& mr, unsigned node, const dense1D<unsigned>& neighbours,
                    unsigned tries, double floor, const dense2D<unsigned>& old_rows,
                    dense2D<unsigned>& rows, dense1D<double>& qualities, double& merit,
-                   unsigned& kept_node) noexcept {
+                   unsigned& kept_node, const dense1D<double>* lengths) noexcept {
   const mesh_store& m = mr.store;
   rows.resize(4, 0);
   qualities.clear();
@@ -211,11 +212,13 @@ bool contract_node(move_record& mr, unsigned node, const dense1D<unsigned>& neig
   dense1D<double>& keys = mr.keys;
   order.clear();
   keys.clear();
+  if (lengths && lengths->size != neighbours.size) lengths = nullptr;
   for (unsigned k = 0; k < neighbours.size; ++k) {
     const unsigned n = neighbours[k];
     order.push_back(k);
-    keys.push_back(mr.merit.shape_weight < 1.0 ? metric_length(m, node, n)
-                                               : edge_length2(m.nodes.data, node, n));
+    keys.push_back(mr.merit.shape_weight < 1.0
+                       ? (lengths ? (*lengths)[k] : metric_length(m, node, n))
+                       : edge_length2(m.nodes.data, node, n));
   }
   if (order.size != neighbours.size || keys.size != neighbours.size) return false;
   std::sort(order.begin(), order.end(), [&](unsigned x, unsigned y) {
@@ -247,17 +250,33 @@ bool try_contract(move_record& mr, unsigned t, unsigned k, double s, double qual
   if (!free_a && !free_b) return false;
 
   double s_a = s, s_b = s, q_a = 1.0, q_b = 1.0;
+  // The metric length d / h to each neighbour, kept for the order of the tries, gives the
+  // symmetric length too: h / d when d > h, else the same value.
   auto survey = [&](unsigned e, unsigned o, dense1D<unsigned>& ball, dense1D<unsigned>& near,
-                    double& s_e, double& q_e) {
+                    dense1D<double>& lengths, double& s_e, double& q_e) {
     ball_of_node(m, e, t, ball);
     nodes_near(mr, e, ball, near);
-    if (merit.shape_weight < 1.0)
-      for (unsigned i = 0; i < near.size; ++i)
-        if (near[i] != o) s_e = std::min(s_e, symmetric_length(m, e, near[i]));
+    lengths.clear();
+    if (merit.shape_weight < 1.0) {
+      if (lengths.resize(near.size)) {
+        const double he = m.node_sizes[e];
+        for (unsigned i = 0; i < near.size; ++i) {
+          const unsigned x = near[i];
+          const double d = std::sqrt(edge_length2(m.nodes.data, e, x));
+          const double h = log_mean(he, m.node_sizes[x]);
+          lengths[i] = h > 0.0 ? d / h : 0.0;
+          if (x != o) s_e = std::min(s_e, d > h ? h / d : lengths[i]);
+        }
+      } else {
+        lengths.clear();
+        for (unsigned i = 0; i < near.size; ++i)
+          if (near[i] != o) s_e = std::min(s_e, symmetric_length(m, e, near[i]));
+      }
+    }
     q_e = worst_quality(m, ball);
   };
-  if (free_a) survey(a, b, mr.ball_a, mr.near_a, s_a, q_a);
-  if (free_b) survey(b, a, mr.ball_b, mr.near_b, s_b, q_b);
+  if (free_a) survey(a, b, mr.ball_a, mr.near_a, out.lengths_a, s_a, q_a);
+  if (free_b) survey(b, a, mr.ball_b, mr.near_b, out.lengths_b, s_b, q_b);
 
   // Both ends onto a new node at the midpoint.
   if (free_a && free_b && insert) {
@@ -292,7 +311,8 @@ bool try_contract(move_record& mr, unsigned t, unsigned k, double s, double qual
 
   // One end onto a neighbour.
   auto onto_neighbour = [&](unsigned e, const dense1D<unsigned>& ball,
-                            const dense1D<unsigned>& near, double s_e, double q_e) {
+                            const dense1D<unsigned>& near, const dense1D<double>& lengths,
+                            double s_e, double q_e) {
     out.old_tets.clear();
     for (unsigned i = 0; i < ball.size; ++i) out.old_tets.push_back(ball[i]);
     if (out.old_tets.size != ball.size || !rows_of(m, out.old_tets, out.old_rows)) return false;
@@ -300,15 +320,15 @@ bool try_contract(move_record& mr, unsigned t, unsigned k, double s, double qual
     const double m0 = merit.merit_blend(s_e, q_e);
     double value = m0 * gain;
     if (contract_node(mr, e, near, tries, floor, out.old_rows, out.new_rows, out.new_qualities,
-                      value, out.kept_node) &&
+                      value, out.kept_node, lengths.size ? &lengths : nullptr) &&
         out.new_rows.cols) {
       gain = value / m0;
       return true;
     }
     return false;
   };
-  if (free_a && onto_neighbour(a, mr.ball_a, mr.near_a, s_a, q_a)) return true;
-  if (free_b && onto_neighbour(b, mr.ball_b, mr.near_b, s_b, q_b)) return true;
+  if (free_a && onto_neighbour(a, mr.ball_a, mr.near_a, out.lengths_a, s_a, q_a)) return true;
+  if (free_b && onto_neighbour(b, mr.ball_b, mr.near_b, out.lengths_b, s_b, q_b)) return true;
   clear_candidate(out);
   return false;
 }

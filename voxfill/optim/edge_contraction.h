@@ -14,6 +14,10 @@ struct contraction_candidate {
   dense1D<double> new_qualities;
   unsigned kept_node = NONE;  // the node that takes the place of the vanishing ones
   bool made_node = false;     // kept_node is a new node at the midpoint, not a neighbour
+  // Scratch: the metric lengths from each end to its neighbours, measured once for both the
+  // end's fit and the order of its tries.
+  dense1D<double> lengths_a;
+  dense1D<double> lengths_b;
 };
 
 // Contraction of local edge k of tet t, taken when its merit beats the old state's by more than
@@ -24,11 +28,12 @@ bool try_contract(move_record& mr, unsigned t, unsigned k, double s, double qual
                   unsigned tries, bool insert, contraction_candidate& out, double& gain) noexcept;
 
 // `node` onto the best of its `tries` nearest `neighbours` whose collapse beats `merit` (in: the
-// bar; out: the merit reached). True when rows were produced.
+// bar; out: the merit reached). True when rows were produced. `lengths`, when given, holds
+// metric_length from `node` to each neighbour, in their order.
 bool contract_node(move_record& mr, unsigned node, const dense1D<unsigned>& neighbours,
                    unsigned tries, double floor, const dense2D<unsigned>& old_rows,
                    dense2D<unsigned>& rows, dense1D<double>& qualities, double& merit,
-                   unsigned& kept_node) noexcept;
+                   unsigned& kept_node, const dense1D<double>* lengths = nullptr) noexcept;
 
 // The rows of `old_rows` with a (and b) put onto c (b == c: a onto its neighbour b); rows that
 // hold two of them drop out. True when every row is above `floor` and the merit is positive.
