@@ -293,10 +293,11 @@ bool try_contract(move_record& mr, unsigned t, unsigned k, double s, double qual
     if (c != NONE) {
       merit.add_valence_record(c);
       const double m0 = merit.merit_blend(std::min(s_a, s_b), worst_quality(m, out.old_tets));
-      merit.merit_reference(out.old_rows);
+      // The reference is taken once the rows pass the floor.
+      bool reference = true;
       double value = 0.0;
       if (collapse_onto(mr, a, b, c, mr.near, floor, out.old_rows, mr.trial_rows,
-                        mr.trial_qualities, value) &&
+                        mr.trial_qualities, value, &reference) &&
           value > m0 * gain &&
           copy_candidate(mr.trial_rows, mr.trial_qualities, out.new_rows, out.new_qualities)) {
         gain = value / m0;
