@@ -52,13 +52,6 @@ bool set_row_lanes(regularizer& g, unsigned node) noexcept {
   return true;
 }
 
-// Rows 0 and j exchanged in polish.row_lanes.
-void swap_row_lanes(polish_scratch& s, unsigned j) noexcept {
-  double* a = s.row_lanes.begin();
-  double* b = a + BLOCK * (j / 4) + j % 4;
-  for (unsigned i = 0; i < BLOCK; i += 4) std::swap(a[i], b[i]);
-}
-
 // The scalar quality of row r with the node at p.
 double row_quality_at(const mesh_store& m, const unsigned* r, unsigned node,
                       const double* p) noexcept {
@@ -68,6 +61,13 @@ double row_quality_at(const mesh_store& m, const unsigned* r, unsigned node,
 }
 
 #if VOXFILL_LANES_AVX
+// Rows 0 and j exchanged in polish.row_lanes.
+void swap_row_lanes(polish_scratch& s, unsigned j) noexcept {
+  double* a = s.row_lanes.begin();
+  double* b = a + BLOCK * (j / 4) + j % 4;
+  for (unsigned i = 0; i < BLOCK; i += 4) std::swap(a[i], b[i]);
+}
+
 // worst_at over polish.row_lanes: the same qualities (those of tet_quality), met in the same
 // order, with the same give-up and the same exchange of rows.
 VOXFILL_AVX double worst_at_lanes(regularizer& g, unsigned node, const double* p, double floor,
