@@ -482,9 +482,9 @@ const bool has_avx = lanes_avx();
 
 using namespace avx_lanes;
 
-// in_circumsphere_pair over four lanes: the tets t[0..3].
-VOXFILL_AVX void in_circumsphere_quad(const mesh_view& v, const unsigned t[4], const double* P,
-                                      double limit, bool in[4]) noexcept {
+// in_circumsphere_pair over four lanes: the tets t[0..3], answered as lane bits.
+VOXFILL_AVX unsigned in_circumsphere_quad(const mesh_view& v, const unsigned t[4], const double* P,
+                                          double limit) noexcept {
   __m256d x[4], y[4], z[4];
   {
     const unsigned *n0 = v.tet(t[0]), *n1 = v.tet(t[1]), *n2 = v.tet(t[2]), *n3 = v.tet(t[3]);
@@ -541,22 +541,23 @@ VOXFILL_AVX void in_circumsphere_quad(const mesh_view& v, const unsigned t[4], c
         _mm256_movemask_pd(_mm256_cmp_pd(ratio, _mm256_add_pd(L, margin), _CMP_GT_OQ)) & fast_lanes;
     open = 15 & ~(inside | outside);
   }
-  for (unsigned l = 0; l < 4; ++l) in[l] = (inside >> l) & 1;
+  unsigned in = unsigned(inside);
   for (unsigned l = 0; open; ++l, open >>= 1) {
     if (!(open & 1)) continue;
     const unsigned* n = v.tet(t[l]);
-    in[l] =
-        circumsphere_ratio(v.point(n[0]), v.point(n[1]), v.point(n[2]), v.point(n[3]), P) < limit;
+    in |= unsigned(circumsphere_ratio(v.point(n[0]), v.point(n[1]), v.point(n[2]), v.point(n[3]),
+                                      P) < limit)
+          << l;
   }
+  return in;
 }
 
-// Whether the tets t[0..count) (count 1 to 4) hold P in their circumspheres, as in_circumsphere.
-// All four of in[] are written: the lanes past count repeat the last tet.
-VOXFILL_AVX void in_circumsphere_avx(const mesh_view& v, const unsigned* t, unsigned count,
-                                     const double* P, double limit, bool in[4]) noexcept {
-  const unsigned last = t[count - 1];
-  const unsigned four[4] = {t[0], count > 1 ? t[1] : last, count > 2 ? t[2] : last, last};
-  in_circumsphere_quad(v, four, P, limit, in);
+// Whether the tets t[0..count) (count 3 or 4) hold P in their circumspheres, as in_circumsphere:
+// bit l for tet l. With three, the fourth lane repeats the last tet.
+VOXFILL_AVX unsigned in_circumsphere_avx(const mesh_view& v, const unsigned* t, unsigned count,
+                                         const double* P, double limit) noexcept {
+  const unsigned four[4] = {t[0], t[1], t[2], t[count - 1]};
+  return in_circumsphere_quad(v, four, P, limit);
 }
 #endif
 
@@ -823,11 +824,11 @@ void collect_cavity(mesh_store& m, unsigned p, dense1D<unsigned>& seeds, cavity_
       }
 #endif
       // Four at a time with AVX, else two at a time; the same answers as the one-tet test.
-      bool in[4];
+      unsigned in = 0;  // bit l: lane l's tet holds the node
       unsigned l = 0;
 #if VOXFILL_LANES_AVX
       if (has_avx && nl >= 3) {
-        in_circumsphere_avx(v, lane, nl, P, limit, in);
+        in = in_circumsphere_avx(v, lane, nl, P, limit);
         l = nl;
       }
 #endif
@@ -836,16 +837,19 @@ void collect_cavity(mesh_store& m, unsigned p, dense1D<unsigned>& seeds, cavity_
         const unsigned* o = v.tet(lane[l + 1]);
         const double* const pa[4] = {v.point(n[0]), v.point(n[1]), v.point(n[2]), v.point(n[3])};
         const double* const pb[4] = {v.point(o[0]), v.point(o[1]), v.point(o[2]), v.point(o[3])};
-        in_circumsphere_pair(pa, pb, P, limit, in[l], in[l + 1]);
+        bool in_a, in_b;
+        in_circumsphere_pair(pa, pb, P, limit, in_a, in_b);
+        in |= unsigned(in_a) << l | unsigned(in_b) << (l + 1);
       }
       for (; l < nl; ++l) {
         const unsigned* n = v.tet(lane[l]);
-        in[l] =
-            in_circumsphere(v.point(n[0]), v.point(n[1]), v.point(n[2]), v.point(n[3]), P, limit);
+        in |= unsigned(in_circumsphere(v.point(n[0]), v.point(n[1]), v.point(n[2]), v.point(n[3]),
+                                       P, limit))
+              << l;
       }
       for (l = 0; l < own; ++l) {
         const unsigned nb = lane[l], i = lane_face[l];
-        if (in[l]) {
+        if ((in >> l) & 1) {
           marks[nb] = in_cavity;
           taken[i] = nb;
           ++nc;
@@ -855,7 +859,7 @@ void collect_cavity(mesh_store& m, unsigned p, dense1D<unsigned>& seeds, cavity_
         }
       }
       for (; l < nl; ++l)
-        if (in[l]) marks[lane[l]] = ahead_in;
+        if ((in >> l) & 1) marks[lane[l]] = ahead_in;
     }
     face_bits[k] = bits;
     if (!nc) continue;
