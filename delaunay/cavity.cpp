@@ -482,12 +482,15 @@ const bool has_avx = lanes_avx();
 
 using namespace avx_lanes;
 
-// in_circumsphere_pair over four lanes: the tets t[0..3], answered as lane bits.
-VOXFILL_AVX unsigned in_circumsphere_quad(const mesh_view& v, const unsigned t[4], const double* P,
-                                          double limit) noexcept {
+// in_circumsphere_pair over four lanes: whether the tets t[0..count) (count 3 or 4) hold P in
+// their circumspheres, as in_circumsphere, bit l for tet l. With three, the fourth lane repeats
+// the last tet and its answer is left out.
+VOXFILL_AVX unsigned in_circumsphere_avx(const mesh_view& v, const unsigned* t, unsigned count,
+                                         const double* P, double limit) noexcept {
   __m256d x[4], y[4], z[4];
   {
-    const unsigned *n0 = v.tet(t[0]), *n1 = v.tet(t[1]), *n2 = v.tet(t[2]), *n3 = v.tet(t[3]);
+    const unsigned *n0 = v.tet(t[0]), *n1 = v.tet(t[1]), *n2 = v.tet(t[2]),
+                   *n3 = v.tet(t[count - 1]);
     for (unsigned k = 0; k < 4; ++k)
       gather_points(v.point(n0[k]), v.point(n1[k]), v.point(n2[k]), v.point(n3[k]), x[k], y[k],
                     z[k]);
@@ -541,7 +544,9 @@ VOXFILL_AVX unsigned in_circumsphere_quad(const mesh_view& v, const unsigned t[4
         _mm256_movemask_pd(_mm256_cmp_pd(ratio, _mm256_add_pd(L, margin), _CMP_GT_OQ)) & fast_lanes;
     open = 15 & ~(inside | outside);
   }
-  unsigned in = unsigned(inside);
+  const int used = count > 3 ? 15 : 7;
+  unsigned in = unsigned(inside & used);
+  open &= used;
   for (unsigned l = 0; open; ++l, open >>= 1) {
     if (!(open & 1)) continue;
     const unsigned* n = v.tet(t[l]);
@@ -552,13 +557,6 @@ VOXFILL_AVX unsigned in_circumsphere_quad(const mesh_view& v, const unsigned t[4
   return in;
 }
 
-// Whether the tets t[0..count) (count 3 or 4) hold P in their circumspheres, as in_circumsphere:
-// bit l for tet l. With three, the fourth lane repeats the last tet.
-VOXFILL_AVX unsigned in_circumsphere_avx(const mesh_view& v, const unsigned* t, unsigned count,
-                                         const double* P, double limit) noexcept {
-  const unsigned four[4] = {t[0], t[1], t[2], t[count - 1]};
-  return in_circumsphere_quad(v, four, P, limit);
-}
 #endif
 
 void abandon(cavity_record& cav) noexcept {
