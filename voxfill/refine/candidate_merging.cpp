@@ -154,11 +154,11 @@ namespace {
 double score_above(size_field& field, const dense2D<double>& points, const dense1D<double>& sizes,
                    double r2, unsigned i, const std::vector<unsigned>& near, unsigned k,
                    const member_table& M, const double* sum, double best, unsigned& tet, double* G,
-                   double& hG) noexcept {
+                   double& hG, walk_memo& memo) noexcept {
   const double members = double(k + 1);
   for (unsigned d = 0; d < 3; ++d) G[d] = sum[d] / members;
   hG = 0.0;
-  if (!field_size_at(field, G, tet, hG)) return 0.0;
+  if (!field_size_at(field, G, tet, hG, memo)) return 0.0;
   const unsigned tG = tet;
   if (field.direct_lengths) return direct_score(M, r2, k, G, hG, best);
   // Over the mesh itself a length comes from the end sizes alone: the members' tets would go
@@ -482,7 +482,8 @@ double group_score(size_field& field, const dense2D<double>& points, const dense
     x[q + 2 * (k + 1)] = points(2, j);
     x[q + 3 * (k + 1)] = sizes[j];
   }
-  return score_above(field, points, sizes, r2, i, near, k, M, sum, -DBL_MAX, tet, G, hG);
+  walk_memo memo;
+  return score_above(field, points, sizes, r2, i, near, k, M, sum, -DBL_MAX, tet, G, hG, memo);
 }
 
 void merge_candidates(th4_engine& e, refine_context& c, dense2D<double>& points,
@@ -524,6 +525,8 @@ void merge_candidates(th4_engine& e, refine_context& c, dense2D<double>& points,
     }
 
     const double r2 = radius * radius;
+    // The mesh stays as it is through the pass: one memo serves the look-ups of all groups.
+    walk_memo memo;
     unsigned out = 0;
     for (unsigned i = 0; i < n; ++i) {
       if (s.removed[i]) continue;
@@ -561,7 +564,7 @@ void merge_candidates(th4_engine& e, refine_context& c, dense2D<double>& points,
         mx[k + 3 * (m + 1)] = sizes[j];
         double G[3], hG = 0.0;
         const double score =
-            score_above(field, points, sizes, r2, i, s.near, k, M, sum, best, tet, G, hG);
+            score_above(field, points, sizes, r2, i, s.near, k, M, sum, best, tet, G, hG, memo);
         if (!(score > best)) break;
         best = score;
         u = k;
