@@ -10,7 +10,6 @@ class regularizer;
 
 // How the size changes along a move: from the node's size to the size on the ball's surface.
 struct size_ray {
-  dense2D<unsigned> ball_faces;  // rows (node, o1, o3, o2) of the ball's tets
   unsigned node = 0xFFFFFFFFu;
   double start_size = 0.0;
   double end_size = 0.0;

@@ -32,8 +32,7 @@ void regularizer::reserve_scratch() noexcept {
   const unsigned tets = 256;
   for (dense2D<unsigned>* rows :
        {&old_rows, &new_rows, &moves.trial_rows, &moves.best_rows, &contraction.old_rows,
-        &contraction.new_rows, &smoother.ball_rows, &smoother.ray.ball_faces, &exchange.star_tets,
-        &exchange.star_neighbors})
+        &contraction.new_rows, &smoother.ball_rows, &exchange.star_tets, &exchange.star_neighbors})
     rows->reserve(4, tets);
   for (dense1D<unsigned>* list :
        {&shell_tets, &ring_nodes, &new_tets, &contraction.old_tets, &moves.ball_a, &moves.ball_b,
