@@ -26,18 +26,25 @@ bool interrupted(const regularizer& g) {
   return g.task && g.task->must_stop();
 }
 
+// Both scans through plain pointers taken once: the table's size and columns are not read
+// again for each tet.
 unsigned live_tet_count(const mesh_store& m) noexcept {
+  const unsigned* colors = m.colors.begin();
+  const unsigned cols = m.tets.cols();
   unsigned n = 0;
-  for (unsigned t = 0; t < m.tets.cols(); ++t) n += m.tet_in_domain(t);
+  for (unsigned t = 0; t < cols; ++t) n += color_in_domain(colors[t]);
   return n;
 }
 
 double worst_live_quality(const mesh_store& m) noexcept {
+  const unsigned* colors = m.colors.begin();
+  const double* quality = m.tet_qualities.begin();
+  const unsigned cols = m.tets.cols();
   double q = DBL_MAX;
   bool any = false;
-  for (unsigned t = 0; t < m.tets.cols(); ++t)
-    if (m.tet_in_domain(t)) {
-      q = std::min(q, m.tet_qualities[t]);
+  for (unsigned t = 0; t < cols; ++t)
+    if (color_in_domain(colors[t])) {
+      q = std::min(q, quality[t]);
       any = true;
     }
   return any ? q : 0.0;
