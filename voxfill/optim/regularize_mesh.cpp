@@ -2,6 +2,7 @@
 #include "voxfill/optim/regularize_mesh.h"
 
 #include <algorithm>
+#include <cassert>
 #include <cfloat>
 #include <cmath>
 #include <utility>
@@ -113,16 +114,41 @@ void prepare_masks(regularizer& g) noexcept {
   th4_engine& m = g.engine;
   g.frozen_bits.clear();
   g.settled_nodes.clear();
-  grow_bits(g.frozen_bits, m.tets.cols());
-  grow_bits(g.settled_nodes, m.nodes.cols());
-  for (unsigned t = 0; t < m.tets.cols(); ++t) {
+  const unsigned cols = m.tets.cols(), nodes = m.nodes.cols();
+  grow_bits(g.frozen_bits, cols);
+  grow_bits(g.settled_nodes, nodes);
+  const bit_set& hard = m.hard_set.node_bits;
+  if (cols && g.frozen_bits.length >= cols && g.settled_nodes.length >= nodes) {
+    // Both masks hold every tet and node: their words are written directly, and the hard nodes
+    // joined a word at a time.
+    const unsigned* colors = m.colors.begin();
+    const unsigned* tets = m.tets.data.col(0);
+    const std::size_t ld = m.tets.data.ld;
+    unsigned* frozen = g.frozen_bits.words.begin();
+    unsigned* settled = g.settled_nodes.words.begin();
+    for (unsigned t = 0; t < cols; ++t) {
+      if (colors[t] != NONE) continue;
+      frozen[t >> 5] |= 1u << (t & 31);
+      const unsigned* r = tets + ld * t;
+      // Rows name nodes of the table only (as the fit and smoothing marks take too).
+      for (unsigned i = 0; i < 4; ++i) {
+        assert(r[i] < nodes);
+        settled[r[i] >> 5] |= 1u << (r[i] & 31);
+      }
+    }
+    const unsigned limit = std::min(hard.length, nodes);
+    const unsigned* words = hard.words.begin();
+    for (unsigned k = 0; k < limit >> 5; ++k) settled[k] |= words[k];
+    if (limit & 31) settled[limit >> 5] |= words[limit >> 5] & ((1u << (limit & 31)) - 1u);
+    return;
+  }
+  for (unsigned t = 0; t < cols; ++t) {
     if (!m.tet_unclassified(t)) continue;
     g.frozen_bits.set(t);
     const unsigned* r = m.tets.row(t);
     for (unsigned i = 0; i < 4; ++i) g.settled_nodes.set(r[i]);
   }
-  const bit_set& hard = m.hard_set.node_bits;
-  for (unsigned n = 0; n < hard.length && n < m.nodes.cols(); ++n)
+  for (unsigned n = 0; n < hard.length && n < nodes; ++n)
     if (hard.test(n)) g.settled_nodes.set(n);
 }
 
