@@ -227,10 +227,17 @@ bool move_merit::fill_valence_records() noexcept {
     }
     fill = 0;
   };
-  for (unsigned t = 0; t < store.tets.cols(); ++t) {
-    if (!store.tet_in_domain(t)) continue;
-    const unsigned* n = store.tets.row(t);
-    for (unsigned i = 0; i < 4; ++i) points[fill][i] = xyz.col(n[i]);
+  // The tables through plain pointers taken once.
+  const unsigned cols = store.tets.cols();
+  const unsigned* colors = store.colors.begin();
+  const unsigned* tets = cols ? store.tets.data.col(0) : nullptr;
+  const std::size_t tets_ld = store.tets.data.ld;
+  const double* base = store.nodes.cols() ? xyz.col(0) : nullptr;
+  const std::size_t ld = xyz.ld;
+  for (unsigned t = 0; t < cols; ++t) {
+    if (!color_in_domain(colors[t])) continue;
+    const unsigned* n = tets + tets_ld * t;
+    for (unsigned i = 0; i < 4; ++i) points[fill][i] = base + ld * n[i];
     batch[fill] = t;
     if (++fill == 4) flush();
   }
