@@ -10,7 +10,6 @@
 #if defined(__x86_64__) && (defined(__GNUC__) || defined(__clang__))
 #define VOXFILL_SOLVE_AVX2 1
 #include <immintrin.h>
-#define VOXFILL_AVX2 __attribute__((target("avx2")))
 #else
 #define VOXFILL_SOLVE_AVX2 0
 #endif
@@ -235,25 +234,9 @@ namespace {
 
 #if VOXFILL_SOLVE_AVX2
 
-// x, y and z of p in lanes 0 to 2 (lane 3 is 0.0): reads no further than p[2].
-VOXFILL_AVX2 inline __m256d load3(const double* p) noexcept {
-  return _mm256_insertf128_pd(_mm256_castpd128_pd256(_mm_loadu_pd(p)), _mm_load_sd(p + 2), 1);
-}
-
-// Lane l of every vector in all four lanes.
-template <int l>
-VOXFILL_AVX2 inline __m256d spread(__m256d v) noexcept {
-  return _mm256_permute4x64_pd(v, l * 0x55);
-}
-
-// (r0 . y, r1 . y, r2 . y) times inv, with the rows by lanes: r_i . y in lane i.
-VOXFILL_AVX2 inline __m256d rows_times(__m256d Rx, __m256d Ry, __m256d Rz, __m256d y,
-                                       __m256d inv) noexcept {
-  return _mm256_mul_pd(
-      _mm256_add_pd(_mm256_add_pd(_mm256_mul_pd(Rx, spread<0>(y)), _mm256_mul_pd(Ry, spread<1>(y))),
-                    _mm256_mul_pd(Rz, spread<2>(y))),
-      inv);
-}
+using avx_lanes::inverse_rows;
+using avx_lanes::load3;
+using avx_lanes::refined_solution;
 
 // solve_3x3_rows with row i of the inverse in lane i, and in the residual component i in lane i.
 // Every lane does the scalar operations one for one and in the same order (nothing fused), so the
@@ -262,55 +245,13 @@ VOXFILL_AVX2 inline __m256d rows_times(__m256d Rx, __m256d Ry, __m256d Rz, __m25
 VOXFILL_AVX2 double solve_3x3_avx2(const double* c0, const double* c1, const double* c2,
                                    double* rhs, int refinements) noexcept {
   const __m256d C0 = load3(c0), C1 = load3(c1), C2 = load3(c2);
-  // Row i is column i+1 x column i+2: u = (c1, c2, c0) and v = (c2, c0, c1) by lanes, and
-  // c = (c0, c1, c2) for the determinant, each as x, y and z.
-  __m256d u[3], v[3], c[3];
-  {
-    const __m256d lo01 = _mm256_unpacklo_pd(C1, C2), hi01 = _mm256_unpackhi_pd(C1, C2);
-    // Lanes of lo01: c1x c2x c1z c2z; of hi01: c1y c2y _ _.
-    const __m256d zc0 = _mm256_permute4x64_pd(C0, 0xAA);
-    const __m256d xc0 = _mm256_permute4x64_pd(C0, 0x00), yc0 = _mm256_permute4x64_pd(C0, 0x55);
-    // u.x = (c1x, c2x, c0x, _)
-    u[0] = _mm256_blend_pd(lo01, xc0, 4);
-    u[1] = _mm256_blend_pd(_mm256_permute4x64_pd(hi01, 0x04), yc0, 4);
-    u[2] = _mm256_blend_pd(_mm256_permute4x64_pd(lo01, 0x0E), zc0, 4);
-  }
-  for (unsigned k = 0; k < 3; ++k) {
-    v[k] = _mm256_permute4x64_pd(u[k], 1 | 2 << 2 | 0 << 4 | 3 << 6);
-    c[k] = _mm256_permute4x64_pd(u[k], 2 | 0 << 2 | 1 << 4 | 3 << 6);
-  }
-  const __m256d Rx = _mm256_sub_pd(_mm256_mul_pd(u[1], v[2]), _mm256_mul_pd(u[2], v[1]));
-  const __m256d Ry = _mm256_sub_pd(_mm256_mul_pd(u[2], v[0]), _mm256_mul_pd(u[0], v[2]));
-  const __m256d Rz = _mm256_sub_pd(_mm256_mul_pd(u[0], v[1]), _mm256_mul_pd(u[1], v[0]));
-  const __m256d cr = _mm256_add_pd(_mm256_add_pd(_mm256_mul_pd(c[0], Rx), _mm256_mul_pd(c[1], Ry)),
-                                   _mm256_mul_pd(c[2], Rz));
-  const __m128d cr01 = _mm256_castpd256_pd128(cr);
-  const double det = (_mm_cvtsd_f64(cr01) + _mm_cvtsd_f64(_mm_unpackhi_pd(cr01, cr01)) +
-                      _mm_cvtsd_f64(_mm256_extractf128_pd(cr, 1))) /
-                     3.0;
+  __m256d Rx, Ry, Rz;
+  const double det = inverse_rows(C0, C1, C2, Rx, Ry, Rz);
   if (det == 0.0) {
     rhs[0] = rhs[1] = rhs[2] = 0.0;
     return 0.0;
   }
-  const __m256d inv = _mm256_set1_pd(1.0 / det);
-  const __m256d B = load3(rhs);
-  __m256d x = rows_times(Rx, Ry, Rz, B, inv);
-  const __m256d sign = _mm256_set1_pd(-0.0), small = _mm256_set1_pd(1e-12);
-  for (int k = 0; k < refinements; ++k) {
-    const __m256d e = _mm256_sub_pd(B, _mm256_add_pd(_mm256_add_pd(_mm256_mul_pd(C0, spread<0>(x)),
-                                                                   _mm256_mul_pd(C1, spread<1>(x))),
-                                                     _mm256_mul_pd(C2, spread<2>(x))));
-    const __m256d d = rows_times(Rx, Ry, Rz, e, inv);
-    x = _mm256_add_pd(x, d);
-    const __m256d ok = _mm256_cmp_pd(_mm256_andnot_pd(sign, d),
-                                     _mm256_mul_pd(small, _mm256_andnot_pd(sign, x)), _CMP_LE_OQ);
-    if ((_mm256_movemask_pd(ok) & 7) == 7) break;
-  }
-  alignas(32) double out[4];
-  _mm256_store_pd(out, x);
-  rhs[0] = out[0];
-  rhs[1] = out[1];
-  rhs[2] = out[2];
+  refined_solution(C0, C1, C2, Rx, Ry, Rz, _mm256_set1_pd(1.0 / det), load3(rhs), refinements, rhs);
   return det;
 }
 #endif

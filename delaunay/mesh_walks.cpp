@@ -7,6 +7,7 @@
 
 #include "delaunay/cpu_lanes.h"
 #include "delaunay/geometry.h"
+#include "delaunay/lanes_avx.h"
 #include "delaunay/tet_tables.h"
 
 // The four face tests of a walk step in four lanes where the processor has AVX2, chosen when the
@@ -14,7 +15,6 @@
 #if defined(__x86_64__) && (defined(__GNUC__) || defined(__clang__))
 #define VOXFILL_WALK_AVX2 1
 #include <immintrin.h>
-#define VOXFILL_AVX2 __attribute__((target("avx2")))
 #else
 #define VOXFILL_WALK_AVX2 0
 #endif
@@ -430,49 +430,16 @@ VOXFILL_AVX2 inline int beyond_faces_avx2(const double* const* q, const __m256d*
   return _mm256_movemask_pd(_mm256_cmp_pd(D, limit, _CMP_GT_OQ));
 }
 
-VOXFILL_AVX2 inline __m256d load3(const double* p) noexcept {
-  return _mm256_insertf128_pd(_mm256_castpd128_pd256(_mm_loadu_pd(p)), _mm_load_sd(p + 2), 1);
-}
-
-template <int l>
-VOXFILL_AVX2 inline __m256d spread(__m256d v) noexcept {
-  return _mm256_permute4x64_pd(v, l * 0x55);
-}
-
-VOXFILL_AVX2 inline __m256d rows_times(__m256d Rx, __m256d Ry, __m256d Rz, __m256d y,
-                                       __m256d inv) noexcept {
-  return _mm256_mul_pd(
-      _mm256_add_pd(_mm256_add_pd(_mm256_mul_pd(Rx, spread<0>(y)), _mm256_mul_pd(Ry, spread<1>(y))),
-                    _mm256_mul_pd(Rz, spread<2>(y))),
-      inv);
-}
+using avx_lanes::inverse_rows;
+using avx_lanes::load3;
+using avx_lanes::refined_solution;
 
 // The part of the lane solve of tet_barycentric_prepared_avx2 that hangs on the tet alone: the
 // rows of the inverse by lanes and the determinant, the same operations in the same order.
 // The columns come as lane_volume leaves them, lane 3 cleared as load3 clears it.
 VOXFILL_AVX2 inline void memo_frame(__m256d C0, __m256d C1, __m256d C2, walk_memo& memo) noexcept {
-  __m256d u[3], v[3], c[3];
-  {
-    const __m256d lo01 = _mm256_unpacklo_pd(C1, C2), hi01 = _mm256_unpackhi_pd(C1, C2);
-    const __m256d zc0 = _mm256_permute4x64_pd(C0, 0xAA);
-    const __m256d xc0 = _mm256_permute4x64_pd(C0, 0x00), yc0 = _mm256_permute4x64_pd(C0, 0x55);
-    u[0] = _mm256_blend_pd(lo01, xc0, 4);
-    u[1] = _mm256_blend_pd(_mm256_permute4x64_pd(hi01, 0x04), yc0, 4);
-    u[2] = _mm256_blend_pd(_mm256_permute4x64_pd(lo01, 0x0E), zc0, 4);
-  }
-  for (unsigned k = 0; k < 3; ++k) {
-    v[k] = _mm256_permute4x64_pd(u[k], 1 | 2 << 2 | 0 << 4 | 3 << 6);
-    c[k] = _mm256_permute4x64_pd(u[k], 2 | 0 << 2 | 1 << 4 | 3 << 6);
-  }
-  const __m256d Rx = _mm256_sub_pd(_mm256_mul_pd(u[1], v[2]), _mm256_mul_pd(u[2], v[1]));
-  const __m256d Ry = _mm256_sub_pd(_mm256_mul_pd(u[2], v[0]), _mm256_mul_pd(u[0], v[2]));
-  const __m256d Rz = _mm256_sub_pd(_mm256_mul_pd(u[0], v[1]), _mm256_mul_pd(u[1], v[0]));
-  const __m256d cr = _mm256_add_pd(_mm256_add_pd(_mm256_mul_pd(c[0], Rx), _mm256_mul_pd(c[1], Ry)),
-                                   _mm256_mul_pd(c[2], Rz));
-  const __m128d cr01 = _mm256_castpd256_pd128(cr);
-  memo.det = (_mm_cvtsd_f64(cr01) + _mm_cvtsd_f64(_mm_unpackhi_pd(cr01, cr01)) +
-              _mm_cvtsd_f64(_mm256_extractf128_pd(cr, 1))) /
-             3.0;
+  __m256d Rx, Ry, Rz;
+  memo.det = inverse_rows(C0, C1, C2, Rx, Ry, Rz);
   _mm256_store_pd(memo.cols[0], C0);
   _mm256_store_pd(memo.cols[1], C1);
   _mm256_store_pd(memo.cols[2], C2);
@@ -494,23 +461,7 @@ VOXFILL_AVX2 void memo_weights(const walk_memo& memo, const double* P, double* w
                 Rz = _mm256_load_pd(memo.rows[2]), inv = _mm256_load_pd(memo.inv);
   // P minus node 3 lane by lane, as sub3 does it; lane 3 is 0.0.
   const __m256d B = _mm256_sub_pd(load3(P), load3(memo.q[3]));
-  __m256d x = rows_times(Rx, Ry, Rz, B, inv);
-  const __m256d sign = _mm256_set1_pd(-0.0), small = _mm256_set1_pd(1e-12);
-  for (int k = 0; k < 2; ++k) {
-    const __m256d e = _mm256_sub_pd(B, _mm256_add_pd(_mm256_add_pd(_mm256_mul_pd(C0, spread<0>(x)),
-                                                                   _mm256_mul_pd(C1, spread<1>(x))),
-                                                     _mm256_mul_pd(C2, spread<2>(x))));
-    const __m256d d = rows_times(Rx, Ry, Rz, e, inv);
-    x = _mm256_add_pd(x, d);
-    const __m256d ok = _mm256_cmp_pd(_mm256_andnot_pd(sign, d),
-                                     _mm256_mul_pd(small, _mm256_andnot_pd(sign, x)), _CMP_LE_OQ);
-    if ((_mm256_movemask_pd(ok) & 7) == 7) break;
-  }
-  alignas(32) double out[4];
-  _mm256_store_pd(out, x);
-  w[0] = out[0];
-  w[1] = out[1];
-  w[2] = out[2];
+  refined_solution(C0, C1, C2, Rx, Ry, Rz, inv, B, 2, w);
 }
 
 // frame_of in lanes: the edge vectors a, b, c from node 3 with coordinate k in lane k (lane 3 is
