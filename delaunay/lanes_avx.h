@@ -91,6 +91,16 @@ VOXFILL_AVX inline int shape_quality(__m256d a0, __m256d a1, __m256d a2, __m256d
   return _mm256_movemask_pd(plain);
 }
 
+// shape_quality of four tets given by their points (x, y, z by lanes, point k of tet l in lane
+// l of x[k]), with the edge vectors taken from the fourth point.
+VOXFILL_AVX inline int points_shape_quality(const __m256d* x, const __m256d* y, const __m256d* z,
+                                            double q[4]) noexcept {
+  return shape_quality(
+      _mm256_sub_pd(x[0], x[3]), _mm256_sub_pd(y[0], y[3]), _mm256_sub_pd(z[0], z[3]),
+      _mm256_sub_pd(x[1], x[3]), _mm256_sub_pd(y[1], y[3]), _mm256_sub_pd(z[1], z[3]),
+      _mm256_sub_pd(x[2], x[3]), _mm256_sub_pd(y[2], y[3]), _mm256_sub_pd(z[2], z[3]), q);
+}
+
 // The 3x3 lane solve, shared by the solver and the walks (AVX2). A point's x, y and z are in
 // lanes 0 to 2; lane 3 is 0.0.
 #define VOXFILL_AVX2 __attribute__((target("avx2")))

@@ -51,13 +51,7 @@ VOXFILL_AVX void quality_quad(const double* const* const t[4], double q[4]) noex
   __m256d x[4], y[4], z[4];
   for (unsigned k = 0; k < 4; ++k)
     gather_points(t[0][k], t[1][k], t[2][k], t[3][k], x[k], y[k], z[k]);
-  const __m256d a0 = _mm256_sub_pd(x[0], x[3]), a1 = _mm256_sub_pd(y[0], y[3]),
-                a2 = _mm256_sub_pd(z[0], z[3]);
-  const __m256d b0 = _mm256_sub_pd(x[1], x[3]), b1 = _mm256_sub_pd(y[1], y[3]),
-                b2 = _mm256_sub_pd(z[1], z[3]);
-  const __m256d c0 = _mm256_sub_pd(x[2], x[3]), c1 = _mm256_sub_pd(y[2], y[3]),
-                c2 = _mm256_sub_pd(z[2], z[3]);
-  const int lanes = shape_quality(a0, a1, a2, b0, b1, b2, c0, c1, c2, q);
+  const int lanes = points_shape_quality(x, y, z, q);
   for (unsigned l = 0, redo = ~lanes & 15; redo; ++l, redo >>= 1)
     if (redo & 1) q[l] = tet_quality(t[l][0], t[l][1], t[l][2], t[l][3]);
 }

@@ -88,14 +88,8 @@ VOXFILL_AVX double worst_at_lanes(regularizer& g, unsigned node, const double* p
       y[k] = _mm256_blendv_pd(_mm256_loadu_pd(b + 12 * k + 4), py, mask);
       z[k] = _mm256_blendv_pd(_mm256_loadu_pd(b + 12 * k + 8), pz, mask);
     }
-    const __m256d a0 = _mm256_sub_pd(x[0], x[3]), a1 = _mm256_sub_pd(y[0], y[3]),
-                  a2 = _mm256_sub_pd(z[0], z[3]);
-    const __m256d b0 = _mm256_sub_pd(x[1], x[3]), b1 = _mm256_sub_pd(y[1], y[3]),
-                  b2 = _mm256_sub_pd(z[1], z[3]);
-    const __m256d c0 = _mm256_sub_pd(x[2], x[3]), c1 = _mm256_sub_pd(y[2], y[3]),
-                  c2 = _mm256_sub_pd(z[2], z[3]);
     double lanes[4];
-    const int plain = shape_quality(a0, a1, a2, b0, b1, b2, c0, c1, c2, lanes);
+    const int plain = points_shape_quality(x, y, z, lanes);
     for (unsigned l = 0; l < 4 && j0 + l < n; ++l) {
       const unsigned j = j0 + l;
       // A lane that tet_quality would retry is done by it, and only when it is reached.
@@ -181,13 +175,7 @@ VOXFILL_AVX void front_quad(const mesh_store& m, const unsigned* r, unsigned nod
       x[k] = _mm256_set1_pd(w[0]), y[k] = _mm256_set1_pd(w[1]), z[k] = _mm256_set1_pd(w[2]);
     }
   }
-  const __m256d a0 = _mm256_sub_pd(x[0], x[3]), a1 = _mm256_sub_pd(y[0], y[3]),
-                a2 = _mm256_sub_pd(z[0], z[3]);
-  const __m256d b0 = _mm256_sub_pd(x[1], x[3]), b1 = _mm256_sub_pd(y[1], y[3]),
-                b2 = _mm256_sub_pd(z[1], z[3]);
-  const __m256d c0 = _mm256_sub_pd(x[2], x[3]), c1 = _mm256_sub_pd(y[2], y[3]),
-                c2 = _mm256_sub_pd(z[2], z[3]);
-  const int plain = shape_quality(a0, a1, a2, b0, b1, b2, c0, c1, c2, q);
+  const int plain = points_shape_quality(x, y, z, q);
   for (unsigned l = 0, redo = ~plain & 15; redo; ++l, redo >>= 1)
     if (redo & 1) q[l] = row_quality_at(m, r, node, p[l]);
 }
