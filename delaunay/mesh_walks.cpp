@@ -335,18 +335,6 @@ struct flat_table {
   const T* col(unsigned j) const noexcept { return base + ld * j; }
 };
 
-// The edge vectors from node 3 and the determinant, as orient_det computes them: false for a tet
-// of non-positive or non-finite volume.
-inline bool frame_of(const double* const* q, edge_frame& e) noexcept {
-  using namespace geometry_detail;
-  sub3(q[0], q[3], e.a);
-  sub3(q[1], q[3], e.b);
-  sub3(q[2], q[3], e.c);
-  cross3(e.b, e.c, e.bc);
-  const double V = e.V = dot3(e.a, e.bc);
-  return V > 0.0 && std::isfinite(V);
-}
-
 // The neighbour through which a walk beyond the faces of `mask` leaves. Beyond a hull face: a
 // point beyond two faces leaves by the one that is not on the hull.
 inline unsigned leave_by(const unsigned* nbs, int mask, unsigned start) noexcept {
@@ -464,7 +452,7 @@ VOXFILL_AVX2 void memo_weights(const walk_memo& memo, const double* P, double* w
   refined_solution(C0, C1, C2, Rx, Ry, Rz, inv, B, 2, w);
 }
 
-// frame_of in lanes: the edge vectors a, b, c from node 3 with coordinate k in lane k (lane 3 is
+// The edge vectors a, b, c from node 3 with coordinate k in lane k (lane 3 is
 // 0.0), b x c the same way, and the determinant summed in the order of dot3; the operations are
 // those of sub3, cross3 and dot3 one for one.
 VOXFILL_AVX2 inline double lane_volume(const double* const* q, __m256d& a, __m256d& b,
