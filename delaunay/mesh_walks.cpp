@@ -597,15 +597,21 @@ int walk_to_point(const node_locator& loc, const double* P, unsigned& t, double 
   return walk_tables(loc.nodes->data, *loc.tets, *loc.neighbors, P, t, tol, bits);
 }
 
+namespace {
+// A start for a walk to P: t itself, else the tet of the node nearest to P.
+inline bool start_tet(node_locator& loc, const double* P, unsigned& t) noexcept {
+  if (!loc.ancestors) return false;
+  if (t != NONE) return true;
+  const unsigned node = loc.near_node(P);
+  if (node == NONE || node >= loc.ancestors->size) return false;
+  t = (*loc.ancestors)[node];
+  return t != NONE;
+}
+}  // namespace
+
 bool locate_tet(node_locator& loc, const double* P, unsigned& t, double tol, bit_source& bits,
                 double* w) noexcept {
-  if (!loc.ancestors) return false;
-  if (t == NONE) {
-    const unsigned node = loc.near_node(P);
-    if (node == NONE || node >= loc.ancestors->size) return false;
-    t = (*loc.ancestors)[node];
-    if (t == NONE) return false;
-  }
+  if (!start_tet(loc, P, t)) return false;
   if (loc.nodes && loc.tets && loc.neighbors &&
       walk_tables(loc.nodes->data, *loc.tets, *loc.neighbors, P, t, tol, bits, w) == 1)
     return true;
@@ -615,13 +621,7 @@ bool locate_tet(node_locator& loc, const double* P, unsigned& t, double tol, bit
 
 bool locate_tet(node_locator& loc, const double* P, unsigned& t, double tol, bit_source& bits,
                 double* w, walk_memo& memo) noexcept {
-  if (!loc.ancestors) return false;
-  if (t == NONE) {
-    const unsigned node = loc.near_node(P);
-    if (node == NONE || node >= loc.ancestors->size) return false;
-    t = (*loc.ancestors)[node];
-    if (t == NONE) return false;
-  }
+  if (!start_tet(loc, P, t)) return false;
   if (!loc.nodes || !loc.tets || !loc.neighbors) {
     t = NONE;
     return false;

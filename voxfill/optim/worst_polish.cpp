@@ -24,6 +24,15 @@ namespace {
 
 using namespace geometry_detail;
 
+// Row j to the front, with its entries of `best`, and of `ball` when the rows are a ball's.
+void row_to_front(polish_scratch& s, unsigned j) noexcept {
+  unsigned* front = s.rows.col(0);
+  unsigned* r = s.rows.col(j);
+  for (unsigned i = 0; i < 4; ++i) std::swap(front[i], r[i]);
+  std::swap(s.best[0], s.best[j]);
+  if (s.rows_of_ball) std::swap(s.ball[0], s.ball[j]);
+}
+
 // Doubles per block of four rows in polish.row_lanes: x, y, z of each of the four points by
 // lanes, then per point the mask of the lanes where it is the moving node.
 constexpr unsigned BLOCK = 64;
@@ -97,11 +106,7 @@ VOXFILL_AVX double worst_at_lanes(regularizer& g, unsigned node, const double* p
       out[j] = v;
       if (!(v > floor)) {
         if (j > 0) {
-          unsigned* front = rows.col(0);
-          unsigned* r = rows.col(j);
-          for (unsigned i = 0; i < 4; ++i) std::swap(front[i], r[i]);
-          std::swap(s.best[0], s.best[j]);
-          if (s.rows_of_ball) std::swap(s.ball[0], s.ball[j]);
+          row_to_front(s, j);
           swap_row_lanes(s, j);
         }
         return 0.0;
@@ -146,11 +151,7 @@ double worst_at(regularizer& g, unsigned node, const double* p, double floor,
         q = 0.0;
         gave_up = true;
         if (j > 0) {
-          unsigned* front = rows.col(0);
-          unsigned* r = rows.col(j);
-          for (unsigned i = 0; i < 4; ++i) std::swap(front[i], r[i]);
-          std::swap(s.best[0], s.best[j]);
-          if (s.rows_of_ball) std::swap(s.ball[0], s.ball[j]);
+          row_to_front(s, j);
         }
         break;
       }

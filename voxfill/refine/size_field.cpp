@@ -231,8 +231,11 @@ bool interpolate_size(size_field& field, const double* P, unsigned& tet, double&
   return interpolate_in(field, P, tet, h, true);
 }
 
-bool field_size_at(size_field& field, const double* P, unsigned& tet, double& h) noexcept {
-  if (interpolate_in(field, P, tet, h, true)) return true;
+namespace {
+// The size at P in the field, or else in its parent; the memo, when given, serves the walk.
+[[gnu::always_inline]] inline bool size_in_fields(size_field& field, const double* P, unsigned& tet,
+                                                  double& h, walk_memo* memo) noexcept {
+  if (interpolate_in(field, P, tet, h, true, memo)) return true;
   if (field.parent_field) {
     tet = NONE;
     const bool found = field_size_at(*field.parent_field, P, tet, h);
@@ -242,18 +245,15 @@ bool field_size_at(size_field& field, const double* P, unsigned& tet, double& h)
   h = 0.0;
   return false;
 }
+}  // namespace
+
+bool field_size_at(size_field& field, const double* P, unsigned& tet, double& h) noexcept {
+  return size_in_fields(field, P, tet, h, nullptr);
+}
 
 bool field_size_at(size_field& field, const double* P, unsigned& tet, double& h,
                    walk_memo& memo) noexcept {
-  if (interpolate_in(field, P, tet, h, true, &memo)) return true;
-  if (field.parent_field) {
-    tet = NONE;
-    const bool found = field_size_at(*field.parent_field, P, tet, h);
-    tet = NONE;
-    if (found) return true;
-  }
-  h = 0.0;
-  return false;
+  return size_in_fields(field, P, tet, h, &memo);
 }
 
 void field_walk(size_field& field, const double* P, unsigned& tet) noexcept {
