@@ -99,6 +99,18 @@ VOXFILL_AVX double worst_at_lanes(regularizer& g, unsigned node, const double* p
     }
     double lanes[4];
     const int plain = points_shape_quality(x, y, z, lanes);
+    // A full block of plain lanes all over the floor (the usual case) needs no test by lane.
+    if (plain == 15 && n - j0 >= 4) {
+      const __m256d v = _mm256_loadu_pd(lanes);
+      if (!_mm256_movemask_pd(_mm256_cmp_pd(v, _mm256_set1_pd(floor), _CMP_NGT_UQ))) {
+        _mm256_storeu_pd(out.begin() + j0, v);
+        q = std::min(q, lanes[0]);
+        q = std::min(q, lanes[1]);
+        q = std::min(q, lanes[2]);
+        q = std::min(q, lanes[3]);
+        continue;
+      }
+    }
     for (unsigned l = 0; l < 4 && j0 + l < n; ++l) {
       const unsigned j = j0 + l;
       // A lane that tet_quality would retry is done by it, and only when it is reached.
