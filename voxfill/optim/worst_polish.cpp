@@ -49,6 +49,37 @@ void set_row_lane(polish_scratch& s, const mesh_store& m, unsigned j, const unsi
   }
 }
 
+#if VOXFILL_LANES_AVX
+// The blocks of four whole rows at once: each point's coordinates gathered into lanes, and its
+// mask from a compare of the four rows' nodes with `node`.
+VOXFILL_AVX void set_row_blocks(polish_scratch& s, const mesh_store& m, unsigned blocks,
+                                unsigned node) noexcept {
+  const double* xyz = m.nodes.data.col(0);
+  const std::size_t ld = m.nodes.data.ld;
+  const unsigned* rows = s.rows.col(0);
+  const std::size_t rld = s.rows.ld;
+  const __m128i key = _mm_set1_epi32(int(node));
+  for (unsigned b = 0; b < blocks; ++b) {
+    double* out = s.row_lanes.begin() + BLOCK * b;
+    const unsigned* r0 = rows + rld * (4 * b);
+    const unsigned *r1 = r0 + rld, *r2 = r1 + rld, *r3 = r2 + rld;
+    for (unsigned k = 0; k < 4; ++k) {
+      __m256d x, y, z;
+      avx_lanes::gather_points(xyz + ld * r0[k], xyz + ld * r1[k], xyz + ld * r2[k],
+                               xyz + ld * r3[k], x, y, z);
+      _mm256_storeu_pd(out + 12 * k, x);
+      _mm256_storeu_pd(out + 12 * k + 4, y);
+      _mm256_storeu_pd(out + 12 * k + 8, z);
+      const __m128i hit =
+          _mm_cmpeq_epi32(_mm_set_epi32(int(r3[k]), int(r2[k]), int(r1[k]), int(r0[k])), key);
+      _mm256_storeu_pd(out + 48 + 4 * k, _mm256_castsi256_pd(_mm256_insertf128_si256(
+                                             _mm256_castsi128_si256(_mm_unpacklo_epi32(hit, hit)),
+                                             _mm_unpackhi_epi32(hit, hit), 1)));
+    }
+  }
+}
+#endif
+
 // polish.row_lanes for the rows as they stand (the last row repeated to fill the last block).
 // Nothing when the lanes don't run; false when memory ran out.
 bool set_row_lanes(regularizer& g, unsigned node) noexcept {
@@ -56,7 +87,10 @@ bool set_row_lanes(regularizer& g, unsigned node) noexcept {
   const unsigned n = s.rows.cols;
   if (!lanes_avx() || !n) return true;
   if (!s.row_lanes.resize(BLOCK * ((n + 3) / 4))) return false;
-  for (unsigned j = 0; j < (n + 3) / 4 * 4; ++j)
+#if VOXFILL_LANES_AVX
+  set_row_blocks(s, g.engine, n / 4, node);
+#endif
+  for (unsigned j = n / 4 * 4; j < (n + 3) / 4 * 4; ++j)
     set_row_lane(s, g.engine, j, s.rows.col(j < n ? j : n - 1), node);
   return true;
 }
