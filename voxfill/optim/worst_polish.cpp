@@ -2,6 +2,7 @@
 #include "voxfill/optim/worst_polish.h"
 
 #include <algorithm>
+#include <array>
 #include <bit>
 #include <cfloat>
 #include <cmath>
@@ -411,6 +412,16 @@ void sort_short(unsigned* v, unsigned n) noexcept {
   }
 }
 
+// Bit e set when both nodes of local edge e are in the node mask `hard` (bit i for node i).
+constexpr auto hard_pair_edges = [] {
+  std::array<unsigned char, 16> edges{};
+  for (unsigned hard = 0; hard < 16; ++hard)
+    for (unsigned e = 0; e < 6; ++e)
+      if ((hard >> tet_edge_nodes[e][0]) & (hard >> tet_edge_nodes[e][1]) & 1u)
+        edges[hard] |= static_cast<unsigned char>(1u << e);
+  return edges;
+}();
+
 // The star of a new node over the outer faces of `region` into polish.rows. False when a node of
 // the region is on none of those faces (it would be lost) or memory ran out.
 bool star_rows(regularizer& g, const dense1D<unsigned>& region, unsigned node) noexcept {
@@ -463,10 +474,9 @@ bool star_rows(regularizer& g, const dense1D<unsigned>& region, unsigned node) n
     const unsigned* r = tets + tld * reg[k];
     unsigned hard = 0;
     for (unsigned i = 0; i < 4; ++i) hard |= unsigned(m.hard_set.has_node(r[i])) << i;
-    if (hard == 0 || (hard & (hard - 1)) == 0) continue;
-    for (unsigned e = 0; e < 6; ++e) {
+    for (unsigned edges = hard_pair_edges[hard]; edges; edges &= edges - 1) {
+      const unsigned e = unsigned(std::countr_zero(edges));
       const unsigned i = tet_edge_nodes[e][0], j = tet_edge_nodes[e][1];
-      if (!((hard >> i) & (hard >> j) & 1u)) continue;
       const unsigned a = r[i], b = r[j];
       if (!m.hard_set.has_edge(a, b)) continue;
       bool outer = (s.outer_faces[k] & ~((1u << i) | (1u << j))) != 0;
@@ -483,11 +493,17 @@ bool star_rows(regularizer& g, const dense1D<unsigned>& region, unsigned node) n
   unsigned* nodes = s.region_nodes.data();
   unsigned* lost = s.lost.data();
   unsigned nn = 0, nl = 0;
-  for (unsigned c = 0; c < 4 * count; ++c) {
-    const unsigned v = rows[c];
-    if (v == node || mk[v] == mv) continue;
-    mk[v] = mv;
-    nodes[nn++] = v;
+  // Node i of a tet is on one of its outer faces when a face other than face i is outer: the
+  // rows' nodes, met a tet at a time (the list is sorted below).
+  for (unsigned k = 0; k < n; ++k) {
+    const unsigned* r = tets + tld * reg[k];
+    const unsigned outer = s.outer_faces[k];
+    for (unsigned i = 0; i < 4; ++i) {
+      const unsigned v = r[i];
+      if (!(outer & ~(1u << i)) || mk[v] == mv) continue;
+      mk[v] = mv;
+      nodes[nn++] = v;
+    }
   }
   for (unsigned k = 0; k < n; ++k) {
     const unsigned* r = tets + tld * reg[k];
