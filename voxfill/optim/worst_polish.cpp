@@ -39,7 +39,8 @@ void row_to_front(polish_scratch& s, unsigned j) noexcept {
 }
 
 // Doubles per block of four rows in polish.row_lanes: x, y, z of each of the four points by
-// lanes, then per point the mask of the lanes where it is the moving node.
+// lanes, then per point the mask of the lanes where it is the moving node. The moving node's
+// lanes hold 0.0 (no bit set), so that a place goes in by an or of its masked coordinates.
 constexpr unsigned BLOCK = 64;
 
 // Row j's points (its node `node` included, which the masks replace) into lane j % 4 of its block.
@@ -49,7 +50,7 @@ void set_row_lane(polish_scratch& s, const mesh_store& m, unsigned j, const unsi
   const double ones = std::bit_cast<double>(~std::uint64_t(0));
   for (unsigned k = 0; k < 4; ++k) {
     const double* y = m.nodes.row(r[k]);
-    for (unsigned c = 0; c < 3; ++c) b[12 * k + 4 * c] = y[c];
+    for (unsigned c = 0; c < 3; ++c) b[12 * k + 4 * c] = r[k] == node ? 0.0 : y[c];
     b[48 + 4 * k] = r[k] == node ? ones : 0.0;
   }
 }
@@ -72,14 +73,14 @@ VOXFILL_AVX void set_row_blocks(polish_scratch& s, const mesh_store& m, unsigned
       __m256d x, y, z;
       avx_lanes::gather_points(xyz + ld * r0[k], xyz + ld * r1[k], xyz + ld * r2[k],
                                xyz + ld * r3[k], x, y, z);
-      _mm256_storeu_pd(out + 12 * k, x);
-      _mm256_storeu_pd(out + 12 * k + 4, y);
-      _mm256_storeu_pd(out + 12 * k + 8, z);
       const __m128i hit =
           _mm_cmpeq_epi32(_mm_set_epi32(int(r3[k]), int(r2[k]), int(r1[k]), int(r0[k])), key);
-      _mm256_storeu_pd(out + 48 + 4 * k, _mm256_castsi256_pd(_mm256_insertf128_si256(
-                                             _mm256_castsi128_si256(_mm_unpacklo_epi32(hit, hit)),
-                                             _mm_unpackhi_epi32(hit, hit), 1)));
+      const __m256d mask = _mm256_castsi256_pd(_mm256_insertf128_si256(
+          _mm256_castsi128_si256(_mm_unpacklo_epi32(hit, hit)), _mm_unpackhi_epi32(hit, hit), 1));
+      _mm256_storeu_pd(out + 12 * k, _mm256_andnot_pd(mask, x));
+      _mm256_storeu_pd(out + 12 * k + 4, _mm256_andnot_pd(mask, y));
+      _mm256_storeu_pd(out + 12 * k + 8, _mm256_andnot_pd(mask, z));
+      _mm256_storeu_pd(out + 48 + 4 * k, mask);
     }
   }
 }
@@ -132,9 +133,9 @@ VOXFILL_AVX double worst_at_lanes(regularizer& g, unsigned node, const double* p
     __m256d x[4], y[4], z[4];
     for (unsigned k = 0; k < 4; ++k) {
       const __m256d mask = _mm256_loadu_pd(b + 48 + 4 * k);
-      x[k] = _mm256_blendv_pd(_mm256_loadu_pd(b + 12 * k), px, mask);
-      y[k] = _mm256_blendv_pd(_mm256_loadu_pd(b + 12 * k + 4), py, mask);
-      z[k] = _mm256_blendv_pd(_mm256_loadu_pd(b + 12 * k + 8), pz, mask);
+      x[k] = _mm256_or_pd(_mm256_loadu_pd(b + 12 * k), _mm256_and_pd(mask, px));
+      y[k] = _mm256_or_pd(_mm256_loadu_pd(b + 12 * k + 4), _mm256_and_pd(mask, py));
+      z[k] = _mm256_or_pd(_mm256_loadu_pd(b + 12 * k + 8), _mm256_and_pd(mask, pz));
     }
     double lanes[4];
     const int plain = points_shape_quality(x, y, z, lanes);
