@@ -219,14 +219,31 @@ double worst_at(regularizer& g, unsigned node, const double* p, double floor,
 VOXFILL_AVX void front_quad(const mesh_store& m, const unsigned* r, unsigned node,
                             const double* const p[4], double q[4]) noexcept {
   using namespace avx_lanes;
+  // Every point broadcast from its row (the node's own too, read for nothing), then the places
+  // put in at the node's point: the row's points stay in registers.
+  const double* xyz = m.nodes.data.col(0);
+  const std::size_t ld = m.nodes.data.ld;
   __m256d x[4], y[4], z[4];
   for (unsigned k = 0; k < 4; ++k) {
-    if (r[k] == node) {
-      gather_points(p[0], p[1], p[2], p[3], x[k], y[k], z[k]);
-    } else {
-      const double* w = m.nodes.row(r[k]);
-      x[k] = _mm256_set1_pd(w[0]), y[k] = _mm256_set1_pd(w[1]), z[k] = _mm256_set1_pd(w[2]);
-    }
+    const double* w = xyz + ld * r[k];
+    x[k] = _mm256_broadcast_sd(w), y[k] = _mm256_broadcast_sd(w + 1);
+    z[k] = _mm256_broadcast_sd(w + 2);
+  }
+  switch (local_index(r, node)) {
+    case 0:
+      gather_points(p[0], p[1], p[2], p[3], x[0], y[0], z[0]);
+      break;
+    case 1:
+      gather_points(p[0], p[1], p[2], p[3], x[1], y[1], z[1]);
+      break;
+    case 2:
+      gather_points(p[0], p[1], p[2], p[3], x[2], y[2], z[2]);
+      break;
+    case 3:
+      gather_points(p[0], p[1], p[2], p[3], x[3], y[3], z[3]);
+      break;
+    default:
+      break;
   }
   const int plain = points_shape_quality(x, y, z, q);
   for (unsigned l = 0, redo = ~plain & 15; redo; ++l, redo >>= 1)
