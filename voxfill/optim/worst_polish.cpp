@@ -258,25 +258,27 @@ VOXFILL_AVX void front_quad(const mesh_store& m, const unsigned* r, unsigned nod
 struct front_lookahead {
   const double* places;  // xyz triples
   unsigned count;
-  unsigned base = NONE;  // v[i] is of place base + i, for i below span
+  unsigned base = 0;  // v[i] is of place base + i, for i below span (0: nothing known)
   unsigned span = 0;
   double v[4] = {};
+  bool lanes = lanes_avx();
 };
 
 // The first place from `from` on whose front row is over `floor`; f.count when there is none.
-// A trial that fails moves another row to the front: f.base must then be reset to NONE.
+// A trial that fails moves another row to the front: f.span must then be reset to 0.
 unsigned next_trial(regularizer& g, unsigned node, front_lookahead& f, unsigned from,
                     double floor) noexcept {
   const mesh_store& m = g.engine;
   const unsigned* r = g.polish.rows.col(0);
   for (unsigned i = from; i < f.count; ++i) {
-    if (f.base == NONE || i < f.base || i >= f.base + f.span) {
+    if (i - f.base >= f.span) {  // below base too, by the wrap
       f.base = i;
 #if VOXFILL_LANES_AVX
-      if (lanes_avx()) {
-        const double* p[4];
+      if (f.lanes) {
         f.span = std::min(f.count - i, 4u);
-        for (unsigned l = 0; l < 4; ++l) p[l] = f.places + 3 * (i + std::min(l, f.span - 1));
+        const double* at = f.places + 3 * i;
+        const unsigned last = 3 * (f.span - 1);
+        const double* p[4] = {at, at + std::min(3u, last), at + std::min(6u, last), at + last};
         front_quad(m, r, node, p, f.v);
       } else
 #endif
@@ -379,7 +381,7 @@ void ascend(regularizer& g, unsigned node, double scale, double& best, double* b
     for (unsigned k = next_trial(g, node, f, 0, best); k < 10 && !gained;
          k = next_trial(g, node, f, k + 1, best)) {
       gained = try_place(g, node, trials[k], best, best_at);
-      if (!gained) f.base = NONE;
+      if (!gained) f.span = 0;
     }
     if (!gained) break;
   }
@@ -586,7 +588,7 @@ bool best_star(regularizer& g, const dense1D<unsigned>& region, unsigned node, d
     if (try_place(g, node, s.places.begin() + 3 * k, best, best_at))
       any = true;
     else
-      f.base = NONE;
+      f.span = 0;
   }
   if (!any) return false;
   double* x = m.nodes.row(node);
@@ -648,7 +650,7 @@ bool polish_node(regularizer& g, unsigned node) noexcept {
     for (unsigned k = next_trial(g, node, f, 0, best); k < 8;
          k = next_trial(g, node, f, k + 1, best)) {
       if (try_place(g, node, trials[k], best, best_at)) break;  // the longest step that wins
-      f.base = NONE;
+      f.span = 0;
     }
   }
   ascend(g, node, mean_edge_at(m, s.rows, node), best, best_at);
