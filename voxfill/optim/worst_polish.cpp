@@ -304,6 +304,20 @@ bool try_place(regularizer& g, unsigned node, const double* at, double& best,
   return true;
 }
 
+#if VOXFILL_LANES_AVX
+// Bit k set when q[k] is not above `bar` (NaN included), for k < n <= 32.
+unsigned not_above_bits(const double* q, unsigned n, double bar) noexcept {
+  unsigned bits = 0, k = 0;
+#if defined(__SSE2__)
+  const __m128d B = _mm_set1_pd(bar);
+  for (; k + 1 < n; k += 2)
+    bits |= unsigned(_mm_movemask_pd(_mm_cmpngt_pd(_mm_loadu_pd(q + k), B))) << k;
+#endif
+  for (; k < n; ++k) bits |= unsigned(!(q[k] > bar)) << k;
+  return bits;
+}
+#endif
+
 // From best_at, steps up the sum of the unit gradients of the tets within 2 % of the worst one
 // (by differences), halving each step until it wins. `polish.best` holds the qualities at
 // best_at; `scale` is the ball's mean edge.
@@ -346,15 +360,20 @@ void ascend(regularizer& g, unsigned node, double scale, double& best, double* b
     if (lanes_avx()) {
       // A row's three moves in the lanes of one call, the moved places put in by broadcast.
       const double* places[4] = {moved[0], moved[1], moved[2], moved[2]};
-      for (unsigned j = 0; j < s.rows.cols; ++j) {
-        if (s.best[j] > 1.02 * best) continue;
-        double v[4];
-        front_quad(m, s.rows.col(j), node, places, v);
-        for (unsigned c = 0; c < 3; ++c) grad[c] = (v[c] - s.best[j]) / h;
-        const double len = std::sqrt(dot3(grad, grad));
-        if (len > 0.0)
-          for (unsigned k = 0; k < 3; ++k) dir[k] += grad[k] / len;
-      }
+      const double bar = 1.02 * best;
+      const unsigned n = s.rows.cols;
+      // The rows within 2 % found by a compare of two at a time, a word of bits per 32 rows.
+      for (unsigned j0 = 0; j0 < n; j0 += 32)
+        for (unsigned bits = not_above_bits(s.best.begin() + j0, std::min(n - j0, 32u), bar); bits;
+             bits &= bits - 1) {
+          const unsigned j = j0 + unsigned(std::countr_zero(bits));
+          double v[4];
+          front_quad(m, s.rows.col(j), node, places, v);
+          for (unsigned c = 0; c < 3; ++c) grad[c] = (v[c] - s.best[j]) / h;
+          const double len = std::sqrt(dot3(grad, grad));
+          if (len > 0.0)
+            for (unsigned k = 0; k < 3; ++k) dir[k] += grad[k] / len;
+        }
     } else
 #endif
     {
