@@ -43,7 +43,7 @@ void row_to_front(polish_scratch& s, unsigned j) noexcept {
 // lanes hold 0.0 (no bit set), so that a place goes in by an or of its masked coordinates.
 constexpr unsigned BLOCK = 64;
 
-// Row j's points (its node `node` included, which the masks replace) into lane j % 4 of its block.
+// Row j's points into lane j % 4 of its block, 0.0 where the row has `node` (the masks' lanes).
 void set_row_lane(polish_scratch& s, const mesh_store& m, unsigned j, const unsigned* r,
                   unsigned node) noexcept {
   double* b = s.row_lanes.begin() + BLOCK * (j / 4) + j % 4;
