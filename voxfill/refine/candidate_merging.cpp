@@ -2,6 +2,7 @@
 #include "voxfill/refine/candidate_merging.h"
 
 #include <algorithm>
+#include <bit>
 #include <cfloat>
 #include <cmath>
 #include <new>
@@ -89,13 +90,37 @@ VOXFILL_AVX int group_terms_avx(const member_table& M, unsigned q, const double*
   _mm256_storeu_pd(t, _mm256_div_pd(R2, _mm256_add_pd(_mm256_mul_pd(d, d), R2)));
   return logs;
 }
+
+// direct_score's sum over members 0 to k, all terms by the lanes (those that need the logarithm
+// again by `term_of`), 0.0 as soon as a block holds a term not above 0.5.
+template <class Term>
+VOXFILL_AVX double direct_score_avx(const member_table& M, double r2, unsigned k, const double* G,
+                                    double hG, const Term& term_of) noexcept {
+  double score = 0.0;
+  for (unsigned q = 0; q <= k; q += 4) {
+    const unsigned used = k + 1 - q < 4 ? k + 1 - q : 4;
+    const int lanes = (1 << used) - 1;
+    alignas(32) double t[4];
+    int logs = group_terms_avx(M, q, G, hG, r2, t) & lanes;
+    for (; logs != 0; logs &= logs - 1) {
+      const unsigned l = unsigned(std::countr_zero(unsigned(logs)));
+      t[l] = term_of(q + l);
+    }
+    const __m256d above = _mm256_cmp_pd(_mm256_load_pd(t), _mm256_set1_pd(0.5), _CMP_GT_OQ);
+    // A member at `radius` or beyond is not served by G: the group is no group.
+    if ((_mm256_movemask_pd(above) & lanes) != lanes) return 0.0;
+    for (unsigned l = 0; l < used; ++l) score += t[l];
+  }
+  return score;
+}
 #endif
 
 // The score of direct_score's group of members 0 to k when it is above `best`, else some value
 // not above it: the caller stops at the first group that does not beat the last. The newest
-// member, the farthest from i, is judged first since it is the likeliest to lie out of reach;
-// the terms are summed in the members' order all the same, four of them worked out at a time
-// where the lanes allow.
+// member, the farthest from i, is judged first since it is the likeliest to lie out of reach.
+// Where the lanes allow, all terms are worked out four at a time instead and judged by one mask
+// per block: groups mostly grow to their end, so the early stops would save little. The terms
+// are summed in the members' order either way.
 double direct_score(const member_table& M, double r2, unsigned k, const double* G, double hG,
                     double best) noexcept {
   auto term_of = [&](unsigned q) {
@@ -112,29 +137,15 @@ double direct_score(const member_table& M, double r2, unsigned k, const double* 
     }
     return r2 / (d * d + r2);
   };
+#if VOXFILL_LANES_AVX
+  // The columns have room for three lanes past the last member; those lanes are dropped.
+  if (lanes_avx()) return direct_score_avx(M, r2, k, G, hG, term_of);
+#endif
   const double last = term_of(k);
   // A member at `radius` or beyond is not served by G: the group is no group.
   if (!(last > 0.5)) return 0.0;
   double score = 0.0;
-  unsigned q = 0;
-#if VOXFILL_LANES_AVX
-  // The columns have room for three lanes past the last member; those lanes are dropped.
-  if (k >= 2 && lanes_avx()) {
-    for (; q + 2 <= k; q += 4) {
-      const unsigned used = k - q < 4 ? k - q : 4;
-      double t[4];
-      const int logs = group_terms_avx(M, q, G, hG, r2, t);
-      for (unsigned l = 0; l < used; ++l) {
-        const double term = logs >> l & 1 ? term_of(q + l) : t[l];
-        if (!(term > 0.5)) return 0.0;
-        score += term;
-      }
-      if (score + double(k - q - used + 1) + 1e-9 <= best) return 0.0;
-    }
-    if (q > k) q = k;
-  }
-#endif
-  for (; q < k; ++q) {
+  for (unsigned q = 0; q < k; ++q) {
     const double term = term_of(q);
     if (!(term > 0.5)) return 0.0;
     score += term;
