@@ -416,55 +416,122 @@ void grid_lay_out(const cell_grid& grid, const dense2D<double>& points,
   }
 }
 
-// near_candidates through the grid, the box and the nearness judged in one sweep: only the near
-// ones are listed, and the sort makes the order of the cells irrelevant.
-void grid_near(spacing_filter& F, unsigned i, const dense2D<double>& points,
-               const dense1D<double>& sizes, const cell_grid& grid, const double* cell_data,
-               std::vector<unsigned>& near, std::vector<double>& lengths) {
-  near.clear();
-  lengths.clear();
-  auto& items = F.near_items;
-  items.clear();
-  if (grid.dims[0] == 0) return;
+// keep_near's test of a candidate in the box (x, y, z and size at X): its item is listed when it
+// is near. Candidate i itself is listed too, to be dropped after the sort.
+[[gnu::always_inline]] inline void judge_near(const double* P, double h, double ratio,
+                                              const double* X, unsigned j,
+                                              std::vector<std::pair<double, unsigned>>& items) {
+  const double s = X[3];
+  if (s == 0.0) return;
+  const double d2 = geometry_detail::dist2<3>(P, X);
+  const double far = ratio * (h > s ? h : s);
+  if (h > 0.0 && d2 > far * far * (1.0 + 1e-9)) return;
+  const double mean = log_mean(h, s);
+  const double d = mean > 0.0 ? std::sqrt(d2) / mean : 0.0;
+  if (d <= ratio) items.emplace_back(d, j);
+}
+
+// The cells of the box around candidate i and their rows: the sweep of grid_near.
+struct grid_sweep {
+  const double* P;
+  double h;
+  double ratio;
   double lo[3], hi[3];
-  near_box(F, i, points, sizes, lo, hi);
-  const double* P = points.col(i);
-  const double h = sizes[i];
-  const double ratio = F.ratio;
   unsigned a[3], b[3];
-  for (unsigned d = 0; d < 3; ++d) {
-    a[d] = grid_cell(grid, d, lo[d]);
-    b[d] = grid_cell(grid, d, hi[d]);
-  }
+};
+
+void sweep_cells(const grid_sweep& w, const cell_grid& grid, const double* cell_data,
+                 std::vector<std::pair<double, unsigned>>& items) {
   const unsigned dx = grid.dims[0], dy = grid.dims[1];
   const unsigned* starts = grid.starts.data();
   const unsigned* cell_points = grid.points.data();
-  for (unsigned z = a[2]; z <= b[2]; ++z)
-    for (unsigned y = a[1]; y <= b[1]; ++y) {
+  for (unsigned z = w.a[2]; z <= w.b[2]; ++z)
+    for (unsigned y = w.a[1]; y <= w.b[1]; ++y) {
       const unsigned row = (z * dy + y) * dx;
-      const unsigned end = starts[row + b[0] + 1];
-      for (unsigned k = starts[row + a[0]]; k < end; ++k) {
+      const unsigned end = starts[row + w.b[0] + 1];
+      for (unsigned k = starts[row + w.a[0]]; k < end; ++k) {
         const double* X = cell_data + 4 * std::size_t(k);
-        if (!(X[0] >= lo[0] && X[0] <= hi[0] && X[1] >= lo[1] && X[1] <= hi[1] && X[2] >= lo[2] &&
-              X[2] <= hi[2]))
-          continue;
-        // From here as keep_near, candidate i itself included until the sort.
-        const double s = X[3];
-        if (s == 0.0) continue;
-        const double d2 = geometry_detail::dist2<3>(P, X);
-        const double far = ratio * (h > s ? h : s);
-        if (h > 0.0 && d2 > far * far * (1.0 + 1e-9)) continue;
-        const double mean = log_mean(h, s);
-        const double d = mean > 0.0 ? std::sqrt(d2) / mean : 0.0;
-        if (d <= ratio) items.emplace_back(d, cell_points[k]);
+        if (X[0] >= w.lo[0] && X[0] <= w.hi[0] && X[1] >= w.lo[1] && X[1] <= w.hi[1] &&
+            X[2] >= w.lo[2] && X[2] <= w.hi[2])
+          judge_near(w.P, w.h, w.ratio, X, cell_points[k], items);
       }
     }
-  std::sort(items.begin(), items.end());
-  for (const auto& [d, j] : items) {
-    if (j == i) continue;
-    near.push_back(j);
-    lengths.push_back(d);
+}
+
+#if VOXFILL_LANES_AVX
+// sweep_cells with the box test of a candidate in one compare of each side: the same answers,
+// one branch per candidate.
+VOXFILL_AVX void sweep_cells_avx(const grid_sweep& w, const cell_grid& grid,
+                                 const double* cell_data,
+                                 std::vector<std::pair<double, unsigned>>& items) {
+  const unsigned dx = grid.dims[0], dy = grid.dims[1];
+  const unsigned* starts = grid.starts.data();
+  const unsigned* cell_points = grid.points.data();
+  // The fourth lane holds the size: its answer is dropped.
+  const __m256d lo = _mm256_setr_pd(w.lo[0], w.lo[1], w.lo[2], 0.0);
+  const __m256d hi = _mm256_setr_pd(w.hi[0], w.hi[1], w.hi[2], 0.0);
+  for (unsigned z = w.a[2]; z <= w.b[2]; ++z)
+    for (unsigned y = w.a[1]; y <= w.b[1]; ++y) {
+      const unsigned row = (z * dy + y) * dx;
+      const unsigned end = starts[row + w.b[0] + 1];
+      for (unsigned k = starts[row + w.a[0]]; k < end; ++k) {
+        const double* X = cell_data + 4 * std::size_t(k);
+        const __m256d x = _mm256_loadu_pd(X);
+        const __m256d in =
+            _mm256_and_pd(_mm256_cmp_pd(x, lo, _CMP_GE_OQ), _mm256_cmp_pd(x, hi, _CMP_LE_OQ));
+        if ((_mm256_movemask_pd(in) & 7) == 7)
+          judge_near(w.P, w.h, w.ratio, X, cell_points[k], items);
+      }
+    }
+}
+#endif
+
+// The items sorted as std::sort would: they are few, and the insertions cost less than its set-up.
+void sort_items(std::vector<std::pair<double, unsigned>>& items) {
+  const std::size_t n = items.size();
+  if (n > 32) {
+    std::sort(items.begin(), items.end());
+    return;
   }
+  std::pair<double, unsigned>* a = items.data();
+  for (std::size_t x = 1; x < n; ++x) {
+    const std::pair<double, unsigned> v = a[x];
+    std::size_t y = x;
+    for (; y > 0 && v < a[y - 1]; --y) a[y] = a[y - 1];
+    a[y] = v;
+  }
+}
+
+// near_candidates through the grid, the box and the nearness judged in one sweep: only the near
+// ones are listed, and the sort makes the order of the cells irrelevant. The merging reads no
+// lengths: only the candidates are listed.
+void grid_near(spacing_filter& F, unsigned i, const dense2D<double>& points,
+               const dense1D<double>& sizes, const cell_grid& grid, const double* cell_data,
+               std::vector<unsigned>& near) {
+  near.clear();
+  auto& items = F.near_items;
+  items.clear();
+  if (grid.dims[0] == 0) return;
+  grid_sweep w;
+  near_box(F, i, points, sizes, w.lo, w.hi);
+  w.P = points.col(i);
+  w.h = sizes[i];
+  w.ratio = F.ratio;
+  for (unsigned d = 0; d < 3; ++d) {
+    w.a[d] = grid_cell(grid, d, w.lo[d]);
+    w.b[d] = grid_cell(grid, d, w.hi[d]);
+  }
+#if VOXFILL_LANES_AVX
+  if (lanes_avx())
+    sweep_cells_avx(w, grid, cell_data, items);
+  else
+    sweep_cells(w, grid, cell_data, items);
+#else
+  sweep_cells(w, grid, cell_data, items);
+#endif
+  sort_items(items);
+  for (const auto& item : items)
+    if (item.second != i) near.push_back(item.second);
 }
 
 }  // namespace
@@ -542,7 +609,7 @@ void merge_candidates(th4_engine& e, refine_context& c, dense2D<double>& points,
     for (unsigned i = 0; i < n; ++i) {
       if (s.removed[i]) continue;
       if (gridded) {
-        grid_near(F, i, points, sizes, s.grid, s.cell_data.data(), s.near, s.lengths);
+        grid_near(F, i, points, sizes, s.grid, s.cell_data.data(), s.near);
       } else {
         near_candidates(F, i, points, sizes, s.tree, s.near, s.lengths);
       }
