@@ -64,9 +64,11 @@ struct member_table {
 #if VOXFILL_LANES_AVX
 // The terms r2 / (d^2 + r2) of direct_score for members q to q + 3 in lanes, as the scalar code
 // rounds them: log_mean by its series, the distance by dist2, nothing fused. Bit l of the result
-// is set where log_mean would take its logarithm: that lane is to be done again.
+// is set where log_mean would take its logarithm: that lane is to be done again, from the squared
+// distance, the smaller size and the ratio r of log_mean stored in d2s, los and rs.
 VOXFILL_AVX int group_terms_avx(const member_table& M, unsigned q, const double* G, double hG,
-                                double r2, double* t) noexcept {
+                                double r2, double* t, double* d2s, double* los,
+                                double* rs) noexcept {
   const __m256d dx = _mm256_sub_pd(_mm256_set1_pd(G[0]), _mm256_loadu_pd(M.x + q));
   const __m256d dy = _mm256_sub_pd(_mm256_set1_pd(G[1]), _mm256_loadu_pd(M.y + q));
   const __m256d dz = _mm256_sub_pd(_mm256_set1_pd(G[2]), _mm256_loadu_pd(M.z + q));
@@ -77,6 +79,9 @@ VOXFILL_AVX int group_terms_avx(const member_table& M, unsigned q, const double*
   const __m256d lo = _mm256_min_pd(H, S), hi = _mm256_max_pd(S, H);
   const __m256d r = _mm256_div_pd(_mm256_sub_pd(hi, lo), lo);
   const int logs = _mm256_movemask_pd(_mm256_cmp_pd(r, _mm256_set1_pd(0.1), _CMP_GE_OQ));
+  _mm256_store_pd(d2s, d2);
+  _mm256_store_pd(los, lo);
+  _mm256_store_pd(rs, r);
   const __m256d one = _mm256_set1_pd(1.0), third = _mm256_set1_pd(1.0 / 3);
   const __m256d u = _mm256_div_pd(r, _mm256_set1_pd(2.0));
   __m256d p = _mm256_sub_pd(third, _mm256_mul_pd(_mm256_set1_pd(0.42222222222222217), u));
@@ -91,20 +96,23 @@ VOXFILL_AVX int group_terms_avx(const member_table& M, unsigned q, const double*
   return logs;
 }
 
-// direct_score's sum over members 0 to k, all terms by the lanes (those that need the logarithm
-// again by `term_of`), 0.0 as soon as a block holds a term not above 0.5.
-template <class Term>
+// direct_score's sum over members 0 to k, all terms by the lanes (the logarithms of log_mean
+// where it takes them, from the lanes' own distances and ratios), 0.0 as soon as a block holds a
+// term not above 0.5.
 VOXFILL_AVX double direct_score_avx(const member_table& M, double r2, unsigned k, const double* G,
-                                    double hG, const Term& term_of) noexcept {
+                                    double hG) noexcept {
   double score = 0.0;
   for (unsigned q = 0; q <= k; q += 4) {
     const unsigned used = k + 1 - q < 4 ? k + 1 - q : 4;
     const int lanes = (1 << used) - 1;
-    alignas(32) double t[4];
-    int logs = group_terms_avx(M, q, G, hG, r2, t) & lanes;
+    alignas(32) double t[4], d2s[4], los[4], rs[4];
+    int logs = group_terms_avx(M, q, G, hG, r2, t, d2s, los, rs) & lanes;
     for (; logs != 0; logs &= logs - 1) {
       const unsigned l = unsigned(std::countr_zero(unsigned(logs)));
-      t[l] = term_of(q + l);
+      // As log_mean and direct_score's term round them.
+      const double mean = los[l] * rs[l] / std::log(1.0 + rs[l]);
+      const double d = mean > 0.0 ? std::sqrt(d2s[l]) / mean : 0.0;
+      t[l] = r2 / (d * d + r2);
     }
     const __m256d above = _mm256_cmp_pd(_mm256_load_pd(t), _mm256_set1_pd(0.5), _CMP_GT_OQ);
     // A member at `radius` or beyond is not served by G: the group is no group.
@@ -139,7 +147,7 @@ double direct_score(const member_table& M, double r2, unsigned k, const double* 
   };
 #if VOXFILL_LANES_AVX
   // The columns have room for three lanes past the last member; those lanes are dropped.
-  if (lanes_avx()) return direct_score_avx(M, r2, k, G, hG, term_of);
+  if (lanes_avx()) return direct_score_avx(M, r2, k, G, hG);
 #endif
   const double last = term_of(k);
   // A member at `radius` or beyond is not served by G: the group is no group.
