@@ -325,19 +325,26 @@ bool grid_build(cell_grid& grid, const dense2D<double>& points, unsigned n, doub
   grid.starts.assign(total + 1, 0);
   grid.cells.resize(n);
   grid.points.resize(n);
+  unsigned* starts = grid.starts.data();
+  unsigned* cells = grid.cells.data();
+  unsigned* order = grid.points.data();
   for (unsigned p = 0; p < n; ++p) {
     const double* Y = points.col(p);
     const unsigned c =
         (grid_cell(grid, 2, Y[2]) * grid.dims[1] + grid_cell(grid, 1, Y[1])) * grid.dims[0] +
         grid_cell(grid, 0, Y[0]);
-    grid.cells[p] = c;
-    ++grid.starts[c + 1];
+    cells[p] = c;
+    ++starts[c];
   }
-  for (unsigned c = 0; c < total; ++c) grid.starts[c + 1] += grid.starts[c];
-  for (unsigned p = 0; p < n; ++p) grid.points[grid.starts[grid.cells[p]]++] = p;
-  // The fill moved each start to the next cell's: back by one cell.
-  for (unsigned c = total; c > 0; --c) grid.starts[c] = grid.starts[c - 1];
-  grid.starts[0] = 0;
+  // Each count becomes the end of its cell; the fill from the last point back moves it to the
+  // cell's start and leaves the points of a cell ascending.
+  unsigned end = 0;
+  for (unsigned c = 0; c < total; ++c) {
+    end += starts[c];
+    starts[c] = end;
+  }
+  for (unsigned p = n; p-- > 0;) order[--starts[cells[p]]] = p;
+  starts[total] = n;
   return true;
 }
 
