@@ -170,10 +170,12 @@ namespace {
 
 // group_score with the sum of the members' coordinates given, and an answer that only has to be
 // right when it is above `best` (see direct_score).
-double score_above(size_field& field, const dense2D<double>& points, const dense1D<double>& sizes,
-                   double r2, unsigned i, const std::vector<unsigned>& near, unsigned k,
-                   const member_table& M, const double* sum, double best, unsigned& tet, double* G,
-                   double& hG, walk_memo& memo) noexcept {
+[[gnu::always_inline]] inline double score_above(size_field& field, const dense2D<double>& points,
+                                                 const dense1D<double>& sizes, double r2,
+                                                 unsigned i, const std::vector<unsigned>& near,
+                                                 unsigned k, const member_table& M,
+                                                 const double* sum, double best, unsigned& tet,
+                                                 double* G, double& hG, walk_memo& memo) noexcept {
   const double members = double(k + 1);
   for (unsigned d = 0; d < 3; ++d) G[d] = sum[d] / members;
   hG = 0.0;
