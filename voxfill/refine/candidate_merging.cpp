@@ -130,7 +130,7 @@ VOXFILL_AVX double direct_score_avx(const member_table& M, double r2, unsigned k
 // per block: groups mostly grow to their end, so the early stops would save little. The terms
 // are summed in the members' order either way.
 double direct_score(const member_table& M, double r2, unsigned k, const double* G, double hG,
-                    double best) noexcept {
+                    double best, [[maybe_unused]] bool lanes) noexcept {
   auto term_of = [&](unsigned q) {
     const double h = log_mean(hG, M.s[q]);
     double d = 0.0;
@@ -147,7 +147,7 @@ double direct_score(const member_table& M, double r2, unsigned k, const double* 
   };
 #if VOXFILL_LANES_AVX
   // The columns have room for three lanes past the last member; those lanes are dropped.
-  if (lanes_avx()) return direct_score_avx(M, r2, k, G, hG);
+  if (lanes) return direct_score_avx(M, r2, k, G, hG);
 #endif
   const double last = term_of(k);
   // A member at `radius` or beyond is not served by G: the group is no group.
@@ -175,13 +175,14 @@ namespace {
                                                  unsigned i, const std::vector<unsigned>& near,
                                                  unsigned k, const member_table& M,
                                                  const double* sum, double best, unsigned& tet,
-                                                 double* G, double& hG, walk_memo& memo) noexcept {
+                                                 double* G, double& hG, walk_memo& memo,
+                                                 bool lanes) noexcept {
   const double members = double(k + 1);
   for (unsigned d = 0; d < 3; ++d) G[d] = sum[d] / members;
   hG = 0.0;
   if (!field_size_at(field, G, tet, hG, memo)) return 0.0;
   const unsigned tG = tet;
-  if (field.direct_lengths) return direct_score(M, r2, k, G, hG, best);
+  if (field.direct_lengths) return direct_score(M, r2, k, G, hG, best, lanes);
   // Over the mesh itself a length comes from the end sizes alone: the members' tets would go
   // unused, and their searches cost more than the rest of the merge.
   const bool walk = walkable(field);
@@ -524,7 +525,7 @@ void sort_items(std::vector<std::pair<double, unsigned>>& items) {
 // lengths: only the candidates are listed.
 void grid_near(spacing_filter& F, unsigned i, const dense2D<double>& points,
                const dense1D<double>& sizes, const cell_grid& grid, const double* cell_data,
-               std::vector<unsigned>& near) {
+               [[maybe_unused]] bool lanes, std::vector<unsigned>& near) {
   near.clear();
   auto& items = F.near_items;
   items.clear();
@@ -539,7 +540,7 @@ void grid_near(spacing_filter& F, unsigned i, const dense2D<double>& points,
     w.b[d] = grid_cell(grid, d, w.hi[d]);
   }
 #if VOXFILL_LANES_AVX
-  if (lanes_avx())
+  if (lanes)
     sweep_cells_avx(w, grid, cell_data, items);
   else
     sweep_cells(w, grid, cell_data, items);
@@ -578,7 +579,8 @@ double group_score(size_field& field, const dense2D<double>& points, const dense
     x[q + 3 * (k + 1)] = sizes[j];
   }
   walk_memo memo;
-  return score_above(field, points, sizes, r2, i, near, k, M, sum, -DBL_MAX, tet, G, hG, memo);
+  return score_above(field, points, sizes, r2, i, near, k, M, sum, -DBL_MAX, tet, G, hG, memo,
+                     lanes_avx());
 }
 
 void merge_candidates(th4_engine& e, refine_context& c, dense2D<double>& points,
@@ -622,11 +624,12 @@ void merge_candidates(th4_engine& e, refine_context& c, dense2D<double>& points,
     const double r2 = radius * radius;
     // The mesh stays as it is through the pass: one memo serves the look-ups of all groups.
     walk_memo memo;
+    const bool lanes = lanes_avx();
     unsigned out = 0;
     for (unsigned i = 0; i < n; ++i) {
       if (s.removed[i]) continue;
       if (gridded) {
-        grid_near(F, i, points, sizes, s.grid, s.cell_data.data(), s.near);
+        grid_near(F, i, points, sizes, s.grid, s.cell_data.data(), lanes, s.near);
       } else {
         near_candidates(F, i, points, sizes, s.tree, s.near, s.lengths);
       }
@@ -658,8 +661,8 @@ void merge_candidates(th4_engine& e, refine_context& c, dense2D<double>& points,
         mx[k + 2 * (m + 1)] = X[2];
         mx[k + 3 * (m + 1)] = sizes[j];
         double G[3], hG = 0.0;
-        const double score =
-            score_above(field, points, sizes, r2, i, s.near, k, M, sum, best, tet, G, hG, memo);
+        const double score = score_above(field, points, sizes, r2, i, s.near, k, M, sum, best, tet,
+                                         G, hG, memo, lanes);
         if (!(score > best)) break;
         best = score;
         u = k;
