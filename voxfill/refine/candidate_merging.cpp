@@ -8,6 +8,9 @@
 #include <new>
 #include <numeric>
 #include <tuple>
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
 
 #include "delaunay/cpu_lanes.h"
 #include "delaunay/geometry.h"
@@ -302,6 +305,27 @@ bool grid_build(cell_grid& grid, const dense2D<double>& points, unsigned n, doub
   double zero = 0.0;
   const double* X = points.col(0);
   const std::size_t ld = points.ld;
+#if defined(__SSE2__)
+  // x and y of a point in the two lanes of one register, z alone. _mm_min_pd (x, lo) picks as
+  // std::min (lo, x) does, ties included, and _mm_max_pd (x, hi) as std::max (hi, x).
+  __m128d lo_xy = _mm_loadu_pd(lo), hi_xy = _mm_loadu_pd(hi), zero_xy = _mm_setzero_pd();
+  const __m128d nought = _mm_setzero_pd();
+  for (unsigned p = 0; p < n; ++p, X += ld) {
+    const __m128d xy = _mm_loadu_pd(X);
+    zero_xy = _mm_add_pd(zero_xy, _mm_mul_pd(xy, nought));
+    lo_xy = _mm_min_pd(xy, lo_xy);
+    hi_xy = _mm_max_pd(xy, hi_xy);
+    const double z = X[2];
+    zero += z * 0.0;
+    lo[2] = std::min(lo[2], z);
+    hi[2] = std::max(hi[2], z);
+  }
+  _mm_storeu_pd(lo, lo_xy);
+  _mm_storeu_pd(hi, hi_xy);
+  double zeros[2];
+  _mm_storeu_pd(zeros, zero_xy);
+  if (zeros[0] != 0.0 || zeros[1] != 0.0) return false;
+#else
   for (unsigned p = 0; p < n; ++p, X += ld)
     for (unsigned d = 0; d < 3; ++d) {
       const double x = X[d];
@@ -309,6 +333,7 @@ bool grid_build(cell_grid& grid, const dense2D<double>& points, unsigned n, doub
       lo[d] = std::min(lo[d], x);
       hi[d] = std::max(hi[d], x);
     }
+#endif
   if (zero != 0.0) return false;
   // Not many more cells than points: the counts and starts stay linear in n.
   const double room = 16.0 * double(n) + 64.0;
