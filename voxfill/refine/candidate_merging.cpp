@@ -272,10 +272,11 @@ unsigned grid_cell(const cell_grid& grid, unsigned axis, double x) noexcept {
   // Rounding keeps the order of the coordinates: a point in a box lies in the cells of its
   // corners or between them.
   const double t = (x - grid.origin[axis]) * grid.inverse;
-  const unsigned top = grid.dims[axis] - 1;
-  if (!(t > 0.0)) return 0;
-  if (t >= double(top)) return top;
-  return unsigned(t);
+  const double top = double(grid.dims[axis] - 1);
+  // Clamped without branches, which the coordinates would make hard to foresee: NaN and t <= 0
+  // to cell 0, t >= top to the top cell.
+  const double above = t > 0.0 ? t : 0.0;
+  return unsigned(above < top ? above : top);
 }
 
 // The candidates of `items` within F.ratio of candidate i, nearest first, into the lists.
