@@ -112,10 +112,9 @@ struct kept_cells {
 unsigned kept_cell(const cell_grid& grid, unsigned axis, double x) noexcept {
   // As the grid's own bucketing: rounding keeps the order of the coordinates.
   const double t = (x - grid.origin[axis]) * grid.inverse;
-  const unsigned top = grid.dims[axis] - 1;
-  if (!(t > 0.0)) return 0;
-  if (t >= double(top)) return top;
-  return unsigned(t);
+  const double top = double(grid.dims[axis] - 1);
+  const double above = t > 0.0 ? t : 0.0;
+  return unsigned(above < top ? above : top);
 }
 
 // near_in_octree over the kept candidates (columns of `points`, sizes in `sizes`).
