@@ -263,6 +263,16 @@ bool near_in_mesh_cells(const mesh_cells& M, const double* P, double h, double h
   // mean: with the largest size in the cells of the box, the box shrinks to that reach. The
   // margin is far above the rounding of the box and of the squared distance.
   if (h > 0.0 && h < DBL_MAX && ratio > 0.0 && M.largest < DBL_MAX) {
+    // The largest size of all bounds the reach first: the cells whose largest sizes are looked
+    // at are then those of that box, where every near node lies.
+    const double reach_all = ratio * (h > M.largest ? h : M.largest) * (1.0 + 1e-6);
+    if (reach_all < half) {
+      cube(P, reach_all, lo, hi);
+      for (unsigned d = 0; d < 3; ++d) {
+        a[d] = kept_cell(g, d, lo[d]);
+        b[d] = kept_cell(g, d, hi[d]);
+      }
+    }
     double top = h;
     const double* cell_top = M.cell_largest.data();
     for (unsigned z = a[2]; z <= b[2]; ++z)
