@@ -22,11 +22,20 @@ void strip_box_edges(mesh_store& m, unsigned first_new) {
   dense2D<unsigned> rows, edges;
   dense1D<double> qualities;
   std::vector<std::pair<double, unsigned>> far;  // (squared length, other node) at one corner
+  // A corner whose ball no reconnection touched since its edges last gave nothing would give
+  // nothing again: its sweep reads only its ball. The tets of a reconnection have the nodes of the
+  // old shell, so those nodes are the ones whose balls changed.
+  std::vector<char> changed(m.box_nodes.size, 1);
+  auto touch = [&](unsigned v) {
+    for (unsigned i = 0; i < m.box_nodes.size; ++i)
+      if (m.box_nodes[i] == v) changed[i] = 1;
+  };
   for (bool replaced = true; replaced;) {
     replaced = false;
     for (unsigned k = 0; k < m.box_nodes.size; ++k) {
       const unsigned b = m.box_nodes[k];
-      if (b >= m.ancestors.size || m.ancestors[b] == NONE) continue;
+      if (b >= m.ancestors.size || m.ancestors[b] == NONE || !changed[k]) continue;
+      changed[k] = 0;
       ball_of_node(m, b, NONE, ball);
       m.bump_marks();
       for (unsigned i = 0; i < m.box_nodes.size; ++i) m.mark(m.box_nodes[i]);
@@ -63,7 +72,12 @@ void strip_box_edges(mesh_store& m, unsigned first_new) {
             mask |= std::uint32_t(1) << pattern;
             continue;
           }
-          if (replace_tets(m, exchange, shell, rows, qualities, fresh)) replaced = true;
+          if (replace_tets(m, exchange, shell, rows, qualities, fresh)) {
+            replaced = true;
+            touch(b);
+            touch(w);
+            for (unsigned r : ring) touch(r);
+          }
           break;
         }
       }
