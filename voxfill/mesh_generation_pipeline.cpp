@@ -139,6 +139,7 @@ void th4_engine::run_mesh_generation(mesher::data_type& data, refine_context& co
   tasks->close_phase(phase_delaunay);
 
   dense1D<unsigned> steiner_list;
+  hard_face_tets face_tets;  // kept while the recovery leaves the tets as they are
   {
     unsigned alive = 0;
     for (unsigned a : ancestors) alive += a != NONE;
@@ -152,6 +153,7 @@ void th4_engine::run_mesh_generation(mesher::data_type& data, refine_context& co
     if (recoverer && !must_stop()) {
       recover_boundary(*recoverer, data.connectB, data.connectE, data.isolated_nodes, steiner_list);
       last_recovery = recoverer->counts;
+      if (recoverer->face_tets.usable) face_tets = recoverer->face_tets;
     }
   }
   tasks->close_phase(phase_recovery);
@@ -168,6 +170,7 @@ void th4_engine::run_mesh_generation(mesher::data_type& data, refine_context& co
   const bool closing =
       !settings.strict_constraints && (data.subdomains == 0 || unenforced_set.faces.size() != 0);
   if (closing) {
+    face_tets.usable = false;
     close_boundary(*this, data);
     unsigned count = flood_colors(*this);
     data.boundary_sign = 0;
@@ -175,7 +178,8 @@ void th4_engine::run_mesh_generation(mesher::data_type& data, refine_context& co
     data.subdomains = count;
   }
   set_domain_ancestors();
-  report_hard_entities(*this, data, settings.strict_constraints, *tasks);
+  report_hard_entities(*this, data, settings.strict_constraints, *tasks,
+                       face_tets.usable ? &face_tets : nullptr);
   if (closing) data.volume = domain_volume();
   if (data.volume > 0.0) data.quality_bound = quality_bound(nodes.data, data.connectB);
 

@@ -52,10 +52,10 @@ struct recovery_state {
 
 void collect(boundary_recoverer& r, const dense2D<unsigned>& connectB,
              const dense2D<unsigned>& connectE, const dense1D<unsigned>& isolated,
-             recovery_state& s) {
+             recovery_state& s, hard_face_tets* face_tets = nullptr) {
   std::vector<std::array<unsigned, 3>> faces;
   std::vector<std::array<unsigned, 2>> edges;
-  collect_missing(r.store, connectB, connectE, isolated, true, faces, edges, s.nodes);
+  collect_missing(r.store, connectB, connectE, isolated, true, faces, edges, s.nodes, face_tets);
   s.faces.clear();
   s.edges.clear();
   for (const auto& f : faces) s.faces.push_back(face_key{{f[0], f[1], f[2]}});
@@ -346,8 +346,9 @@ void recover_boundary(boundary_recoverer& r, const dense2D<unsigned>& connectB,
   m.unenforced_set.node_bits.clear();
   m.unenforced_set.node_count = 0;
   recovery_state s;
-  collect(r, connectB, connectE, isolated_nodes, s);
+  collect(r, connectB, connectE, isolated_nodes, s, &r.face_tets);
   if (s.faces.empty() && s.edges.empty() && !s.nodes.size) return;
+  r.face_tets.usable = false;  // the tets change from here on
 
   Ptr<task_type> progress = r.task->section(1.0, unsigned(s.faces.size() + s.edges.size()));
   Ptr<task_type> moves = r.task->section(0.0, 0);

@@ -13,6 +13,7 @@
 #include "delaunay/key_set.h"
 #include "delaunay/keys.h"
 #include "delaunay/random_source.h"
+#include "voxfill/boundary/hard_entities.h"
 #include "voxfill/boundary/recovery_counts.h"
 #include "voxfill/boundary/steiner_nodes.h"
 #include "voxfill/task_mgr.h"
@@ -33,6 +34,9 @@ struct boundary_recoverer {
   random_source_type shuffle_source{1u};
   std::unique_ptr<regularizer> optimiser;  // the clean-up's moves; made by recover_boundary
   recovery_counts counts;
+  // The tets on the hard faces when the mesh held every entity from the start, so that nothing
+  // was changed; not usable otherwise.
+  hard_face_tets face_tets;
   unsigned steps_used = 0;  // recovery_step bits of the entity under work
 
   // The search of crossing edges.

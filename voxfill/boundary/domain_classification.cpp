@@ -173,7 +173,7 @@ void propagate_unenforced(mesh_store& m) {
 }
 
 void report_hard_entities(mesh_store& m, mesher::data_type& data, bool strict_constraints,
-                          const task_type& task) {
+                          const task_type& task, const hard_face_tets* face_tets) {
   const int err = data.error_code;
   if (err == -101 || err == -102 || err == -199) return;
   data.missing_faces.clear();
@@ -191,7 +191,10 @@ void report_hard_entities(mesh_store& m, mesher::data_type& data, bool strict_co
   const dense2D<unsigned>& B = data.connectB;
   // Which tets hold the hard faces, in one pass instead of a walk around each face.
   dense1D<unsigned char> holders;
-  if (!B.empty() && !hard_face_holders(m, holders)) holders.clear();
+  // With the tets on the hard faces known, the colours alone give the same bytes.
+  if (!B.empty() &&
+      !(face_tets ? holders_from_tets(m, *face_tets, holders) : hard_face_holders(m, holders)))
+    holders.clear();
   if (!B.empty())
     for (unsigned i = 0; i < B.cols; ++i) {
       const unsigned a = B(0, i), b = B(1, i), c = B(2, i);

@@ -3,6 +3,7 @@
 #pragma once
 
 #include "delaunay/mesh_store.h"
+#include "voxfill/boundary/hard_entities.h"
 #include "voxfill/task_mgr.h"
 
 namespace kelvo::voxfill {
@@ -26,8 +27,9 @@ void single_domain_colors(mesh_store& m);
 void propagate_unenforced(mesh_store& m);
 
 // Fills the lists of missing and conflicting entities of `data` and raises the errors (strict)
-// or warnings of hard entities. Does nothing while -101, -102 or -199 stands.
+// or warnings of hard entities. Does nothing while -101, -102 or -199 stands. `face_tets`, when
+// given, holds the tets on the hard faces (usable, and made from the tets as they are).
 void report_hard_entities(mesh_store& m, mesher::data_type& data, bool strict_constraints,
-                          const task_type& task);
+                          const task_type& task, const hard_face_tets* face_tets = nullptr);
 
 }  // namespace kelvo::voxfill

@@ -70,12 +70,28 @@ void hard_nodes_and_box(const mesh_store& m, dense1D<unsigned>& list, double lo[
     }
 }
 
-bool hard_face_holders(const mesh_store& m, dense1D<unsigned char>& holders) noexcept {
+namespace {
+
+// The pass of hard_face_holders; with `keep`, also the tets of each face met into `tets`.
+template <bool keep>
+bool holders_pass(const mesh_store& m, dense1D<unsigned char>& holders,
+                  hard_face_tets* tets) noexcept {
   const entity_set& h = m.hard_set;
   holders.clear();
   if (!holders.resize(h.faces.keys.size, 0)) return false;
+  [[maybe_unused]] unsigned* pairs = nullptr;
+  if constexpr (keep) {
+    tets->usable = false;
+    tets->pairs.clear();
+    if (!tets->pairs.resize(2 * h.faces.keys.size, NONE)) return false;
+    pairs = tets->pairs.empty() ? nullptr : tets->pairs.begin();
+  }
+  [[maybe_unused]] bool twice = false;
   const unsigned T = m.tets.cols();
-  if (T == 0) return true;
+  if (T == 0) {
+    if constexpr (keep) tets->usable = true;
+    return true;
+  }
   // The tables through plain pointers taken once: the byte stores into `holders` would otherwise
   // make the compiler read every table's handle again for each tet.
   const unsigned ldt = m.tets.data.ld, ldn = m.neighbors.data.ld;
@@ -118,8 +134,46 @@ bool hard_face_holders(const mesh_store& m, dense1D<unsigned char>& holders) noe
       }
       const unsigned* f = tet_face_nodes[i];
       const unsigned e = h.faces.find(face_key{{n[f[0]], n[f[1]], n[f[2]]}});
-      if (e != NONE) held[e] |= inside || (twin && color_in_domain(colors[nb])) ? 3 : 1;
+      if (e == NONE) continue;
+      held[e] |= inside || (twin && color_in_domain(colors[nb])) ? 3 : 1;
+      if constexpr (keep) {
+        twice |= pairs[2 * e] != NONE;
+        pairs[2 * e] = t;
+        pairs[2 * e + 1] = nb;
+      }
     }
+  }
+  if constexpr (keep) tets->usable = !twice;
+  return true;
+}
+
+}  // namespace
+
+bool hard_face_holders(const mesh_store& m, dense1D<unsigned char>& holders) noexcept {
+  return holders_pass<false>(m, holders, nullptr);
+}
+
+bool hard_face_holders(const mesh_store& m, dense1D<unsigned char>& holders,
+                       hard_face_tets& tets) noexcept {
+  return holders_pass<true>(m, holders, &tets);
+}
+
+bool holders_from_tets(const mesh_store& m, const hard_face_tets& tets,
+                       dense1D<unsigned char>& holders) noexcept {
+  const unsigned count = tets.pairs.size / 2;
+  holders.clear();
+  if (!holders.resize(count, 0)) return false;
+  const unsigned* colors = m.colors.begin();
+  // The pass looks a face up from the higher of its two live tets, or from its only live one;
+  // either way the face is held when one of them lives, in the domain when a live one is in it.
+  for (unsigned e = 0; e < count; ++e) {
+    const unsigned t = tets.pairs[2 * e], nb = tets.pairs[2 * e + 1];
+    if (t == NONE) continue;
+    const bool live_t = colors[t] != DELETED, live_nb = nb != NONE && colors[nb] != DELETED;
+    if (!live_t && !live_nb) continue;
+    const bool inside =
+        (live_t && color_in_domain(colors[t])) || (live_nb && color_in_domain(colors[nb]));
+    holders[e] = inside ? 3 : 1;
   }
   return true;
 }
@@ -136,7 +190,7 @@ void collect_missing(mesh_store& m, const dense2D<unsigned>& connectB,
                      const dense2D<unsigned>& connectE, const dense1D<unsigned>& isolated_nodes,
                      bool with_entity_nodes, std::vector<std::array<unsigned, 3>>& absent_faces,
                      std::vector<std::array<unsigned, 2>>& absent_edges,
-                     dense1D<unsigned>& absent_nodes) {
+                     dense1D<unsigned>& absent_nodes, hard_face_tets* face_tets) {
   absent_faces.clear();
   absent_edges.clear();
   absent_nodes.clear();
@@ -144,7 +198,10 @@ void collect_missing(mesh_store& m, const dense2D<unsigned>& connectB,
   dense1D<unsigned> list;  // tets of one entity
   // The hard faces that the tets hold, in one pass: far cheaper than a walk around each face.
   dense1D<unsigned char> holders;
-  if (!connectB.empty() && !hard_face_holders(m, holders)) holders.clear();
+  if (face_tets) face_tets->usable = false;
+  if (!connectB.empty() &&
+      !(face_tets ? hard_face_holders(m, holders, *face_tets) : hard_face_holders(m, holders)))
+    holders.clear();
   if (!connectB.empty())
     for (unsigned j = 0; j < connectB.cols; ++j) {
       const unsigned a = connectB(0, j), b = connectB(1, j), c = connectB(2, j);

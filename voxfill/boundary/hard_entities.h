@@ -24,6 +24,24 @@ void hard_nodes_and_box(const mesh_store& m, dense1D<unsigned>& list, double lo[
 // the face, bit 1 when a tet of the domain does. False when memory ran out.
 bool hard_face_holders(const mesh_store& m, dense1D<unsigned char>& holders) noexcept;
 
+// The live tets on the entries of `hard_set.faces`, two per entry: the tet from which the pass of
+// hard_face_holders met the face and its neighbour through it (NONE for none); NONE, NONE for a
+// face that no live tet holds. While the tets stay as they are, only their colours changing, the
+// holder bytes follow from these pairs without a pass over the mesh.
+struct hard_face_tets {
+  dense1D<unsigned> pairs;
+  bool usable = false;  // false when memory ran out or a face was met twice
+};
+
+// hard_face_holders that also fills `tets`.
+bool hard_face_holders(const mesh_store& m, dense1D<unsigned char>& holders,
+                       hard_face_tets& tets) noexcept;
+
+// The bytes of hard_face_holders from `tets` (usable, and made from the tets as they are) and the
+// colours as they are now. False when memory ran out.
+bool holders_from_tets(const mesh_store& m, const hard_face_tets& tets,
+                       dense1D<unsigned char>& holders) noexcept;
+
 // The entry of the hard face (a, b, c) in `holders`, NONE when the face must be looked up in the
 // mesh itself: repeated or unknown nodes, or no such hard face.
 unsigned holder_entry(const mesh_store& m, const dense1D<unsigned char>& holders, unsigned a,
@@ -31,10 +49,11 @@ unsigned holder_entry(const mesh_store& m, const dense1D<unsigned char>& holders
 
 // Lists the faces, edges and nodes of the input that the mesh lacks (each node once, first
 // occurrence kept). With `with_entity_nodes`, the nodes of absent faces and edges are checked too.
+// `face_tets`, when given, gets the tets on the hard faces.
 void collect_missing(mesh_store& m, const dense2D<unsigned>& connectB,
                      const dense2D<unsigned>& connectE, const dense1D<unsigned>& isolated_nodes,
                      bool with_entity_nodes, std::vector<std::array<unsigned, 3>>& absent_faces,
                      std::vector<std::array<unsigned, 2>>& absent_edges,
-                     dense1D<unsigned>& absent_nodes);
+                     dense1D<unsigned>& absent_nodes, hard_face_tets* face_tets = nullptr);
 
 }  // namespace kelvo::voxfill
