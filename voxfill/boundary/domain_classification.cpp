@@ -19,50 +19,97 @@ unsigned start_tet(const mesh_store& m) {
   return corner < m.ancestors.size ? m.ancestors[corner] : NONE;
 }
 
-bool is_hard_face(const mesh_store& m, unsigned t, unsigned f) {
-  const unsigned* n = m.tets.row(t);
-  const unsigned* l = tet_face_nodes[f];
-  return m.hard_set.has_face(n[l[0]], n[l[1]], n[l[2]]);
-}
-
 }  // namespace
 
 unsigned flood_colors(mesh_store& m) {
   const unsigned count = m.tets.cols();
   if (count == 0 || count == m.tets.free_stack.size) return 0;
-  m.bump_marks();
+  const unsigned mv = m.bump_marks();
+  // The tables through plain pointers taken once; the hard-face test as has_face makes it, with
+  // the node bits and the filter's node terms of a tet worked out once for its four faces.
+  unsigned* mk = m.marks.begin();
+  const unsigned msize = m.marks.size;
+  unsigned* colors = m.colors.begin();
+  const unsigned ldt = m.tets.data.ld, ldn = m.neighbors.data.ld;
+  const unsigned* rows = m.tets.data.col(0);
+  const unsigned* nbs = m.neighbors.data.col(0);
+  const entity_set& h = m.hard_set;
+  const unsigned* node_words = h.node_bits.words.empty() ? nullptr : h.node_bits.words.begin();
+  const unsigned node_length = h.node_bits.length;
+  const bool filtered = h.face_bits_shift < 32;
+  const unsigned* bits = filtered ? h.face_bits.begin() : nullptr;
+  const unsigned shift = h.face_bits_shift;
+  auto has_node = [&](unsigned v) {
+    return v < node_length && (node_words[v >> 5] >> (v & 31)) & 1u;
+  };
+  auto marked = [&](unsigned t) { return t < msize && mk[t] == mv; };
   for (unsigned t = 0; t < count; ++t)
-    if (!m.tet_live(t)) m.mark(t);
+    if (colors[t] == DELETED) mk[t] = mv;
   unsigned c = NONE;
   unsigned next = 0;  // scan position for the next unmarked tet
   unsigned seed = start_tet(m);
   dense1D<unsigned>& stack = m.work_stack;
   stack.clear();
+  if (!stack.reserve(64)) return 0;
+  unsigned* st = stack.data();
+  unsigned ns = 0, room = stack.capacity();
   for (;;) {
-    if (seed == NONE || m.marked(seed)) {
-      while (next < count && m.marked(next)) ++next;
+    if (seed == NONE || marked(seed)) {
+      while (next < count && marked(next)) ++next;
       if (next == count) break;
       seed = next;
       ++c;
     }
     // A tet is marked when it is stacked, so that it is stacked and its faces are tested once:
     // the flood reaches the same tets in any order.
-    stack.push_back(seed);
-    m.mark(seed);
+    if (ns + 1 > room) {
+      if (!stack.reserve(2 * (ns + 4))) break;
+      st = stack.data();
+      room = stack.capacity();
+    }
+    st[ns++] = seed;
+    mk[seed] = mv;
     seed = NONE;
-    while (stack.size) {
-      const unsigned t = stack.back();
-      stack.pop_back();
-      m.colors[t] = c;
+    while (ns) {
+      const unsigned t = st[--ns];
+      colors[t] = c;
+      const unsigned* n = rows + std::size_t(ldt) * t;
+      const unsigned* nb4 = nbs + std::size_t(ldn) * t;
+      if (ns + 4 > room) {
+        stack.size = ns;
+        if (!stack.reserve(2 * (ns + 4))) break;
+        st = stack.data();
+        room = stack.capacity();
+      }
+      unsigned hard = NONE;  // bit i: node i is hard; NONE until worked out
+      unsigned term[4], total = 0;
       for (unsigned f = 0; f < 4; ++f) {
-        const unsigned nb = m.neighbors(f, t);
-        if (nb != NONE && !m.marked(nb) && !is_hard_face(m, t, f)) {
-          m.mark(nb);
-          stack.push_back(nb);
+        const unsigned nb = nb4[f];
+        if (nb == NONE || marked(nb)) continue;
+        if (hard == NONE) {
+          hard = 0;
+          for (unsigned i = 0; i < 4; ++i) hard |= unsigned(has_node(n[i])) << i;
+          if (filtered)
+            for (unsigned i = 0; i < 4; ++i) total += (term[i] = mixed_node_term(n[i]));
+        }
+        // Face f: the nodes but f, all hard, the filter's bit set and the face in the table.
+        bool wall = (hard | (1u << f)) == 15u;
+        if (wall && filtered) {
+          const unsigned x = (total - term[f]) >> shift;
+          wall = (bits[x >> 5] >> (x & 31)) & 1u;
+        }
+        if (wall) {
+          const unsigned* l = tet_face_nodes[f];
+          wall = h.faces.find(face_key{{n[l[0]], n[l[1]], n[l[2]]}}) != NONE;
+        }
+        if (!wall) {
+          mk[nb] = mv;
+          st[ns++] = nb;
         }
       }
     }
   }
+  stack.size = 0;
   return c + 1;
 }
 
