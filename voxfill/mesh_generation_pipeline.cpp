@@ -159,7 +159,7 @@ void th4_engine::run_mesh_generation(mesher::data_type& data, refine_context& co
   tasks->close_phase(phase_recovery);
 
   if (!must_stop()) {
-    unsigned count = flood_colors(*this);
+    unsigned count = flood_colors(*this, face_tets.usable ? &face_tets : nullptr);
     data.boundary_sign = 0;
     if (count != 0) order_subdomains(*this, count, settings.subdomain_rule, data.boundary_sign);
     data.subdomains = count;

@@ -3,6 +3,7 @@
 #include "voxfill/boundary/domain_classification.h"
 
 #include <cstddef>
+#include <cstdint>
 #include <new>
 #include <vector>
 
@@ -21,9 +22,13 @@ unsigned start_tet(const mesh_store& m) {
 
 }  // namespace
 
-unsigned flood_colors(mesh_store& m) {
+unsigned flood_colors(mesh_store& m, const hard_face_tets* face_tets) {
   const unsigned count = m.tets.cols();
   if (count == 0 || count == m.tets.free_stack.size) return 0;
+  // With the tets on the hard faces known, a bit per tet face marks the hard ones between two
+  // tets, which are all the flood asks about: no face is looked up.
+  std::vector<unsigned char> walls;
+  if (face_tets) walls.assign(count, 0);
   const unsigned mv = m.bump_marks();
   // The tables through plain pointers taken once; the hard-face test as has_face makes it, with
   // the node bits and the filter's node terms of a tet worked out once for its four faces.
@@ -45,6 +50,21 @@ unsigned flood_colors(mesh_store& m) {
   auto marked = [&](unsigned t) { return t < msize && mk[t] == mv; };
   for (unsigned t = 0; t < count; ++t)
     if (colors[t] == DELETED) mk[t] = mv;
+  if (face_tets) {
+    const unsigned* pairs = face_tets->pairs.begin();
+    auto wall = [&](unsigned t, unsigned u) {
+      const unsigned* nb4 = nbs + std::size_t(ldn) * t;
+      for (unsigned i = 0; i < 4; ++i)
+        if (nb4[i] == u) walls[t] |= std::uint8_t(1u << i);
+    };
+    for (unsigned k = 0; k + 1 < face_tets->pairs.size; k += 2) {
+      const unsigned t = pairs[k], u = pairs[k + 1];
+      if (t >= count || u >= count) continue;
+      wall(t, u);
+      wall(u, t);
+    }
+  }
+  const unsigned char* wall_bits = walls.empty() ? nullptr : walls.data();
   unsigned c = NONE;
   unsigned next = 0;  // scan position for the next unmarked tet
   unsigned seed = start_tet(m);
@@ -86,6 +106,13 @@ unsigned flood_colors(mesh_store& m) {
       for (unsigned f = 0; f < 4; ++f) {
         const unsigned nb = nb4[f];
         if (nb == NONE || marked(nb)) continue;
+        if (wall_bits) {
+          if (!((wall_bits[t] >> f) & 1u)) {
+            mk[nb] = mv;
+            st[ns++] = nb;
+          }
+          continue;
+        }
         if (hard == NONE) {
           hard = 0;
           for (unsigned i = 0; i < 4; ++i) hard |= unsigned(has_node(n[i])) << i;

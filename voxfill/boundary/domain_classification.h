@@ -10,8 +10,9 @@ namespace kelvo::voxfill {
 
 // Colours each region bounded by hard faces: NONE for the region of the enclosing box's first
 // corner, then 0, 1, ... in the index order of each region's first tet. Returns the number of
-// regions besides the outer one; 0 for a mesh without tets.
-unsigned flood_colors(mesh_store& m);
+// regions besides the outer one; 0 for a mesh without tets. `face_tets`, when given, holds the
+// tets on the hard faces (usable, and made from the tets as they are).
+unsigned flood_colors(mesh_store& m, const hard_face_tets* face_tets = nullptr);
 
 // Walks from outside across one hard face at a time and turns region numbers into subdomain
 // numbers (NONE outside, DELETED for regions never reached). `count` goes in as the number of
