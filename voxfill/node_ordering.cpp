@@ -49,19 +49,30 @@ struct node_graph {
       }
     }
     adjacent.reserve(links.size());
+    // On a closed surface each link comes twice, once from each triangle of the side: a stamp
+    // per node drops the repeats before they are sorted in.
+    std::vector<unsigned> stamp(n, kNone);
     for (unsigned v = 0; v < n; ++v) {
       unsigned* lo = links.data() + start[v];
       unsigned* hi = links.data() + start[v + 1];
-      // Buckets hold a dozen links or so: an insertion sort, but for a node of many triangles.
-      if (hi - lo > 64) std::sort(lo, hi);
-      for (unsigned* p = lo + 1; p < hi; ++p) {
-        const unsigned x = *p;
-        unsigned* q = p;
-        for (; q > lo && q[-1] > x; --q) *q = q[-1];
-        *q = x;
+      const std::size_t from = adjacent.size();
+      if (hi - lo > 64) {
+        // A node of many triangles: one sort.
+        std::sort(lo, hi);
+        for (unsigned* p = lo; p < hi; ++p)
+          if (p == lo || *p != p[-1]) adjacent.push_back(*p);
+      } else {
+        // Buckets hold a dozen links or so: an insertion sort of the distinct ones.
+        for (unsigned* p = lo; p < hi; ++p) {
+          const unsigned x = *p;
+          if (stamp[x] == v) continue;
+          stamp[x] = v;
+          adjacent.push_back(x);
+          unsigned* q = adjacent.data() + adjacent.size() - 1;
+          for (unsigned* b = adjacent.data() + from; q > b && q[-1] > x; --q) *q = q[-1];
+          *q = x;
+        }
       }
-      for (unsigned* p = lo; p < hi; ++p)
-        if (p == lo || *p != p[-1]) adjacent.push_back(*p);
       first[v + 1] = unsigned(adjacent.size());
     }
   }
