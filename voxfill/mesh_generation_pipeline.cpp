@@ -119,8 +119,11 @@ void th4_engine::run_mesh_generation(mesher::data_type& data, refine_context& co
     raise_error(msg::memory_node_loading);
   register_hard_entities(*this, data, true, *tasks);
   bool background_ok = false;
+  // The quality bound of the boundary's faces, known from their sizes; -1.0 while not known. The
+  // faces' nodes are hard and stay where they are.
+  double face_bound = -1.0;
   if (needs_sizes) {
-    set_boundary_sizes(*this, data);
+    face_bound = set_boundary_sizes(*this, data);
     background_ok = load_background_mesh(*this, data.background_mesh);
   }
   tasks->close_phase(phase_init);
@@ -181,7 +184,8 @@ void th4_engine::run_mesh_generation(mesher::data_type& data, refine_context& co
   report_hard_entities(*this, data, settings.strict_constraints, *tasks,
                        face_tets.usable ? &face_tets : nullptr);
   if (closing) data.volume = domain_volume();
-  if (data.volume > 0.0) data.quality_bound = quality_bound(nodes.data, data.connectB);
+  if (data.volume > 0.0)
+    data.quality_bound = face_bound >= 0.0 ? face_bound : quality_bound(nodes.data, data.connectB);
 
   if (needs_sizes && data.volume > 0.0) {
     if (!data.missing_faces.empty() || !data.missing_edges.empty())

@@ -293,8 +293,8 @@ void merge_sizes(dense1D<double>& node_sizes, const dense1D<double>& values) noe
     if (values[i] > 0.0) node_sizes[i] = values[i];
 }
 
-void set_boundary_sizes(th4_engine& engine, const mesher::data_type& data) {
-  if (engine.must_stop()) return;
+double set_boundary_sizes(th4_engine& engine, const mesher::data_type& data) {
+  if (engine.must_stop()) return -1.0;
   const unsigned N = engine.nodes.cols();
   const dense2D<double>& xyz = engine.nodes.data;
   try {
@@ -303,7 +303,7 @@ void set_boundary_sizes(th4_engine& engine, const mesher::data_type& data) {
     dense1D<unsigned> counts;
     if (!engine.node_sizes.resize(N, 0.0) || !raw.resize(N, 0.0) || !counts.resize(N, 0u)) {
       engine.raise_error(msg::memory_boundary_sizes);
-      return;
+      return -1.0;
     }
     auto fits = [N](const unsigned* c, unsigned k) {
       for (unsigned i = 0; i < k; ++i)
@@ -311,10 +311,19 @@ void set_boundary_sizes(th4_engine& engine, const mesher::data_type& data) {
       return true;
     };
     const dense2D<unsigned>& B = data.connectB;
+    // quality_bound's answer, from the qualities worked out here: the smallest Q over the faces
+    // of three different nodes, 1.0 when there is none, 0.0 for an empty table.
+    double bound = B.empty() ? 0.0 : 1.0;
     for (unsigned j = 0; !B.empty() && j < B.cols; ++j) {
       const unsigned* tri = B.col(j);
-      if (!fits(tri, 3)) continue;
+      if (!fits(tri, 3)) {
+        bound = -1.0;  // quality_bound reads such a face; not worked out here
+        continue;
+      }
       const double q = triangle_quality(xyz, tri[0], tri[1], tri[2]);
+      const double Q = q * std::numbers::sqrt2 / (q * std::numbers::sqrt2 + 1.0 - q);
+      const bool distinct = tri[0] != tri[1] && tri[1] != tri[2] && tri[0] != tri[2];
+      if (distinct && bound >= 0.0) bound = std::min(bound, Q);
       if (q == 0.0) {
         for (unsigned i = 0; i < 3; ++i) add_side(xyz, tri[i], tri[(i + 1) % 3], raw, counts);
         continue;
@@ -322,7 +331,6 @@ void set_boundary_sizes(th4_engine& engine, const mesher::data_type& data) {
       // A poor face gets a large weight: its idea of a well-shaped tet dominates its nodes.
       double apex[3];
       best_apex(xyz, tri, 0.01, apex);
-      const double Q = q * std::numbers::sqrt2 / (q * std::numbers::sqrt2 + 1.0 - q);
       const double w = Q > 0.001 ? 1.0 / Q : 1000.0;
       const unsigned weight = std::max(1u, unsigned(w));
       for (unsigned i = 0; i < 3; ++i) {
@@ -339,9 +347,11 @@ void set_boundary_sizes(th4_engine& engine, const mesher::data_type& data) {
       gridkit::bound_metric_variations(xyz, E, EDGE2, all, true, 1, 4.0, raw);
     merge_sizes(engine.node_sizes, raw);
     merge_sizes(engine.node_sizes, data.metrics);
+    return bound;
   } catch (const std::bad_alloc&) {
     engine.raise_error(msg::memory_boundary_sizes);
   }
+  return -1.0;
 }
 
 void retry_boundary_sizes(th4_engine& engine, mesher::data_type& data) {
@@ -361,8 +371,8 @@ void retry_boundary_sizes(th4_engine& engine, mesher::data_type& data) {
       engine.raise_error(msg::memory_resizing);
       return;
     }
-    set_boundary_sizes(engine, copy);
-    data.quality_bound = quality_bound(engine.nodes.data, copy.connectB);
+    const double bound = set_boundary_sizes(engine, copy);
+    data.quality_bound = bound >= 0.0 ? bound : quality_bound(engine.nodes.data, copy.connectB);
   } catch (const std::bad_alloc&) {
     engine.raise_error(msg::memory_resizing);
   }

@@ -70,8 +70,10 @@ bool interpolate_size(size_field& field, const double* P, unsigned& tet, double&
 // node_sizes from the hard faces and hard edges of `data` (in the engine's numbering): per node a
 // weighted mean of the distances to the best apexes of its faces and of the lengths of its sides
 // and edges, with the ratio along the boundary bounded by 4; then the caller's metrics above 0.
-// A node on no face and no edge keeps 0.0. Raises -199 when memory runs out.
-void set_boundary_sizes(th4_engine& engine, const mesher::data_type& data);
+// A node on no face and no edge keeps 0.0. Raises -199 when memory runs out. Returns what
+// quality_bound gives for connectB over the nodes as they are, worked out from the same face
+// qualities; -1.0 when it did not get that far.
+double set_boundary_sizes(th4_engine& engine, const mesher::data_type& data);
 
 // set_boundary_sizes over the faces and edges that are not listed as missing in `data`, so that
 // lost entities spoil no size; then data.quality_bound over those faces.
