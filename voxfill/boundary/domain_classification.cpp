@@ -269,12 +269,17 @@ void report_hard_entities(mesh_store& m, mesher::data_type& data, bool strict_co
   if (!B.empty() &&
       !(face_tets ? holders_from_tets(m, *face_tets, holders) : hard_face_holders(m, holders)))
     holders.clear();
+  // The entries of the faces too, as the recovery's first pass found them: no node came or went.
+  const unsigned* entries =
+      face_tets && !holders.empty() && !B.empty() && face_tets->entries.size == B.cols
+          ? face_tets->entries.begin()
+          : nullptr;
   if (!B.empty())
     for (unsigned i = 0; i < B.cols; ++i) {
       const unsigned a = B(0, i), b = B(1, i), c = B(2, i);
       if (a == b || b == c || a == c) continue;
       bool held = false, in_domain = false;
-      const unsigned e = holder_entry(m, holders, a, b, c);
+      const unsigned e = entries ? entries[i] : holder_entry(m, holders, a, b, c);
       if (e != NONE) {
         held = holders[e] != 0;
         in_domain = (holders[e] & 2) != 0;

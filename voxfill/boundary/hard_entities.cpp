@@ -202,10 +202,19 @@ void collect_missing(mesh_store& m, const dense2D<unsigned>& connectB,
   if (!connectB.empty() &&
       !(face_tets ? hard_face_holders(m, holders, *face_tets) : hard_face_holders(m, holders)))
     holders.clear();
+  unsigned* entries = nullptr;
+  if (face_tets && face_tets->usable) {
+    face_tets->entries.clear();
+    if (face_tets->entries.resize(connectB.empty() ? 0 : connectB.cols))
+      entries = face_tets->entries.begin();
+    else
+      face_tets->usable = false;
+  }
   if (!connectB.empty())
     for (unsigned j = 0; j < connectB.cols; ++j) {
       const unsigned a = connectB(0, j), b = connectB(1, j), c = connectB(2, j);
       const unsigned e = holder_entry(m, holders, a, b, c);
+      if (entries) entries[j] = e;
       const bool held = e != NONE ? holders[e] != 0 : find_face_tet(m, a, b, c, list) != NONE;
       if (!held) absent_faces.push_back({a, b, c});
     }

@@ -30,7 +30,8 @@ bool hard_face_holders(const mesh_store& m, dense1D<unsigned char>& holders) noe
 // holder bytes follow from these pairs without a pass over the mesh.
 struct hard_face_tets {
   dense1D<unsigned> pairs;
-  bool usable = false;  // false when memory ran out or a face was met twice
+  dense1D<unsigned> entries;  // per column of connectB, its entry as holder_entry gave it
+  bool usable = false;        // false when memory ran out or a face was met twice
 };
 
 // hard_face_holders that also fills `tets`.
@@ -49,7 +50,7 @@ unsigned holder_entry(const mesh_store& m, const dense1D<unsigned char>& holders
 
 // Lists the faces, edges and nodes of the input that the mesh lacks (each node once, first
 // occurrence kept). With `with_entity_nodes`, the nodes of absent faces and edges are checked too.
-// `face_tets`, when given, gets the tets on the hard faces.
+// `face_tets`, when given, gets the tets on the hard faces and the entries of connectB's faces.
 void collect_missing(mesh_store& m, const dense2D<unsigned>& connectB,
                      const dense2D<unsigned>& connectE, const dense1D<unsigned>& isolated_nodes,
                      bool with_entity_nodes, std::vector<std::array<unsigned, 3>>& absent_faces,
