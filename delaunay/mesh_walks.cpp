@@ -382,21 +382,25 @@ inline unsigned leave_by(const unsigned* nbs, int mask, unsigned start) noexcept
 #if VOXFILL_WALK_AVX2
 const bool has_avx2 = lanes_avx2();
 
-// beyond_faces with face f in lane f. The lanes do the scalar operations one for one and in the
-// same order (nothing fused), so the mask has the same bits. The nodes seen from P are gathered
-// once and permuted: face f is D_f = w . (u x v) with w, u, v the rows of the table below, and
-// face 2 takes the sign turned.
-VOXFILL_AVX2 inline int beyond_faces_avx2(const double* const* q, const __m256d* p, __m256d limit,
-                                          __m256d turn) noexcept {
+// The x, y and z of the tet's four nodes, node i in lane i.
+VOXFILL_AVX2 inline void node_lanes(const double* const* q, __m256d& x, __m256d& y,
+                                    __m256d& z) noexcept {
   const __m128d q0 = _mm_loadu_pd(q[0]), q1 = _mm_loadu_pd(q[1]);
   const __m128d q2 = _mm_loadu_pd(q[2]), q3 = _mm_loadu_pd(q[3]);
-  const __m256d x = _mm256_insertf128_pd(_mm256_castpd128_pd256(_mm_unpacklo_pd(q0, q1)),
-                                         _mm_unpacklo_pd(q2, q3), 1);
-  const __m256d y = _mm256_insertf128_pd(_mm256_castpd128_pd256(_mm_unpackhi_pd(q0, q1)),
-                                         _mm_unpackhi_pd(q2, q3), 1);
-  const __m256d z =
-      _mm256_insertf128_pd(_mm256_castpd128_pd256(_mm_loadh_pd(_mm_load_sd(q[0] + 2), q[1] + 2)),
+  x = _mm256_insertf128_pd(_mm256_castpd128_pd256(_mm_unpacklo_pd(q0, q1)), _mm_unpacklo_pd(q2, q3),
+                           1);
+  y = _mm256_insertf128_pd(_mm256_castpd128_pd256(_mm_unpackhi_pd(q0, q1)), _mm_unpackhi_pd(q2, q3),
+                           1);
+  z = _mm256_insertf128_pd(_mm256_castpd128_pd256(_mm_loadh_pd(_mm_load_sd(q[0] + 2), q[1] + 2)),
                            _mm_loadh_pd(_mm_load_sd(q[2] + 2), q[3] + 2), 1);
+}
+
+// beyond_faces with face f in lane f, from the nodes by lanes. The lanes do the scalar operations
+// one for one and in the same order (nothing fused), so the mask has the same bits. Face f is
+// D_f = w . (u x v) with w, u, v the rows of the table below, the nodes seen from P permuted, and
+// face 2 takes the sign turned.
+VOXFILL_AVX2 inline int beyond_faces_lanes(__m256d x, __m256d y, __m256d z, const __m256d* p,
+                                           __m256d limit, __m256d turn) noexcept {
   const __m256d d[3] = {_mm256_sub_pd(x, p[0]), _mm256_sub_pd(y, p[1]), _mm256_sub_pd(z, p[2])};
   // Lanes: w = (d1, d2, d1, d2), u = (d2, d0, d0, d1), v = (d3, d3, d3, d0).
   constexpr int W = 1 | 2 << 2 | 1 << 4 | 2 << 6;
@@ -416,6 +420,13 @@ VOXFILL_AVX2 inline int beyond_faces_avx2(const double* const* q, const __m256d*
                                   _mm256_mul_pd(w[2], c2)),
                     turn);
   return _mm256_movemask_pd(_mm256_cmp_pd(D, limit, _CMP_GT_OQ));
+}
+
+VOXFILL_AVX2 inline int beyond_faces_avx2(const double* const* q, const __m256d* p, __m256d limit,
+                                          __m256d turn) noexcept {
+  __m256d x, y, z;
+  node_lanes(q, x, y, z);
+  return beyond_faces_lanes(x, y, z, p, limit, turn);
 }
 
 using avx_lanes::inverse_rows;
@@ -438,7 +449,8 @@ VOXFILL_AVX2 inline void memo_frame(__m256d C0, __m256d C1, __m256d C2, walk_mem
 }
 
 // The rest of that solve: the weights of P in the memo's tet, two refinements at most.
-VOXFILL_AVX2 void memo_weights(const walk_memo& memo, const double* P, double* w) noexcept {
+[[gnu::always_inline]] VOXFILL_AVX2 inline void memo_weights(const walk_memo& memo, const double* P,
+                                                             double* w) noexcept {
   if (memo.det == 0.0) {
     w[0] = w[1] = w[2] = 0.0;
     return;
@@ -448,7 +460,7 @@ VOXFILL_AVX2 void memo_weights(const walk_memo& memo, const double* P, double* w
   const __m256d Rx = _mm256_load_pd(memo.rows[0]), Ry = _mm256_load_pd(memo.rows[1]),
                 Rz = _mm256_load_pd(memo.rows[2]), inv = _mm256_load_pd(memo.inv);
   // P minus node 3 lane by lane, as sub3 does it; lane 3 is 0.0.
-  const __m256d B = _mm256_sub_pd(load3(P), load3(memo.q[3]));
+  const __m256d B = _mm256_sub_pd(load3(P), load3(memo.q3));
   refined_solution(C0, C1, C2, Rx, Ry, Rz, inv, B, 2, w);
 }
 
@@ -497,11 +509,16 @@ VOXFILL_AVX2 int walk_avx2(const flat_table<double>& xyz_in, const flat_table<un
       t = NONE;
       return -1;
     }
-    const int mask = beyond_faces_avx2(q, p, _mm256_set1_pd(V * tol), turn);
+    __m256d x, y, z;
+    node_lanes(q, x, y, z);
+    const int mask = beyond_faces_lanes(x, y, z, p, _mm256_set1_pd(V * tol), turn);
     if (mask == 0) {
       if (memo) {
         memo->tet = t;
-        for (unsigned i = 0; i < 4; ++i) memo->q[i] = q[i];
+        memo->q3 = q[3];
+        _mm256_store_pd(memo->nodes[0], x);
+        _mm256_store_pd(memo->nodes[1], y);
+        _mm256_store_pd(memo->nodes[2], z);
         memo->V = V;
         memo_frame(a, b, c, *memo);
         if (w) memo_weights(*memo, P, w);
@@ -523,20 +540,29 @@ VOXFILL_AVX2 int walk_avx2(const flat_table<double>& xyz_in, const flat_table<un
 #endif
 
 #if VOXFILL_WALK_AVX2
-// The first step of a walk that starts in the memo's tet, whose frame passed the volume test when
-// it was kept: true when P is in it (weights in w), else t is the neighbour the walk goes on from.
-VOXFILL_AVX2 bool memo_step(const walk_memo& memo, const slot_table<unsigned>& neighbors,
-                            const double* P, unsigned& t, double tol, bit_source& bits,
-                            double* w) noexcept {
-  const unsigned start = bits.next();
-  const __m256d p[3] = {_mm256_set1_pd(P[0]), _mm256_set1_pd(P[1]), _mm256_set1_pd(P[2])};
-  const int mask = beyond_faces_avx2(memo.q, p, _mm256_set1_pd(memo.V * tol),
-                                     _mm256_set_pd(0.0, -0.0, 0.0, 0.0));
-  if (mask == 0) {
-    if (w) memo_weights(memo, P, w);
-    return true;
+// locate_tet through the memo in one call: a walk that starts in the memo's tet takes its first
+// step from the memo's nodes and frame, whose volume passed the test when it was kept.
+VOXFILL_AVX2 bool locate_memo_avx2(const node_locator& loc, const double* P, unsigned& t,
+                                   double tol, bit_source& bits, double* w,
+                                   walk_memo& memo) noexcept {
+  unsigned steps = loc.tets->cols();
+  if (t == memo.tet && steps) {
+    const unsigned start = bits.next();
+    const __m256d p[3] = {_mm256_set1_pd(P[0]), _mm256_set1_pd(P[1]), _mm256_set1_pd(P[2])};
+    const int mask = beyond_faces_lanes(
+        _mm256_load_pd(memo.nodes[0]), _mm256_load_pd(memo.nodes[1]), _mm256_load_pd(memo.nodes[2]),
+        p, _mm256_set1_pd(memo.V * tol), _mm256_set_pd(0.0, -0.0, 0.0, 0.0));
+    if (mask == 0) {
+      if (w) memo_weights(memo, P, w);
+      return true;
+    }
+    t = leave_by(loc.neighbors->row(t), mask, start);
+    --steps;
   }
-  t = leave_by(neighbors.row(t), mask, start);
+  const flat_table<double> xyz(loc.nodes->data);
+  const flat_table<unsigned> tets(loc.tets->data), neighbors(loc.neighbors->data);
+  if (walk_avx2(xyz, tets, neighbors, steps, P, t, tol, bits, w, &memo) == 1) return true;
+  t = NONE;
   return false;
 }
 #endif
@@ -557,15 +583,12 @@ VOXFILL_AVX2 int locate_side_avx2(const double* const* q, const double* P, doubl
 
 int walk_tables(const dense2D<double>& xyz_table, const slot_table<unsigned>& tets_table,
                 const slot_table<unsigned>& neighbors_table, const double* P, unsigned& t,
-                double tol, bit_source& bits, double* w = nullptr, walk_memo* memo = nullptr,
-                unsigned steps = ~0u) noexcept {
+                double tol, bit_source& bits, double* w = nullptr) noexcept {
   const flat_table<double> xyz(xyz_table);
   const flat_table<unsigned> tets(tets_table.data), neighbors(neighbors_table.data);
-  if (steps == ~0u) steps = tets_table.cols();
+  const unsigned steps = tets_table.cols();
 #if VOXFILL_WALK_AVX2
-  if (has_avx2) return walk_avx2(xyz, tets, neighbors, steps, P, t, tol, bits, w, memo);
-#else
-  (void)memo;
+  if (has_avx2) return walk_avx2(xyz, tets, neighbors, steps, P, t, tol, bits, w);
 #endif
   return walk_scalar(xyz, tets, neighbors, steps, P, t, tol, bits, w);
 }
@@ -626,16 +649,13 @@ bool locate_tet(node_locator& loc, const double* P, unsigned& t, double tol, bit
     t = NONE;
     return false;
   }
-  unsigned steps = loc.tets->cols();
 #if VOXFILL_WALK_AVX2
-  if (has_avx2 && t == memo.tet && steps) {
-    if (memo_step(memo, *loc.neighbors, P, t, tol, bits, w)) return true;
-    --steps;
-  }
+  if (has_avx2) return locate_memo_avx2(loc, P, t, tol, bits, w, memo);
+#else
+  (void)memo;
 #endif
-  if (walk_tables(loc.nodes->data, *loc.tets, *loc.neighbors, P, t, tol, bits, w, &memo, steps) ==
-      1)
-    return true;
+  // Without the lanes the memo is neither read nor filled.
+  if (walk_tables(loc.nodes->data, *loc.tets, *loc.neighbors, P, t, tol, bits, w) == 1) return true;
   t = NONE;
   return false;
 }

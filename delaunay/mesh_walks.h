@@ -87,8 +87,9 @@ bool locate_tet(node_locator& loc, const double* P, unsigned& t, double tol, bit
 // as they are; `tet` is NONE for an empty memo.
 struct walk_memo {
   unsigned tet = NONE;
-  const double* q[4] = {nullptr, nullptr, nullptr, nullptr};
+  const double* q3 = nullptr;  // the tet's fourth node
   double V = 0.0, det = 0.0;
+  alignas(32) double nodes[3][4];  // x, y and z of the tet's nodes, node i in lane i
   alignas(32) double cols[3][4];
   alignas(32) double rows[3][4];
   alignas(32) double inv[4];
