@@ -382,17 +382,21 @@ inline unsigned leave_by(const unsigned* nbs, int mask, unsigned start) noexcept
 #if VOXFILL_WALK_AVX2
 const bool has_avx2 = lanes_avx2();
 
-// The x, y and z of the tet's four nodes, node i in lane i.
-VOXFILL_AVX2 inline void node_lanes(const double* const* q, __m256d& x, __m256d& y,
-                                    __m256d& z) noexcept {
-  const __m128d q0 = _mm_loadu_pd(q[0]), q1 = _mm_loadu_pd(q[1]);
-  const __m128d q2 = _mm_loadu_pd(q[2]), q3 = _mm_loadu_pd(q[3]);
-  x = _mm256_insertf128_pd(_mm256_castpd128_pd256(_mm_unpacklo_pd(q0, q1)), _mm_unpacklo_pd(q2, q3),
-                           1);
-  y = _mm256_insertf128_pd(_mm256_castpd128_pd256(_mm_unpackhi_pd(q0, q1)), _mm_unpackhi_pd(q2, q3),
-                           1);
-  z = _mm256_insertf128_pd(_mm256_castpd128_pd256(_mm_loadh_pd(_mm_load_sd(q[0] + 2), q[1] + 2)),
-                           _mm_loadh_pd(_mm_load_sd(q[2] + 2), q[3] + 2), 1);
+// The rows of the tet's four nodes: x, y and z in lanes 0 to 2, lane 3 cleared as load3 clears
+// it, by masked loads that read no further than the node's z.
+VOXFILL_AVX2 inline void node_rows(const double* const* q, __m256d* r) noexcept {
+  const __m256i xyz = _mm256_set_epi64x(0, -1, -1, -1);
+  for (unsigned i = 0; i < 4; ++i) r[i] = _mm256_maskload_pd(q[i], xyz);
+}
+
+// The x, y and z of the four nodes, node i in lane i: the rows transposed.
+VOXFILL_AVX2 inline void node_lanes(const __m256d* r, __m256d& x, __m256d& y, __m256d& z) noexcept {
+  // Lanes of lo01: x0 x1 z0 z1; of hi01: y0 y1 0 0; likewise for nodes 2 and 3.
+  const __m256d lo01 = _mm256_unpacklo_pd(r[0], r[1]), hi01 = _mm256_unpackhi_pd(r[0], r[1]);
+  const __m256d lo23 = _mm256_unpacklo_pd(r[2], r[3]), hi23 = _mm256_unpackhi_pd(r[2], r[3]);
+  x = _mm256_permute2f128_pd(lo01, lo23, 0x20);
+  y = _mm256_permute2f128_pd(hi01, hi23, 0x20);
+  z = _mm256_permute2f128_pd(lo01, lo23, 0x31);
 }
 
 // beyond_faces with face f in lane f, from the nodes by lanes. The lanes do the scalar operations
@@ -420,13 +424,6 @@ VOXFILL_AVX2 inline int beyond_faces_lanes(__m256d x, __m256d y, __m256d z, cons
                                   _mm256_mul_pd(w[2], c2)),
                     turn);
   return _mm256_movemask_pd(_mm256_cmp_pd(D, limit, _CMP_GT_OQ));
-}
-
-VOXFILL_AVX2 inline int beyond_faces_avx2(const double* const* q, const __m256d* p, __m256d limit,
-                                          __m256d turn) noexcept {
-  __m256d x, y, z;
-  node_lanes(q, x, y, z);
-  return beyond_faces_lanes(x, y, z, p, limit, turn);
 }
 
 using avx_lanes::inverse_rows;
@@ -464,17 +461,14 @@ VOXFILL_AVX2 inline void memo_frame(__m256d C0, __m256d C1, __m256d C2, walk_mem
   refined_solution(C0, C1, C2, Rx, Ry, Rz, inv, B, 2, w);
 }
 
-// The edge vectors a, b, c from node 3 with coordinate k in lane k (lane 3 is
-// 0.0), b x c the same way, and the determinant summed in the order of dot3; the operations are
+// The edge vectors a, b, c from node 3 (the rows less row 3) with coordinate k in lane k (lane 3
+// is 0.0), b x c the same way, and the determinant summed in the order of dot3; the operations are
 // those of sub3, cross3 and dot3 one for one.
-VOXFILL_AVX2 inline double lane_volume(const double* const* q, __m256d& a, __m256d& b,
+VOXFILL_AVX2 inline double lane_volume(const __m256d* r, __m256d& a, __m256d& b,
                                        __m256d& c) noexcept {
-  // Masked loads clear lane 3 as load3 does.
-  const __m256i xyz = _mm256_set_epi64x(0, -1, -1, -1);
-  const __m256d q3 = _mm256_maskload_pd(q[3], xyz);
-  a = _mm256_sub_pd(_mm256_maskload_pd(q[0], xyz), q3);
-  b = _mm256_sub_pd(_mm256_maskload_pd(q[1], xyz), q3);
-  c = _mm256_sub_pd(_mm256_maskload_pd(q[2], xyz), q3);
+  a = _mm256_sub_pd(r[0], r[3]);
+  b = _mm256_sub_pd(r[1], r[3]);
+  c = _mm256_sub_pd(r[2], r[3]);
   constexpr int YZX = 1 | 2 << 2 | 0 << 4 | 3 << 6, ZXY = 2 | 0 << 2 | 1 << 4 | 3 << 6;
   const __m256d bc =
       _mm256_sub_pd(_mm256_mul_pd(_mm256_permute4x64_pd(b, YZX), _mm256_permute4x64_pd(c, ZXY)),
@@ -503,14 +497,15 @@ VOXFILL_AVX2 int walk_avx2(const flat_table<double>& xyz_in, const flat_table<un
     const unsigned start = bits.next();
     const unsigned* n = tets.col(t);
     const double* q[4] = {xyz.col(n[0]), xyz.col(n[1]), xyz.col(n[2]), xyz.col(n[3])};
-    __m256d a, b, c;
-    const double V = lane_volume(q, a, b, c);
+    __m256d r[4], a, b, c;
+    node_rows(q, r);
+    const double V = lane_volume(r, a, b, c);
     if (!(V > 0.0 && std::isfinite(V))) {
       t = NONE;
       return -1;
     }
     __m256d x, y, z;
-    node_lanes(q, x, y, z);
+    node_lanes(r, x, y, z);
     const int mask = beyond_faces_lanes(x, y, z, p, _mm256_set1_pd(V * tol), turn);
     if (mask == 0) {
       if (memo) {
@@ -571,12 +566,15 @@ VOXFILL_AVX2 bool locate_memo_avx2(const node_locator& loc, const double* P, uns
 // locate_side by the tests of a walk step, which give the scalar bits.
 VOXFILL_AVX2 int locate_side_avx2(const double* const* q, const double* P, double tol,
                                   unsigned start) noexcept {
-  __m256d a, b, c;
-  const double V = lane_volume(q, a, b, c);
+  __m256d r[4], a, b, c;
+  node_rows(q, r);
+  const double V = lane_volume(r, a, b, c);
   if (!(V > 0.0) || !std::isfinite(V)) return -2;
   const __m256d p[3] = {_mm256_set1_pd(P[0]), _mm256_set1_pd(P[1]), _mm256_set1_pd(P[2])};
+  __m256d x, y, z;
+  node_lanes(r, x, y, z);
   const int mask =
-      beyond_faces_avx2(q, p, _mm256_set1_pd(V * tol), _mm256_set_pd(0.0, -0.0, 0.0, 0.0));
+      beyond_faces_lanes(x, y, z, p, _mm256_set1_pd(V * tol), _mm256_set_pd(0.0, -0.0, 0.0, 0.0));
   return first_face(mask, start);
 }
 #endif
