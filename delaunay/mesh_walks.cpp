@@ -534,12 +534,26 @@ VOXFILL_AVX2 int walk_avx2(const flat_table<double>& xyz_in, const flat_table<un
 }
 #endif
 
+// A start for a walk to P: t itself, else the tet of the node nearest to P.
+inline bool start_tet(node_locator& loc, const double* P, unsigned& t) noexcept {
+  if (!loc.ancestors) return false;
+  if (t != NONE) return true;
+  const unsigned node = loc.near_node(P);
+  if (node == NONE || node >= loc.ancestors->size) return false;
+  t = (*loc.ancestors)[node];
+  return t != NONE;
+}
+
 #if VOXFILL_WALK_AVX2
 // locate_tet through the memo in one call: a walk that starts in the memo's tet takes its first
 // step from the memo's nodes and frame, whose volume passed the test when it was kept.
-VOXFILL_AVX2 bool locate_memo_avx2(const node_locator& loc, const double* P, unsigned& t,
-                                   double tol, bit_source& bits, double* w,
-                                   walk_memo& memo) noexcept {
+VOXFILL_AVX2 bool locate_memo_avx2(node_locator& loc, const double* P, unsigned& t, double tol,
+                                   bit_source& bits, double* w, walk_memo& memo) noexcept {
+  if (!start_tet(loc, P, t)) return false;
+  if (!loc.nodes || !loc.tets || !loc.neighbors) {
+    t = NONE;
+    return false;
+  }
   unsigned steps = loc.tets->cols();
   if (t == memo.tet && steps) {
     const unsigned start = bits.next();
@@ -618,18 +632,6 @@ int walk_to_point(const node_locator& loc, const double* P, unsigned& t, double 
   return walk_tables(loc.nodes->data, *loc.tets, *loc.neighbors, P, t, tol, bits);
 }
 
-namespace {
-// A start for a walk to P: t itself, else the tet of the node nearest to P.
-inline bool start_tet(node_locator& loc, const double* P, unsigned& t) noexcept {
-  if (!loc.ancestors) return false;
-  if (t != NONE) return true;
-  const unsigned node = loc.near_node(P);
-  if (node == NONE || node >= loc.ancestors->size) return false;
-  t = (*loc.ancestors)[node];
-  return t != NONE;
-}
-}  // namespace
-
 bool locate_tet(node_locator& loc, const double* P, unsigned& t, double tol, bit_source& bits,
                 double* w) noexcept {
   if (!start_tet(loc, P, t)) return false;
@@ -642,17 +644,17 @@ bool locate_tet(node_locator& loc, const double* P, unsigned& t, double tol, bit
 
 bool locate_tet(node_locator& loc, const double* P, unsigned& t, double tol, bit_source& bits,
                 double* w, walk_memo& memo) noexcept {
-  if (!start_tet(loc, P, t)) return false;
-  if (!loc.nodes || !loc.tets || !loc.neighbors) {
-    t = NONE;
-    return false;
-  }
 #if VOXFILL_WALK_AVX2
   if (has_avx2) return locate_memo_avx2(loc, P, t, tol, bits, w, memo);
 #else
   (void)memo;
 #endif
   // Without the lanes the memo is neither read nor filled.
+  if (!start_tet(loc, P, t)) return false;
+  if (!loc.nodes || !loc.tets || !loc.neighbors) {
+    t = NONE;
+    return false;
+  }
   if (walk_tables(loc.nodes->data, *loc.tets, *loc.neighbors, P, t, tol, bits, w) == 1) return true;
   t = NONE;
   return false;
