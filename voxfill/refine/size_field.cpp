@@ -18,6 +18,16 @@
 #include "gridkit/node_detector.h"
 #include "voxfill/delaunay_th4.h"
 
+// The qualities of the apex search in AVX2 lanes where the processor has them, chosen when the
+// program runs.
+#if defined(__x86_64__) && (defined(__GNUC__) || defined(__clang__))
+#define VOXFILL_APEX_AVX2 1
+#include "delaunay/cpu_lanes.h"
+#include "delaunay/lanes_avx.h"
+#else
+#define VOXFILL_APEX_AVX2 0
+#endif
+
 namespace kelvo::voxfill {
 
 size_field::size_field(dense1D<double>& sizes_in, node_locator& locator_in,
@@ -497,19 +507,17 @@ bool subdivide_edge(const double* p0, const double* p1, double h0, double h1, do
   return true;
 }
 
-double best_apex(const dense2D<double>& nodes, const unsigned* tri, double tol,
-                 double* apex) noexcept {
-  const double* a = nodes.col(tri[0]);
-  const double* b = nodes.col(tri[1]);
-  const double* c = nodes.col(tri[2]);
-  double centre[3], normal[3];
-  for (unsigned k = 0; k < 3; ++k) centre[k] = (a[k] + b[k] + c[k]) / 3.0;
-  face_normal(a, b, c, normal);
-  const double n2 = geometry_detail::dot3(normal, normal);
-  if (n2 != 0.0 && n2 != 1.0) {
-    const double inv = 1.0 / std::sqrt(n2);
-    for (unsigned k = 0; k < 3; ++k) normal[k] *= inv;
-  }
+namespace {
+
+// The search of best_apex once its face's centre and unit normal are known; `heights(z, q)` gives
+// the qualities of the tets (c, b, a, centre + z normal) for four heights, bit for bit those of
+// one call each.
+template <class Heights>
+[[gnu::always_inline]] inline double apex_search(const dense2D<double>& nodes, const unsigned* tri,
+                                                 const double* a, const double* b, const double* c,
+                                                 const double* centre, const double* normal,
+                                                 double tol, double* apex,
+                                                 const Heights& heights) noexcept {
   double s[3];
   side_lengths2(nodes, tri[0], tri[1], tri[2], s);
   const double z0 = std::sqrt(std::min({s[0], s[1], s[2]}) * 2.0 / 3.0);
@@ -523,19 +531,13 @@ double best_apex(const dense2D<double>& nodes, const unsigned* tri, double tol,
     return tet_quality(c, b, a, p);
   };
 
-  // Four heights at a time: the qualities are those of one call each, bit for bit.
-  auto qualities = [&](const double* z, unsigned count, double* q) {
-    const double heights[4] = {z[0], z[1 < count ? 1 : 0], z[2 < count ? 2 : 0],
-                               z[3 < count ? 3 : 0]};
-    double out[4];
-    tet_quality_heights(c, b, a, centre, normal, heights, out);
-    for (unsigned i = 0; i < count; ++i) q[i] = out[i];
-  };
-
+  // Four heights at a time: the qualities are those of one call each, bit for bit. The twelfth
+  // only pads the last call.
   double zs[12], qs[12];
   zs[0] = z0;
   for (unsigned k = 1; k <= 10; ++k) zs[k] = z0 + step * k;
-  for (unsigned k = 0; k <= 10; k += 4) qualities(zs + k, k + 4 <= 11 ? 4 : 11 - k, qs + k);
+  zs[11] = z0;
+  for (unsigned k = 0; k <= 10; k += 4) heights(zs + k, qs + k);
   double zbest = z0, qbest = qs[0];
   for (unsigned k = 1; k <= 10; ++k)
     if (qs[k] > qbest) zbest = zs[k], qbest = qs[k];
@@ -573,13 +575,13 @@ double best_apex(const dense2D<double>& nodes, const unsigned* tri, double tol,
       double hq[4];
       if (lo_known && hi_known && !held[0] && !held[1]) {
         const double hz[4] = {m1, m2, next[0], next[1]};
-        tet_quality_heights(c, b, a, centre, normal, hz, hq);
+        heights(hz, hq);
         q1 = hq[0], q2 = hq[1];
         next_q[0] = hq[2], next_q[1] = hq[3];
         next_count = 2;
       } else if (lo_known && hi_known) {
         const double hz[4] = {held[0] ? m2 : m1, next[0], next[1], next[2]};
-        tet_quality_heights(c, b, a, centre, normal, hz, hq);
+        heights(hz, hq);
         (held[0] ? q2 : q1) = hq[0];
         next_q[0] = hq[1], next_q[1] = hq[2], next_q[2] = hq[3];
         next_count = 3;
@@ -592,7 +594,7 @@ double best_apex(const dense2D<double>& nodes, const unsigned* tri, double tol,
         if (!held[1]) hz[n++] = m2;
         const unsigned needed = n;
         for (unsigned g = 0; n < 4; ++g) hz[n++] = next[g];
-        tet_quality_heights(c, b, a, centre, normal, hz, hq);
+        heights(hz, hq);
         unsigned k = 0;
         if (!lo_known) qlo = hq[k++];
         if (!hi_known) qhi = hq[k++];
@@ -623,6 +625,82 @@ double best_apex(const dense2D<double>& nodes, const unsigned* tri, double tol,
   if (qhi > qbest) zbest = hi, qbest = qhi;
   for (unsigned k = 0; k < 3; ++k) apex[k] = centre[k] + normal[k] * zbest;
   return qbest;
+}
+
+// The four heights by tet_quality_heights.
+struct call_heights {
+  const double *a, *b, *c, *centre, *normal;
+  void operator()(const double* z, double* q) const noexcept {
+    tet_quality_heights(c, b, a, centre, normal, z, q);
+  }
+};
+
+#if VOXFILL_APEX_AVX2
+const bool apex_avx2 = lanes_avx2();
+
+// The same four heights in the lanes of the caller's AVX2 code: the apexes, their edge vectors
+// and shape qualities as tet_quality_heights works them out, and the lanes that it leaves to the
+// scalar routine left to it here too.
+struct lane_heights {
+  const double *a, *b, *c, *centre, *normal;
+  VOXFILL_AVX2 inline void operator()(const double* z, double* q) const noexcept {
+    const __m256d h = _mm256_loadu_pd(z);
+    const __m256d X =
+        _mm256_add_pd(_mm256_set1_pd(centre[0]), _mm256_mul_pd(_mm256_set1_pd(normal[0]), h));
+    const __m256d Y =
+        _mm256_add_pd(_mm256_set1_pd(centre[1]), _mm256_mul_pd(_mm256_set1_pd(normal[1]), h));
+    const __m256d Z =
+        _mm256_add_pd(_mm256_set1_pd(centre[2]), _mm256_mul_pd(_mm256_set1_pd(normal[2]), h));
+    // The tet is (c, b, a, apex): its edge vectors are c, b and a less the apex.
+    const double* p[3] = {c, b, a};
+    __m256d v[3][3];
+    for (unsigned i = 0; i < 3; ++i) {
+      v[i][0] = _mm256_sub_pd(_mm256_set1_pd(p[i][0]), X);
+      v[i][1] = _mm256_sub_pd(_mm256_set1_pd(p[i][1]), Y);
+      v[i][2] = _mm256_sub_pd(_mm256_set1_pd(p[i][2]), Z);
+    }
+    const int taken = avx_lanes::shape_quality(v[0][0], v[0][1], v[0][2], v[1][0], v[1][1], v[1][2],
+                                               v[2][0], v[2][1], v[2][2], q);
+    if (taken == 15) return;
+    for (unsigned k = 0; k < 4; ++k)
+      if (!(taken >> k & 1)) {
+        double P[3];
+        for (unsigned d = 0; d < 3; ++d) P[d] = centre[d] + normal[d] * z[k];
+        q[k] = tet_quality(c, b, a, P);
+      }
+  }
+};
+
+[[gnu::flatten]] VOXFILL_AVX2 double apex_search_avx2(const dense2D<double>& nodes,
+                                                      const unsigned* tri, const double* a,
+                                                      const double* b, const double* c,
+                                                      const double* centre, const double* normal,
+                                                      double tol, double* apex) noexcept {
+  return apex_search(nodes, tri, a, b, c, centre, normal, tol, apex,
+                     lane_heights{a, b, c, centre, normal});
+}
+#endif
+
+}  // namespace
+
+double best_apex(const dense2D<double>& nodes, const unsigned* tri, double tol,
+                 double* apex) noexcept {
+  const double* a = nodes.col(tri[0]);
+  const double* b = nodes.col(tri[1]);
+  const double* c = nodes.col(tri[2]);
+  double centre[3], normal[3];
+  for (unsigned k = 0; k < 3; ++k) centre[k] = (a[k] + b[k] + c[k]) / 3.0;
+  face_normal(a, b, c, normal);
+  const double n2 = geometry_detail::dot3(normal, normal);
+  if (n2 != 0.0 && n2 != 1.0) {
+    const double inv = 1.0 / std::sqrt(n2);
+    for (unsigned k = 0; k < 3; ++k) normal[k] *= inv;
+  }
+#if VOXFILL_APEX_AVX2
+  if (apex_avx2) return apex_search_avx2(nodes, tri, a, b, c, centre, normal, tol, apex);
+#endif
+  return apex_search(nodes, tri, a, b, c, centre, normal, tol, apex,
+                     call_heights{a, b, c, centre, normal});
 }
 
 double triangle_quality(const dense2D<double>& nodes, unsigned n0, unsigned n1,
