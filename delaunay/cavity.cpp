@@ -312,8 +312,8 @@ enum class surface { ok, node, failure };
 
 // Whether the boundary is a topological sphere that holds every cavity node. Marks hold nodes
 // meanwhile; unless the answer is ok, the cavity's tets are marked again in a fresh generation
-// before returning.
-surface surface_test(mesh_store& m, kernel_workspace& ws, const cavity_record& cav,
+// before returning. `qmin` is the smallest face quality when known, else NO_VALUE.
+surface surface_test(mesh_store& m, kernel_workspace& ws, const cavity_record& cav, double qmin,
                      unsigned& inner_node) noexcept {
   const unsigned T = cav.tets.size, F = cav.faces.size;
   if (4 * T < F + 6) return surface::ok;  // fewer than three inner faces: nothing to check
@@ -346,9 +346,11 @@ surface surface_test(mesh_store& m, kernel_workspace& ws, const cavity_record& c
       }
     }
     if (result == surface::ok) {
-      double qmin = cav.face_qualities[0];
-      for (unsigned k = 1; k < F; ++k)
-        if (cav.face_qualities[k] < qmin) qmin = cav.face_qualities[k];
+      if (qmin == NO_VALUE) {
+        qmin = cav.face_qualities[0];
+        for (unsigned k = 1; k < F; ++k)
+          if (cav.face_qualities[k] < qmin) qmin = cav.face_qualities[k];
+      }
       if (qmin < FLAT_TOL) {
         // Nearly flat new tets: the counts above may hide a pinched surface; a closed
         // two-manifold of F triangles has exactly 3 F / 2 edges.
@@ -912,6 +914,7 @@ void correct_cavity(mesh_store& m, kernel_workspace& ws, cavity_record& cav,
     prefetch_for_write(m.tet_stamps.data() + cav.tets[k]);
   }
   bool flat = false;  // a face without a positive new tet
+  double qmin = NO_VALUE;
   if (!cav.face_qualities.resize(cav.faces.size)) return out_of_memory(cav);
   {
     const unsigned F = cav.faces.size;
@@ -935,11 +938,13 @@ void correct_cavity(mesh_store& m, kernel_workspace& ws, cavity_record& cav,
       for (unsigned l = 0; l < 4 && k + l < F; ++l) {
         q[k + l] = out[l];
         flat |= !(out[l] > STAR_TOL);
+        qmin = out[l] < qmin ? out[l] : qmin;
       }
     }
     if (k < F) {
       q[k] = v.face_quality(P, cav.faces[k]);
       flat |= !(q[k] > STAR_TOL);
+      qmin = q[k] < qmin ? q[k] : qmin;
     }
   }
   if (any_inner) {
@@ -948,6 +953,8 @@ void correct_cavity(mesh_store& m, kernel_workspace& ws, cavity_record& cav,
       return out_of_memory(cav);
     flat |= cav.faces.size != before;
   }
+  // Without a flat face (so without NaN either) the smallest quality holds until a rebuild.
+  if (flat) qmin = NO_VALUE;
 
   for (;;) {
     // Every new tet must be positive: a face that P does not see from inside drops its tet.
@@ -982,7 +989,7 @@ void correct_cavity(mesh_store& m, kernel_workspace& ws, cavity_record& cav,
     }
     if (!decided) {
       unsigned node = NONE;
-      const surface s = surface_test(m, ws, cav, node);
+      const surface s = surface_test(m, ws, cav, qmin, node);
       if (s == surface::ok) return;
       if (s == surface::node) victim = pick_victim(m, mesh_view(m), cav, node, NONE);
     }
@@ -992,6 +999,7 @@ void correct_cavity(mesh_store& m, kernel_workspace& ws, cavity_record& cav,
     }
     const mesh_view u(m);
     u.unset(victim);
+    qmin = NO_VALUE;
     if (!rebuild(u, cav, P)) return out_of_memory(cav);
     if (cav.tets.size == 0) return;
   }
