@@ -477,6 +477,30 @@ void in_circumsphere_pair(const double* const a[4], const double* const b[4], co
 #endif
 }
 
+// The lanes l..nl of a collection step that the AVX test did not take, two at a time, then one:
+// bit l for lane l's tet holding P. Kept out of line, away from the registers of the step.
+[[gnu::noinline]] unsigned in_circumsphere_rest(const mesh_view& v, const unsigned* lane,
+                                                unsigned l, unsigned nl, const double* P,
+                                                double limit) noexcept {
+  unsigned in = 0;
+  for (; has_sse2 && l + 1 < nl; l += 2) {
+    const unsigned* n = v.tet(lane[l]);
+    const unsigned* o = v.tet(lane[l + 1]);
+    const double* const pa[4] = {v.point(n[0]), v.point(n[1]), v.point(n[2]), v.point(n[3])};
+    const double* const pb[4] = {v.point(o[0]), v.point(o[1]), v.point(o[2]), v.point(o[3])};
+    bool in_a, in_b;
+    in_circumsphere_pair(pa, pb, P, limit, in_a, in_b);
+    in |= unsigned(in_a) << l | unsigned(in_b) << (l + 1);
+  }
+  for (; l < nl; ++l) {
+    const unsigned* n = v.tet(lane[l]);
+    in |= unsigned(
+              in_circumsphere(v.point(n[0]), v.point(n[1]), v.point(n[2]), v.point(n[3]), P, limit))
+          << l;
+  }
+  return in;
+}
+
 #if VOXFILL_LANES_AVX
 // Whether the processor runs AVX. Its lanes do the operations of the SSE2 and scalar code one for
 // one (nothing fused), so both give the same bits; AVX only does more at a time.
@@ -832,21 +856,7 @@ void collect_cavity(mesh_store& m, unsigned p, dense1D<unsigned>& seeds, cavity_
         l = nl;
       }
 #endif
-      for (; has_sse2 && l + 1 < nl; l += 2) {
-        const unsigned* n = v.tet(lane[l]);
-        const unsigned* o = v.tet(lane[l + 1]);
-        const double* const pa[4] = {v.point(n[0]), v.point(n[1]), v.point(n[2]), v.point(n[3])};
-        const double* const pb[4] = {v.point(o[0]), v.point(o[1]), v.point(o[2]), v.point(o[3])};
-        bool in_a, in_b;
-        in_circumsphere_pair(pa, pb, P, limit, in_a, in_b);
-        in |= unsigned(in_a) << l | unsigned(in_b) << (l + 1);
-      }
-      for (; l < nl; ++l) {
-        const unsigned* n = v.tet(lane[l]);
-        in |= unsigned(in_circumsphere(v.point(n[0]), v.point(n[1]), v.point(n[2]), v.point(n[3]),
-                                       P, limit))
-              << l;
-      }
+      if (l < nl) in |= in_circumsphere_rest(v, lane, l, nl, P, limit);
       for (l = 0; l < own; ++l) {
         const unsigned nb = lane[l], i = lane_face[l];
         if ((in >> l) & 1) {
