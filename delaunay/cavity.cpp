@@ -904,59 +904,65 @@ void correct_cavity(mesh_store& m, kernel_workspace& ws, cavity_record& cav,
   cav.faces.clear();
   cav.hard_faces.clear();
   cav.face_qualities.clear();
-  if (T > 0x3FFFFFFFu || !cav.faces.reserve(4 * T)) return out_of_memory(cav);
+  if (T > 0x3FFFFFFFu || !cav.faces.reserve(4 * T) || !cav.face_qualities.reserve(4 * T))
+    return out_of_memory(cav);
   unsigned any_inner = 0;
-  {
-    unsigned* faces = cav.faces.data();
-    const unsigned* tets = cav.tets.data();
-    const unsigned* face_bits = cav.face_bits.data();
-    unsigned F = 0;
-    for (unsigned k = 0; k < T; ++k) {
-      const unsigned t4 = 4 * tets[k], bits = face_bits[k];
-      any_inner |= bits;
-      for (unsigned b = bits & 15; b; b &= b - 1) faces[F++] = t4 + unsigned(__builtin_ctz(b));
-    }
-    cav.faces.size = F;
-  }
-  any_inner = hard_check ? any_inner >> 4 : 0;
-  for (unsigned k = 0; k < T; ++k) {  // rows that the star will mostly rewrite
-    prefetch_for_write(m.tet_qualities.data() + cav.tets[k]);
-    prefetch_for_write(m.tet_stamps.data() + cav.tets[k]);
-  }
   bool flat = false;  // a face without a positive new tet
   double qmin = NO_VALUE;
-  if (!cav.face_qualities.resize(cav.faces.size)) return out_of_memory(cav);
   {
-    const unsigned F = cav.faces.size;
+    // Each face listed with its new tet (P, face nodes) put into the lanes of a quality call at
+    // once, four at a time; the last group of two or three repeats its last face, a last single
+    // face goes alone.
+    unsigned* faces = cav.faces.data();
     double* q = cav.face_qualities.data();
-    // Four new tets (P, face nodes) at a time; the last group of two or three repeats its last
-    // face, a last single face goes alone.
-    unsigned k = 0;
-    for (; k + 1 < F; k += 4) {
-      const double* p[16];
-      for (unsigned l = 0; l < 4; ++l) {
-        const unsigned code = cav.faces[k + l < F ? k + l : F - 1];
-        const unsigned* n = v.tet(code >> 2);
-        const unsigned* f = tet_face_nodes[code & 3];
-        p[4 * l] = P;
-        p[4 * l + 1] = v.point(n[f[0]]);
-        p[4 * l + 2] = v.point(n[f[1]]);
-        p[4 * l + 3] = v.point(n[f[2]]);
-      }
-      double out[4];
+    const unsigned* tets = cav.tets.data();
+    const unsigned* face_bits = cav.face_bits.data();
+    double* tet_qualities = m.tet_qualities.data();
+    unsigned* tet_stamps = m.tet_stamps.data();
+    const double* p[16];
+    double out[4];
+    unsigned F = 0, nl = 0;
+    auto take_lanes = [&](unsigned count) {
       tet_quality_lanes(p, out);
-      for (unsigned l = 0; l < 4 && k + l < F; ++l) {
-        q[k + l] = out[l];
+      for (unsigned l = 0; l < count; ++l) {
+        q[F - count + l] = out[l];
         flat |= !(out[l] > STAR_TOL);
         qmin = out[l] < qmin ? out[l] : qmin;
       }
+    };
+    for (unsigned k = 0; k < T; ++k) {
+      const unsigned t = tets[k], bits = face_bits[k];
+      // Rows that the star will mostly rewrite.
+      prefetch_for_write(tet_qualities + t);
+      prefetch_for_write(tet_stamps + t);
+      any_inner |= bits;
+      const unsigned* n = v.tet(t);
+      for (unsigned b = bits & 15; b; b &= b - 1) {
+        const unsigned i = unsigned(__builtin_ctz(b));
+        const unsigned* f = tet_face_nodes[i];
+        faces[F++] = 4 * t + i;
+        const double** r = p + 4 * nl;
+        r[0] = P;
+        r[1] = v.point(n[f[0]]);
+        r[2] = v.point(n[f[1]]);
+        r[3] = v.point(n[f[2]]);
+        if (++nl == 4) {
+          take_lanes(4);
+          nl = 0;
+        }
+      }
     }
-    if (k < F) {
-      q[k] = v.face_quality(P, cav.faces[k]);
-      flat |= !(q[k] > STAR_TOL);
-      qmin = q[k] < qmin ? q[k] : qmin;
+    if (nl == 1) {
+      q[F - 1] = tet_quality(p[0], p[1], p[2], p[3]);
+      flat |= !(q[F - 1] > STAR_TOL);
+      qmin = q[F - 1] < qmin ? q[F - 1] : qmin;
+    } else if (nl) {
+      for (unsigned l = nl; l < 4; ++l) std::copy_n(p + 4 * (nl - 1), 4, p + 4 * l);
+      take_lanes(nl);
     }
+    cav.faces.size = cav.face_qualities.size = F;
   }
+  any_inner = hard_check ? any_inner >> 4 : 0;
   if (any_inner) {
     const unsigned before = cav.faces.size;
     if (!add_hard_faces(v, cav, cav.face_bits.data(), hard_set, ws.hard_bits, P))
