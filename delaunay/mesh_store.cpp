@@ -2,6 +2,7 @@
 // the parallel arrays, loading, reservation, marks, qualities and ancestors.
 #include "delaunay/mesh_store.h"
 
+#include <algorithm>
 #include <cmath>
 
 #include "delaunay/geometry.h"
@@ -107,17 +108,25 @@ bool mesh_store::append_tets(const unsigned* rows, const double* qualities, unsi
   a.size += 4 * count;
   b.size += 4 * count;
   colors.size = tet_qualities.size = tet_stamps.size = end;
+  // Through plain pointers: the stores would otherwise make every table's pointer be read again.
   unsigned* r = a.col(n);
+  unsigned* c = colors.data() + n;
+  double* q = tet_qualities.data() + n;
+  unsigned* st = tet_stamps.data() + n;
+  const unsigned clock = tet_clock;
+  std::copy_n(rows, 4 * std::size_t(count), r);
   for (unsigned k = 0; k < count; ++k) {
-    const unsigned t = n + k;
-    tets.free_bits.reset(t);
-    neighbors.free_bits.reset(t);
-    r[4 * k] = rows[4 * k], r[4 * k + 1] = rows[4 * k + 1];
-    r[4 * k + 2] = rows[4 * k + 2], r[4 * k + 3] = rows[4 * k + 3];
-    colors[t] = color;
-    tet_qualities[t] = qualities[k];
-    tet_stamps[t] = tet_clock;
-    made[k] = t;
+    c[k] = color;
+    q[k] = qualities[k];
+    st[k] = clock;
+    made[k] = n + k;
+  }
+  // Free bits beyond the set's length read as clear already.
+  bit_set* bits[2] = {&tets.free_bits, &neighbors.free_bits};
+  for (bit_set* b : bits) {
+    unsigned* w = b->words.data();
+    for (unsigned t = n, stop = std::min(end, b->length); t < stop; ++t)
+      w[t >> 5] &= ~(1u << (t & 31));
   }
   return true;
 }
