@@ -1136,9 +1136,7 @@ bool fill_star(mesh_store& m, kernel_workspace& ws, cavity_record& cav,
     const unsigned clock = m.tet_clock;
     for (unsigned k = 0; k < reused; ++k) {
       const unsigned t = old_tets[k];
-      const unsigned* s = star + 4 * std::size_t(k);
-      unsigned* r = v.tet(t);
-      r[0] = s[0], r[1] = s[1], r[2] = s[2], r[3] = s[3];
+      std::memcpy(v.tet(t), star + 4 * std::size_t(k), 4 * sizeof(unsigned));
       tet_qualities[t] = qualities[k];
       stamps[t] = clock;
       made[k] = t;
@@ -1158,15 +1156,18 @@ bool fill_star(mesh_store& m, kernel_workspace& ws, cavity_record& cav,
   const mesh_view v(m);
   unsigned* anc = m.ancestors.data();
   for (unsigned k = 0; k < F; ++k) {
+    // Everything read before the first store, which could otherwise alias each later read.
     const unsigned t = made[k];
     unsigned* nbs = v.nb(t);
     const unsigned outside = faces[k];
     const unsigned* l = link + 4 * std::size_t(k);
-    nbs[0] = outside == NONE ? NONE : outside >> 2;
-    nbs[1] = made[l[1]], nbs[2] = made[l[2]], nbs[3] = made[l[3]];
-    if (outside != NONE) v.nb(outside >> 2)[outside & 3] = t;
     const unsigned* s = star + 4 * std::size_t(k);
-    anc[s[1]] = t, anc[s[2]] = t, anc[s[3]] = t;
+    const unsigned n1 = made[l[1]], n2 = made[l[2]], n3 = made[l[3]];
+    const unsigned s1 = s[1], s2 = s[2], s3 = s[3];
+    nbs[0] = outside == NONE ? NONE : outside >> 2;
+    nbs[1] = n1, nbs[2] = n2, nbs[3] = n3;
+    if (outside != NONE) v.nb(outside >> 2)[outside & 3] = t;
+    anc[s1] = t, anc[s2] = t, anc[s3] = t;
   }
   if (F) anc[p] = made[F - 1];  // p is node 0 of every row: the last row wins, as for the others
   ws.star_tets.clear();
