@@ -878,7 +878,6 @@ void collect_cavity(mesh_store& m, unsigned p, dense1D<unsigned>& seeds, cavity_
     for (unsigned i = 0; i < 4; ++i) {  // taken in the order of the faces
       const unsigned nb = taken[i];
       if (nb == NONE) continue;
-      face_bits[T] = 0;
       stack[S++] = T;
       tets[T++] = nb;
       ask_around(nb);
