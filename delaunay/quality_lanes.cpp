@@ -45,15 +45,36 @@ using namespace avx_lanes;
 // Nothing fused: the lanes round as the scalar code does.
 const bool has_avx = lanes_avx();
 
-// raw_shape_quality and the checks of tet_quality over four lanes; the lanes that need the
-// permutation retries (or have no positive denominator) are done again by the scalar code.
+// The lanes of quality_quad that need the permutation retries (or have no positive
+// denominator), done again by the scalar code. Rare, and kept out of line so that the lanes'
+// registers and frame stay small.
+[[gnu::noinline, gnu::cold]] void redo_quality(const double* const* const t[4], double q[4],
+                                               int plain) noexcept {
+  for (unsigned l = 0, redo = ~plain & 15; redo; ++l, redo >>= 1)
+    if (redo & 1) q[l] = tet_quality(t[l][0], t[l][1], t[l][2], t[l][3]);
+}
+
+// x, y and z of the points a, b, c, d in lanes 0 to 3, as gather_points but with x and y
+// unpacked from two halves loaded whole: fewer shuffles, the same values.
+VOXFILL_AVX inline void gather_quad(const double* a, const double* b, const double* c,
+                                    const double* d, __m256d& x, __m256d& y, __m256d& z) noexcept {
+  const __m256d ac =
+      _mm256_insertf128_pd(_mm256_castpd128_pd256(_mm_loadu_pd(a)), _mm_loadu_pd(c), 1);
+  const __m256d bd =
+      _mm256_insertf128_pd(_mm256_castpd128_pd256(_mm_loadu_pd(b)), _mm_loadu_pd(d), 1);
+  x = _mm256_unpacklo_pd(ac, bd);
+  y = _mm256_unpackhi_pd(ac, bd);
+  z = _mm256_insertf128_pd(_mm256_castpd128_pd256(_mm_loadh_pd(_mm_load_sd(a + 2), b + 2)),
+                           _mm_loadh_pd(_mm_load_sd(c + 2), d + 2), 1);
+}
+
+// raw_shape_quality and the checks of tet_quality over four lanes.
 VOXFILL_AVX void quality_quad(const double* const* const t[4], double q[4]) noexcept {
   __m256d x[4], y[4], z[4];
   for (unsigned k = 0; k < 4; ++k)
-    gather_points(t[0][k], t[1][k], t[2][k], t[3][k], x[k], y[k], z[k]);
-  const int lanes = points_shape_quality(x, y, z, q);
-  for (unsigned l = 0, redo = ~lanes & 15; redo; ++l, redo >>= 1)
-    if (redo & 1) q[l] = tet_quality(t[l][0], t[l][1], t[l][2], t[l][3]);
+    gather_quad(t[0][k], t[1][k], t[2][k], t[3][k], x[k], y[k], z[k]);
+  const int plain = points_shape_quality(x, y, z, q);
+  if (plain != 15) redo_quality(t, q, plain);
 }
 
 VOXFILL_AVX void apex_quad(const double* const* const t[4], double height, double weight,
@@ -209,6 +230,11 @@ VOXFILL_AVX void twice_atan2_quad(const double* y, const double* x, float* out) 
 
 #endif
 
+// The scalar path of tet_quality_lanes, out of line so that the lanes' path is a plain jump.
+[[gnu::noinline]] void quality_one_by_one(const double* const* const t[4], double q[4]) noexcept {
+  for (unsigned l = 0; l < 4; ++l) q[l] = tet_quality(t[l][0], t[l][1], t[l][2], t[l][3]);
+}
+
 // The scalar path of solid_angle_lanes, one tet.
 void solid_one(const double* const* p, double* y, double* x) noexcept {
   using namespace geometry_detail;
@@ -302,7 +328,7 @@ void tet_quality_lanes(const double* const* const t[4], double q[4]) noexcept {
     return;
   }
 #endif
-  for (unsigned l = 0; l < 4; ++l) q[l] = tet_quality(t[l][0], t[l][1], t[l][2], t[l][3]);
+  quality_one_by_one(t, q);
 }
 
 void twice_atan2_lanes(const double y[4], const double x[4], float out[4]) noexcept {
