@@ -78,7 +78,9 @@ VOXFILL_AVX inline int lean_shape_quality(__m256d a0, __m256d a1, __m256d a2, __
   const __m256d bc0 = _mm256_sub_pd(_mm256_mul_pd(b1, c2), _mm256_mul_pd(b2, c1));
   const __m256d bc1 = _mm256_sub_pd(_mm256_mul_pd(b2, c0), _mm256_mul_pd(b0, c2));
   const __m256d bc2 = _mm256_sub_pd(_mm256_mul_pd(b0, c1), _mm256_mul_pd(b1, c0));
-  const __m256d det = dot4(a0, a1, a2, bc0, bc1, bc2);
+  __m256d det = dot4(a0, a1, a2, bc0, bc1, bc2);
+  // Made here, not at its one use, where a, b and c would have to be kept to the end.
+  asm("" : "+x"(det));
   const __m256d L0 = dot4(a0, a1, a2, a0, a1, a2), dab = dot4(a0, a1, a2, b0, b1, b2),
                 dac = dot4(a0, a1, a2, c0, c1, c2);
   const __m256d L1 = dot4(b0, b1, b2, b0, b1, b2), dbc = dot4(b0, b1, b2, c0, c1, c2),
