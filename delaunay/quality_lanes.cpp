@@ -98,6 +98,7 @@ VOXFILL_AVX inline int lean_shape_quality(__m256d a0, __m256d a1, __m256d a2, __
   doubtful = _mm256_or_pd(
       doubtful, _mm256_cmp_pd(Gac, _mm256_mul_pd(_mm256_mul_pd(tol, L0), L2), _CMP_LT_OQ));
   roots = _mm256_add_pd(roots, _mm256_sqrt_pd(Gac));
+  asm("" : "+x"(roots));
   const __m256d Eac = _mm256_sub_pd(_mm256_add_pd(L0, L2), _mm256_mul_pd(two, dac));
   doubtful = _mm256_or_pd(doubtful, _mm256_cmp_pd(Eac, zero, _CMP_NGT_UQ));
   const __m256d Gab = _mm256_sub_pd(_mm256_mul_pd(L0, L1), _mm256_mul_pd(dab, dab));
