@@ -45,13 +45,13 @@ using namespace avx_lanes;
 // Nothing fused: the lanes round as the scalar code does.
 const bool has_avx = lanes_avx();
 
-// The lanes of quality_quad that need the permutation retries (or have no positive
-// denominator), done again by the scalar code. Rare, and kept out of line so that the lanes'
-// registers and frame stay small.
-[[gnu::noinline, gnu::cold]] void redo_quality(const double* const* const t[4], double q[4],
-                                               int plain) noexcept {
+// The lanes of the four-tet qualities that need the permutation retries (or have no positive
+// denominator), done again by the scalar code with the points of lane l at at(l, 0..3). Rare,
+// and kept out of line so that the lanes' registers and frame stay small.
+template <class At>
+[[gnu::noinline, gnu::cold]] void redo_quality(At at, double q[4], int plain) noexcept {
   for (unsigned l = 0, redo = ~plain & 15; redo; ++l, redo >>= 1)
-    if (redo & 1) q[l] = tet_quality(t[l][0], t[l][1], t[l][2], t[l][3]);
+    if (redo & 1) q[l] = tet_quality(at(l, 0), at(l, 1), at(l, 2), at(l, 3));
 }
 
 // x, y and z of the points a, b, c, d in lanes 0 to 3, as gather_points but with x and y
@@ -127,19 +127,50 @@ VOXFILL_AVX inline int lean_shape_quality(__m256d a0, __m256d a1, __m256d a2, __
   return _mm256_movemask_pd(plain);
 }
 
-// raw_shape_quality and the checks of tet_quality over four lanes. The fourth points first, so
-// that each other point becomes its edge vector as soon as it is loaded.
-VOXFILL_AVX void quality_quad(const double* const* const t[4], double q[4]) noexcept {
+// raw_shape_quality and the checks of tet_quality over four lanes, point k of lane l at
+// at(l, k). The fourth points first, so that each other point becomes its edge vector as soon
+// as it is loaded.
+template <class At>
+VOXFILL_AVX inline void quality_quad(At at, double q[4]) noexcept {
   __m256d x3, y3, z3, x, y, z;
-  gather_quad(t[0][3], t[1][3], t[2][3], t[3][3], x3, y3, z3);
-  gather_quad(t[0][0], t[1][0], t[2][0], t[3][0], x, y, z);
+  gather_quad(at(0, 3), at(1, 3), at(2, 3), at(3, 3), x3, y3, z3);
+  gather_quad(at(0, 0), at(1, 0), at(2, 0), at(3, 0), x, y, z);
   const __m256d a0 = _mm256_sub_pd(x, x3), a1 = _mm256_sub_pd(y, y3), a2 = _mm256_sub_pd(z, z3);
-  gather_quad(t[0][1], t[1][1], t[2][1], t[3][1], x, y, z);
+  gather_quad(at(0, 1), at(1, 1), at(2, 1), at(3, 1), x, y, z);
   const __m256d b0 = _mm256_sub_pd(x, x3), b1 = _mm256_sub_pd(y, y3), b2 = _mm256_sub_pd(z, z3);
-  gather_quad(t[0][2], t[1][2], t[2][2], t[3][2], x, y, z);
+  gather_quad(at(0, 2), at(1, 2), at(2, 2), at(3, 2), x, y, z);
   const __m256d c0 = _mm256_sub_pd(x, x3), c1 = _mm256_sub_pd(y, y3), c2 = _mm256_sub_pd(z, z3);
   const int plain = lean_shape_quality(a0, a1, a2, b0, b1, b2, c0, c1, c2, q);
-  if (plain != 15) redo_quality(t, q, plain);
+  if (plain != 15) redo_quality(at, q, plain);
+}
+
+// The entry points' lanes, one for each way of naming the points.
+struct tet_lists_at {
+  const double* const* const* t;
+  const double* operator()(unsigned l, unsigned k) const noexcept { return t[l][k]; }
+};
+struct point_list_at {
+  const double* const* p;
+  const double* operator()(unsigned l, unsigned k) const noexcept { return p[4 * l + k]; }
+};
+struct node_list_at {
+  const double* xyz;
+  std::size_t ld;
+  const unsigned* n;
+  const double* operator()(unsigned l, unsigned k) const noexcept {
+    return xyz + ld * n[4 * l + k];
+  }
+};
+
+VOXFILL_AVX void quality_quad_tets(const double* const* const t[4], double q[4]) noexcept {
+  quality_quad(tet_lists_at{t}, q);
+}
+VOXFILL_AVX void quality_quad_points(const double* const p[16], double q[4]) noexcept {
+  quality_quad(point_list_at{p}, q);
+}
+VOXFILL_AVX void quality_quad_nodes(const double* xyz, std::size_t ld, const unsigned n[16],
+                                    double q[4]) noexcept {
+  quality_quad(node_list_at{xyz, ld, n}, q);
 }
 
 VOXFILL_AVX void apex_quad(const double* const* const t[4], double height, double weight,
@@ -296,8 +327,9 @@ VOXFILL_AVX void twice_atan2_quad(const double* y, const double* x, float* out) 
 #endif
 
 // The scalar path of tet_quality_lanes, out of line so that the lanes' path is a plain jump.
-[[gnu::noinline]] void quality_one_by_one(const double* const* const t[4], double q[4]) noexcept {
-  for (unsigned l = 0; l < 4; ++l) q[l] = tet_quality(t[l][0], t[l][1], t[l][2], t[l][3]);
+template <class At>
+[[gnu::noinline]] void quality_one_by_one(At at, double q[4]) noexcept {
+  for (unsigned l = 0; l < 4; ++l) q[l] = tet_quality(at(l, 0), at(l, 1), at(l, 2), at(l, 3));
 }
 
 // The scalar path of solid_angle_lanes, one tet.
@@ -389,11 +421,33 @@ void solid_angle_lanes(const double* const* const t[4], double y[4][4], double x
 void tet_quality_lanes(const double* const* const t[4], double q[4]) noexcept {
 #if VOXFILL_LANES_AVX
   if (has_avx) {
-    quality_quad(t, q);
+    quality_quad_tets(t, q);
     return;
   }
 #endif
-  quality_one_by_one(t, q);
+  quality_one_by_one(tet_lists_at{t}, q);
+}
+
+void tet_quality_lanes(const double* const p[16], double q[4]) noexcept {
+#if VOXFILL_LANES_AVX
+  if (has_avx) {
+    quality_quad_points(p, q);
+    return;
+  }
+#endif
+  quality_one_by_one(point_list_at{p}, q);
+}
+
+void tet_quality_lanes(const dense2D<double>& coords, const unsigned n[16], double q[4]) noexcept {
+  // Point j at xyz + ld j, as coords.col(j).
+  const double* xyz = coords.col(0);
+#if VOXFILL_LANES_AVX
+  if (has_avx) {
+    quality_quad_nodes(xyz, coords.ld, n, q);
+    return;
+  }
+#endif
+  quality_one_by_one(node_list_at{xyz, coords.ld, n}, q);
 }
 
 void twice_atan2_lanes(const double y[4], const double x[4], float out[4]) noexcept {

@@ -10,10 +10,7 @@ namespace kelvo::voxfill {
 void tet_quality_lanes(const double* const* const t[4], double q[4]) noexcept;
 
 // The same with the points of lane l at p[4 l] to p[4 l + 3].
-inline void tet_quality_lanes(const double* const p[16], double q[4]) noexcept {
-  const double* const* const t[4] = {p, p + 4, p + 8, p + 12};
-  tet_quality_lanes(t, q);
-}
+void tet_quality_lanes(const double* const p[16], double q[4]) noexcept;
 
 // For the triangles (t[l][0], t[l][1], t[l][2]), l = 0 to 3: the point C + (height e) N, with N
 // the normal of face_normal divided by its length (left as it is at length 0 or 1), C the
@@ -41,11 +38,6 @@ void solid_angle_lanes(const double* const* const t[4], double y[4][4], double x
 void twice_atan2_lanes(const double y[4], const double x[4], float out[4]) noexcept;
 
 // The same with the tets' nodes n[4 l] to n[4 l + 3] in a 3-row coordinate table.
-inline void tet_quality_lanes(const dense2D<double>& coords, const unsigned n[16],
-                              double q[4]) noexcept {
-  const double* p[16];
-  for (unsigned k = 0; k < 16; ++k) p[k] = coords.col(n[k]);
-  tet_quality_lanes(p, q);
-}
+void tet_quality_lanes(const dense2D<double>& coords, const unsigned n[16], double q[4]) noexcept;
 
 }  // namespace kelvo::voxfill
