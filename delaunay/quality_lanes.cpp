@@ -45,6 +45,15 @@ using namespace avx_lanes;
 // Nothing fused: the lanes round as the scalar code does.
 const bool has_avx = lanes_avx();
 
+// _mm256_blendv_pd(a, b, mask) as the one instruction. GCC 12 reads the intrinsic as a select
+// on the mask's sign, which needs AVX2 to stay in vectors, and under plain AVX splits it into
+// branches by lane.
+VOXFILL_AVX inline __m256d blend(__m256d a, __m256d b, __m256d mask) noexcept {
+  __m256d r;
+  asm("vblendvpd %3, %2, %1, %0" : "=x"(r) : "x"(a), "x"(b), "x"(mask));
+  return r;
+}
+
 // The lanes of the four-tet qualities that need the permutation retries (or have no positive
 // denominator), done again by the scalar code with the points of lane l at at(l, 0..3). Rare,
 // and kept out of line so that the lanes' registers and frame stay small.
@@ -188,8 +197,8 @@ VOXFILL_AVX void apex_quad(const double* const* const t[4], double height, doubl
                 Lw = dot4(w0, w1, w2, w0, w1, w2);
   // face_normal: the shortest side p0 p1 takes the place of p1 p2.
   const __m256d short_w = _mm256_cmp_pd(Lw, _mm256_min_pd(Lu, Lv), _CMP_LE_OQ);
-  const __m256d s0 = _mm256_blendv_pd(v0, w0, short_w), s1 = _mm256_blendv_pd(v1, w1, short_w),
-                s2 = _mm256_blendv_pd(v2, w2, short_w);
+  const __m256d s0 = blend(v0, w0, short_w), s1 = blend(v1, w1, short_w),
+                s2 = blend(v2, w2, short_w);
   __m256d n0 = _mm256_sub_pd(_mm256_mul_pd(u1, s2), _mm256_mul_pd(u2, s1));
   __m256d n1 = _mm256_sub_pd(_mm256_mul_pd(u2, s0), _mm256_mul_pd(u0, s2));
   __m256d n2 = _mm256_sub_pd(_mm256_mul_pd(u0, s1), _mm256_mul_pd(u1, s0));
@@ -197,9 +206,9 @@ VOXFILL_AVX void apex_quad(const double* const* const t[4], double height, doubl
   const __m256d scale = _mm256_and_pd(_mm256_cmp_pd(N2, zero, _CMP_NEQ_UQ),
                                       _mm256_cmp_pd(N2, _mm256_set1_pd(1.0), _CMP_NEQ_UQ));
   const __m256d len = _mm256_sqrt_pd(N2);
-  n0 = _mm256_blendv_pd(n0, _mm256_div_pd(n0, len), scale);
-  n1 = _mm256_blendv_pd(n1, _mm256_div_pd(n1, len), scale);
-  n2 = _mm256_blendv_pd(n2, _mm256_div_pd(n2, len), scale);
+  n0 = blend(n0, _mm256_div_pd(n0, len), scale);
+  n1 = blend(n1, _mm256_div_pd(n1, len), scale);
+  n2 = blend(n2, _mm256_div_pd(n2, len), scale);
   const __m256d third = _mm256_set1_pd(3.0);
   const __m256d c0 = _mm256_div_pd(_mm256_add_pd(_mm256_add_pd(x[0], x[1]), x[2]), third);
   const __m256d c1 = _mm256_div_pd(_mm256_add_pd(_mm256_add_pd(y[0], y[1]), y[2]), third);
@@ -269,8 +278,8 @@ VOXFILL_AVX void solid_quad(const double* const* const t[4], double y[4][4],
           _mm256_and_pd(_mm256_cmp_pd(n2, zero, _CMP_NEQ_UQ), _mm256_cmp_pd(n2, one, _CMP_NEQ_UQ));
       const __m256d s = _mm256_div_pd(one, _mm256_sqrt_pd(n2));
       for (unsigned c = 0; c < 3; ++c) {
-        U[a][b][c] = _mm256_blendv_pd(u[c], _mm256_mul_pd(u[c], s), scaled);
-        U[b][a][c] = _mm256_blendv_pd(r[c], _mm256_mul_pd(r[c], s), scaled);
+        U[a][b][c] = blend(u[c], _mm256_mul_pd(u[c], s), scaled);
+        U[b][a][c] = blend(r[c], _mm256_mul_pd(r[c], s), scaled);
       }
     }
   alignas(32) double ys[4][4], xs[4][4];
@@ -296,7 +305,7 @@ VOXFILL_AVX void twice_atan2_quad(const double* y, const double* x, float* out) 
   const __m256d sign = _mm256_set1_pd(-0.0);
   const __m256d ax = _mm256_andnot_pd(sign, X), ay = _mm256_andnot_pd(sign, Y);
   const __m256d steep = _mm256_cmp_pd(ay, ax, _CMP_GT_OQ);
-  const __m256d hi = _mm256_blendv_pd(ax, ay, steep), lo = _mm256_blendv_pd(ay, ax, steep);
+  const __m256d hi = blend(ax, ay, steep), lo = blend(ay, ax, steep);
   const __m256d usable =
       _mm256_and_pd(_mm256_and_pd(_mm256_cmp_pd(lo, zero, _CMP_GT_OQ),
                                   _mm256_cmp_pd(hi, _mm256_set1_pd(1e-150), _CMP_GT_OQ)),
@@ -305,16 +314,16 @@ VOXFILL_AVX void twice_atan2_quad(const double* y, const double* x, float* out) 
   const __m256d one = _mm256_set1_pd(1.0);
   __m256d a = _mm256_div_pd(lo, hi);
   const __m256d far = _mm256_cmp_pd(a, _mm256_set1_pd(0.41421356237309503), _CMP_GT_OQ);
-  a = _mm256_blendv_pd(a, _mm256_div_pd(_mm256_sub_pd(a, one), _mm256_add_pd(a, one)), far);
+  a = blend(a, _mm256_div_pd(_mm256_sub_pd(a, one), _mm256_add_pd(a, one)), far);
   const __m256d base = _mm256_and_pd(far, _mm256_set1_pd(0.78539816339744831));
   const __m256d a2 = _mm256_mul_pd(a, a);
   __m256d s = _mm256_set1_pd(1.0 / 25);
   for (const double c : ATAN_SERIES) s = _mm256_sub_pd(_mm256_set1_pd(c), _mm256_mul_pd(a2, s));
   __m256d t = _mm256_add_pd(base, _mm256_sub_pd(a, _mm256_mul_pd(_mm256_mul_pd(a, a2), s)));
-  t = _mm256_blendv_pd(t, _mm256_sub_pd(_mm256_set1_pd(1.5707963267948966), t), steep);
-  t = _mm256_blendv_pd(t, _mm256_sub_pd(_mm256_set1_pd(3.1415926535897931), t),
-                       _mm256_cmp_pd(X, zero, _CMP_LT_OQ));
-  t = _mm256_blendv_pd(t, _mm256_xor_pd(t, sign), _mm256_cmp_pd(Y, zero, _CMP_LT_OQ));
+  t = blend(t, _mm256_sub_pd(_mm256_set1_pd(1.5707963267948966), t), steep);
+  t = blend(t, _mm256_sub_pd(_mm256_set1_pd(3.1415926535897931), t),
+            _mm256_cmp_pd(X, zero, _CMP_LT_OQ));
+  t = blend(t, _mm256_xor_pd(t, sign), _mm256_cmp_pd(Y, zero, _CMP_LT_OQ));
   const __m256d v = _mm256_add_pd(t, t);
   const __m256d e = _mm256_mul_pd(_mm256_set1_pd(1e-10), _mm256_andnot_pd(sign, v));
   const __m128 f = _mm256_cvtpd_ps(_mm256_sub_pd(v, e)), g = _mm256_cvtpd_ps(_mm256_add_pd(v, e));
