@@ -387,6 +387,23 @@ void apex_one(const double* a, const double* b, const double* c, double height, 
   for (unsigned k = 0; k < 3; ++k) target[k] = (a[k] + b[k] + c[k]) / 3 + height * e * N[k];
 }
 
+// The scalar paths of the entry points below, out of line so that the lanes' paths are plain
+// jumps.
+[[gnu::noinline]] void apex_one_by_one(const double* const* const t[4], double height,
+                                       double weight, const double (*means)[3],
+                                       double target[4][3]) noexcept {
+  for (unsigned l = 0; l < 4; ++l)
+    apex_one(t[l][0], t[l][1], t[l][2], height, weight, means ? means[l] : nullptr, target[l]);
+}
+[[gnu::noinline]] void solid_one_by_one(const double* const* const t[4], double y[4][4],
+                                        double x[4][4]) noexcept {
+  for (unsigned l = 0; l < 4; ++l) solid_one(t[l], y[l], x[l]);
+}
+[[gnu::noinline]] void twice_atan2_one_by_one(const double y[4], const double x[4],
+                                              float out[4]) noexcept {
+  for (unsigned l = 0; l < 4; ++l) out[l] = twice_atan2_one(y[l], x[l]);
+}
+
 }  // namespace
 
 void apex_lanes(const double* const* const t[4], double height, double weight,
@@ -397,8 +414,7 @@ void apex_lanes(const double* const* const t[4], double height, double weight,
     return;
   }
 #endif
-  for (unsigned l = 0; l < 4; ++l)
-    apex_one(t[l][0], t[l][1], t[l][2], height, weight, means ? means[l] : nullptr, target[l]);
+  apex_one_by_one(t, height, weight, means, target);
 }
 
 unsigned edge_fit_floor_lanes(const double* p, double hp, const double* const q[4],
@@ -424,7 +440,7 @@ void solid_angle_lanes(const double* const* const t[4], double y[4][4], double x
     return;
   }
 #endif
-  for (unsigned l = 0; l < 4; ++l) solid_one(t[l], y[l], x[l]);
+  solid_one_by_one(t, y, x);
 }
 
 void tet_quality_lanes(const double* const* const t[4], double q[4]) noexcept {
@@ -466,7 +482,7 @@ void twice_atan2_lanes(const double y[4], const double x[4], float out[4]) noexc
     return;
   }
 #endif
-  for (unsigned l = 0; l < 4; ++l) out[l] = twice_atan2_one(y[l], x[l]);
+  twice_atan2_one_by_one(y, x, out);
 }
 
 }  // namespace kelvo::voxfill
