@@ -42,6 +42,14 @@ float twice_atan2_one(double y, double x) noexcept {
 #if VOXFILL_LANES_AVX
 using namespace avx_lanes;
 
+// The lanes of twice_atan2_quad in doubt, done again one by one: rare, and out of line so that
+// the lanes keep a small frame.
+[[gnu::noinline, gnu::cold]] void redo_twice_atan2(const double* y, const double* x, float* out,
+                                                   int sure) noexcept {
+  for (unsigned l = 0, redo = ~sure & 15; redo; ++l, redo >>= 1)
+    if (redo & 1) out[l] = twice_atan2_one(y[l], x[l]);
+}
+
 // Nothing fused: the lanes round as the scalar code does.
 const bool has_avx = lanes_avx();
 
@@ -329,8 +337,7 @@ VOXFILL_AVX void twice_atan2_quad(const double* y, const double* x, float* out) 
   const __m128 f = _mm256_cvtpd_ps(_mm256_sub_pd(v, e)), g = _mm256_cvtpd_ps(_mm256_add_pd(v, e));
   const int sure = _mm256_movemask_pd(usable) & _mm_movemask_ps(_mm_cmpeq_ps(f, g));
   _mm_storeu_ps(out, f);
-  for (unsigned l = 0, redo = ~sure & 15; redo; ++l, redo >>= 1)
-    if (redo & 1) out[l] = twice_atan2_one(y[l], x[l]);
+  if (sure != 15) redo_twice_atan2(y, x, out, sure);
 }
 
 #endif
