@@ -194,7 +194,7 @@ VOXFILL_AVX void apex_quad(const double* const* const t[4], double height, doubl
                            const double (*means)[3], double target[4][3]) noexcept {
   __m256d x[3], y[3], z[3];
   for (unsigned k = 0; k < 3; ++k)
-    gather_points(t[0][k], t[1][k], t[2][k], t[3][k], x[k], y[k], z[k]);
+    gather_quad(t[0][k], t[1][k], t[2][k], t[3][k], x[k], y[k], z[k]);
   const __m256d u0 = _mm256_sub_pd(x[0], x[2]), u1 = _mm256_sub_pd(y[0], y[2]),
                 u2 = _mm256_sub_pd(z[0], z[2]);
   const __m256d v0 = _mm256_sub_pd(x[1], x[2]), v1 = _mm256_sub_pd(y[1], y[2]),
@@ -245,7 +245,7 @@ VOXFILL_AVX void apex_quad(const double* const* const t[4], double height, doubl
 VOXFILL_AVX unsigned fit_floor_quad(const double* p, double hp, const double* const q[4],
                                     const double h[4], double d[4], double floor[4]) noexcept {
   __m256d x, y, z;
-  gather_points(q[0], q[1], q[2], q[3], x, y, z);
+  gather_quad(q[0], q[1], q[2], q[3], x, y, z);
   const __m256d dx = _mm256_sub_pd(_mm256_set1_pd(p[0]), x),
                 dy = _mm256_sub_pd(_mm256_set1_pd(p[1]), y),
                 dz = _mm256_sub_pd(_mm256_set1_pd(p[2]), z);
@@ -269,7 +269,7 @@ VOXFILL_AVX void solid_quad(const double* const* const t[4], double y[4][4],
                             double x[4][4]) noexcept {
   __m256d P[4][3];
   for (unsigned k = 0; k < 4; ++k)
-    gather_points(t[0][k], t[1][k], t[2][k], t[3][k], P[k][0], P[k][1], P[k][2]);
+    gather_quad(t[0][k], t[1][k], t[2][k], t[3][k], P[k][0], P[k][1], P[k][2]);
   // U[a][b]: the unit vector from node a to node b, both ways of each edge from its own
   // difference, scaled by the inverse length of the edge taken from its lower node.
   __m256d U[4][4][3];
