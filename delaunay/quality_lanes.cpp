@@ -192,19 +192,28 @@ VOXFILL_AVX void quality_quad_nodes(const double* xyz, std::size_t ld, const uns
 
 VOXFILL_AVX void apex_quad(const double* const* const t[4], double height, double weight,
                            const double (*means)[3], double target[4][3]) noexcept {
-  __m256d x[3], y[3], z[3];
-  for (unsigned k = 0; k < 3; ++k)
-    gather_quad(t[0][k], t[1][k], t[2][k], t[3][k], x[k], y[k], z[k]);
-  const __m256d u0 = _mm256_sub_pd(x[0], x[2]), u1 = _mm256_sub_pd(y[0], y[2]),
-                u2 = _mm256_sub_pd(z[0], z[2]);
-  const __m256d v0 = _mm256_sub_pd(x[1], x[2]), v1 = _mm256_sub_pd(y[1], y[2]),
-                v2 = _mm256_sub_pd(z[1], z[2]);
-  const __m256d w0 = _mm256_sub_pd(x[1], x[0]), w1 = _mm256_sub_pd(y[1], y[0]),
-                w2 = _mm256_sub_pd(z[1], z[0]);
+  // Each value made where it leaves the most registers free: the centroid and the perimeter as
+  // soon as their inputs are there, the points dead before the normal.
+  const __m256d third = _mm256_set1_pd(3.0);
+  __m256d x0, y0, z0, x1, y1, z1, x2, y2, z2;
+  gather_quad(t[0][0], t[1][0], t[2][0], t[3][0], x0, y0, z0);
+  gather_quad(t[0][1], t[1][1], t[2][1], t[3][1], x1, y1, z1);
+  gather_quad(t[0][2], t[1][2], t[2][2], t[3][2], x2, y2, z2);
+  __m256d c0 = _mm256_div_pd(_mm256_add_pd(_mm256_add_pd(x0, x1), x2), third);
+  __m256d c1 = _mm256_div_pd(_mm256_add_pd(_mm256_add_pd(y0, y1), y2), third);
+  __m256d c2 = _mm256_div_pd(_mm256_add_pd(_mm256_add_pd(z0, z1), z2), third);
+  asm("" : "+x"(c0), "+x"(c1), "+x"(c2));
+  const __m256d u0 = _mm256_sub_pd(x0, x2), u1 = _mm256_sub_pd(y0, y2), u2 = _mm256_sub_pd(z0, z2);
+  const __m256d v0 = _mm256_sub_pd(x1, x2), v1 = _mm256_sub_pd(y1, y2), v2 = _mm256_sub_pd(z1, z2);
+  const __m256d w0 = _mm256_sub_pd(x1, x0), w1 = _mm256_sub_pd(y1, y0), w2 = _mm256_sub_pd(z1, z0);
   const __m256d Lu = dot4(u0, u1, u2, u0, u1, u2), Lv = dot4(v0, v1, v2, v0, v1, v2),
                 Lw = dot4(w0, w1, w2, w0, w1, w2);
+  // |p1 p2| from v = p1 - p2, |p2 p0| from -u: the squares are the same.
+  __m256d e =
+      _mm256_add_pd(_mm256_add_pd(_mm256_sqrt_pd(Lw), _mm256_sqrt_pd(Lv)), _mm256_sqrt_pd(Lu));
   // face_normal: the shortest side p0 p1 takes the place of p1 p2.
   const __m256d short_w = _mm256_cmp_pd(Lw, _mm256_min_pd(Lu, Lv), _CMP_LE_OQ);
+  asm("" : "+x"(e));
   const __m256d s0 = blend(v0, w0, short_w), s1 = blend(v1, w1, short_w),
                 s2 = blend(v2, w2, short_w);
   __m256d n0 = _mm256_sub_pd(_mm256_mul_pd(u1, s2), _mm256_mul_pd(u2, s1));
@@ -217,13 +226,6 @@ VOXFILL_AVX void apex_quad(const double* const* const t[4], double height, doubl
   n0 = blend(n0, _mm256_div_pd(n0, len), scale);
   n1 = blend(n1, _mm256_div_pd(n1, len), scale);
   n2 = blend(n2, _mm256_div_pd(n2, len), scale);
-  const __m256d third = _mm256_set1_pd(3.0);
-  const __m256d c0 = _mm256_div_pd(_mm256_add_pd(_mm256_add_pd(x[0], x[1]), x[2]), third);
-  const __m256d c1 = _mm256_div_pd(_mm256_add_pd(_mm256_add_pd(y[0], y[1]), y[2]), third);
-  const __m256d c2 = _mm256_div_pd(_mm256_add_pd(_mm256_add_pd(z[0], z[1]), z[2]), third);
-  // |p1 p2| from v = p1 - p2, |p2 p0| from -u: the squares are the same.
-  __m256d e =
-      _mm256_add_pd(_mm256_add_pd(_mm256_sqrt_pd(Lw), _mm256_sqrt_pd(Lv)), _mm256_sqrt_pd(Lu));
   if (means) {
     alignas(32) double m[3][4];
     for (unsigned l = 0; l < 4; ++l)
