@@ -818,7 +818,7 @@ bool star_insert(regularizer& g, unsigned t, unsigned& nodes_left) noexcept {
   return true;
 }
 
-double polish_worst(regularizer& g, unsigned count, unsigned rounds,
+double polish_worst(regularizer& g, unsigned count, unsigned rounds, double limit,
                     unsigned& nodes_left) noexcept {
   th4_engine& m = g.engine;
   polish_scratch& s = g.polish;
@@ -826,7 +826,7 @@ double polish_worst(regularizer& g, unsigned count, unsigned rounds,
   unsigned stalled = 0;
   for (unsigned r = 0; r < rounds; ++r) {
     if (g.task && g.task->must_stop()) break;
-    pick_worst_tets(g, 1.0, g.frozen_bits, count, s.tets);
+    pick_worst_tets(g, limit, g.frozen_bits, count, s.tets);
     if (!s.tets.size) break;
     const double before = m.tet_qualities[s.tets[0]];
     // Moves of the free nodes first; then a node in a star round the worst tets that stayed.

@@ -40,10 +40,10 @@ bool polish_node(regularizer& g, unsigned node) noexcept;
 // worst of the new tets is best. Taken when that beats the region's worst tet; true then.
 bool star_insert(regularizer& g, unsigned t, unsigned& nodes_left) noexcept;
 
-// Rounds over the `count` worst tets until a round changes nothing or `rounds` are done. The worst
-// tets that the moves of their free nodes leave get a star of a new node while `nodes_left`
-// allows. The
-// gain of the worst quality, at least 1.0.
-double polish_worst(regularizer& g, unsigned count, unsigned rounds, unsigned& nodes_left) noexcept;
+// Rounds over the `count` worst tets below quality `limit` until a round changes nothing or
+// `rounds` are done. The worst tets that the moves of their free nodes leave get a star of a new
+// node while `nodes_left` allows. The gain of the worst quality, at least 1.0.
+double polish_worst(regularizer& g, unsigned count, unsigned rounds, double limit,
+                    unsigned& nodes_left) noexcept;
 
 }  // namespace kelvo::voxfill
