@@ -14,16 +14,17 @@
 
 namespace kelvo::voxfill::avx_lanes {
 
-// x, y and z of the points a, b, c, d in lanes 0 to 3.
+// x, y and z of the points a, b, c, d in lanes 0 to 3, x and y unpacked from two halves loaded
+// whole (fewer shuffles than a pair of unpacks per half).
 VOXFILL_AVX inline void gather_points(const double* a, const double* b, const double* c,
                                       const double* d, __m256d& x, __m256d& y,
                                       __m256d& z) noexcept {
-  const __m128d ua = _mm_loadu_pd(a), ub = _mm_loadu_pd(b);
-  const __m128d uc = _mm_loadu_pd(c), ud = _mm_loadu_pd(d);
-  x = _mm256_insertf128_pd(_mm256_castpd128_pd256(_mm_unpacklo_pd(ua, ub)), _mm_unpacklo_pd(uc, ud),
-                           1);
-  y = _mm256_insertf128_pd(_mm256_castpd128_pd256(_mm_unpackhi_pd(ua, ub)), _mm_unpackhi_pd(uc, ud),
-                           1);
+  const __m256d ac =
+      _mm256_insertf128_pd(_mm256_castpd128_pd256(_mm_loadu_pd(a)), _mm_loadu_pd(c), 1);
+  const __m256d bd =
+      _mm256_insertf128_pd(_mm256_castpd128_pd256(_mm_loadu_pd(b)), _mm_loadu_pd(d), 1);
+  x = _mm256_unpacklo_pd(ac, bd);
+  y = _mm256_unpackhi_pd(ac, bd);
   z = _mm256_insertf128_pd(_mm256_castpd128_pd256(_mm_loadh_pd(_mm_load_sd(a + 2), b + 2)),
                            _mm_loadh_pd(_mm_load_sd(c + 2), d + 2), 1);
 }
@@ -39,48 +40,55 @@ VOXFILL_AVX inline __m256d dot4(__m256d u0, __m256d u1, __m256d u2, __m256d v0, 
 // The clamped raw shape quality of the four tets with edge vectors a, b, c from their fourth
 // point (x, y, z by lanes) into q; bit l of the result is set when lane l may be taken as it
 // stands, clear where tet_quality would retry other orders or the value is too small to trust.
+// The steps go in an order that keeps few values live, so that nothing spills: the triple
+// product and the dot products first (then a, b and c are dead), then each pair's terms and
+// tests, folded into the doubt mask and the sum of roots as they come.
 VOXFILL_AVX inline int shape_quality(__m256d a0, __m256d a1, __m256d a2, __m256d b0, __m256d b1,
                                      __m256d b2, __m256d c0, __m256d c1, __m256d c2,
                                      double q[4]) noexcept {
-  const __m256d L0 = dot4(a0, a1, a2, a0, a1, a2), L1 = dot4(b0, b1, b2, b0, b1, b2),
-                L2 = dot4(c0, c1, c2, c0, c1, c2);
-  const __m256d dab = dot4(a0, a1, a2, b0, b1, b2), dac = dot4(a0, a1, a2, c0, c1, c2),
-                dbc = dot4(b0, b1, b2, c0, c1, c2);
-  const __m256d two = _mm256_set1_pd(2.0);
-  const __m256d Eab = _mm256_sub_pd(_mm256_add_pd(L0, L1), _mm256_mul_pd(two, dab));
-  const __m256d Eac = _mm256_sub_pd(_mm256_add_pd(L0, L2), _mm256_mul_pd(two, dac));
-  const __m256d Ebc = _mm256_sub_pd(_mm256_add_pd(L1, L2), _mm256_mul_pd(two, dbc));
-  const __m256d Gbc = _mm256_sub_pd(_mm256_mul_pd(L1, L2), _mm256_mul_pd(dbc, dbc));
-  const __m256d Gac = _mm256_sub_pd(_mm256_mul_pd(L0, L2), _mm256_mul_pd(dac, dac));
-  const __m256d Gab = _mm256_sub_pd(_mm256_mul_pd(L0, L1), _mm256_mul_pd(dab, dab));
-  const __m256d dfar = _mm256_add_pd(_mm256_sub_pd(L0, dab), _mm256_sub_pd(dbc, dac));
-  const __m256d Gfar = _mm256_sub_pd(_mm256_mul_pd(Eab, Eac), _mm256_mul_pd(dfar, dfar));
-  const __m256d tol = _mm256_set1_pd(SQUARE_TOL), zero = _mm256_setzero_pd();
-  const __m256d thin_bc = _mm256_cmp_pd(Gbc, _mm256_mul_pd(_mm256_mul_pd(tol, L1), L2), _CMP_LT_OQ);
-  const __m256d thin_ac = _mm256_cmp_pd(Gac, _mm256_mul_pd(_mm256_mul_pd(tol, L0), L2), _CMP_LT_OQ);
-  const __m256d thin_ab = _mm256_cmp_pd(Gab, _mm256_mul_pd(_mm256_mul_pd(tol, L0), L1), _CMP_LT_OQ);
-  const __m256d thin_far =
-      _mm256_cmp_pd(Gfar, _mm256_mul_pd(_mm256_mul_pd(tol, Eab), Eac), _CMP_LT_OQ);
-  const __m256d doubtful =
-      _mm256_or_pd(_mm256_or_pd(_mm256_or_pd(_mm256_cmp_pd(Eab, zero, _CMP_NGT_UQ),
-                                             _mm256_cmp_pd(Eac, zero, _CMP_NGT_UQ)),
-                                _mm256_or_pd(_mm256_cmp_pd(Ebc, zero, _CMP_NGT_UQ), thin_bc)),
-                   _mm256_or_pd(_mm256_or_pd(thin_ac, thin_ab), thin_far));
-  __m256d H = _mm256_max_pd(L1, L0);
-  H = _mm256_max_pd(L2, H);
-  H = _mm256_max_pd(Eab, H);
-  H = _mm256_max_pd(Eac, H);
-  H = _mm256_max_pd(Ebc, H);
-  const __m256d D = _mm256_mul_pd(
-      _mm256_sqrt_pd(H),
-      _mm256_add_pd(_mm256_add_pd(_mm256_add_pd(_mm256_sqrt_pd(Gbc), _mm256_sqrt_pd(Gac)),
-                                  _mm256_sqrt_pd(Gab)),
-                    _mm256_sqrt_pd(Gfar)));
   const __m256d bc0 = _mm256_sub_pd(_mm256_mul_pd(b1, c2), _mm256_mul_pd(b2, c1));
   const __m256d bc1 = _mm256_sub_pd(_mm256_mul_pd(b2, c0), _mm256_mul_pd(b0, c2));
   const __m256d bc2 = _mm256_sub_pd(_mm256_mul_pd(b0, c1), _mm256_mul_pd(b1, c0));
-  const __m256d raw = _mm256_div_pd(
-      _mm256_mul_pd(_mm256_set1_pd(4.898979485566356), dot4(a0, a1, a2, bc0, bc1, bc2)), D);
+  __m256d det = dot4(a0, a1, a2, bc0, bc1, bc2);
+  // Pinned here: GCC would sink it to its one use and keep a, b and c alive to the end.
+  asm("" : "+x"(det));
+  const __m256d L0 = dot4(a0, a1, a2, a0, a1, a2), dab = dot4(a0, a1, a2, b0, b1, b2),
+                dac = dot4(a0, a1, a2, c0, c1, c2);
+  const __m256d L1 = dot4(b0, b1, b2, b0, b1, b2), dbc = dot4(b0, b1, b2, c0, c1, c2),
+                L2 = dot4(c0, c1, c2, c0, c1, c2);
+  const __m256d two = _mm256_set1_pd(2.0), tol = _mm256_set1_pd(SQUARE_TOL),
+                zero = _mm256_setzero_pd();
+  const __m256d Gbc = _mm256_sub_pd(_mm256_mul_pd(L1, L2), _mm256_mul_pd(dbc, dbc));
+  __m256d doubtful = _mm256_cmp_pd(Gbc, _mm256_mul_pd(_mm256_mul_pd(tol, L1), L2), _CMP_LT_OQ);
+  __m256d roots = _mm256_sqrt_pd(Gbc);
+  const __m256d Ebc = _mm256_sub_pd(_mm256_add_pd(L1, L2), _mm256_mul_pd(two, dbc));
+  doubtful = _mm256_or_pd(doubtful, _mm256_cmp_pd(Ebc, zero, _CMP_NGT_UQ));
+  __m256d H = _mm256_max_pd(L1, L0);
+  H = _mm256_max_pd(L2, H);
+  const __m256d Gac = _mm256_sub_pd(_mm256_mul_pd(L0, L2), _mm256_mul_pd(dac, dac));
+  doubtful = _mm256_or_pd(
+      doubtful, _mm256_cmp_pd(Gac, _mm256_mul_pd(_mm256_mul_pd(tol, L0), L2), _CMP_LT_OQ));
+  roots = _mm256_add_pd(roots, _mm256_sqrt_pd(Gac));
+  // Pinned too, or the roots are all summed at the end with their terms kept till then.
+  asm("" : "+x"(roots));
+  const __m256d Eac = _mm256_sub_pd(_mm256_add_pd(L0, L2), _mm256_mul_pd(two, dac));
+  doubtful = _mm256_or_pd(doubtful, _mm256_cmp_pd(Eac, zero, _CMP_NGT_UQ));
+  const __m256d Gab = _mm256_sub_pd(_mm256_mul_pd(L0, L1), _mm256_mul_pd(dab, dab));
+  doubtful = _mm256_or_pd(
+      doubtful, _mm256_cmp_pd(Gab, _mm256_mul_pd(_mm256_mul_pd(tol, L0), L1), _CMP_LT_OQ));
+  roots = _mm256_add_pd(roots, _mm256_sqrt_pd(Gab));
+  const __m256d Eab = _mm256_sub_pd(_mm256_add_pd(L0, L1), _mm256_mul_pd(two, dab));
+  doubtful = _mm256_or_pd(doubtful, _mm256_cmp_pd(Eab, zero, _CMP_NGT_UQ));
+  const __m256d dfar = _mm256_add_pd(_mm256_sub_pd(L0, dab), _mm256_sub_pd(dbc, dac));
+  const __m256d Gfar = _mm256_sub_pd(_mm256_mul_pd(Eab, Eac), _mm256_mul_pd(dfar, dfar));
+  doubtful = _mm256_or_pd(
+      doubtful, _mm256_cmp_pd(Gfar, _mm256_mul_pd(_mm256_mul_pd(tol, Eab), Eac), _CMP_LT_OQ));
+  roots = _mm256_add_pd(roots, _mm256_sqrt_pd(Gfar));
+  H = _mm256_max_pd(Eab, H);
+  H = _mm256_max_pd(Eac, H);
+  H = _mm256_max_pd(Ebc, H);
+  const __m256d D = _mm256_mul_pd(_mm256_sqrt_pd(H), roots);
+  const __m256d raw = _mm256_div_pd(_mm256_mul_pd(_mm256_set1_pd(4.898979485566356), det), D);
   const __m256d value =
       _mm256_min_pd(_mm256_set1_pd(1.0), _mm256_max_pd(_mm256_set1_pd(-1.0), raw));
   const __m256d magnitude = _mm256_andnot_pd(_mm256_set1_pd(-0.0), value);
