@@ -171,16 +171,19 @@ VOXFILL_AVX2 inline void refined_solution(__m256d C0, __m256d C1, __m256d C2, __
                                           __m256d Ry, __m256d Rz, __m256d inv, __m256d B,
                                           int refinements, double* out3) noexcept {
   __m256d x = rows_times(Rx, Ry, Rz, B, inv);
-  const __m256d sign = _mm256_set1_pd(-0.0), small = _mm256_set1_pd(1e-12);
+  // Magnitudes by a mask that can be read from memory, and the three lanes' test by one vtestpd.
+  const __m256d magnitude = _mm256_castsi256_pd(_mm256_set1_epi64x(0x7fffffffffffffff));
+  const __m256d small = _mm256_set1_pd(1e-12);
+  const __m256d xyz = _mm256_castsi256_pd(_mm256_set_epi64x(0, -1, -1, -1));
   for (int k = 0; k < refinements; ++k) {
     const __m256d e = _mm256_sub_pd(B, _mm256_add_pd(_mm256_add_pd(_mm256_mul_pd(C0, spread<0>(x)),
                                                                    _mm256_mul_pd(C1, spread<1>(x))),
                                                      _mm256_mul_pd(C2, spread<2>(x))));
     const __m256d d = rows_times(Rx, Ry, Rz, e, inv);
     x = _mm256_add_pd(x, d);
-    const __m256d ok = _mm256_cmp_pd(_mm256_andnot_pd(sign, d),
-                                     _mm256_mul_pd(small, _mm256_andnot_pd(sign, x)), _CMP_LE_OQ);
-    if ((_mm256_movemask_pd(ok) & 7) == 7) break;
+    const __m256d ok = _mm256_cmp_pd(_mm256_and_pd(d, magnitude),
+                                     _mm256_mul_pd(small, _mm256_and_pd(x, magnitude)), _CMP_LE_OQ);
+    if (_mm256_testc_pd(ok, xyz)) break;
   }
   alignas(32) double out[4];
   _mm256_store_pd(out, x);
