@@ -56,8 +56,10 @@ VOXFILL_AVX inline int shape_quality(__m256d a0, __m256d a1, __m256d a2, __m256d
                 dac = dot4(a0, a1, a2, c0, c1, c2);
   const __m256d L1 = dot4(b0, b1, b2, b0, b1, b2), dbc = dot4(b0, b1, b2, c0, c1, c2),
                 L2 = dot4(c0, c1, c2, c0, c1, c2);
-  const __m256d two = _mm256_set1_pd(2.0), tol = _mm256_set1_pd(SQUARE_TOL),
-                zero = _mm256_setzero_pd();
+  const __m256d two = _mm256_set1_pd(2.0), tol = _mm256_set1_pd(SQUARE_TOL);
+  // One zero held for the four compares; GCC would make it afresh for each.
+  __m256d zero = _mm256_setzero_pd();
+  asm("" : "+x"(zero));
   const __m256d Gbc = _mm256_sub_pd(_mm256_mul_pd(L1, L2), _mm256_mul_pd(dbc, dbc));
   __m256d doubtful = _mm256_cmp_pd(Gbc, _mm256_mul_pd(_mm256_mul_pd(tol, L1), L2), _CMP_LT_OQ);
   __m256d roots = _mm256_sqrt_pd(Gbc);
@@ -91,7 +93,9 @@ VOXFILL_AVX inline int shape_quality(__m256d a0, __m256d a1, __m256d a2, __m256d
   const __m256d raw = _mm256_div_pd(_mm256_mul_pd(_mm256_set1_pd(4.898979485566356), det), D);
   const __m256d value =
       _mm256_min_pd(_mm256_set1_pd(1.0), _mm256_max_pd(_mm256_set1_pd(-1.0), raw));
-  const __m256d magnitude = _mm256_andnot_pd(_mm256_set1_pd(-0.0), value);
+  // The magnitude by an and with a mask read from memory, which needs no register for -0.0.
+  const __m256d magnitude =
+      _mm256_and_pd(value, _mm256_castsi256_pd(_mm256_set1_epi64x(0x7fffffffffffffff)));
   const __m256d plain = _mm256_andnot_pd(
       doubtful, _mm256_and_pd(_mm256_cmp_pd(D, zero, _CMP_GT_OQ),
                               _mm256_cmp_pd(magnitude, _mm256_set1_pd(DOUBT_TOL), _CMP_GE_OQ)));
