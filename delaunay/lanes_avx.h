@@ -142,21 +142,21 @@ VOXFILL_AVX2 inline __m256d rows_times(__m256d Rx, __m256d Ry, __m256d Rz, __m25
 // summed in the scalar order.
 VOXFILL_AVX2 inline double inverse_rows(__m256d C0, __m256d C1, __m256d C2, __m256d& Rx,
                                         __m256d& Ry, __m256d& Rz) noexcept {
-  // u = (c1, c2, c0) and v = (c2, c0, c1) by lanes, and c = (c0, c1, c2) for the determinant,
-  // each as x, y and z.
+  // c = (c0, c1, c2) by lanes, each as x, y and z, by a transpose of the columns (lane 3 repeats
+  // lane 2, so that lane 3 of the rows comes out as a product less itself, as before); then
+  // u = (c1, c2, c0) and v = (c2, c0, c1) by lanes.
   __m256d u[3], v[3], c[3];
   {
-    const __m256d lo01 = _mm256_unpacklo_pd(C1, C2), hi01 = _mm256_unpackhi_pd(C1, C2);
-    // Lanes of lo01: c1x c2x c1z c2z; of hi01: c1y c2y _ _.
-    const __m256d zc0 = _mm256_permute4x64_pd(C0, 0xAA);
-    const __m256d xc0 = _mm256_permute4x64_pd(C0, 0x00), yc0 = _mm256_permute4x64_pd(C0, 0x55);
-    u[0] = _mm256_blend_pd(lo01, xc0, 4);
-    u[1] = _mm256_blend_pd(_mm256_permute4x64_pd(hi01, 0x04), yc0, 4);
-    u[2] = _mm256_blend_pd(_mm256_permute4x64_pd(lo01, 0x0E), zc0, 4);
+    const __m256d lo01 = _mm256_unpacklo_pd(C0, C1), hi01 = _mm256_unpackhi_pd(C0, C1);
+    const __m256d lo22 = _mm256_unpacklo_pd(C2, C2), hi22 = _mm256_unpackhi_pd(C2, C2);
+    // Lanes of lo01: c0x c1x c0z c1z; of hi01: c0y c1y _ _; of lo22: c2x c2x c2z c2z.
+    c[0] = _mm256_permute2f128_pd(lo01, lo22, 0x20);
+    c[1] = _mm256_permute2f128_pd(hi01, hi22, 0x20);
+    c[2] = _mm256_permute2f128_pd(lo01, lo22, 0x31);
   }
   for (unsigned k = 0; k < 3; ++k) {
-    v[k] = _mm256_permute4x64_pd(u[k], 1 | 2 << 2 | 0 << 4 | 3 << 6);
-    c[k] = _mm256_permute4x64_pd(u[k], 2 | 0 << 2 | 1 << 4 | 3 << 6);
+    u[k] = _mm256_permute4x64_pd(c[k], 1 | 2 << 2 | 0 << 4 | 3 << 6);
+    v[k] = _mm256_permute4x64_pd(c[k], 2 | 0 << 2 | 1 << 4 | 3 << 6);
   }
   Rx = _mm256_sub_pd(_mm256_mul_pd(u[1], v[2]), _mm256_mul_pd(u[2], v[1]));
   Ry = _mm256_sub_pd(_mm256_mul_pd(u[2], v[0]), _mm256_mul_pd(u[0], v[2]));
