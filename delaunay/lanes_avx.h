@@ -117,9 +117,10 @@ VOXFILL_AVX inline int points_shape_quality(const __m256d* x, const __m256d* y, 
 // lanes 0 to 2; lane 3 is 0.0.
 #define VOXFILL_AVX2 __attribute__((target("avx2")))
 
-// x, y and z of p in lanes 0 to 2 (lane 3 is 0.0): reads no further than p[2].
+// x, y and z of p in lanes 0 to 2 (lane 3 is 0.0): reads no further than p[2]. One masked load,
+// where two loads and an insert would do the same.
 VOXFILL_AVX2 inline __m256d load3(const double* p) noexcept {
-  return _mm256_insertf128_pd(_mm256_castpd128_pd256(_mm_loadu_pd(p)), _mm_load_sd(p + 2), 1);
+  return _mm256_maskload_pd(p, _mm256_set_epi64x(0, -1, -1, -1));
 }
 
 // Lane l of v in all four lanes.
