@@ -2,13 +2,16 @@
 #include "voxfill/optim/node_smoothing.h"
 
 #include <algorithm>
+#include <bit>
 #include <cfloat>
 #include <cmath>
+#include <cstdint>
 
 #if defined(__SSE2__)
 #include <emmintrin.h>
 #endif
 
+#include "delaunay/cpu_lanes.h"
 #include "delaunay/geometry.h"
 #include "delaunay/mesh_walks.h"
 #include "delaunay/quality_lanes.h"
@@ -44,13 +47,45 @@ struct line_search {
   unsigned worst;  // the ball's position of the worst tet at the best place so far
 };
 
-// A quality under which a trial's merit, blended with edge fit s, cannot exceed `best`. Kept a
-// little low, so that a trial given up on it would never have won.
+// s x^e (1 - 1e-9) as hopeless_below takes it, or a little lower: ln x = k ln 2 + 2 atanh(u), u =
+// (m - 1) / (m + 1) with m within a factor of sqrt 2 of 1, the series cut after u^9 (short by
+// under 1e-9), then exp as 2^n times its Taylor series to r^7 (|r| < 0.35, off by under 1e-8).
+// For e up to 4 the result is within 3e-8 of s x^e, far within the 1e-7 taken off; outside the
+// ranges where that holds, the power itself.
+double power_below(double s, double x, double e) noexcept {
+  constexpr double LN2 = 0.6931471805599453;
+  if (x >= 1e-300 && x <= 1e300 && e > 0.0 && e <= 4.0) {
+    const std::uint64_t bits = std::bit_cast<std::uint64_t>(x);
+    int k = int((bits >> 52) & 0x7FF) - 1023;
+    double m = std::bit_cast<double>((bits & 0x000FFFFFFFFFFFFFull) | 0x3FF0000000000000ull);
+    if (m > 1.4142135623730951) m *= 0.5, k += 1;
+    const double u = (m - 1.0) / (m + 1.0), u2 = u * u;
+    const double series = 1.0 + u2 * (1.0 / 3 + u2 * (1.0 / 5 + u2 * (1.0 / 7 + u2 * (1.0 / 9))));
+    const double y = e * (k * LN2 + 2.0 * u * series);
+    if (y > -600.0 && y < 600.0) {
+      const double z = y * (1.0 / LN2);
+      const int n = int(z < 0.0 ? z - 0.5 : z + 0.5);
+      const double r = y - n * LN2;
+      const double t =
+          1.0 +
+          r * (1.0 +
+               r * (1.0 / 2 +
+                    r * (1.0 / 6 + r * (1.0 / 24 + r * (1.0 / 120 + r * (1.0 / 720 + r / 5040))))));
+      const double v = s * (t * std::bit_cast<double>(std::uint64_t(n + 1023) << 52));
+      if (v > 1e-290 && v < 1e290) return v * (1.0 - 1e-7);
+    }
+  }
+  return s * std::pow(x, e) * (1.0 - 1e-9);
+}
+
+// A quality under which a trial's merit, blended with edge fit s, cannot exceed `best`: below
+// s (best / s)^(1 / weight) (1 - 1e-9), so that a trial given up on it would never have won.
+// Any lower value gives up on fewer trials but keeps the same winners.
 double hopeless_below(double best, double s, double weight) noexcept {
   if (!(best > 0.0)) return 0.0;
   if (weight >= 1.0) return best;
   if (!(s > 0.0) || weight <= 0.0) return 0.0;
-  return s * std::pow(best / s, 1.0 / weight) * (1.0 - 1e-9);
+  return power_below(s, best / s, 1.0 / weight);
 }
 
 // What apex_of reads of the store, by plain pointers: coordinates, sizes, the visit marks and,
@@ -220,6 +255,8 @@ void walk_line(line_search& w) noexcept {
   unsigned* order = sm.trial_order.begin();
   const double* const** ordered = sm.trial_points.begin();
   unsigned ordered_first = NONE;
+  // Four tets at a time straight from `points` when the lanes run, else through `ordered`.
+  const bool blocks = lanes_avx();
   double k = 1.0;
   for (unsigned i = 0; i < w.steps; ++i) {
     const double trial[3] = {w.start[0] + k * w.step[0], w.start[1] + k * w.step[1],
@@ -254,59 +291,63 @@ void walk_line(line_search& w) noexcept {
     const double hopeless = hopeless_below(w.best, s, w.weight);
     double merit = 0.0, q = 1.0;
     const unsigned first = w.worst < n ? w.worst : 0;
-    if (first != ordered_first) {
-      // The last worst tet first, then the others in ball order; three more entries repeat the
-      // last so that every group of four lanes is full.
-      order[0] = first;
-      for (unsigned c = 1; c <= first; ++c) order[c] = c - 1;
-      for (unsigned c = first + 1; c < n; ++c) order[c] = c;
-      for (unsigned c = n; c < n + 3; ++c) order[c] = order[n - 1];
-      for (unsigned c = 0; c < n + 3; ++c) ordered[c] = points + 4 * order[c];
-      ordered_first = first;
-    }
     unsigned worst = first;
-    // Four tets at a time, taken in the order of the scalar loop; the ones past a give-up are
-    // evaluated for nothing, but cost less than doing each alone.
-    for (unsigned c0 = 0; c0 < n && q > 0.0; c0 += 4) {
-      double vs[4];
-      tet_quality_lanes(ordered + c0, vs);
-      const unsigned lanes = n - c0 < 4 ? n - c0 : 4;
-#if defined(__SSE2__)
-      // A full group where no lane ends the trial (too flat or hopeless) takes no tests by lane.
-      if (lanes == 4) {
-        const __m128d lo = _mm_loadu_pd(vs), hi = _mm_loadu_pd(vs + 2);
-        const __m128d flat = _mm_set1_pd(1e-12), bar = _mm_set1_pd(hopeless);
-        const int stop =
-            _mm_movemask_pd(_mm_or_pd(_mm_cmpngt_pd(lo, flat), _mm_cmplt_pd(lo, bar))) |
-            _mm_movemask_pd(_mm_or_pd(_mm_cmpngt_pd(hi, flat), _mm_cmplt_pd(hi, bar)));
-        if (!stop) {
-          for (unsigned l = 0; l < 4; ++l) {
-            const unsigned j = order[c0 + l];
-            trial_qualities[j] = vs[l];
-            if (vs[l] < q) {
-              q = vs[l];
-              worst = j;
-            }
-          }
-          continue;
-        }
+    if (blocks) {
+      if (!ball_trial(points, n, first, hopeless, trial_qualities, q, worst)) q = -1.0;
+    } else {
+      if (first != ordered_first) {
+        // The last worst tet first, then the others in ball order; three more entries repeat the
+        // last so that every group of four lanes is full.
+        order[0] = first;
+        for (unsigned c = 1; c <= first; ++c) order[c] = c - 1;
+        for (unsigned c = first + 1; c < n; ++c) order[c] = c;
+        for (unsigned c = n; c < n + 3; ++c) order[c] = order[n - 1];
+        for (unsigned c = 0; c < n + 3; ++c) ordered[c] = points + 4 * order[c];
+        ordered_first = first;
       }
+      // Four tets at a time, taken in the order of the scalar loop; the ones past a give-up are
+      // evaluated for nothing, but cost less than doing each alone.
+      for (unsigned c0 = 0; c0 < n && q > 0.0; c0 += 4) {
+        double vs[4];
+        tet_quality_lanes(ordered + c0, vs);
+        const unsigned lanes = n - c0 < 4 ? n - c0 : 4;
+#if defined(__SSE2__)
+        // A full group where no lane ends the trial (too flat or hopeless) takes no tests by lane.
+        if (lanes == 4) {
+          const __m128d lo = _mm_loadu_pd(vs), hi = _mm_loadu_pd(vs + 2);
+          const __m128d flat = _mm_set1_pd(1e-12), bar = _mm_set1_pd(hopeless);
+          const int stop =
+              _mm_movemask_pd(_mm_or_pd(_mm_cmpngt_pd(lo, flat), _mm_cmplt_pd(lo, bar))) |
+              _mm_movemask_pd(_mm_or_pd(_mm_cmpngt_pd(hi, flat), _mm_cmplt_pd(hi, bar)));
+          if (!stop) {
+            for (unsigned l = 0; l < 4; ++l) {
+              const unsigned j = order[c0 + l];
+              trial_qualities[j] = vs[l];
+              if (vs[l] < q) {
+                q = vs[l];
+                worst = j;
+              }
+            }
+            continue;
+          }
+        }
 #endif
-      for (unsigned l = 0; l < lanes; ++l) {
-        const unsigned j = order[c0 + l];
-        const double v = vs[l];
-        if (!(v > 1e-12)) {
-          q = -1.0;
-          break;
-        }
-        trial_qualities[j] = v;
-        if (v < q) {
-          q = v;
-          worst = j;
-        }
-        if (q < hopeless) {
-          q = -1.0;
-          break;
+        for (unsigned l = 0; l < lanes; ++l) {
+          const unsigned j = order[c0 + l];
+          const double v = vs[l];
+          if (!(v > 1e-12)) {
+            q = -1.0;
+            break;
+          }
+          trial_qualities[j] = v;
+          if (v < q) {
+            q = v;
+            worst = j;
+          }
+          if (q < hopeless) {
+            q = -1.0;
+            break;
+          }
         }
       }
     }
@@ -346,7 +387,7 @@ double search_step(regularizer& g, unsigned node, double weight, const dense1D<u
   // other ends of its edges. Every neighbour of a closed ball is in three tets at least: the
   // first two can be left out of that.
   unsigned* locals = sm.ball_locals.begin();
-  sm.ball_points.resize(4 * n);
+  sm.ball_points.resize(4 * n + 12);
   const double** points = sm.ball_points.begin();
   m.bump_marks();
   m.mark(node);
@@ -386,6 +427,8 @@ double search_step(regularizer& g, unsigned node, double weight, const dense1D<u
     }
     sm.ball_neighbors.size = count;
   }
+  // The last tet's points three more times, so that the line search's last group of four is full.
+  for (unsigned i = 4 * n; n && i < 4 * n + 12; ++i) points[i] = points[i - 4];
   const unsigned edges = sm.ball_neighbors.size;
   const unsigned* nb = sm.ball_neighbors.begin();
   {
@@ -522,11 +565,11 @@ double smooth_node(regularizer& g, unsigned node, double weight,
   node_smoother& sm = g.smoother;
   const unsigned n = ball.size, e = 3 * n / 2;
   if (!sm.ball_rows.resize(4, n) || !sm.trial_qualities.reserve(n) ||
-      !sm.ball_points.reserve(4 * n) || !sm.best_qualities.resize(n) || !sm.ball_locals.resize(n) ||
-      !sm.trial_order.resize(n + 3) || !sm.trial_points.resize(n + 3) ||
-      !sm.ball_neighbors.reserve(4 * n) || !sm.neighbor_points.resize(4 * n + 3) ||
-      !sm.neighbor_sizes.resize(4 * n + 3) || !sm.edge_means.reserve(e) ||
-      !sm.edge_lengths.reserve(e) || !sm.edge_bounds.reserve(e))
+      !sm.ball_points.reserve(4 * n + 12) || !sm.best_qualities.resize(n) ||
+      !sm.ball_locals.resize(n) || !sm.trial_order.resize(n + 3) ||
+      !sm.trial_points.resize(n + 3) || !sm.ball_neighbors.reserve(4 * n) ||
+      !sm.neighbor_points.resize(4 * n + 3) || !sm.neighbor_sizes.resize(4 * n + 3) ||
+      !sm.edge_means.reserve(e) || !sm.edge_lengths.reserve(e) || !sm.edge_bounds.reserve(e))
     return 0.0;
   const double w = g.moves_carry_sizes ? weight : 1.0;
   double position[3] = {0.0, 0.0, 0.0}, size = 0.0;

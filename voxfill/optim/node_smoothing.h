@@ -21,7 +21,8 @@ struct size_ray {
 struct node_smoother {
   dense2D<unsigned> ball_rows;
   dense1D<double> trial_qualities;
-  dense1D<const double*> ball_points;  // per tet of ball_rows, its four points
+  dense1D<const double*>
+      ball_points;  // per tet of ball_rows, its four points; the last 3 more times
   dense1D<double> best_qualities;
   // The ball's tets in the order the line search tries them, and their points.
   dense1D<unsigned> trial_order;

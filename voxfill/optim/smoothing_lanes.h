@@ -8,4 +8,13 @@ namespace kelvo::voxfill {
 // tolerance relative to that volume. The lanes round as that function does.
 unsigned inside_lanes(const double* const* const t[4], const double* P, double tol) noexcept;
 
+// One trial of the line search over the ball's tets (points p[4 j] to p[4 j + 3], then three
+// more copies of the last tet's), four at a time: the group of tet `first` first, then the others
+// in order. False at the first group with a quality not above 1e-12 or under `bar`; else the
+// qualities in out[0..n), their smallest (or 1.0) in q, and in `worst` its first tet in the order
+// of `first` and then the others. The qualities are those of tet_quality. Only where lanes_avx()
+// holds.
+bool ball_trial(const double* const* p, unsigned n, unsigned first, double bar, double* out,
+                double& q, unsigned& worst) noexcept;
+
 }  // namespace kelvo::voxfill
