@@ -71,93 +71,20 @@ template <class At>
     if (redo & 1) q[l] = tet_quality(at(l, 0), at(l, 1), at(l, 2), at(l, 3));
 }
 
-// x, y and z of the points a, b, c, d in lanes 0 to 3, as gather_points but with x and y
-// unpacked from two halves loaded whole: fewer shuffles, the same values.
-VOXFILL_AVX inline void gather_quad(const double* a, const double* b, const double* c,
-                                    const double* d, __m256d& x, __m256d& y, __m256d& z) noexcept {
-  const __m256d ac =
-      _mm256_insertf128_pd(_mm256_castpd128_pd256(_mm_loadu_pd(a)), _mm_loadu_pd(c), 1);
-  const __m256d bd =
-      _mm256_insertf128_pd(_mm256_castpd128_pd256(_mm_loadu_pd(b)), _mm_loadu_pd(d), 1);
-  x = _mm256_unpacklo_pd(ac, bd);
-  y = _mm256_unpackhi_pd(ac, bd);
-  z = _mm256_insertf128_pd(_mm256_castpd128_pd256(_mm_loadh_pd(_mm_load_sd(a + 2), b + 2)),
-                           _mm_loadh_pd(_mm_load_sd(c + 2), d + 2), 1);
-}
-
-// shape_quality with its steps in an order that keeps few values live, so that nothing spills:
-// the triple product and the dot products first (then a, b and c are dead), then each pair's
-// terms and tests, folded into the doubt mask and the sum of roots as they come. Every value is
-// made by the same operations as there.
-VOXFILL_AVX inline int lean_shape_quality(__m256d a0, __m256d a1, __m256d a2, __m256d b0,
-                                          __m256d b1, __m256d b2, __m256d c0, __m256d c1,
-                                          __m256d c2, double q[4]) noexcept {
-  const __m256d bc0 = _mm256_sub_pd(_mm256_mul_pd(b1, c2), _mm256_mul_pd(b2, c1));
-  const __m256d bc1 = _mm256_sub_pd(_mm256_mul_pd(b2, c0), _mm256_mul_pd(b0, c2));
-  const __m256d bc2 = _mm256_sub_pd(_mm256_mul_pd(b0, c1), _mm256_mul_pd(b1, c0));
-  __m256d det = dot4(a0, a1, a2, bc0, bc1, bc2);
-  // Made here, not at its one use, where a, b and c would have to be kept to the end.
-  asm("" : "+x"(det));
-  const __m256d L0 = dot4(a0, a1, a2, a0, a1, a2), dab = dot4(a0, a1, a2, b0, b1, b2),
-                dac = dot4(a0, a1, a2, c0, c1, c2);
-  const __m256d L1 = dot4(b0, b1, b2, b0, b1, b2), dbc = dot4(b0, b1, b2, c0, c1, c2),
-                L2 = dot4(c0, c1, c2, c0, c1, c2);
-  const __m256d two = _mm256_set1_pd(2.0), tol = _mm256_set1_pd(SQUARE_TOL),
-                zero = _mm256_setzero_pd();
-  const __m256d Gbc = _mm256_sub_pd(_mm256_mul_pd(L1, L2), _mm256_mul_pd(dbc, dbc));
-  __m256d doubtful = _mm256_cmp_pd(Gbc, _mm256_mul_pd(_mm256_mul_pd(tol, L1), L2), _CMP_LT_OQ);
-  __m256d roots = _mm256_sqrt_pd(Gbc);
-  const __m256d Ebc = _mm256_sub_pd(_mm256_add_pd(L1, L2), _mm256_mul_pd(two, dbc));
-  doubtful = _mm256_or_pd(doubtful, _mm256_cmp_pd(Ebc, zero, _CMP_NGT_UQ));
-  __m256d H = _mm256_max_pd(L1, L0);
-  H = _mm256_max_pd(L2, H);
-  const __m256d Gac = _mm256_sub_pd(_mm256_mul_pd(L0, L2), _mm256_mul_pd(dac, dac));
-  doubtful = _mm256_or_pd(
-      doubtful, _mm256_cmp_pd(Gac, _mm256_mul_pd(_mm256_mul_pd(tol, L0), L2), _CMP_LT_OQ));
-  roots = _mm256_add_pd(roots, _mm256_sqrt_pd(Gac));
-  asm("" : "+x"(roots));
-  const __m256d Eac = _mm256_sub_pd(_mm256_add_pd(L0, L2), _mm256_mul_pd(two, dac));
-  doubtful = _mm256_or_pd(doubtful, _mm256_cmp_pd(Eac, zero, _CMP_NGT_UQ));
-  const __m256d Gab = _mm256_sub_pd(_mm256_mul_pd(L0, L1), _mm256_mul_pd(dab, dab));
-  doubtful = _mm256_or_pd(
-      doubtful, _mm256_cmp_pd(Gab, _mm256_mul_pd(_mm256_mul_pd(tol, L0), L1), _CMP_LT_OQ));
-  roots = _mm256_add_pd(roots, _mm256_sqrt_pd(Gab));
-  const __m256d Eab = _mm256_sub_pd(_mm256_add_pd(L0, L1), _mm256_mul_pd(two, dab));
-  doubtful = _mm256_or_pd(doubtful, _mm256_cmp_pd(Eab, zero, _CMP_NGT_UQ));
-  const __m256d dfar = _mm256_add_pd(_mm256_sub_pd(L0, dab), _mm256_sub_pd(dbc, dac));
-  const __m256d Gfar = _mm256_sub_pd(_mm256_mul_pd(Eab, Eac), _mm256_mul_pd(dfar, dfar));
-  doubtful = _mm256_or_pd(
-      doubtful, _mm256_cmp_pd(Gfar, _mm256_mul_pd(_mm256_mul_pd(tol, Eab), Eac), _CMP_LT_OQ));
-  roots = _mm256_add_pd(roots, _mm256_sqrt_pd(Gfar));
-  H = _mm256_max_pd(Eab, H);
-  H = _mm256_max_pd(Eac, H);
-  H = _mm256_max_pd(Ebc, H);
-  const __m256d D = _mm256_mul_pd(_mm256_sqrt_pd(H), roots);
-  const __m256d raw = _mm256_div_pd(_mm256_mul_pd(_mm256_set1_pd(4.898979485566356), det), D);
-  const __m256d value =
-      _mm256_min_pd(_mm256_set1_pd(1.0), _mm256_max_pd(_mm256_set1_pd(-1.0), raw));
-  const __m256d magnitude = _mm256_andnot_pd(_mm256_set1_pd(-0.0), value);
-  const __m256d plain = _mm256_andnot_pd(
-      doubtful, _mm256_and_pd(_mm256_cmp_pd(D, zero, _CMP_GT_OQ),
-                              _mm256_cmp_pd(magnitude, _mm256_set1_pd(DOUBT_TOL), _CMP_GE_OQ)));
-  _mm256_storeu_pd(q, value);
-  return _mm256_movemask_pd(plain);
-}
-
 // raw_shape_quality and the checks of tet_quality over four lanes, point k of lane l at
 // at(l, k). The fourth points first, so that each other point becomes its edge vector as soon
 // as it is loaded.
 template <class At>
 VOXFILL_AVX inline void quality_quad(At at, double q[4]) noexcept {
   __m256d x3, y3, z3, x, y, z;
-  gather_quad(at(0, 3), at(1, 3), at(2, 3), at(3, 3), x3, y3, z3);
-  gather_quad(at(0, 0), at(1, 0), at(2, 0), at(3, 0), x, y, z);
+  gather_points(at(0, 3), at(1, 3), at(2, 3), at(3, 3), x3, y3, z3);
+  gather_points(at(0, 0), at(1, 0), at(2, 0), at(3, 0), x, y, z);
   const __m256d a0 = _mm256_sub_pd(x, x3), a1 = _mm256_sub_pd(y, y3), a2 = _mm256_sub_pd(z, z3);
-  gather_quad(at(0, 1), at(1, 1), at(2, 1), at(3, 1), x, y, z);
+  gather_points(at(0, 1), at(1, 1), at(2, 1), at(3, 1), x, y, z);
   const __m256d b0 = _mm256_sub_pd(x, x3), b1 = _mm256_sub_pd(y, y3), b2 = _mm256_sub_pd(z, z3);
-  gather_quad(at(0, 2), at(1, 2), at(2, 2), at(3, 2), x, y, z);
+  gather_points(at(0, 2), at(1, 2), at(2, 2), at(3, 2), x, y, z);
   const __m256d c0 = _mm256_sub_pd(x, x3), c1 = _mm256_sub_pd(y, y3), c2 = _mm256_sub_pd(z, z3);
-  const int plain = lean_shape_quality(a0, a1, a2, b0, b1, b2, c0, c1, c2, q);
+  const int plain = shape_quality(a0, a1, a2, b0, b1, b2, c0, c1, c2, q);
   if (plain != 15) redo_quality(at, q, plain);
 }
 
@@ -196,9 +123,9 @@ VOXFILL_AVX void apex_quad(const double* const* const t[4], double height, doubl
   // soon as their inputs are there, the points dead before the normal.
   const __m256d third = _mm256_set1_pd(3.0);
   __m256d x0, y0, z0, x1, y1, z1, x2, y2, z2;
-  gather_quad(t[0][0], t[1][0], t[2][0], t[3][0], x0, y0, z0);
-  gather_quad(t[0][1], t[1][1], t[2][1], t[3][1], x1, y1, z1);
-  gather_quad(t[0][2], t[1][2], t[2][2], t[3][2], x2, y2, z2);
+  gather_points(t[0][0], t[1][0], t[2][0], t[3][0], x0, y0, z0);
+  gather_points(t[0][1], t[1][1], t[2][1], t[3][1], x1, y1, z1);
+  gather_points(t[0][2], t[1][2], t[2][2], t[3][2], x2, y2, z2);
   __m256d c0 = _mm256_div_pd(_mm256_add_pd(_mm256_add_pd(x0, x1), x2), third);
   __m256d c1 = _mm256_div_pd(_mm256_add_pd(_mm256_add_pd(y0, y1), y2), third);
   __m256d c2 = _mm256_div_pd(_mm256_add_pd(_mm256_add_pd(z0, z1), z2), third);
@@ -247,7 +174,7 @@ VOXFILL_AVX void apex_quad(const double* const* const t[4], double height, doubl
 VOXFILL_AVX unsigned fit_floor_quad(const double* p, double hp, const double* const q[4],
                                     const double h[4], double d[4], double floor[4]) noexcept {
   __m256d x, y, z;
-  gather_quad(q[0], q[1], q[2], q[3], x, y, z);
+  gather_points(q[0], q[1], q[2], q[3], x, y, z);
   const __m256d dx = _mm256_sub_pd(_mm256_set1_pd(p[0]), x),
                 dy = _mm256_sub_pd(_mm256_set1_pd(p[1]), y),
                 dz = _mm256_sub_pd(_mm256_set1_pd(p[2]), z);
@@ -271,7 +198,7 @@ VOXFILL_AVX void solid_quad(const double* const* const t[4], double y[4][4],
                             double x[4][4]) noexcept {
   __m256d P[4][3];
   for (unsigned k = 0; k < 4; ++k)
-    gather_quad(t[0][k], t[1][k], t[2][k], t[3][k], P[k][0], P[k][1], P[k][2]);
+    gather_points(t[0][k], t[1][k], t[2][k], t[3][k], P[k][0], P[k][1], P[k][2]);
   // U[a][b]: the unit vector from node a to node b, both ways of each edge from its own
   // difference, scaled by the inverse length of the edge taken from its lower node.
   __m256d U[4][4][3];

@@ -85,92 +85,19 @@ VOXFILL_AVX unsigned inside_quad(const double* const* const t[4], const double* 
   return unsigned(_mm256_movemask_pd(_mm256_and_pd(good, within)));
 }
 
-// shape_quality of lanes_avx.h with its steps in an order that keeps few values live, so that
-// nothing spills: the triple product and the dot products first (then a, b and c are dead),
-// then each pair's terms and tests, folded into the doubt mask and the sum of roots as they
-// come. Every value is made by the same operations as there.
-VOXFILL_AVX inline int lean_shape_quality(__m256d a0, __m256d a1, __m256d a2, __m256d b0,
-                                          __m256d b1, __m256d b2, __m256d c0, __m256d c1,
-                                          __m256d c2, double q[4]) noexcept {
-  const __m256d bc0 = _mm256_sub_pd(_mm256_mul_pd(b1, c2), _mm256_mul_pd(b2, c1));
-  const __m256d bc1 = _mm256_sub_pd(_mm256_mul_pd(b2, c0), _mm256_mul_pd(b0, c2));
-  const __m256d bc2 = _mm256_sub_pd(_mm256_mul_pd(b0, c1), _mm256_mul_pd(b1, c0));
-  __m256d det = dot4(a0, a1, a2, bc0, bc1, bc2);
-  // Made here, not at its one use, where a, b and c would have to be kept to the end.
-  asm("" : "+x"(det));
-  const __m256d L0 = dot4(a0, a1, a2, a0, a1, a2), dab = dot4(a0, a1, a2, b0, b1, b2),
-                dac = dot4(a0, a1, a2, c0, c1, c2);
-  const __m256d L1 = dot4(b0, b1, b2, b0, b1, b2), dbc = dot4(b0, b1, b2, c0, c1, c2),
-                L2 = dot4(c0, c1, c2, c0, c1, c2);
-  const __m256d two = _mm256_set1_pd(2.0), tol = _mm256_set1_pd(SQUARE_TOL),
-                zero = _mm256_setzero_pd();
-  const __m256d Gbc = _mm256_sub_pd(_mm256_mul_pd(L1, L2), _mm256_mul_pd(dbc, dbc));
-  __m256d doubtful = _mm256_cmp_pd(Gbc, _mm256_mul_pd(_mm256_mul_pd(tol, L1), L2), _CMP_LT_OQ);
-  __m256d roots = _mm256_sqrt_pd(Gbc);
-  const __m256d Ebc = _mm256_sub_pd(_mm256_add_pd(L1, L2), _mm256_mul_pd(two, dbc));
-  doubtful = _mm256_or_pd(doubtful, _mm256_cmp_pd(Ebc, zero, _CMP_NGT_UQ));
-  __m256d H = _mm256_max_pd(L1, L0);
-  H = _mm256_max_pd(L2, H);
-  const __m256d Gac = _mm256_sub_pd(_mm256_mul_pd(L0, L2), _mm256_mul_pd(dac, dac));
-  doubtful = _mm256_or_pd(
-      doubtful, _mm256_cmp_pd(Gac, _mm256_mul_pd(_mm256_mul_pd(tol, L0), L2), _CMP_LT_OQ));
-  roots = _mm256_add_pd(roots, _mm256_sqrt_pd(Gac));
-  asm("" : "+x"(roots));
-  const __m256d Eac = _mm256_sub_pd(_mm256_add_pd(L0, L2), _mm256_mul_pd(two, dac));
-  doubtful = _mm256_or_pd(doubtful, _mm256_cmp_pd(Eac, zero, _CMP_NGT_UQ));
-  const __m256d Gab = _mm256_sub_pd(_mm256_mul_pd(L0, L1), _mm256_mul_pd(dab, dab));
-  doubtful = _mm256_or_pd(
-      doubtful, _mm256_cmp_pd(Gab, _mm256_mul_pd(_mm256_mul_pd(tol, L0), L1), _CMP_LT_OQ));
-  roots = _mm256_add_pd(roots, _mm256_sqrt_pd(Gab));
-  const __m256d Eab = _mm256_sub_pd(_mm256_add_pd(L0, L1), _mm256_mul_pd(two, dab));
-  doubtful = _mm256_or_pd(doubtful, _mm256_cmp_pd(Eab, zero, _CMP_NGT_UQ));
-  const __m256d dfar = _mm256_add_pd(_mm256_sub_pd(L0, dab), _mm256_sub_pd(dbc, dac));
-  const __m256d Gfar = _mm256_sub_pd(_mm256_mul_pd(Eab, Eac), _mm256_mul_pd(dfar, dfar));
-  doubtful = _mm256_or_pd(
-      doubtful, _mm256_cmp_pd(Gfar, _mm256_mul_pd(_mm256_mul_pd(tol, Eab), Eac), _CMP_LT_OQ));
-  roots = _mm256_add_pd(roots, _mm256_sqrt_pd(Gfar));
-  H = _mm256_max_pd(Eab, H);
-  H = _mm256_max_pd(Eac, H);
-  H = _mm256_max_pd(Ebc, H);
-  const __m256d D = _mm256_mul_pd(_mm256_sqrt_pd(H), roots);
-  const __m256d raw = _mm256_div_pd(_mm256_mul_pd(_mm256_set1_pd(4.898979485566356), det), D);
-  const __m256d value =
-      _mm256_min_pd(_mm256_set1_pd(1.0), _mm256_max_pd(_mm256_set1_pd(-1.0), raw));
-  const __m256d magnitude = _mm256_andnot_pd(_mm256_set1_pd(-0.0), value);
-  const __m256d plain = _mm256_andnot_pd(
-      doubtful, _mm256_and_pd(_mm256_cmp_pd(D, zero, _CMP_GT_OQ),
-                              _mm256_cmp_pd(magnitude, _mm256_set1_pd(DOUBT_TOL), _CMP_GE_OQ)));
-  _mm256_storeu_pd(q, value);
-  return _mm256_movemask_pd(plain);
-}
-
-// x, y and z of the points a, b, c, d in lanes 0 to 3, with x and y unpacked from two halves
-// loaded whole.
-VOXFILL_AVX inline void gather_quad(const double* a, const double* b, const double* c,
-                                    const double* d, __m256d& x, __m256d& y, __m256d& z) noexcept {
-  const __m256d ac =
-      _mm256_insertf128_pd(_mm256_castpd128_pd256(_mm_loadu_pd(a)), _mm_loadu_pd(c), 1);
-  const __m256d bd =
-      _mm256_insertf128_pd(_mm256_castpd128_pd256(_mm_loadu_pd(b)), _mm_loadu_pd(d), 1);
-  x = _mm256_unpacklo_pd(ac, bd);
-  y = _mm256_unpackhi_pd(ac, bd);
-  z = _mm256_insertf128_pd(_mm256_castpd128_pd256(_mm_loadh_pd(_mm_load_sd(a + 2), b + 2)),
-                           _mm_loadh_pd(_mm_load_sd(c + 2), d + 2), 1);
-}
-
 // The shape qualities of the four tets of points p[4 l] to p[4 l + 3]; bit l of the result set
 // where lane l is tet_quality's value. The fourth points first, so that each other point
 // becomes its edge vector once loaded.
 VOXFILL_AVX inline unsigned block_qualities(const double* const* p, double q[4]) noexcept {
   __m256d x3, y3, z3, x, y, z;
-  gather_quad(p[3], p[7], p[11], p[15], x3, y3, z3);
-  gather_quad(p[0], p[4], p[8], p[12], x, y, z);
+  gather_points(p[3], p[7], p[11], p[15], x3, y3, z3);
+  gather_points(p[0], p[4], p[8], p[12], x, y, z);
   const __m256d a0 = _mm256_sub_pd(x, x3), a1 = _mm256_sub_pd(y, y3), a2 = _mm256_sub_pd(z, z3);
-  gather_quad(p[1], p[5], p[9], p[13], x, y, z);
+  gather_points(p[1], p[5], p[9], p[13], x, y, z);
   const __m256d b0 = _mm256_sub_pd(x, x3), b1 = _mm256_sub_pd(y, y3), b2 = _mm256_sub_pd(z, z3);
-  gather_quad(p[2], p[6], p[10], p[14], x, y, z);
+  gather_points(p[2], p[6], p[10], p[14], x, y, z);
   const __m256d c0 = _mm256_sub_pd(x, x3), c1 = _mm256_sub_pd(y, y3), c2 = _mm256_sub_pd(z, z3);
-  return unsigned(lean_shape_quality(a0, a1, a2, b0, b1, b2, c0, c1, c2, q));
+  return unsigned(shape_quality(a0, a1, a2, b0, b1, b2, c0, c1, c2, q));
 }
 
 // The lanes that tet_quality would retry, done by it: rare, and out of line so that the blocks'
