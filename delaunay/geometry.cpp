@@ -113,55 +113,11 @@ VOXFILL_AVX2 double tet_quality_avx2(const double* p0, const double* p1, const d
                            _mm_loadh_pd(_mm_load_sd(p2 + 2), p0 + 2), 1),
       _mm256_set1_pd(p3[2]));
   constexpr int ABCB = 0 | 1 << 2 | 2 << 4 | 1 << 6;
-  constexpr int ABAB = 0 | 1 << 2 | 0 << 4 | 1 << 6;
-  constexpr int CCCC = 2 * 0x55;
-  // S1 = (L0, L1, L2, dab), S2 = (dac, dbc, dac, dbc).
+  // S1 = (L0, L1, L2, dab).
   const __m256d S1 = dot_lanes(x, y, z, _mm256_permute4x64_pd(x, ABCB),
                                _mm256_permute4x64_pd(y, ABCB), _mm256_permute4x64_pd(z, ABCB));
-  const __m256d S2 = dot_lanes(_mm256_permute4x64_pd(x, ABAB), _mm256_permute4x64_pd(y, ABAB),
-                               _mm256_permute4x64_pd(z, ABAB), _mm256_permute4x64_pd(x, CCCC),
-                               _mm256_permute4x64_pd(y, CCCC), _mm256_permute4x64_pd(z, CCCC));
-  // (dab, dac, dbc, dbc)
-  const __m256d dots = _mm256_blend_pd(_mm256_permute4x64_pd(S2, 0 | 0 << 2 | 1 << 4 | 1 << 6),
-                                       _mm256_permute4x64_pd(S1, 3 * 0x55), 1);
-  // E = (Eab, Eac, Ebc, _) = (L0 + L1, L0 + L2, L1 + L2) - 2 (dab, dac, dbc)
-  const __m256d E = _mm256_sub_pd(_mm256_add_pd(_mm256_permute4x64_pd(S1, 0 | 0 << 2 | 1 << 4),
-                                                _mm256_permute4x64_pd(S1, 1 | 2 << 2 | 2 << 4)),
-                                  _mm256_mul_pd(_mm256_set1_pd(2.0), dots));
-  alignas(32) double s1[4], s2[4], e[4];
-  _mm256_store_pd(s1, S1);
-  _mm256_store_pd(s2, S2);
-  _mm256_store_pd(e, E);
-  const double L0 = s1[0], L1 = s1[1], L2 = s1[2], dab = s1[3], dac = s2[0], dbc = s2[1];
-  const double Eab = e[0], Eac = e[1], Ebc = e[2];
-  const double dfar = (L0 - dab) + (dbc - dac);
-  // G = (Gbc, Gac, Gab, Gfar) = f s - d d with f = (L1, L0, L0, Eab), s = (L2, L2, L1, Eac) and
-  // d = (dbc, dac, dab, dfar).
-  const __m256d f = _mm256_set_pd(Eab, L0, L0, L1), g = _mm256_set_pd(Eac, L1, L2, L2);
-  const __m256d d = _mm256_set_pd(dfar, dab, dac, dbc);
-  const __m256d G = _mm256_sub_pd(_mm256_mul_pd(f, g), _mm256_mul_pd(d, d));
-  const __m256d tol = _mm256_mul_pd(_mm256_mul_pd(_mm256_set1_pd(SQUARE_TOL), f), g);
-  const bool sure = Eab > 0.0 && Eac > 0.0 && Ebc > 0.0 &&
-                    _mm256_movemask_pd(_mm256_cmp_pd(G, tol, _CMP_NLT_UQ)) == 15;
-  if (!sure) return tet_quality(p0, p1, p2, p3);
-  double H = L0;
-  if (L1 > H) H = L1;
-  if (L2 > H) H = L2;
-  if (Eab > H) H = Eab;
-  if (Eac > H) H = Eac;
-  if (Ebc > H) H = Ebc;
-  alignas(32) double r[4];
-  _mm256_store_pd(r, _mm256_sqrt_pd(G));
-  const double D = std::sqrt(H) * (r[0] + r[1] + r[2] + r[3]);
-  if (!(D > 0.0)) return tet_quality(p0, p1, p2, p3);
-  double a[3], b[3], c[3], bc[3];
-  sub3(p0, p3, a);
-  sub3(p1, p3, b);
-  sub3(p2, p3, c);
-  cross3(b, c, bc);
-  double q = 4.898979485566356 * dot3(a, bc) / D;
-  q = q > 1.0 ? 1.0 : (q < -1.0 ? -1.0 : q);
-  if (std::fabs(q) >= DOUBT_TOL) return q;
+  const double q = avx_lanes::tet_quality_of_edges(x, y, z, S1);
+  if (q <= 1.0) return q;
   return tet_quality(p0, p1, p2, p3);
 }
 #endif

@@ -198,6 +198,67 @@ VOXFILL_AVX2 inline void refined_solution(__m256d C0, __m256d C1, __m256d C2, __
   out3[2] = out[2];
 }
 
+// tet_quality of the tet whose edge vectors a, b, c from its fourth point are lanes 0 to 2 of x,
+// y and z (lane 3 is a again), given S1 = (L0, L1, L2, dab), their first dot products: its dot
+// products, Gram determinants and square roots in lanes, the scalar operations one for one and in
+// the same order (nothing fused). 2.0 for a tet that is doubtful or too flat to trust, which the
+// scalar routine then decides.
+VOXFILL_AVX2 inline double tet_quality_of_edges(__m256d x, __m256d y, __m256d z,
+                                                __m256d S1) noexcept {
+  using namespace geometry_detail;
+  constexpr int ABAB = 0 | 1 << 2 | 0 << 4 | 1 << 6;
+  constexpr int CCCC = 2 * 0x55;
+  // S2 = (dac, dbc, dac, dbc).
+  const __m256d S2 = dot4(_mm256_permute4x64_pd(x, ABAB), _mm256_permute4x64_pd(y, ABAB),
+                          _mm256_permute4x64_pd(z, ABAB), _mm256_permute4x64_pd(x, CCCC),
+                          _mm256_permute4x64_pd(y, CCCC), _mm256_permute4x64_pd(z, CCCC));
+  // (dab, dac, dbc, dbc)
+  const __m256d dots = _mm256_blend_pd(_mm256_permute4x64_pd(S2, 0 | 0 << 2 | 1 << 4 | 1 << 6),
+                                       _mm256_permute4x64_pd(S1, 3 * 0x55), 1);
+  // E = (Eab, Eac, Ebc, _) = (L0 + L1, L0 + L2, L1 + L2) - 2 (dab, dac, dbc)
+  const __m256d E = _mm256_sub_pd(_mm256_add_pd(_mm256_permute4x64_pd(S1, 0 | 0 << 2 | 1 << 4),
+                                                _mm256_permute4x64_pd(S1, 1 | 2 << 2 | 2 << 4)),
+                                  _mm256_mul_pd(_mm256_set1_pd(2.0), dots));
+  alignas(32) double s1[4], s2[4], e[4];
+  _mm256_store_pd(s1, S1);
+  _mm256_store_pd(s2, S2);
+  _mm256_store_pd(e, E);
+  const double L0 = s1[0], L1 = s1[1], L2 = s1[2], dab = s1[3], dac = s2[0], dbc = s2[1];
+  const double Eab = e[0], Eac = e[1], Ebc = e[2];
+  const double dfar = (L0 - dab) + (dbc - dac);
+  // G = (Gbc, Gac, Gab, Gfar) = f s - d d with f = (L1, L0, L0, Eab), s = (L2, L2, L1, Eac) and
+  // d = (dbc, dac, dab, dfar).
+  const __m256d f = _mm256_set_pd(Eab, L0, L0, L1), g = _mm256_set_pd(Eac, L1, L2, L2);
+  const __m256d d = _mm256_set_pd(dfar, dab, dac, dbc);
+  const __m256d G = _mm256_sub_pd(_mm256_mul_pd(f, g), _mm256_mul_pd(d, d));
+  const __m256d tol = _mm256_mul_pd(_mm256_mul_pd(_mm256_set1_pd(SQUARE_TOL), f), g);
+  const bool sure = Eab > 0.0 && Eac > 0.0 && Ebc > 0.0 &&
+                    _mm256_movemask_pd(_mm256_cmp_pd(G, tol, _CMP_NLT_UQ)) == 15;
+  if (!sure) return 2.0;
+  double H = L0;
+  if (L1 > H) H = L1;
+  if (L2 > H) H = L2;
+  if (Eab > H) H = Eab;
+  if (Eac > H) H = Eac;
+  if (Ebc > H) H = Ebc;
+  alignas(32) double r[4];
+  _mm256_store_pd(r, _mm256_sqrt_pd(G));
+  const double D = std::sqrt(H) * (r[0] + r[1] + r[2] + r[3]);
+  if (!(D > 0.0)) return 2.0;
+  // The edge vectors are lanes 0, 1 and 2, as sub3 gives them.
+  alignas(32) double ex[4], ey[4], ez[4];
+  _mm256_store_pd(ex, x);
+  _mm256_store_pd(ey, y);
+  _mm256_store_pd(ez, z);
+  const double a[3] = {ex[0], ey[0], ez[0]}, b[3] = {ex[1], ey[1], ez[1]},
+               c[3] = {ex[2], ey[2], ez[2]};
+  double bc[3];
+  cross3(b, c, bc);
+  double q = 4.898979485566356 * dot3(a, bc) / D;
+  q = q > 1.0 ? 1.0 : (q < -1.0 ? -1.0 : q);
+  return std::fabs(q) >= DOUBT_TOL ? q : 2.0;
+}
+
 }  // namespace kelvo::voxfill::avx_lanes
 
 #else

@@ -204,16 +204,12 @@ void fill_face_lanes(const apex_frame& frame, face_lanes& f) noexcept {
 // cases by the scalar routine.
 VOXFILL_AVX2 double direct_trial_avx2(const apex_frame& frame, const face_lanes& f, const double* h,
                                       double& worst, double& deviation, double* step) noexcept {
-  using geometry_detail::cross3;
-  using geometry_detail::dot3;
   const double* P = frame.col(3);
   const __m256d x = _mm256_sub_pd(_mm256_load_pd(f.x), _mm256_set1_pd(P[0]));
   const __m256d y = _mm256_sub_pd(_mm256_load_pd(f.y), _mm256_set1_pd(P[1]));
   const __m256d z = _mm256_sub_pd(_mm256_load_pd(f.z), _mm256_set1_pd(P[2]));
   constexpr int ABCB = 0 | 1 << 2 | 2 << 4 | 1 << 6;
-  constexpr int ABAB = 0 | 1 << 2 | 0 << 4 | 1 << 6;
-  constexpr int CCCC = 2 * 0x55;
-  // S1 = (L0, L1, L2, dab), S2 = (dac, dbc, dac, dbc).
+  // S1 = (L0, L1, L2, dab).
   const __m256d S1 =
       avx_lanes::dot4(x, y, z, _mm256_permute4x64_pd(x, ABCB), _mm256_permute4x64_pd(y, ABCB),
                       _mm256_permute4x64_pd(z, ABCB));
@@ -224,57 +220,9 @@ VOXFILL_AVX2 double direct_trial_avx2(const apex_frame& frame, const face_lanes&
                                        _mm256_cmp_pd(hv, zero, _CMP_GT_OQ));
     pulls_of_lengths(frame, _mm256_blend_pd(l, _mm256_set1_pd(1.0), 8), worst, deviation, step);
   }
-  const __m256d S2 =
-      avx_lanes::dot4(_mm256_permute4x64_pd(x, ABAB), _mm256_permute4x64_pd(y, ABAB),
-                      _mm256_permute4x64_pd(z, ABAB), _mm256_permute4x64_pd(x, CCCC),
-                      _mm256_permute4x64_pd(y, CCCC), _mm256_permute4x64_pd(z, CCCC));
-  // (dab, dac, dbc, dbc)
-  const __m256d dots = _mm256_blend_pd(_mm256_permute4x64_pd(S2, 0 | 0 << 2 | 1 << 4 | 1 << 6),
-                                       _mm256_permute4x64_pd(S1, 3 * 0x55), 1);
-  // E = (Eab, Eac, Ebc, _) = (L0 + L1, L0 + L2, L1 + L2) - 2 (dab, dac, dbc)
-  const __m256d E = _mm256_sub_pd(_mm256_add_pd(_mm256_permute4x64_pd(S1, 0 | 0 << 2 | 1 << 4),
-                                                _mm256_permute4x64_pd(S1, 1 | 2 << 2 | 2 << 4)),
-                                  _mm256_mul_pd(_mm256_set1_pd(2.0), dots));
-  alignas(32) double s1[4], s2[4], e[4];
-  _mm256_store_pd(s1, S1);
-  _mm256_store_pd(s2, S2);
-  _mm256_store_pd(e, E);
-  const double L0 = s1[0], L1 = s1[1], L2 = s1[2], dab = s1[3], dac = s2[0], dbc = s2[1];
-  const double Eab = e[0], Eac = e[1], Ebc = e[2];
-  const double dfar = (L0 - dab) + (dbc - dac);
-  // G = (Gbc, Gac, Gab, Gfar) = f s - d d with f = (L1, L0, L0, Eab), s = (L2, L2, L1, Eac) and
-  // d = (dbc, dac, dab, dfar).
-  const __m256d fv = _mm256_set_pd(Eab, L0, L0, L1), gv = _mm256_set_pd(Eac, L1, L2, L2);
-  const __m256d dv = _mm256_set_pd(dfar, dab, dac, dbc);
-  const __m256d G = _mm256_sub_pd(_mm256_mul_pd(fv, gv), _mm256_mul_pd(dv, dv));
-  const __m256d tol = _mm256_mul_pd(_mm256_mul_pd(_mm256_set1_pd(SQUARE_TOL), fv), gv);
-  const double *p0 = frame.col(0), *p1 = frame.col(1), *p2 = frame.col(2);
-  const bool sure = Eab > 0.0 && Eac > 0.0 && Ebc > 0.0 &&
-                    _mm256_movemask_pd(_mm256_cmp_pd(G, tol, _CMP_NLT_UQ)) == 15;
-  if (!sure) return tet_quality(p0, p1, p2, P);
-  double H = L0;
-  if (L1 > H) H = L1;
-  if (L2 > H) H = L2;
-  if (Eab > H) H = Eab;
-  if (Eac > H) H = Eac;
-  if (Ebc > H) H = Ebc;
-  alignas(32) double r[4];
-  _mm256_store_pd(r, _mm256_sqrt_pd(G));
-  const double D = std::sqrt(H) * (r[0] + r[1] + r[2] + r[3]);
-  if (!(D > 0.0)) return tet_quality(p0, p1, p2, P);
-  // The edge vectors from the apex are lanes 0, 1 and 2 of x, y and z, as sub3 gives them.
-  alignas(32) double ex[4], ey[4], ez[4];
-  _mm256_store_pd(ex, x);
-  _mm256_store_pd(ey, y);
-  _mm256_store_pd(ez, z);
-  const double a[3] = {ex[0], ey[0], ez[0]}, b[3] = {ex[1], ey[1], ez[1]},
-               c[3] = {ex[2], ey[2], ez[2]};
-  double bc[3];
-  cross3(b, c, bc);
-  double q = 4.898979485566356 * dot3(a, bc) / D;
-  q = q > 1.0 ? 1.0 : (q < -1.0 ? -1.0 : q);
-  if (std::fabs(q) >= DOUBT_TOL) return q;
-  return tet_quality(p0, p1, p2, P);
+  const double q = avx_lanes::tet_quality_of_edges(x, y, z, S1);
+  if (q <= 1.0) return q;
+  return tet_quality(frame.col(0), frame.col(1), frame.col(2), P);
 }
 
 VOXFILL_AVX2 void edge_pulls_avx2(const apex_frame& frame, const double* L, double& worst,
