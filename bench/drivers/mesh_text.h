@@ -125,10 +125,10 @@ inline bool read_medit(const char* path, tables& m, std::string& error) {
       ok = s.integer(n);
       m.xyz.reserve(3 * n);
       for (std::size_t k = 0; ok && k < n; ++k) {
-        double x, y, z;
+        double x = 0.0, y = 0.0, z = 0.0;
         std::int64_t ref;
         ok = s.number(x) && s.number(y) && s.number(z) && s.integer(ref);
-        m.xyz.insert(m.xyz.end(), {x, y, z});
+        if (ok) m.xyz.insert(m.xyz.end(), {x, y, z});
       }
     } else if (key == "Triangles") {
       ok = s.integer(n) && read_rows(s, n, 3, m.tris, &m.tri_refs);
