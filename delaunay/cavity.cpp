@@ -187,14 +187,12 @@ bool add_hard_faces(const mesh_view& v, cavity_record& cav, const unsigned* face
       }
       inner = keep;
     } else {
+      // By the hard nodes h: the faces whose three nodes are all hard.
+      static constexpr unsigned char hard_faces_of[16] = {0, 0, 0, 0, 0, 0, 0, 8,
+                                                          0, 0, 0, 4, 0, 2, 1, 15};
       const unsigned h = unsigned(is_hard(n[0])) | unsigned(is_hard(n[1])) << 1 |
                          unsigned(is_hard(n[2])) << 2 | unsigned(is_hard(n[3])) << 3;
-      unsigned keep = 0;
-      for (unsigned b = inner; b; b &= b - 1) {
-        const unsigned i = unsigned(__builtin_ctz(b));
-        keep |= unsigned((h | (1u << i)) == 15) << i;
-      }
-      inner = keep;
+      inner &= hard_faces_of[h];
     }
     for (; inner; inner &= inner - 1) {
       const unsigned i = unsigned(__builtin_ctz(inner));
