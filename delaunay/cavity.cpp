@@ -833,8 +833,9 @@ void collect_cavity(mesh_store& m, unsigned p, dense1D<unsigned>& seeds, cavity_
       const unsigned own = nl;
 #if VOXFILL_LANES_AVX
       // Free lanes take the untested neighbours of the next tet on the stack: tests that come
-      // anyway.
-      if (has_avx && nl < 4 && S) {
+      // anyway. Only below three lanes, where the test would otherwise leave the AVX lanes: a
+      // fourth lane filled saves less than the search for it costs.
+      if (has_avx && nl < 3 && S) {
         const unsigned* next = v.nb(tets[stack[S - 1]]);
         for (unsigned i = 0; i < 4 && nl < 4; ++i) {
           const unsigned nb = next[i];
