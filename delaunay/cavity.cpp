@@ -920,13 +920,25 @@ void correct_cavity(mesh_store& m, kernel_workspace& ws, cavity_record& cav,
     const double* p[16];
     double out[4];
     unsigned F = 0, nl = 0;
+    // A full group writes its qualities in place. The lanes beyond `count` repeat the last face,
+    // so all four may go into the flat test and the smallest quality (which is only compared).
     auto take_lanes = [&](unsigned count) {
-      tet_quality_lanes(p, out);
-      for (unsigned l = 0; l < count; ++l) {
-        q[F - count + l] = out[l];
-        flat |= !(out[l] > STAR_TOL);
-        qmin = out[l] < qmin ? out[l] : qmin;
+      double* r = count == 4 ? q + F - 4 : out;
+      tet_quality_lanes(p, r);
+      if (count < 4) std::copy_n(out, count, q + F - count);
+#if defined(__SSE2__)
+      const __m128d lo = _mm_loadu_pd(r), hi = _mm_loadu_pd(r + 2);
+      const __m128d tol = _mm_set1_pd(STAR_TOL);
+      flat |= _mm_movemask_pd(_mm_or_pd(_mm_cmpngt_pd(lo, tol), _mm_cmpngt_pd(hi, tol))) != 0;
+      const __m128d two = _mm_min_pd(lo, hi);
+      const double least = _mm_cvtsd_f64(_mm_min_sd(two, _mm_unpackhi_pd(two, two)));
+      qmin = least < qmin ? least : qmin;
+#else
+      for (unsigned l = 0; l < 4; ++l) {
+        flat |= !(r[l] > STAR_TOL);
+        qmin = r[l] < qmin ? r[l] : qmin;
       }
+#endif
     };
     for (unsigned k = 0; k < T; ++k) {
       const unsigned t = tets[k], bits = face_bits[k];
