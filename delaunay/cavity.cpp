@@ -853,6 +853,11 @@ void collect_cavity(mesh_store& m, unsigned p, dense1D<unsigned>& seeds, cavity_
       if (has_avx && nl >= 3) {
         in = in_circumsphere_avx(v, lane, nl, P, limit);
         l = nl;
+      } else if (has_avx && nl == 2) {
+        // Two lanes go through the four-lane test too, the second repeated.
+        lane[2] = lane[1];
+        in = in_circumsphere_avx(v, lane, 3, P, limit) & 3;
+        l = nl;
       }
 #endif
       if (l < nl) in |= in_circumsphere_rest(v, lane, l, nl, P, limit);
