@@ -320,15 +320,15 @@ surface surface_test(mesh_store& m, kernel_workspace& ws, const cavity_record& c
   const mesh_view v(m);
   unsigned V = 0;
   for (unsigned k = 1; k < F; ++k) {
+    // The nodes of face i are those of the tet but node i, in any order for the count.
     const unsigned code = cav.faces[k];
     const unsigned* n = v.tet(code >> 2);
-    const unsigned* f = tet_face_nodes[code & 3];
-    for (unsigned s = 0; s < 3; ++s) {
-      const unsigned x = n[f[s]];
-      if (!v.marked(x)) {
-        v.set(x);
-        ++V;
-      }
+    const unsigned i = code & 3;
+    for (unsigned s = 0; s < 4; ++s) {
+      const unsigned x = n[s];
+      if (s == i || v.marked(x)) continue;
+      v.set(x);
+      ++V;
     }
   }
   surface result = surface::ok;
