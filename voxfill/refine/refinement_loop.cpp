@@ -16,6 +16,7 @@
 #include "delaunay/delaunay_mgr.h"
 #include "delaunay/geometry.h"
 #include "delaunay/insertion_order.h"
+#include "delaunay/lanes_avx.h"
 #include "delaunay/mesh_walks.h"
 #include "delaunay/tet_tables.h"
 #include "voxfill/delaunay_th4.h"
@@ -159,10 +160,136 @@ void next_clear_rows(refine_context& c) noexcept {
   c.clear_rows_known = true;
 }
 
+// The verdicts of one edge over the mesh itself, as longer_than's bounds give them: the edge is
+// long, short, or needs the logarithm of longer_than.
+enum : unsigned { EDGE_SHORT = 0, EDGE_LONG = 1, EDGE_ASK = 2 };
+
+unsigned edge_verdict(const double* P, double hP, const double* Q, double hQ,
+                      double limit) noexcept {
+  const double lo = hP < hQ ? hP : hQ, hi = hP < hQ ? hQ : hP;
+  const double near = limit * lo, far = limit * hi;
+  const double d2 = geometry_detail::dist2<3>(P, Q);
+  if (near > 1e-150 && far < 1e150 && d2 > far * far * (1.0 + 1e-9)) return EDGE_LONG;
+  if (near > 1e-150 && far < 1e150 && d2 < near * near * (1.0 - 1e-9)) return EDGE_SHORT;
+  return EDGE_ASK;
+}
+
+// The six edges of a tet as pairs of its places, in the order of the lanes below: first each
+// place with the next one round, then the two diagonals.
+constexpr unsigned EDGE_PLACES[6][2] = {{0, 1}, {1, 2}, {2, 3}, {3, 0}, {0, 2}, {1, 3}};
+
+// Whether the edge of places i and j of the tet with nodes n is too long and soft, from its
+// verdict: over the mesh itself a length depends on the edge alone and has no side effects.
+bool condemns(th4_engine& e, size_field& field, const unsigned* n, unsigned edge, unsigned verdict,
+              double limit) noexcept {
+  const unsigned a = n[EDGE_PLACES[edge][0]], b = n[EDGE_PLACES[edge][1]];
+  if (verdict == EDGE_ASK && !longer_than(field, e.nodes.row(a), NONE, e.node_sizes[a],
+                                          e.nodes.row(b), NONE, e.node_sizes[b], limit))
+    return false;
+  // A hard edge that is too long condemns nothing: it cannot be split here.
+  return !e.hard_set.has_edge(a, b);
+}
+
+// Bit k set where edge k of EDGE_PLACES may be too long (long or to be asked), by the scalar
+// verdicts; bit k + 8 set where it must be asked.
+unsigned tet_edge_bits(const double* const* P, const double* h, double limit) noexcept {
+  unsigned bits = 0;
+  for (unsigned k = 0; k < 6; ++k) {
+    const unsigned i = EDGE_PLACES[k][0], j = EDGE_PLACES[k][1];
+    const unsigned v = edge_verdict(P[i], h[i], P[j], h[j], limit);
+    if (v != EDGE_SHORT) bits |= 1u << k;
+    if (v == EDGE_ASK) bits |= 1u << (k + 8);
+  }
+  return bits;
+}
+
+#if VOXFILL_LANES_AVX
+// edge_verdict of the edges from the places in x, y, z, H to those in qx, qy, qz, hq: `maybe`
+// has the bits of the lanes not short, `ask` those of the lanes to ask.
+VOXFILL_AVX inline void judge_edges_avx(__m256d x, __m256d y, __m256d z, __m256d H, __m256d qx,
+                                        __m256d qy, __m256d qz, __m256d hq, __m256d L, int& maybe,
+                                        int& ask) noexcept {
+  const __m256d dx = _mm256_sub_pd(x, qx), dy = _mm256_sub_pd(y, qy), dz = _mm256_sub_pd(z, qz);
+  const __m256d d2 = _mm256_add_pd(_mm256_add_pd(_mm256_mul_pd(dx, dx), _mm256_mul_pd(dy, dy)),
+                                   _mm256_mul_pd(dz, dz));
+  // min and max pick as the scalar choices wherever both sizes are numbers; where one is not,
+  // the bounds fail and the lane is asked either way.
+  const __m256d near = _mm256_mul_pd(L, _mm256_min_pd(H, hq));
+  const __m256d far = _mm256_mul_pd(L, _mm256_max_pd(hq, H));
+  const __m256d ok = _mm256_and_pd(_mm256_cmp_pd(near, _mm256_set1_pd(1e-150), _CMP_GT_OQ),
+                                   _mm256_cmp_pd(far, _mm256_set1_pd(1e150), _CMP_LT_OQ));
+  const __m256d is_long = _mm256_and_pd(
+      ok, _mm256_cmp_pd(d2, _mm256_mul_pd(_mm256_mul_pd(far, far), _mm256_set1_pd(1.0 + 1e-9)),
+                        _CMP_GT_OQ));
+  const __m256d is_short = _mm256_and_pd(
+      ok, _mm256_cmp_pd(d2, _mm256_mul_pd(_mm256_mul_pd(near, near), _mm256_set1_pd(1.0 - 1e-9)),
+                        _CMP_LT_OQ));
+  maybe = _mm256_movemask_pd(is_short) ^ 15;
+  ask = _mm256_movemask_pd(_mm256_or_pd(is_long, is_short)) ^ 15;
+}
+
+// tet_edge_bits in lanes: the edges to the next place round in one register, the diagonals in
+// the low half of another. Each lane does the scalar steps in the same order, nothing fused; a
+// difference taken the other way round squares to the same value.
+VOXFILL_AVX unsigned tet_edge_bits_avx(const double* const* P, const double* h,
+                                       double limit) noexcept {
+  __m256d x, y, z;
+  avx_lanes::gather_points(P[0], P[1], P[2], P[3], x, y, z);
+  const __m256d H = _mm256_setr_pd(h[0], h[1], h[2], h[3]);
+  // Places 2, 3, 0, 1 by swapping the halves, and 1, 2, 3, 0 by picking from both.
+  const __m256d x2 = _mm256_permute2f128_pd(x, x, 1), y2 = _mm256_permute2f128_pd(y, y, 1),
+                z2 = _mm256_permute2f128_pd(z, z, 1), H2 = _mm256_permute2f128_pd(H, H, 1);
+  const __m256d x1 = _mm256_shuffle_pd(x, x2, 5), y1 = _mm256_shuffle_pd(y, y2, 5),
+                z1 = _mm256_shuffle_pd(z, z2, 5), H1 = _mm256_shuffle_pd(H, H2, 5);
+  const __m256d L = _mm256_set1_pd(limit);
+  int maybe1, ask1, maybe2, ask2;
+  judge_edges_avx(x, y, z, H, x1, y1, z1, H1, L, maybe1, ask1);
+  judge_edges_avx(x, y, z, H, x2, y2, z2, H2, L, maybe2, ask2);
+  return unsigned(maybe1 | (maybe2 & 3) << 4) | unsigned(ask1 | (ask2 & 3) << 4) << 8;
+}
+#endif
+
+// mark_long_edges over the mesh itself: a new tet is condemned by any of its six edges, each
+// judged on its own, which gives the verdicts of the walk over the local graph without it.
+void mark_long_tets(th4_engine& e, refine_context& c) noexcept {
+  size_field& field = *e.size_field;
+  const double limit = c.max_edge_length;
+  const double* node_sizes = e.node_sizes.data();
+  const unsigned* tets = c.new_tets.data();
+  const unsigned T = c.new_tets.size;
+#if VOXFILL_LANES_AVX
+  const bool lanes = lanes_avx();
+#endif
+  for (unsigned k = 0; k < T; ++k) {
+    const unsigned t = tets[k];
+    const unsigned* n = e.tets.row(t);
+    const double* P[4] = {e.nodes.row(n[0]), e.nodes.row(n[1]), e.nodes.row(n[2]),
+                          e.nodes.row(n[3])};
+    const double h[4] = {node_sizes[n[0]], node_sizes[n[1]], node_sizes[n[2]], node_sizes[n[3]]};
+#if VOXFILL_LANES_AVX
+    unsigned bits = lanes ? tet_edge_bits_avx(P, h, limit) : tet_edge_bits(P, h, limit);
+#else
+    unsigned bits = tet_edge_bits(P, h, limit);
+#endif
+    for (unsigned maybe = bits & 63u; maybe != 0; maybe &= maybe - 1) {
+      const unsigned edge = unsigned(std::countr_zero(maybe));
+      const unsigned verdict = bits >> (edge + 8) & 1u ? EDGE_ASK : EDGE_LONG;
+      if (condemns(e, field, n, edge, verdict, limit)) {
+        c.good_tets.reset(t);
+        break;
+      }
+    }
+  }
+}
+
 }  // namespace
 
 void mark_long_edges(th4_engine& e, refine_context& c) {
   size_field& field = *e.size_field;
+  if (field.direct_lengths) {
+    mark_long_tets(e, c);
+    return;
+  }
   const unsigned L = c.local_nodes.size;
   if (L == 0) return;
   // Per local node w the last node v that met it, as 2v, or 2v + 1 when the edge vw is too long:
@@ -175,64 +302,12 @@ void mark_long_edges(th4_engine& e, refine_context& c) {
   const unsigned* locals = c.local_nodes.data();
   const unsigned* rows = c.new_tet_rows.col(0);
   const std::size_t ld = c.new_tet_rows.ld;
-  // Over the mesh itself a length has no side effects, so the order in which a node's edges are
-  // met does not matter: each tet's nodes in falling order, the ones above v are met first and
-  // the rest are never read.
-  const unsigned T = c.new_tets.size;
-  const bool falling =
-      field.direct_lengths && c.falling_rows.resize(4 * T) && c.falling_rows.size == 4 * T;
-  if (falling) {
-    unsigned* out = c.falling_rows.data();
-    for (unsigned k = 0; k < T; ++k, out += 4) {
-      const unsigned* r = rows + ld * k;
-      unsigned x0 = r[0], x1 = r[1], x2 = r[2], x3 = r[3];
-      if (x0 < x1) std::swap(x0, x1);
-      if (x2 < x3) std::swap(x2, x3);
-      if (x0 < x2) std::swap(x0, x2);
-      if (x1 < x3) std::swap(x1, x3);
-      if (x1 < x2) std::swap(x1, x2);
-      out[0] = x0, out[1] = x1, out[2] = x2, out[3] = x3;
-    }
-  }
-  const unsigned* sorted = c.falling_rows.data();
-  const double* node_sizes = e.node_sizes.data();
-  const double limit = c.max_edge_length;
   for (unsigned v = 0; v < L; ++v) {
     const unsigned a = locals[v];
     const unsigned first = offsets[v], last = offsets[v + 1];
     const unsigned met = 2 * v, long_met = 2 * v + 1;
     bool any = false;
-    if (falling) {
-      const double* P = e.nodes.row(a);
-      const double hP = node_sizes[a];
-      for (unsigned p = first; p < last; ++p) {
-        // v is in the tet: the falling row reaches it before its end.
-        const unsigned* r = sorted + 4 * std::size_t(node_tets[p]);
-        for (unsigned i = 0; r[i] > v; ++i) {
-          const unsigned w = r[i];
-          if (seen[w] >> 1 == v) continue;
-          seen[w] = met;
-          const unsigned b = locals[w];
-          const double* Q = e.nodes.row(b);
-          const double hQ = node_sizes[b];
-          // The bounds of longer_than, here without the call for most edges.
-          const double lo = hP < hQ ? hP : hQ, hi = hP < hQ ? hQ : hP;
-          const double near = limit * lo, far = limit * hi;
-          bool is_long;
-          const double d2 = geometry_detail::dist2<3>(P, Q);
-          if (near > 1e-150 && far < 1e150 && d2 > far * far * (1.0 + 1e-9))
-            is_long = true;
-          else if (near > 1e-150 && far < 1e150 && d2 < near * near * (1.0 - 1e-9))
-            is_long = false;
-          else
-            is_long = longer_than(field, P, NONE, hP, Q, NONE, hQ, limit);
-          if (!is_long || e.hard_set.has_edge(a, b)) continue;
-          seen[w] = long_met;
-          any = true;
-        }
-      }
-    }
-    for (unsigned p = falling ? last : first; p < last; ++p) {
+    for (unsigned p = first; p < last; ++p) {
       const unsigned* r = rows + ld * node_tets[p];
       for (unsigned i = 0; i < 4; ++i) {
         const unsigned w = r[i];
@@ -421,7 +496,10 @@ int make_front(th4_engine& e, refine_context& c, const dense1D<unsigned>& insert
       bad[still_bad++] = t;
   }
   bad.size = still_bad;
-  if (!build_local_tets(e, c)) return -199;
+  // Over the mesh itself the new tets are judged one by one: the local tets are made only for
+  // the graph of the size limiting.
+  const bool direct = e.size_field->direct_lengths;
+  if (!direct && !build_local_tets(e, c)) return -199;
   mark_long_edges(e, c);
   for (unsigned k = 0; k < c.ring_tets.size; ++k) {
     const unsigned t = c.ring_tets[k];
@@ -457,7 +535,7 @@ int make_front(th4_engine& e, refine_context& c, const dense1D<unsigned>& insert
   const double target = c.target_size;
   if (c.front_faces.size != 0 && inserted.size != 0 && c.size_gradation < DBL_MAX && target > 0.0 &&
       target < DBL_MAX) {
-    if (!build_local_graph(c)) return -199;
+    if ((direct && !build_local_tets(e, c)) || !build_local_graph(c)) return -199;
     const int limited = limit_sizes(e, c, inserted);
     if (limited < 0) return limited;
   }

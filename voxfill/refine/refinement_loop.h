@@ -19,7 +19,8 @@ void refine_mesh(th4_engine& e, refine_context& c, const task_type& task);
 // out.
 int make_front(th4_engine& e, refine_context& c, const dense1D<unsigned>& inserted);
 
-// Clears the verdict of each new tet that holds a soft edge too long.
+// Clears the verdict of each new tet that holds a soft edge too long. Over the mesh itself each
+// new tet is judged alone; otherwise the walk goes through the local tets, which must be made.
 void mark_long_edges(th4_engine& e, refine_context& c);
 
 // Enters the soft edges of the tet (n0, n1, n2, n3) that are too long into `c.long_edges`.
