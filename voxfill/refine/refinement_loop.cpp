@@ -160,17 +160,23 @@ void next_clear_rows(refine_context& c) noexcept {
   c.clear_rows_known = true;
 }
 
-// The verdicts of one edge over the mesh itself, as longer_than's bounds give them: the edge is
-// long, short, or needs the logarithm of longer_than.
+// The verdicts of one edge over the mesh itself, by bounds of longer_than's mean: the edge is
+// long, short, or needs the logarithm of longer_than. The logarithmic mean of two sizes lies
+// between their geometric and arithmetic means (log_mean's series keeps to that far within the
+// margins), so the limit times those bound the reach; the margins are far above the rounding of
+// the mean and of the squares.
 enum : unsigned { EDGE_SHORT = 0, EDGE_LONG = 1, EDGE_ASK = 2 };
 
 unsigned edge_verdict(const double* P, double hP, const double* Q, double hQ,
                       double limit) noexcept {
   const double lo = hP < hQ ? hP : hQ, hi = hP < hQ ? hQ : hP;
   const double near = limit * lo, far = limit * hi;
-  const double d2 = geometry_detail::dist2<3>(P, Q);
-  if (near > 1e-150 && far < 1e150 && d2 > far * far * (1.0 + 1e-9)) return EDGE_LONG;
-  if (near > 1e-150 && far < 1e150 && d2 < near * near * (1.0 - 1e-9)) return EDGE_SHORT;
+  if (near > 1e-150 && far < 1e150) {
+    const double d2 = geometry_detail::dist2<3>(P, Q);
+    const double mean = 0.5 * (near + far);
+    if (d2 > mean * mean * (1.0 + 1e-9)) return EDGE_LONG;
+    if (d2 < near * far * (1.0 - 1e-9)) return EDGE_SHORT;
+  }
   return EDGE_ASK;
 }
 
@@ -178,29 +184,21 @@ unsigned edge_verdict(const double* P, double hP, const double* Q, double hQ,
 // place with the next one round, then the two diagonals.
 constexpr unsigned EDGE_PLACES[6][2] = {{0, 1}, {1, 2}, {2, 3}, {3, 0}, {0, 2}, {1, 3}};
 
-// Whether the edge of places i and j of the tet with nodes n is too long and soft, from its
-// verdict: over the mesh itself a length depends on the edge alone and has no side effects.
-bool condemns(th4_engine& e, size_field& field, const unsigned* n, unsigned edge, unsigned verdict,
-              double limit) noexcept {
-  const unsigned a = n[EDGE_PLACES[edge][0]], b = n[EDGE_PLACES[edge][1]];
-  if (verdict == EDGE_ASK && !longer_than(field, e.nodes.row(a), NONE, e.node_sizes[a],
-                                          e.nodes.row(b), NONE, e.node_sizes[b], limit))
-    return false;
-  // A hard edge that is too long condemns nothing: it cannot be split here.
-  return !e.hard_set.has_edge(a, b);
-}
-
-// Bit k set where edge k of EDGE_PLACES may be too long (long or to be asked), by the scalar
-// verdicts; bit k + 8 set where it must be asked.
-unsigned tet_edge_bits(const double* const* P, const double* h, double limit) noexcept {
-  unsigned bits = 0;
-  for (unsigned k = 0; k < 6; ++k) {
-    const unsigned i = EDGE_PLACES[k][0], j = EDGE_PLACES[k][1];
-    const unsigned v = edge_verdict(P[i], h[i], P[j], h[j], limit);
-    if (v != EDGE_SHORT) bits |= 1u << k;
-    if (v == EDGE_ASK) bits |= 1u << (k + 8);
+// Whether the tet with nodes n is condemned by one of its edges that are not short: bit k of
+// `bits` for edge k of EDGE_PLACES, bit k + 8 when its verdict is to be asked. Over the mesh
+// itself a length depends on the edge alone and has no side effects.
+bool condemned(th4_engine& e, size_field& field, const unsigned* n, unsigned bits,
+               double limit) noexcept {
+  for (unsigned maybe = bits & 63u; maybe != 0; maybe &= maybe - 1) {
+    const unsigned edge = unsigned(std::countr_zero(maybe));
+    const unsigned a = n[EDGE_PLACES[edge][0]], b = n[EDGE_PLACES[edge][1]];
+    if (bits >> (edge + 8) & 1u && !longer_than(field, e.nodes.row(a), NONE, e.node_sizes[a],
+                                                e.nodes.row(b), NONE, e.node_sizes[b], limit))
+      continue;
+    // A hard edge that is too long condemns nothing: it cannot be split here.
+    if (!e.hard_set.has_edge(a, b)) return true;
   }
-  return bits;
+  return false;
 }
 
 #if VOXFILL_LANES_AVX
@@ -218,67 +216,75 @@ VOXFILL_AVX inline void judge_edges_avx(__m256d x, __m256d y, __m256d z, __m256d
   const __m256d far = _mm256_mul_pd(L, _mm256_max_pd(hq, H));
   const __m256d ok = _mm256_and_pd(_mm256_cmp_pd(near, _mm256_set1_pd(1e-150), _CMP_GT_OQ),
                                    _mm256_cmp_pd(far, _mm256_set1_pd(1e150), _CMP_LT_OQ));
+  const __m256d mean = _mm256_mul_pd(_mm256_set1_pd(0.5), _mm256_add_pd(near, far));
   const __m256d is_long = _mm256_and_pd(
-      ok, _mm256_cmp_pd(d2, _mm256_mul_pd(_mm256_mul_pd(far, far), _mm256_set1_pd(1.0 + 1e-9)),
+      ok, _mm256_cmp_pd(d2, _mm256_mul_pd(_mm256_mul_pd(mean, mean), _mm256_set1_pd(1.0 + 1e-9)),
                         _CMP_GT_OQ));
   const __m256d is_short = _mm256_and_pd(
-      ok, _mm256_cmp_pd(d2, _mm256_mul_pd(_mm256_mul_pd(near, near), _mm256_set1_pd(1.0 - 1e-9)),
+      ok, _mm256_cmp_pd(d2, _mm256_mul_pd(_mm256_mul_pd(near, far), _mm256_set1_pd(1.0 - 1e-9)),
                         _CMP_LT_OQ));
   maybe = _mm256_movemask_pd(is_short) ^ 15;
   ask = _mm256_movemask_pd(_mm256_or_pd(is_long, is_short)) ^ 15;
 }
 
-// tet_edge_bits in lanes: the edges to the next place round in one register, the diagonals in
-// the low half of another. Each lane does the scalar steps in the same order, nothing fused; a
-// difference taken the other way round squares to the same value.
-VOXFILL_AVX unsigned tet_edge_bits_avx(const double* const* P, const double* h,
-                                       double limit) noexcept {
-  __m256d x, y, z;
-  avx_lanes::gather_points(P[0], P[1], P[2], P[3], x, y, z);
-  const __m256d H = _mm256_setr_pd(h[0], h[1], h[2], h[3]);
-  // Places 2, 3, 0, 1 by swapping the halves, and 1, 2, 3, 0 by picking from both.
-  const __m256d x2 = _mm256_permute2f128_pd(x, x, 1), y2 = _mm256_permute2f128_pd(y, y, 1),
-                z2 = _mm256_permute2f128_pd(z, z, 1), H2 = _mm256_permute2f128_pd(H, H, 1);
-  const __m256d x1 = _mm256_shuffle_pd(x, x2, 5), y1 = _mm256_shuffle_pd(y, y2, 5),
-                z1 = _mm256_shuffle_pd(z, z2, 5), H1 = _mm256_shuffle_pd(H, H2, 5);
+// mark_long_tets with the verdicts in lanes: the edges to the next place round in one register,
+// the diagonals in the low half of another. Each lane does the scalar steps in the same order,
+// nothing fused; a difference taken the other way round squares to the same value.
+VOXFILL_AVX void mark_long_tets_avx(th4_engine& e, refine_context& c) noexcept {
+  size_field& field = *e.size_field;
+  const double limit = c.max_edge_length;
   const __m256d L = _mm256_set1_pd(limit);
-  int maybe1, ask1, maybe2, ask2;
-  judge_edges_avx(x, y, z, H, x1, y1, z1, H1, L, maybe1, ask1);
-  judge_edges_avx(x, y, z, H, x2, y2, z2, H2, L, maybe2, ask2);
-  return unsigned(maybe1 | (maybe2 & 3) << 4) | unsigned(ask1 | (ask2 & 3) << 4) << 8;
+  const double* node_sizes = e.node_sizes.data();
+  const unsigned* tets = c.new_tets.data();
+  const unsigned T = c.new_tets.size;
+  for (unsigned k = 0; k < T; ++k) {
+    const unsigned t = tets[k];
+    const unsigned* n = e.tets.row(t);
+    __m256d x, y, z;
+    avx_lanes::gather_points(e.nodes.row(n[0]), e.nodes.row(n[1]), e.nodes.row(n[2]),
+                             e.nodes.row(n[3]), x, y, z);
+    const __m256d H =
+        _mm256_setr_pd(node_sizes[n[0]], node_sizes[n[1]], node_sizes[n[2]], node_sizes[n[3]]);
+    // Places 2, 3, 0, 1 by swapping the halves, and 1, 2, 3, 0 by picking from both.
+    const __m256d x2 = _mm256_permute2f128_pd(x, x, 1), y2 = _mm256_permute2f128_pd(y, y, 1),
+                  z2 = _mm256_permute2f128_pd(z, z, 1), H2 = _mm256_permute2f128_pd(H, H, 1);
+    const __m256d x1 = _mm256_shuffle_pd(x, x2, 5), y1 = _mm256_shuffle_pd(y, y2, 5),
+                  z1 = _mm256_shuffle_pd(z, z2, 5), H1 = _mm256_shuffle_pd(H, H2, 5);
+    int maybe1, ask1, maybe2, ask2;
+    judge_edges_avx(x, y, z, H, x1, y1, z1, H1, L, maybe1, ask1);
+    judge_edges_avx(x, y, z, H, x2, y2, z2, H2, L, maybe2, ask2);
+    const unsigned bits = unsigned(maybe1 | (maybe2 & 3) << 4 | (ask1 | (ask2 & 3) << 4) << 8);
+    if (bits != 0 && condemned(e, field, n, bits, limit)) c.good_tets.reset(t);
+  }
 }
 #endif
 
 // mark_long_edges over the mesh itself: a new tet is condemned by any of its six edges, each
 // judged on its own, which gives the verdicts of the walk over the local graph without it.
 void mark_long_tets(th4_engine& e, refine_context& c) noexcept {
+#if VOXFILL_LANES_AVX
+  if (lanes_avx()) {
+    mark_long_tets_avx(e, c);
+    return;
+  }
+#endif
   size_field& field = *e.size_field;
   const double limit = c.max_edge_length;
   const double* node_sizes = e.node_sizes.data();
   const unsigned* tets = c.new_tets.data();
   const unsigned T = c.new_tets.size;
-#if VOXFILL_LANES_AVX
-  const bool lanes = lanes_avx();
-#endif
   for (unsigned k = 0; k < T; ++k) {
     const unsigned t = tets[k];
     const unsigned* n = e.tets.row(t);
-    const double* P[4] = {e.nodes.row(n[0]), e.nodes.row(n[1]), e.nodes.row(n[2]),
-                          e.nodes.row(n[3])};
-    const double h[4] = {node_sizes[n[0]], node_sizes[n[1]], node_sizes[n[2]], node_sizes[n[3]]};
-#if VOXFILL_LANES_AVX
-    unsigned bits = lanes ? tet_edge_bits_avx(P, h, limit) : tet_edge_bits(P, h, limit);
-#else
-    unsigned bits = tet_edge_bits(P, h, limit);
-#endif
-    for (unsigned maybe = bits & 63u; maybe != 0; maybe &= maybe - 1) {
-      const unsigned edge = unsigned(std::countr_zero(maybe));
-      const unsigned verdict = bits >> (edge + 8) & 1u ? EDGE_ASK : EDGE_LONG;
-      if (condemns(e, field, n, edge, verdict, limit)) {
-        c.good_tets.reset(t);
-        break;
-      }
+    unsigned bits = 0;
+    for (unsigned q = 0; q < 6; ++q) {
+      const unsigned a = n[EDGE_PLACES[q][0]], b = n[EDGE_PLACES[q][1]];
+      const unsigned v =
+          edge_verdict(e.nodes.row(a), node_sizes[a], e.nodes.row(b), node_sizes[b], limit);
+      if (v != EDGE_SHORT) bits |= 1u << q;
+      if (v == EDGE_ASK) bits |= 1u << (q + 8);
     }
+    if (bits != 0 && condemned(e, field, n, bits, limit)) c.good_tets.reset(t);
   }
 }
 
