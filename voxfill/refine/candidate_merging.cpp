@@ -426,9 +426,10 @@ void keep_near(spacing_filter& F, unsigned i, const dense2D<double>& points,
     // A candidate without size has no length to anyone.
     if (s == 0.0) continue;
     const double d2 = geometry_detail::dist2<3>(P, points.col(j));
-    // The mean lies between the two sizes: beyond the ratio of the larger one, with a margin
-    // for the rounding of the mean, the candidate is far without the logarithm.
-    const double far = F.ratio * (h > s ? h : s);
+    // The mean lies between the two sizes and below their arithmetic mean: beyond the ratio of
+    // that, with a margin for the rounding of the mean, the candidate is far without the
+    // logarithm.
+    const double far = F.ratio * (s > 0.0 ? 0.5 * (h + s) : (h > s ? h : s));
     if (h > 0.0 && d2 > far * far * (1.0 + 1e-9)) continue;
     const double mean = log_mean(h, s);
     const double d = mean > 0.0 ? std::sqrt(d2) / mean : 0.0;
@@ -468,7 +469,8 @@ void grid_lay_out(const cell_grid& grid, const dense2D<double>& points,
   const double s = X[3];
   if (s == 0.0) return;
   const double d2 = geometry_detail::dist2<3>(P, X);
-  const double far = ratio * (h > s ? h : s);
+  // The mean lies below the arithmetic mean of two positive sizes, and below the larger size.
+  const double far = ratio * (s > 0.0 ? 0.5 * (h + s) : (h > s ? h : s));
   if (h > 0.0 && d2 > far * far * (1.0 + 1e-9)) return;
   const double mean = log_mean(h, s);
   const double d = mean > 0.0 ? std::sqrt(d2) / mean : 0.0;
@@ -549,9 +551,11 @@ void sort_items(std::vector<std::pair<double, unsigned>>& items) {
 // near_candidates through the grid, the box and the nearness judged in one sweep: only the near
 // ones are listed, and the sort makes the order of the cells irrelevant. The merging reads no
 // lengths: only the candidates are listed.
+// `largest` is the largest size of the candidates when all are positive or 0.0 and finite, else
+// DBL_MAX.
 void grid_near(spacing_filter& F, unsigned i, const dense2D<double>& points,
                const dense1D<double>& sizes, const cell_grid& grid, const double* cell_data,
-               [[maybe_unused]] bool lanes, std::vector<unsigned>& near) {
+               double largest, [[maybe_unused]] bool lanes, std::vector<unsigned>& near) {
   near.clear();
   auto& items = F.near_items;
   items.clear();
@@ -561,6 +565,17 @@ void grid_near(spacing_filter& F, unsigned i, const dense2D<double>& points,
   w.P = points.col(i);
   w.h = sizes[i];
   w.ratio = F.ratio;
+  // A near candidate lies within the ratio times the mean of the two sizes, which is below
+  // their arithmetic mean: the box shrinks to that reach with the largest size. The margin is
+  // far above the rounding of the mean and of the box.
+  if (w.h > 0.0 && largest < DBL_MAX && F.ratio > 0.0) {
+    const double reach = F.ratio * (0.5 * (w.h + largest)) * (1.0 + 1e-6);
+    if (reach < F.box_factor * w.h)
+      for (unsigned d = 0; d < 3; ++d) {
+        w.lo[d] = w.P[d] - reach;
+        w.hi[d] = w.P[d] + reach;
+      }
+  }
   for (unsigned d = 0; d < 3; ++d) {
     w.a[d] = grid_cell(grid, d, w.lo[d]);
     w.b[d] = grid_cell(grid, d, w.hi[d]);
@@ -629,8 +644,15 @@ void merge_candidates(th4_engine& e, refine_context& c, dense2D<double>& points,
     // one, else through the tree. Both find the same sets, and those are sorted: the shape of the
     // tree, and so the order that its draws shuffle, change nothing in the result. The draws are
     // made all the same, one per candidate after the first, so that the source moves as always.
-    double widths = 0.0;
-    for (unsigned k = 0; k < n; ++k) widths += F.box_factor * sizes[k];
+    double widths = 0.0, largest = 0.0;
+    for (unsigned k = 0; k < n; ++k) {
+      widths += F.box_factor * sizes[k];
+      const double h = sizes[k];
+      if (!(h >= 0.0 && h < DBL_MAX))
+        largest = DBL_MAX;
+      else if (h > largest && largest < DBL_MAX)
+        largest = h;
+    }
     const bool gridded = grid_build(s.grid, points, n, 0.5 * widths / double(n));
     if (gridded) grid_lay_out(s.grid, points, sizes, n, s.cell_data);
     s.tree.rows.clear();
@@ -655,7 +677,7 @@ void merge_candidates(th4_engine& e, refine_context& c, dense2D<double>& points,
     for (unsigned i = 0; i < n; ++i) {
       if (s.removed[i]) continue;
       if (gridded) {
-        grid_near(F, i, points, sizes, s.grid, s.cell_data.data(), lanes, s.near);
+        grid_near(F, i, points, sizes, s.grid, s.cell_data.data(), largest, lanes, s.near);
       } else {
         near_candidates(F, i, points, sizes, s.tree, s.near, s.lengths);
       }
