@@ -357,13 +357,27 @@ bool grid_build(cell_grid& grid, const dense2D<double>& points, unsigned n, doub
   unsigned* starts = grid.starts.data();
   unsigned* cells = grid.cells.data();
   unsigned* order = grid.points.data();
-  for (unsigned p = 0; p < n; ++p) {
-    const double* Y = points.col(p);
-    const unsigned c =
-        (grid_cell(grid, 2, Y[2]) * grid.dims[1] + grid_cell(grid, 1, Y[1])) * grid.dims[0] +
-        grid_cell(grid, 0, Y[0]);
-    cells[p] = c;
-    ++starts[c];
+  {
+    // grid_cell's steps with the grid's numbers in locals: the stores below could otherwise
+    // change them for all the compiler knows, which reloads and converts them for each point.
+    const double o0 = grid.origin[0], o1 = grid.origin[1], o2 = grid.origin[2];
+    const double inverse = grid.inverse;
+    const double top0 = double(grid.dims[0] - 1), top1 = double(grid.dims[1] - 1),
+                 top2 = double(grid.dims[2] - 1);
+    const unsigned d0 = grid.dims[0], d1 = grid.dims[1];
+    auto cell_of = [](double x, double origin, double inv, double top) {
+      const double t = (x - origin) * inv;
+      const double above = t > 0.0 ? t : 0.0;
+      return unsigned(above < top ? above : top);
+    };
+    const double* Y = points.col(0);
+    for (unsigned p = 0; p < n; ++p, Y += ld) {
+      const unsigned c =
+          (cell_of(Y[2], o2, inverse, top2) * d1 + cell_of(Y[1], o1, inverse, top1)) * d0 +
+          cell_of(Y[0], o0, inverse, top0);
+      cells[p] = c;
+      ++starts[c];
+    }
   }
   // Each count becomes the end of its cell; the fill from the last point back moves it to the
   // cell's start and leaves the points of a cell ascending.
