@@ -31,16 +31,17 @@ double direct_length(const double* P, double hP, const double* Q, double hQ) noe
 }
 
 // direct_length(P, hP, Q, hQ) <= ratio, with the logarithm only when the distance lies between
-// ratio times the smaller and the larger size: the mean lies between them. The margins keep the
+// ratio times the geometric and the arithmetic mean of the sizes: the logarithmic mean lies
+// between them (log_mean's series keeps to that far within the margins). The margins keep the
 // rounding of the mean from turning an answer.
 [[gnu::always_inline]] inline bool directly_near(const double* P, double hP, const double* Q,
                                                  double hQ, double ratio) noexcept {
   const double lo = hP < hQ ? hP : hQ, hi = hP < hQ ? hQ : hP;
   if (lo > 0.0 && hi < DBL_MAX) {
     const double d2 = geometry_detail::dist2<3>(P, Q);
-    const double far = ratio * hi, near = ratio * lo;
+    const double far = ratio * (0.5 * (lo + hi)), near = ratio * lo;
     if (d2 > far * far * (1.0 + 1e-9)) return false;
-    if (d2 < near * near * (1.0 - 1e-9)) return true;
+    if (d2 < near * (ratio * hi) * (1.0 - 1e-9)) return true;
   }
   return direct_length(P, hP, Q, hQ) <= ratio;
 }
@@ -107,6 +108,8 @@ struct kept_cells {
   cell_grid grid;
   std::vector<unsigned> head;  // per cell its last kept candidate, NONE for none
   std::vector<unsigned> next;  // per kept candidate the one kept before it in its cell
+  // The largest size of the candidates when none is negative or not finite, else DBL_MAX.
+  double largest = DBL_MAX;
 };
 
 unsigned kept_cell(const cell_grid& grid, unsigned axis, double x) noexcept {
@@ -122,6 +125,13 @@ bool near_in_cells(const kept_cells& K, const double* P, double h, double half, 
                    const dense2D<double>& points, const dense1D<double>& sizes) noexcept {
   const cell_grid& g = K.grid;
   double lo[3], hi[3];
+  // Beyond ratio times the arithmetic mean of the two sizes a point is far for directly_near:
+  // with the largest size of the candidates the box shrinks to that reach. The margin is far
+  // above the rounding of the box and of the squared distance.
+  if (h > 0.0 && h < DBL_MAX && ratio > 0.0 && K.largest < DBL_MAX) {
+    const double reach = ratio * (0.5 * (h + K.largest)) * (1.0 + 1e-6);
+    if (reach < half) half = reach;
+  }
   cube(P, half, lo, hi);
   unsigned a[3], b[3];
   for (unsigned d = 0; d < 3; ++d) {
@@ -259,13 +269,13 @@ bool near_in_mesh_cells(const mesh_cells& M, const double* P, double h, double h
     a[d] = kept_cell(g, d, lo[d]);
     b[d] = kept_cell(g, d, hi[d]);
   }
-  // Beyond ratio times the larger of the two sizes a node is far for directly_near whatever the
-  // mean: with the largest size in the cells of the box, the box shrinks to that reach. The
-  // margin is far above the rounding of the box and of the squared distance.
+  // Beyond ratio times the arithmetic mean of the two sizes a node is far for directly_near
+  // whatever the mean: with the largest size in the cells of the box, the box shrinks to that
+  // reach. The margin is far above the rounding of the box and of the squared distance.
   if (h > 0.0 && h < DBL_MAX && ratio > 0.0 && M.largest < DBL_MAX) {
     // The largest size of all bounds the reach first: the cells whose largest sizes are looked
     // at are then those of that box, where every near node lies.
-    const double reach_all = ratio * (h > M.largest ? h : M.largest) * (1.0 + 1e-6);
+    const double reach_all = ratio * (0.5 * (h + M.largest)) * (1.0 + 1e-6);
     if (reach_all < half) {
       cube(P, reach_all, lo, hi);
       for (unsigned d = 0; d < 3; ++d) {
@@ -273,7 +283,7 @@ bool near_in_mesh_cells(const mesh_cells& M, const double* P, double h, double h
         b[d] = kept_cell(g, d, hi[d]);
       }
     }
-    double top = h;
+    double top = 0.0;
     const double* cell_top = M.cell_largest.data();
     for (unsigned z = a[2]; z <= b[2]; ++z)
       for (unsigned y = a[1]; y <= b[1]; ++y) {
@@ -281,7 +291,7 @@ bool near_in_mesh_cells(const mesh_cells& M, const double* P, double h, double h
         for (unsigned x = a[0]; x <= b[0]; ++x)
           if (cell_top[row + x] > top) top = cell_top[row + x];
       }
-    const double reach = ratio * top * (1.0 + 1e-6);
+    const double reach = ratio * (0.5 * (h + top)) * (1.0 + 1e-6);
     if (reach < half) {
       cube(P, reach, lo, hi);
       for (unsigned d = 0; d < 3; ++d) {
@@ -374,8 +384,16 @@ void filter_candidates(th4_engine& e, dense2D<double>& points, dense1D<double>& 
     kept_cells K;
     bool celled = false;
     if (field.direct_lengths) {
-      double halves = 0.0;
-      for (unsigned k = 0; k < n; ++k) halves += F.box_factor * sizes[k];
+      double halves = 0.0, largest = 0.0;
+      for (unsigned k = 0; k < n; ++k) {
+        halves += F.box_factor * sizes[k];
+        const double s = sizes[k];
+        if (!(s >= 0.0 && s < DBL_MAX))
+          largest = DBL_MAX;
+        else if (s > largest && largest < DBL_MAX)
+          largest = s;
+      }
+      K.largest = largest;
       celled = grid_build(K.grid, points, n, KEPT_CELL * halves / double(n));
       if (celled) {
         K.head.assign(K.grid.starts.size() - 1, NONE);
