@@ -6,6 +6,7 @@
 #include <bit>
 #include <cfloat>
 #include <cstdint>
+#include <new>
 #include <tuple>
 #include <vector>
 #if defined(__SSE2__)
@@ -406,21 +407,50 @@ void collect_front(th4_engine& e, refine_context& c) {
 
 int sort_front(const th4_engine& e, refine_context& c) {
   // (smallest node, code) packed in one word per face: the same order as the pairs, one compare.
+  // The room past the keys is the scratch of the radix sort.
   std::vector<std::uint64_t>& keys = c.front_keys;
-  keys.clear();
+  const unsigned n = c.front_faces.size;
   try {
-    keys.reserve(c.front_faces.size);
+    keys.resize(2 * std::size_t(n));
   } catch (const std::bad_alloc&) {
     return -199;
   }
-  for (unsigned k = 0; k < c.front_faces.size; ++k) {
-    const unsigned code = c.front_faces[k];
+  std::uint64_t* a = keys.data();
+  const unsigned* codes = c.front_faces.data();
+  bool ascending = true;
+  unsigned top = 0;
+  for (unsigned k = 0; k < n; ++k) {
+    const unsigned code = codes[k];
     const unsigned* r = e.tets.row(code >> 2);
     const unsigned* fn = tet_face_nodes[code & 3u];
-    keys.push_back(std::uint64_t(std::min({r[fn[0]], r[fn[1]], r[fn[2]]})) << 32 | code);
+    const unsigned low = std::min({r[fn[0]], r[fn[1]], r[fn[2]]});
+    a[k] = std::uint64_t(low) << 32 | code;
+    ascending &= k == 0 || codes[k - 1] < code;
+    top |= low;
   }
-  std::sort(keys.begin(), keys.end());
-  for (unsigned k = 0; k < keys.size(); ++k) c.front_faces[k] = unsigned(keys[k]);
+  if (!ascending) {
+    std::sort(a, a + n);
+  } else {
+    // The codes come ascending, as the front is collected: a stable sort by the smallest node
+    // alone gives the order of the words. By its digits from the lowest, as many as its bits.
+    constexpr unsigned BITS = 11, DIGITS = 1u << BITS;
+    std::uint64_t* b = a + n;
+    unsigned counts[DIGITS];
+    for (unsigned shift = 32; shift < 64 && (top >> (shift - 32)) != 0; shift += BITS) {
+      std::fill(counts, counts + DIGITS, 0u);
+      for (unsigned k = 0; k < n; ++k) ++counts[(a[k] >> shift) & (DIGITS - 1)];
+      unsigned sum = 0;
+      for (unsigned d = 0; d < DIGITS; ++d) {
+        const unsigned count = counts[d];
+        counts[d] = sum;
+        sum += count;
+      }
+      for (unsigned k = 0; k < n; ++k) b[counts[(a[k] >> shift) & (DIGITS - 1)]++] = a[k];
+      std::swap(a, b);
+    }
+  }
+  unsigned* out = c.front_faces.data();
+  for (unsigned k = 0; k < n; ++k) out[k] = unsigned(a[k]);
   return 0;
 }
 
