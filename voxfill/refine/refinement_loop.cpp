@@ -550,19 +550,66 @@ int make_front(th4_engine& e, refine_context& c, const dense1D<unsigned>& insert
     c.front_faces.clear();
     unsigned x = 0, y = 0;
     const unsigned xe = bad.size, ye = c.new_tets.size;
-    for (;;) {
-      while (y < ye && c.good_tets.test(c.new_tets[y])) ++y;
-      unsigned t;
-      if (x < xe && (y >= ye || bad[x] < c.new_tets[y])) {
-        t = bad[x++];
-      } else if (y < ye) {
-        t = c.new_tets[y++];
-      } else {
-        break;
+    if (c.front_faces.reserve(4 * (xe + ye), 2)) {
+      // front_of_tet with room for four faces of each tet: the faces are written, and the bits,
+      // colours and neighbours read, through plain pointers. The bits have room for all rows.
+      unsigned* out = c.front_faces.data();
+      unsigned f = 0;
+      const unsigned* words = c.good_tets.words.data();
+      const unsigned* colors = e.colors.data();
+      const unsigned* news = c.new_tets.data();
+      const bool hard_front = c.hard_front;
+      for (;;) {
+        while (y < ye && (words[news[y] >> 5] >> (news[y] & 31) & 1u)) ++y;
+        unsigned t;
+        if (x < xe && (y >= ye || bad[x] < news[y])) {
+          t = bad[x++];
+        } else if (y < ye) {
+          t = news[y++];
+        } else {
+          break;
+        }
+        const unsigned* nb = e.neighbors.row(t);
+        for (unsigned i = 0; i < 4; ++i) {
+          const unsigned u = nb[i];
+          bool hard = false;
+          if (u == NONE) {
+            // A hard face on the hull is the skin of a given mesh, as in front_of_tet.
+            hard = true;
+          } else if (colors[u] == DELETED) {
+            continue;
+          } else if (words[u >> 5] >> (u & 31) & 1u) {
+            out[f++] = 4 * t + i;
+            continue;
+          } else if (!hard_front) {
+            continue;
+          }
+          const unsigned* r = e.tets.row(t);
+          const unsigned* fn = tet_face_nodes[i];
+          if (hard && !e.hard_set.has_face(r[fn[0]], r[fn[1]], r[fn[2]])) continue;
+          if (!hard) {
+            if (!e.hard_set.has_face(r[fn[0]], r[fn[1]], r[fn[2]])) continue;
+            any_hard = true;
+          }
+          out[f++] = 4 * t + i;
+        }
       }
-      if (!front_of_tet(e, c, t, any_hard)) {
-        whole = false;
-        break;
+      c.front_faces.size = f;
+    } else {
+      for (;;) {
+        while (y < ye && c.good_tets.test(c.new_tets[y])) ++y;
+        unsigned t;
+        if (x < xe && (y >= ye || bad[x] < c.new_tets[y])) {
+          t = bad[x++];
+        } else if (y < ye) {
+          t = c.new_tets[y++];
+        } else {
+          break;
+        }
+        if (!front_of_tet(e, c, t, any_hard)) {
+          whole = false;
+          break;
+        }
       }
     }
     if (whole) c.hard_front = any_hard;
