@@ -238,12 +238,19 @@ VOXFILL_AVX void mark_long_tets_avx(th4_engine& e, refine_context& c) noexcept {
   const double* node_sizes = e.node_sizes.data();
   const unsigned* tets = c.new_tets.data();
   const unsigned T = c.new_tets.size;
+  if (T == 0) return;
+  // The tables through plain pointers taken once: the verdicts' stores could change them for all
+  // the compiler knows.
+  const double* xyz = e.nodes.row(0);
+  const std::size_t nld = e.nodes.data.ld;
+  const unsigned* rows = e.tets.row(0);
+  const std::size_t tld = e.tets.data.ld;
   for (unsigned k = 0; k < T; ++k) {
     const unsigned t = tets[k];
-    const unsigned* n = e.tets.row(t);
+    const unsigned* n = rows + tld * t;
     __m256d x, y, z;
-    avx_lanes::gather_points(e.nodes.row(n[0]), e.nodes.row(n[1]), e.nodes.row(n[2]),
-                             e.nodes.row(n[3]), x, y, z);
+    avx_lanes::gather_points(xyz + nld * n[0], xyz + nld * n[1], xyz + nld * n[2], xyz + nld * n[3],
+                             x, y, z);
     const __m256d H =
         _mm256_setr_pd(node_sizes[n[0]], node_sizes[n[1]], node_sizes[n[2]], node_sizes[n[3]]);
     // Places 2, 3, 0, 1 by swapping the halves, and 1, 2, 3, 0 by picking from both.
