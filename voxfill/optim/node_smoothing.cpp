@@ -145,7 +145,7 @@ inline void apex_of(const apex_view& m, const unsigned* row, unsigned local, dou
 }
 
 // The size on the surface of the ball beyond trial point P, and how far one step goes there.
-void prepare_ray(regularizer& g, const double* P) noexcept {
+[[gnu::noinline]] void prepare_ray(regularizer& g, const double* P) noexcept {
   const mesh_store& m = g.engine;
   const node_smoother& sm = g.smoother;
   size_ray& ray = g.smoother.ray;
@@ -200,8 +200,8 @@ void prepare_ray(regularizer& g, const double* P) noexcept {
 // end sizes, and with those bounds most edges are shown to be no shorter in the metric than the
 // one of smallest bound, without their logarithm. The edges that are not ruled out give the same
 // minimum as all of them.
-double ball_edge_fit(const mesh_store& m, node_smoother& sm, unsigned node, const double* p,
-                     double hn, unsigned count) noexcept {
+[[gnu::noinline]] double ball_edge_fit(const mesh_store& m, node_smoother& sm, unsigned node,
+                                       const double* p, double hn, unsigned count) noexcept {
   const unsigned* nb = sm.ball_neighbors.begin();
   const double* const* ends = sm.neighbor_points.begin();
   const double* end_sizes = sm.neighbor_sizes.begin();
@@ -380,7 +380,7 @@ double search_step(regularizer& g, unsigned node, double weight, const dense1D<u
   const unsigned n = ball.size;
   unsigned* rows = sm.ball_rows.col(0);
   const std::size_t rows_ld = sm.ball_rows.ld;
-  double qmin = 1.0, W_sum = 0.0, D[3] = {0.0, 0.0, 0.0};
+  double W_sum = 0.0, D[3] = {0.0, 0.0, 0.0};
   unsigned worst = 0;
   // One pass over the ball's tets: their rows, points (for the frames here and the trials of the
   // line search: the nodes other than this one stay put), the node's place in each row, and the
@@ -453,10 +453,10 @@ double search_step(regularizer& g, unsigned node, double weight, const dense1D<u
   if (cached)
     for (unsigned e = 0; e < edges; ++e) node_means[nb[e]] = log_mean(h, sizes[nb[e]]);
   // The targets over the faces opposite the node four at a time, then the votes in order.
+  double* targets = sm.vote_targets.begin();  // three per tet, padded to full groups and then one
   {
     const unsigned* marks = m.marks.begin();
     const unsigned marks_size = m.marks.size, mark = m.mark_value;
-    const double* qualities = m.tet_qualities.begin();
     // The rows from the third on have all their nodes marked by now; with those of the first two
     // marked too, every face node has its mean cached.
     bool direct = cached;
@@ -485,21 +485,12 @@ double search_step(regularizer& g, unsigned node, double weight, const dense1D<u
                                                                        : log_mean(sizes[v], h);
           }
       }
-      double targets[4][3];
-      apex_lanes(lanes, 0.2721655269759087, weight, weight < 1.0 ? means : nullptr, targets);
-      for (unsigned l = 0; l < 4 && j0 + l < n; ++l) {
-        const unsigned j = j0 + l;
-        const double q = qualities[ball[j]];
-        if (q < qmin) {
-          qmin = q;
-          worst = j;
-        }
-        const double W = q > 0.001 ? 1.0 / (q * q) : 1000000.0;
-        W_sum += W;
-        for (unsigned c = 0; c < 3; ++c) D[c] += W * (targets[l][c] - p[c]);
-      }
+      apex_lanes(lanes, 0.2721655269759087, weight, weight < 1.0 ? means : nullptr,
+                 reinterpret_cast<double(*)[3]>(targets + 3 * j0));
     }
   }
+  const double qmin =
+      ball_vote(targets, m.tet_qualities.begin(), ball.begin(), n, p, D, W_sum, worst);
   double d2_min = DBL_MAX, d2_sum = 0.0, r_max = 1.0, s_min = 1.0;
   if (!sm.edge_lengths.resize(edges) || !sm.edge_bounds.resize(edges)) {
     sm.edge_lengths.clear();
@@ -568,8 +559,9 @@ double smooth_node(regularizer& g, unsigned node, double weight,
       !sm.ball_points.reserve(4 * n + 12) || !sm.best_qualities.resize(n) ||
       !sm.ball_locals.resize(n) || !sm.trial_order.resize(n + 3) ||
       !sm.trial_points.resize(n + 3) || !sm.ball_neighbors.reserve(4 * n) ||
-      !sm.neighbor_points.resize(4 * n + 3) || !sm.neighbor_sizes.resize(4 * n + 3) ||
-      !sm.edge_means.reserve(e) || !sm.edge_lengths.reserve(e) || !sm.edge_bounds.reserve(e))
+      !sm.vote_targets.resize(3 * n + 13) || !sm.neighbor_points.resize(4 * n + 3) ||
+      !sm.neighbor_sizes.resize(4 * n + 3) || !sm.edge_means.reserve(e) ||
+      !sm.edge_lengths.reserve(e) || !sm.edge_bounds.reserve(e))
     return 0.0;
   const double w = g.moves_carry_sizes ? weight : 1.0;
   double position[3] = {0.0, 0.0, 0.0}, size = 0.0;

@@ -27,6 +27,7 @@ struct node_smoother {
   // The ball's tets in the order the line search tries them, and their points.
   dense1D<unsigned> trial_order;
   dense1D<const double* const*> trial_points;
+  dense1D<double> vote_targets;            // per tet of ball_rows, where its vote points
   dense1D<unsigned> ball_locals;           // per tet of ball_rows, the node's place in it
   dense1D<unsigned> ball_neighbors;        // the other ends of the node's edges
   dense1D<const double*> neighbor_points;  // their points and sizes, three more repeating the last

@@ -17,4 +17,11 @@ unsigned inside_lanes(const double* const* const t[4], const double* P, double t
 bool ball_trial(const double* const* p, unsigned n, unsigned first, double bar, double* out,
                 double& q, unsigned& worst) noexcept;
 
+// The vote of the ball's tets t[0..n) with targets at target[3 j] to target[3 j + 2] (room for
+// one more double after the last): each weighs W = 1 / q^2 by its quality q = quality[t[j]]
+// (1e6 at q <= 0.001); D += W (target - p) and W_sum += W in tet order. The smallest quality
+// (1.0 when none is lower) and in `worst` its first tet, left as it is when none is below 1.0.
+double ball_vote(const double* target, const double* quality, const unsigned* t, unsigned n,
+                 const double* p, double D[3], double& W_sum, unsigned& worst) noexcept;
+
 }  // namespace kelvo::voxfill
