@@ -465,27 +465,36 @@ double search_step(regularizer& g, unsigned node, double weight, const dense1D<u
         const unsigned v = rows[rows_ld * j + i];
         direct = direct && v < marks_size && marks[v] == mark;
       }
+    // Each tet's face opposite the node, its points and (when the sizes vote too) the means of
+    // its nodes, in one pass; the last tet repeated to fill the last group of four.
+    const double** face = sm.face_points.begin();
+    double* means = sm.face_means.begin();
+    const bool sized = weight < 1.0;
+    for (unsigned j = 0; j < n; ++j) {
+      const unsigned* r = rows + rows_ld * j;
+      const unsigned* f = tet_face_nodes[locals[j]];
+      const double* const* q = points + 4 * j;
+      const double** fj = face + 3 * j;
+      fj[0] = q[f[0]], fj[1] = q[f[1]], fj[2] = q[f[2]];
+      double* mj = means + 3 * j;
+      if (direct)
+        for (unsigned k = 0; k < 3; ++k) mj[k] = node_means[r[f[k]]];
+      else if (sized)
+        for (unsigned k = 0; k < 3; ++k) {
+          const unsigned v = r[f[k]];
+          mj[k] =
+              cached && v < marks_size && marks[v] == mark ? node_means[v] : log_mean(sizes[v], h);
+        }
+    }
+    for (unsigned i = 3 * n; n && i < 3 * n + 9; ++i) {
+      face[i] = face[i - 3];
+      means[i] = means[i - 3];  // unset and unread when the sizes do not vote
+    }
     for (unsigned j0 = 0; j0 < n; j0 += 4) {
-      const double* tri[4][3];
-      const double* const* lanes[4];
-      double means[4][3];
-      for (unsigned l = 0; l < 4; ++l) {
-        const unsigned j = j0 + l < n ? j0 + l : n - 1;
-        const unsigned* r = rows + rows_ld * j;
-        const unsigned* f = tet_face_nodes[locals[j]];
-        const double* const* q = points + 4 * j;
-        tri[l][0] = q[f[0]], tri[l][1] = q[f[1]], tri[l][2] = q[f[2]];
-        lanes[l] = tri[l];
-        if (direct)
-          for (unsigned k = 0; k < 3; ++k) means[l][k] = node_means[r[f[k]]];
-        else if (weight < 1.0)
-          for (unsigned k = 0; k < 3; ++k) {
-            const unsigned v = r[f[k]];
-            means[l][k] = cached && v < marks_size && marks[v] == mark ? node_means[v]
-                                                                       : log_mean(sizes[v], h);
-          }
-      }
-      apex_lanes(lanes, 0.2721655269759087, weight, weight < 1.0 ? means : nullptr,
+      const double* const* lanes[4] = {face + 3 * j0, face + 3 * j0 + 3, face + 3 * j0 + 6,
+                                       face + 3 * j0 + 9};
+      apex_lanes(lanes, 0.2721655269759087, weight,
+                 sized ? reinterpret_cast<const double(*)[3]>(means + 3 * j0) : nullptr,
                  reinterpret_cast<double(*)[3]>(targets + 3 * j0));
     }
   }
@@ -559,7 +568,8 @@ double smooth_node(regularizer& g, unsigned node, double weight,
       !sm.ball_points.reserve(4 * n + 12) || !sm.best_qualities.resize(n) ||
       !sm.ball_locals.resize(n) || !sm.trial_order.resize(n + 3) ||
       !sm.trial_points.resize(n + 3) || !sm.ball_neighbors.reserve(4 * n) ||
-      !sm.vote_targets.resize(3 * n + 13) || !sm.neighbor_points.resize(4 * n + 3) ||
+      !sm.vote_targets.resize(3 * n + 13) || !sm.face_points.resize(3 * n + 9) ||
+      !sm.face_means.resize(3 * n + 9) || !sm.neighbor_points.resize(4 * n + 3) ||
       !sm.neighbor_sizes.resize(4 * n + 3) || !sm.edge_means.reserve(e) ||
       !sm.edge_lengths.reserve(e) || !sm.edge_bounds.reserve(e))
     return 0.0;

@@ -27,6 +27,10 @@ struct node_smoother {
   // The ball's tets in the order the line search tries them, and their points.
   dense1D<unsigned> trial_order;
   dense1D<const double* const*> trial_points;
+  // Per tet of ball_rows, the points of its face opposite the node and their log means with the
+  // node, three more repeating the last.
+  dense1D<const double*> face_points;
+  dense1D<double> face_means;
   dense1D<double> vote_targets;            // per tet of ball_rows, where its vote points
   dense1D<unsigned> ball_locals;           // per tet of ball_rows, the node's place in it
   dense1D<unsigned> ball_neighbors;        // the other ends of the node's edges
