@@ -279,11 +279,7 @@ void walk_line(line_search& w) noexcept {
     if (w.weight < 1.0) {
       const double hn = m.node_sizes[w.node];
       if (sm.edge_means.size == edges && hn == sm.means_size) {
-        const double* means = sm.edge_means.begin();
-        for (unsigned e = 0; e < edges; ++e) {
-          const double d = std::sqrt(dist2<3>(p, ends[e])), mean = means[e];
-          s = std::min(s, d > mean ? mean / d : (mean > 0.0 ? d / mean : 0.0));
-        }
+        s = cached_edge_fit(p, ends, sm.edge_means.begin(), edges);
       } else {
         s = ball_edge_fit(m, sm, w.node, p, hn, edges);
       }
@@ -506,7 +502,7 @@ double search_step(regularizer& g, unsigned node, double weight, const dense1D<u
     sm.edge_bounds.clear();
   }
   sm.edge_means.clear();
-  const bool keep = weight < 1.0 && sm.edge_means.resize(edges);
+  const bool keep = weight < 1.0 && sm.edge_means.reserve(edges + 3) && sm.edge_means.resize(edges);
   double* edge_means = sm.edge_means.begin();
   sm.means_size = h;
   for (unsigned e = 0; e < edges; ++e) {
@@ -523,6 +519,8 @@ double search_step(regularizer& g, unsigned node, double weight, const dense1D<u
       s_min = std::min(s_min, d > mean ? mean / d : (mean > 0.0 ? d / mean : 0.0));
     }
   }
+  if (keep)  // three more repeating the last, for the groups of four of the trials
+    for (unsigned e = edges; edges && e < edges + 3; ++e) edge_means[e] = edge_means[edges - 1];
   if (!keep) sm.edge_means.clear();
   const double rms = std::sqrt(d2_sum / n);
   if (W_sum > 0.0)
@@ -570,7 +568,7 @@ double smooth_node(regularizer& g, unsigned node, double weight,
       !sm.trial_points.resize(n + 3) || !sm.ball_neighbors.reserve(4 * n) ||
       !sm.vote_targets.resize(3 * n + 13) || !sm.face_points.resize(3 * n + 9) ||
       !sm.face_means.resize(3 * n + 9) || !sm.neighbor_points.resize(4 * n + 3) ||
-      !sm.neighbor_sizes.resize(4 * n + 3) || !sm.edge_means.reserve(e) ||
+      !sm.neighbor_sizes.resize(4 * n + 3) || !sm.edge_means.reserve(e + 3) ||
       !sm.edge_lengths.reserve(e) || !sm.edge_bounds.reserve(e))
     return 0.0;
   const double w = g.moves_carry_sizes ? weight : 1.0;

@@ -174,9 +174,50 @@ VOXFILL_AVX double vote_quad(const double* target, const double* quality, const 
   W_sum = sum;
   return qmin;
 }
+
+// cached_edge_fit four edges at a time, each lane as the scalar code rounds it; the minimum of
+// values that are never NaN does not hang on the order they are met in.
+VOXFILL_AVX double edge_fit_quad(const double* p, const double* const* ends, const double* means,
+                                 unsigned count) noexcept {
+  const __m256d px = _mm256_set1_pd(p[0]), py = _mm256_set1_pd(p[1]), pz = _mm256_set1_pd(p[2]);
+  const __m256d zero = _mm256_setzero_pd();
+  __m256d s = _mm256_set1_pd(1.0);
+  for (unsigned e0 = 0; e0 < count; e0 += 4) {
+    __m256d x, y, z;
+    gather_points(ends[e0], ends[e0 + 1], ends[e0 + 2], ends[e0 + 3], x, y, z);
+    x = _mm256_sub_pd(px, x);
+    y = _mm256_sub_pd(py, y);
+    z = _mm256_sub_pd(pz, z);
+    const __m256d d2 =
+        _mm256_add_pd(_mm256_add_pd(_mm256_add_pd(zero, _mm256_mul_pd(x, x)), _mm256_mul_pd(y, y)),
+                      _mm256_mul_pd(z, z));
+    const __m256d d = _mm256_sqrt_pd(d2), mean = _mm256_loadu_pd(means + e0);
+    const __m256d inner =
+        _mm256_and_pd(_mm256_cmp_pd(mean, zero, _CMP_GT_OQ), _mm256_div_pd(d, mean));
+    const __m256d v =
+        _mm256_blendv_pd(inner, _mm256_div_pd(mean, d), _mm256_cmp_pd(d, mean, _CMP_GT_OQ));
+    // std::min(s, v): v where v < s, else s (also when v is NaN).
+    s = _mm256_min_pd(v, s);
+  }
+  const __m128d half = _mm_min_pd(_mm256_castpd256_pd128(s), _mm256_extractf128_pd(s, 1));
+  return std::min(_mm_cvtsd_f64(half), _mm_cvtsd_f64(_mm_unpackhi_pd(half, half)));
+}
 #endif
 
 }  // namespace
+
+double cached_edge_fit(const double* p, const double* const* ends, const double* means,
+                       unsigned count) noexcept {
+#if VOXFILL_LANES_AVX
+  if (has_avx) return edge_fit_quad(p, ends, means, count);
+#endif
+  double s = 1.0;
+  for (unsigned e = 0; e < count; ++e) {
+    const double d = std::sqrt(dist2<3>(p, ends[e])), mean = means[e];
+    s = std::min(s, d > mean ? mean / d : (mean > 0.0 ? d / mean : 0.0));
+  }
+  return s;
+}
 
 double ball_vote(const double* target, const double* quality, const unsigned* t, unsigned n,
                  const double* p, double D[3], double& W_sum, unsigned& worst) noexcept {

@@ -24,4 +24,10 @@ bool ball_trial(const double* const* p, unsigned n, unsigned first, double bar, 
 double ball_vote(const double* target, const double* quality, const unsigned* t, unsigned n,
                  const double* p, double D[3], double& W_sum, unsigned& worst) noexcept;
 
+// The smallest of 1.0 and the symmetric lengths of the edges from p to ends[e], e < count, with
+// log means means[e]: d > mean ? mean / d : (mean > 0 ? d / mean : 0) with d = |p ends[e]|.
+// ends and means hold three more entries past count, repeating the last.
+double cached_edge_fit(const double* p, const double* const* ends, const double* means,
+                       unsigned count) noexcept;
+
 }  // namespace kelvo::voxfill
