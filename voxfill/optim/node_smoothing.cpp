@@ -505,22 +505,28 @@ double search_step(regularizer& g, unsigned node, double weight, const dense1D<u
   const bool keep = weight < 1.0 && sm.edge_means.reserve(edges + 3) && sm.edge_means.resize(edges);
   double* edge_means = sm.edge_means.begin();
   sm.means_size = h;
-  for (unsigned e = 0; e < edges; ++e) {
-    const unsigned b = nb[e];
-    const double d2 = dist2<3>(p, base + ld * b);
-    d2_min = std::min(d2_min, d2);
-    d2_sum += d2;
-    const double hb = sizes[b];
-    if (g.moves_carry_sizes && h > 0.0 && hb > 0.0) r_max = std::max({r_max, h / hb, hb / h});
-    if (weight < 1.0) {
+  if (keep || weight >= 1.0) {
+    // The means first, three more repeating the last for the groups of four; then the terms.
+    for (unsigned e = 0; keep && e < edges; ++e)
+      edge_means[e] = cached ? node_means[nb[e]] : log_mean(h, sizes[nb[e]]);
+    for (unsigned e = edges; keep && edges && e < edges + 3; ++e)
+      edge_means[e] = edge_means[edges - 1];
+    ball_edge_terms(p, h, sm.neighbor_points.begin(), sm.neighbor_sizes.begin(),
+                    keep ? edge_means : nullptr, edges, g.moves_carry_sizes, d2_min, d2_sum, r_max,
+                    s_min);
+  } else {
+    for (unsigned e = 0; e < edges; ++e) {
+      const unsigned b = nb[e];
+      const double d2 = dist2<3>(p, base + ld * b);
+      d2_min = std::min(d2_min, d2);
+      d2_sum += d2;
+      const double hb = sizes[b];
+      if (g.moves_carry_sizes && h > 0.0 && hb > 0.0) r_max = std::max({r_max, h / hb, hb / h});
       const double mean = cached ? node_means[b] : log_mean(h, hb);
-      if (keep) edge_means[e] = mean;
       const double d = std::sqrt(d2);
       s_min = std::min(s_min, d > mean ? mean / d : (mean > 0.0 ? d / mean : 0.0));
     }
   }
-  if (keep)  // three more repeating the last, for the groups of four of the trials
-    for (unsigned e = edges; edges && e < edges + 3; ++e) edge_means[e] = edge_means[edges - 1];
   if (!keep) sm.edge_means.clear();
   const double rms = std::sqrt(d2_sum / n);
   if (W_sum > 0.0)

@@ -175,6 +175,12 @@ VOXFILL_AVX double vote_quad(const double* target, const double* quality, const 
   return qmin;
 }
 
+// The smallest of the four lanes.
+VOXFILL_AVX inline double least_lane(__m256d a) noexcept {
+  const __m128d half = _mm_min_pd(_mm256_castpd256_pd128(a), _mm256_extractf128_pd(a, 1));
+  return std::min(_mm_cvtsd_f64(half), _mm_cvtsd_f64(_mm_unpackhi_pd(half, half)));
+}
+
 // cached_edge_fit four edges at a time, each lane as the scalar code rounds it; the minimum of
 // values that are never NaN does not hang on the order they are met in.
 VOXFILL_AVX double edge_fit_quad(const double* p, const double* const* ends, const double* means,
@@ -199,12 +205,80 @@ VOXFILL_AVX double edge_fit_quad(const double* p, const double* const* ends, con
     // std::min(s, v): v where v < s, else s (also when v is NaN).
     s = _mm256_min_pd(v, s);
   }
-  const __m128d half = _mm_min_pd(_mm256_castpd256_pd128(s), _mm256_extractf128_pd(s, 1));
-  return std::min(_mm_cvtsd_f64(half), _mm_cvtsd_f64(_mm_unpackhi_pd(half, half)));
+  return least_lane(s);
+}
+
+// ball_edge_terms four edges at a time; the sum by lane in edge order, the extremes of values
+// that are never NaN in any order.
+VOXFILL_AVX void edge_terms_quad(const double* p, double h, const double* const* ends,
+                                 const double* sizes, const double* means, unsigned count,
+                                 bool ratios, double& d2_min, double& d2_sum, double& r_max,
+                                 double& s_min) noexcept {
+  const __m256d px = _mm256_set1_pd(p[0]), py = _mm256_set1_pd(p[1]), pz = _mm256_set1_pd(p[2]);
+  const __m256d zero = _mm256_setzero_pd(), hn = _mm256_set1_pd(h);
+  __m256d low = _mm256_set1_pd(d2_min), r = _mm256_set1_pd(r_max), s = _mm256_set1_pd(s_min);
+  const bool sized = ratios && h > 0.0;
+  double sum = d2_sum;
+  for (unsigned e0 = 0; e0 < count; e0 += 4) {
+    __m256d x, y, z;
+    gather_points(ends[e0], ends[e0 + 1], ends[e0 + 2], ends[e0 + 3], x, y, z);
+    x = _mm256_sub_pd(px, x);
+    y = _mm256_sub_pd(py, y);
+    z = _mm256_sub_pd(pz, z);
+    const __m256d d2 =
+        _mm256_add_pd(_mm256_add_pd(_mm256_add_pd(zero, _mm256_mul_pd(x, x)), _mm256_mul_pd(y, y)),
+                      _mm256_mul_pd(z, z));
+    low = _mm256_min_pd(d2, low);
+    alignas(32) double v[4];
+    _mm256_store_pd(v, d2);
+    const unsigned lanes = count - e0 < 4 ? count - e0 : 4;
+    for (unsigned l = 0; l < lanes; ++l) sum += v[l];
+    if (sized) {
+      const __m256d hb = _mm256_loadu_pd(sizes + e0);
+      const __m256d up =
+          _mm256_max_pd(_mm256_div_pd(hb, hn), _mm256_max_pd(_mm256_div_pd(hn, hb), r));
+      r = _mm256_blendv_pd(r, up, _mm256_cmp_pd(hb, zero, _CMP_GT_OQ));
+    }
+    if (means) {
+      const __m256d d = _mm256_sqrt_pd(d2), mean = _mm256_loadu_pd(means + e0);
+      const __m256d inner =
+          _mm256_and_pd(_mm256_cmp_pd(mean, zero, _CMP_GT_OQ), _mm256_div_pd(d, mean));
+      const __m256d fit =
+          _mm256_blendv_pd(inner, _mm256_div_pd(mean, d), _mm256_cmp_pd(d, mean, _CMP_GT_OQ));
+      s = _mm256_min_pd(fit, s);
+    }
+  }
+  const __m128d half = _mm_max_pd(_mm256_castpd256_pd128(r), _mm256_extractf128_pd(r, 1));
+  r_max = std::max(_mm_cvtsd_f64(half), _mm_cvtsd_f64(_mm_unpackhi_pd(half, half)));
+  d2_min = least_lane(low);
+  s_min = least_lane(s);
+  d2_sum = sum;
 }
 #endif
 
 }  // namespace
+
+void ball_edge_terms(const double* p, double h, const double* const* ends, const double* sizes,
+                     const double* means, unsigned count, bool ratios, double& d2_min,
+                     double& d2_sum, double& r_max, double& s_min) noexcept {
+#if VOXFILL_LANES_AVX
+  if (has_avx) {
+    edge_terms_quad(p, h, ends, sizes, means, count, ratios, d2_min, d2_sum, r_max, s_min);
+    return;
+  }
+#endif
+  for (unsigned e = 0; e < count; ++e) {
+    const double d2 = dist2<3>(p, ends[e]);
+    d2_min = std::min(d2_min, d2);
+    d2_sum += d2;
+    const double hb = sizes[e];
+    if (ratios && h > 0.0 && hb > 0.0) r_max = std::max({r_max, h / hb, hb / h});
+    if (means) {
+      const double d = std::sqrt(d2), mean = means[e];
+      s_min = std::min(s_min, d > mean ? mean / d : (mean > 0.0 ? d / mean : 0.0));
+    }
+  }
+}
 
 double cached_edge_fit(const double* p, const double* const* ends, const double* means,
                        unsigned count) noexcept {

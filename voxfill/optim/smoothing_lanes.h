@@ -30,4 +30,13 @@ double ball_vote(const double* target, const double* quality, const unsigned* t,
 double cached_edge_fit(const double* p, const double* const* ends, const double* means,
                        unsigned count) noexcept;
 
+// Over the edges from p (size h) to ends[e] (size sizes[e]), e < count: d2_min and d2_sum get
+// the smallest and the sum in edge order of the squared lengths; with `ratios`, r_max the largest
+// of h / sizes[e] and sizes[e] / h where both sizes are positive; with `means`, s_min the
+// smallest symmetric length as cached_edge_fit takes it. ends, sizes and means hold three more
+// entries past count, repeating the last.
+void ball_edge_terms(const double* p, double h, const double* const* ends, const double* sizes,
+                     const double* means, unsigned count, bool ratios, double& d2_min,
+                     double& d2_sum, double& r_max, double& s_min) noexcept;
+
 }  // namespace kelvo::voxfill
