@@ -195,51 +195,6 @@ inline void apex_of(const apex_view& m, const unsigned* row, unsigned local, dou
   }
 }
 
-// The smallest symmetric length (and 1.0) over the ball's edges (node, nb[e]) with the node at
-// `p`, size `hn`. Each edge's log mean lies between the geometric and the arithmetic mean of its
-// end sizes, and with those bounds most edges are shown to be no shorter in the metric than the
-// one of smallest bound, without their logarithm. The edges that are not ruled out give the same
-// minimum as all of them.
-[[gnu::noinline]] double ball_edge_fit(const mesh_store& m, node_smoother& sm, unsigned node,
-                                       const double* p, double hn, unsigned count) noexcept {
-  const unsigned* nb = sm.ball_neighbors.begin();
-  const double* const* ends = sm.neighbor_points.begin();
-  const double* end_sizes = sm.neighbor_sizes.begin();
-  double* lengths = sm.edge_lengths.begin();
-  double* bounds = sm.edge_bounds.begin();
-  unsigned first = 0;
-  bool bounded = sm.edge_lengths.size >= count && sm.edge_bounds.size >= count;
-  // Four edges at a time (the last repeated to fill the lanes); the smallest floor is picked in
-  // edge order, and an edge without usable sizes sends all of them to the plain way below.
-  for (unsigned e0 = 0; e0 < count && bounded; e0 += 4) {
-    double d[4], floors[4];
-    const unsigned usable = edge_fit_floor_lanes(p, hn, ends + e0, end_sizes + e0, d, floors);
-    const unsigned lanes = count - e0 < 4 ? count - e0 : 4;
-    for (unsigned l = 0; l < lanes; ++l) {
-      const unsigned e = e0 + l;
-      bounded = (usable >> l) & 1u;
-      if (!bounded) break;
-      lengths[e] = d[l];
-      bounds[e] = floors[l];
-      if (bounds[e] < bounds[first]) first = e;
-    }
-  }
-  double s = 1.0;
-  if (!bounded) {
-    for (unsigned e = 0; e < count; ++e) s = std::min(s, symmetric_length(m, node, nb[e]));
-    return s;
-  }
-  auto exact = [&](unsigned e) {
-    const double d = lengths[e], h = log_mean(hn, end_sizes[e]);
-    if (d > h) return h / d;
-    return h > 0.0 ? d / h : 0.0;
-  };
-  if (count) s = std::min(s, exact(first));
-  for (unsigned e = 0; e < count; ++e)
-    if (e != first && !(bounds[e] >= s)) s = std::min(s, exact(e));
-  return s;
-}
-
 void walk_line(line_search& w) noexcept {
   regularizer& g = w.g;
   th4_engine& m = g.engine;
@@ -280,8 +235,11 @@ void walk_line(line_search& w) noexcept {
       const double hn = m.node_sizes[w.node];
       if (sm.edge_means.size == edges && hn == sm.means_size) {
         s = cached_edge_fit(p, ends, sm.edge_means.begin(), edges);
-      } else {
-        s = ball_edge_fit(m, sm, w.node, p, hn, edges);
+      } else if (!sm.edge_lengths.size ||
+                 !sized_edge_fit(p, hn, ends, sm.neighbor_sizes.begin(), edges,
+                                 sm.edge_lengths.begin(), sm.edge_bounds.begin(), s)) {
+        for (unsigned e = 0; e < edges; ++e)
+          s = std::min(s, symmetric_length(m, w.node, sm.ball_neighbors[e]));
       }
     }
     const double hopeless = hopeless_below(w.best, s, w.weight);
@@ -497,7 +455,7 @@ double search_step(regularizer& g, unsigned node, double weight, const dense1D<u
   const double qmin =
       ball_vote(targets, m.tet_qualities.begin(), ball.begin(), n, p, D, W_sum, worst);
   double d2_min = DBL_MAX, d2_sum = 0.0, r_max = 1.0, s_min = 1.0;
-  if (!sm.edge_lengths.resize(edges) || !sm.edge_bounds.resize(edges)) {
+  if (!sm.edge_lengths.resize(edges + 3) || !sm.edge_bounds.resize(edges + 3)) {
     sm.edge_lengths.clear();
     sm.edge_bounds.clear();
   }
@@ -575,7 +533,7 @@ double smooth_node(regularizer& g, unsigned node, double weight,
       !sm.vote_targets.resize(3 * n + 13) || !sm.face_points.resize(3 * n + 9) ||
       !sm.face_means.resize(3 * n + 9) || !sm.neighbor_points.resize(4 * n + 3) ||
       !sm.neighbor_sizes.resize(4 * n + 3) || !sm.edge_means.reserve(e + 3) ||
-      !sm.edge_lengths.reserve(e) || !sm.edge_bounds.reserve(e))
+      !sm.edge_lengths.reserve(e + 3) || !sm.edge_bounds.reserve(e + 3))
     return 0.0;
   const double w = g.moves_carry_sizes ? weight : 1.0;
   double position[3] = {0.0, 0.0, 0.0}, size = 0.0;

@@ -6,6 +6,8 @@
 #include "delaunay/cpu_lanes.h"
 #include "delaunay/geometry.h"
 #include "delaunay/lanes_avx.h"
+#include "delaunay/quality_lanes.h"
+#include "voxfill/optim/move_merit.h"
 
 namespace kelvo::voxfill {
 namespace {
@@ -256,7 +258,40 @@ VOXFILL_AVX void edge_terms_quad(const double* p, double h, const double* const*
 }
 #endif
 
+// The symmetric length of an edge of length d between sizes h1 and h2.
+double exact_fit(double d, double h1, double h2) noexcept {
+  const double h = log_mean(h1, h2);
+  if (d > h) return h / d;
+  return h > 0.0 ? d / h : 0.0;
+}
+
+// sized_edge_fit once the lengths and floors are listed: the edge of the smallest floor first,
+// then those whose floor lies below the running minimum.
+double fit_from_floors(const double* lengths, const double* floors, const double* sizes, double hp,
+                       unsigned count) noexcept {
+  unsigned first = 0;
+  for (unsigned e = 1; e < count; ++e)
+    if (floors[e] < floors[first]) first = e;
+  double s = 1.0;
+  if (count) s = std::min(s, exact_fit(lengths[first], hp, sizes[first]));
+  for (unsigned e = 0; e < count; ++e)
+    if (e != first && !(floors[e] >= s)) s = std::min(s, exact_fit(lengths[e], hp, sizes[e]));
+  return s;
+}
+
 }  // namespace
+
+bool sized_edge_fit(const double* p, double hp, const double* const* ends, const double* sizes,
+                    unsigned count, double* lengths, double* floors, double& s) noexcept {
+  for (unsigned e0 = 0; e0 < count; e0 += 4) {
+    const unsigned usable =
+        edge_fit_floor_lanes(p, hp, ends + e0, sizes + e0, lengths + e0, floors + e0);
+    const unsigned lanes = count - e0 < 4 ? count - e0 : 4;
+    if ((usable | ~((1u << lanes) - 1u)) != ~0u) return false;
+  }
+  s = fit_from_floors(lengths, floors, sizes, hp, count);
+  return true;
+}
 
 void ball_edge_terms(const double* p, double h, const double* const* ends, const double* sizes,
                      const double* means, unsigned count, bool ratios, double& d2_min,

@@ -39,4 +39,14 @@ void ball_edge_terms(const double* p, double h, const double* const* ends, const
                      const double* means, unsigned count, bool ratios, double& d2_min,
                      double& d2_sum, double& r_max, double& s_min) noexcept;
 
+// The smallest of 1.0 and the symmetric lengths of the edges from p (size hp) to ends[e] (size
+// sizes[e]), e < count, each as |p ends[e]| against log_mean(hp, sizes[e]). Each log mean lies
+// between the geometric and the arithmetic mean of its end sizes, and with those bounds most
+// edges are shown to be no shorter in the metric than the smallest found, without their
+// logarithm: the edges left give the same minimum as all of them. False, with s untouched, when
+// a size lies outside (1e-150, 1e150), where the bounds may fail. ends and sizes hold three more
+// entries past count, repeating the last; lengths and floors take count + 3 entries.
+bool sized_edge_fit(const double* p, double hp, const double* const* ends, const double* sizes,
+                    unsigned count, double* lengths, double* floors, double& s) noexcept;
+
 }  // namespace kelvo::voxfill
