@@ -36,6 +36,13 @@ bool inside_one(const double* const* q, const double* P, double tol) noexcept {
   return !(D0 > limit) && !(D1 > limit) && !(D2 > limit) && !(D3 > limit);
 }
 
+// The symmetric length of an edge of length d between sizes h1 and h2.
+double exact_fit(double d, double h1, double h2) noexcept {
+  const double h = log_mean(h1, h2);
+  if (d > h) return h / d;
+  return h > 0.0 ? d / h : 0.0;
+}
+
 #if VOXFILL_LANES_AVX
 using namespace avx_lanes;
 
@@ -256,14 +263,55 @@ VOXFILL_AVX void edge_terms_quad(const double* p, double h, const double* const*
   s_min = least_lane(s);
   d2_sum = sum;
 }
-#endif
 
-// The symmetric length of an edge of length d between sizes h1 and h2.
-double exact_fit(double d, double h1, double h2) noexcept {
-  const double h = log_mean(h1, h2);
-  if (d > h) return h / d;
-  return h > 0.0 ? d / h : 0.0;
+// The lengths and floors of edge_fit_floor_lanes, four edges at a time, then fit_from_floors
+// with the floors that cannot matter skipped four at a time.
+VOXFILL_AVX bool sized_fit_quad(const double* p, double hp, const double* const* ends,
+                                const double* sizes, unsigned count, double* lengths,
+                                double* floors, double& s) noexcept {
+  const __m256d px = _mm256_set1_pd(p[0]), py = _mm256_set1_pd(p[1]), pz = _mm256_set1_pd(p[2]);
+  const __m256d hn = _mm256_set1_pd(hp);
+  __m256d usable = _mm256_castsi256_pd(_mm256_set1_epi64x(-1));
+  for (unsigned e0 = 0; e0 < count; e0 += 4) {
+    __m256d x, y, z;
+    gather_points(ends[e0], ends[e0 + 1], ends[e0 + 2], ends[e0 + 3], x, y, z);
+    const __m256d dx = _mm256_sub_pd(px, x), dy = _mm256_sub_pd(py, y), dz = _mm256_sub_pd(pz, z);
+    const __m256d len = _mm256_sqrt_pd(dot4(dx, dy, dz, dx, dy, dz));
+    const __m256d hb = _mm256_loadu_pd(sizes + e0);
+    const __m256d lo = _mm256_min_pd(hn, hb), hi = _mm256_max_pd(hb, hn);
+    usable =
+        _mm256_and_pd(usable, _mm256_and_pd(_mm256_cmp_pd(lo, _mm256_set1_pd(1e-150), _CMP_GT_OQ),
+                                            _mm256_cmp_pd(hi, _mm256_set1_pd(1e150), _CMP_LT_OQ)));
+    const __m256d below =
+        _mm256_mul_pd(_mm256_sqrt_pd(_mm256_mul_pd(lo, hi)), _mm256_set1_pd(1.0 - 1e-9));
+    const __m256d above = _mm256_mul_pd(_mm256_mul_pd(_mm256_set1_pd(0.5), _mm256_add_pd(lo, hi)),
+                                        _mm256_set1_pd(1.0 + 1e-9));
+    _mm256_storeu_pd(lengths + e0, len);
+    _mm256_storeu_pd(floors + e0,
+                     _mm256_min_pd(_mm256_div_pd(len, above), _mm256_div_pd(below, len)));
+  }
+  // The lanes past the last edge repeat it, so they test as it does.
+  if (_mm256_movemask_pd(usable) != 15) return false;
+  unsigned first = 0;
+  for (unsigned e = 1; e < count; ++e)
+    if (floors[e] < floors[first]) first = e;
+  double fit = 1.0;
+  if (count) fit = std::min(fit, exact_fit(lengths[first], hp, sizes[first]));
+  for (unsigned e0 = 0; e0 < count; e0 += 4) {
+    // The edges whose floor is not above the fit so far: a superset of those to take.
+    unsigned take = unsigned(_mm256_movemask_pd(
+        _mm256_cmp_pd(_mm256_loadu_pd(floors + e0), _mm256_set1_pd(fit), _CMP_NGE_UQ)));
+    if (count - e0 < 4) take &= (1u << (count - e0)) - 1u;
+    for (; take; take &= take - 1) {
+      const unsigned e = e0 + unsigned(__builtin_ctz(take));
+      if (e != first && !(floors[e] >= fit))
+        fit = std::min(fit, exact_fit(lengths[e], hp, sizes[e]));
+    }
+  }
+  s = fit;
+  return true;
 }
+#endif
 
 // sized_edge_fit once the lengths and floors are listed: the edge of the smallest floor first,
 // then those whose floor lies below the running minimum.
@@ -283,6 +331,9 @@ double fit_from_floors(const double* lengths, const double* floors, const double
 
 bool sized_edge_fit(const double* p, double hp, const double* const* ends, const double* sizes,
                     unsigned count, double* lengths, double* floors, double& s) noexcept {
+#if VOXFILL_LANES_AVX
+  if (has_avx) return sized_fit_quad(p, hp, ends, sizes, count, lengths, floors, s);
+#endif
   for (unsigned e0 = 0; e0 < count; e0 += 4) {
     const unsigned usable =
         edge_fit_floor_lanes(p, hp, ends + e0, sizes + e0, lengths + e0, floors + e0);
