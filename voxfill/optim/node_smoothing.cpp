@@ -346,40 +346,19 @@ double search_step(regularizer& g, unsigned node, double weight, const dense1D<u
   m.bump_marks();
   m.mark(node);
   {
-    unsigned* marks = m.marks.begin();
-    const unsigned marks_size = m.marks.size, mark = m.mark_value;
-    const bool covered = marks_size >= m.nodes.cols();  // then every row's node has its mark
-    unsigned* out = sm.ball_neighbors.begin();          // room for four per tet made by smooth_node
-    unsigned count = 0;
-    const unsigned* tets = m.tets.data.col(0);
-    const std::size_t tets_ld = m.tets.data.ld;
-    for (unsigned j = 0; j < n; ++j) {
-      const unsigned* src = tets + tets_ld * ball[j];
-      unsigned* r = rows + rows_ld * j;
-      const double** pj = points + 4 * j;
-      for (unsigned i = 0; i < 4; ++i) {
-        r[i] = src[i];
-        pj[i] = base + ld * src[i];
-      }
-      locals[j] = local_index(r, node);
-      if (j < 2) continue;
-      if (covered) {
-        for (unsigned i = 0; i < 4; ++i) {
-          const unsigned v = r[i];
-          if (marks[v] == mark) continue;
-          marks[v] = mark;
-          out[count++] = v;
-        }
-        continue;
-      }
-      for (unsigned i = 0; i < 4; ++i) {
-        const unsigned v = r[i];
-        if (v < marks_size && marks[v] == mark) continue;
-        marks[v] = mark;
-        out[count++] = v;
-      }
-    }
-    sm.ball_neighbors.size = count;
+    const ball_gather b{m.tets.data.col(0),
+                        m.tets.data.ld,
+                        base,
+                        ld,
+                        m.marks.begin(),
+                        m.marks.size,
+                        m.mark_value,
+                        m.marks.size >= m.nodes.cols(),
+                        rows,
+                        points,
+                        locals,
+                        sm.ball_neighbors.begin()};
+    sm.ball_neighbors.size = gather_ball(b, ball.begin(), n, node);
   }
   // The last tet's points three more times, so that the line search's last group of four is full.
   for (unsigned i = 4 * n; n && i < 4 * n + 12; ++i) points[i] = points[i - 4];

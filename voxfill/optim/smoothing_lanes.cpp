@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdint>
 
 #include "delaunay/cpu_lanes.h"
 #include "delaunay/geometry.h"
@@ -47,6 +48,46 @@ double exact_fit(double d, double h1, double h2) noexcept {
 using namespace avx_lanes;
 
 const bool has_avx = lanes_avx();
+const bool has_avx2 = lanes_avx2();
+
+// The marking of gather_ball for one row.
+inline unsigned mark_row(const ball_gather& b, const unsigned* v, unsigned count) noexcept {
+  if (b.covered) {
+    for (unsigned i = 0; i < 4; ++i) {
+      if (b.marks[v[i]] == b.mark) continue;
+      b.marks[v[i]] = b.mark;
+      b.out[count++] = v[i];
+    }
+    return count;
+  }
+  for (unsigned i = 0; i < 4; ++i) {
+    if (v[i] < b.marks_size && b.marks[v[i]] == b.mark) continue;
+    b.marks[v[i]] = b.mark;
+    b.out[count++] = v[i];
+  }
+  return count;
+}
+
+// gather_ball with each row copied whole and its four addresses made in the lanes of one
+// register (node times the row stride in bytes, which fits 32 bits, plus the table's start).
+VOXFILL_AVX2 unsigned gather_quad(const ball_gather& b, const unsigned* t, unsigned n,
+                                  unsigned node) noexcept {
+  const __m128i self = _mm_set1_epi32(int(node));
+  const __m256i stride = _mm256_set1_epi64x(std::int64_t(b.ld * sizeof(double)));
+  const __m256i start = _mm256_set1_epi64x(std::int64_t(reinterpret_cast<std::uintptr_t>(b.xyz)));
+  unsigned count = 0;
+  for (unsigned j = 0; j < n; ++j) {
+    const unsigned* src = b.tets + b.tets_ld * t[j];
+    const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(src));
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(b.rows + 4 * j), v);
+    const __m256i at = _mm256_add_epi64(_mm256_mul_epu32(_mm256_cvtepu32_epi64(v), stride), start);
+    _mm256_storeu_si256(reinterpret_cast<__m256i*>(b.points + 4 * j), at);
+    const int same = _mm_movemask_ps(_mm_castsi128_ps(_mm_cmpeq_epi32(v, self)));
+    b.locals[j] = same ? unsigned(__builtin_ctz(unsigned(same))) : 4u;
+    if (j >= 2) count = mark_row(b, b.rows + 4 * j, count);
+  }
+  return count;
+}
 
 VOXFILL_AVX inline void cross4(__m256d u0, __m256d u1, __m256d u2, __m256d v0, __m256d v1,
                                __m256d v2, __m256d& r0, __m256d& r1, __m256d& r2) noexcept {
@@ -328,6 +369,28 @@ double fit_from_floors(const double* lengths, const double* floors, const double
 }
 
 }  // namespace
+
+unsigned gather_ball(const ball_gather& b, const unsigned* t, unsigned n, unsigned node) noexcept {
+#if VOXFILL_LANES_AVX
+  if (has_avx2 && b.tets_ld == 4 && b.ld <= 0x0FFFFFFF) return gather_quad(b, t, n, node);
+#endif
+  unsigned count = 0;
+  for (unsigned j = 0; j < n; ++j) {
+    const unsigned* src = b.tets + b.tets_ld * t[j];
+    unsigned* r = b.rows + 4 * j;
+    const double** pj = b.points + 4 * j;
+    for (unsigned i = 0; i < 4; ++i) {
+      r[i] = src[i];
+      pj[i] = b.xyz + b.ld * src[i];
+    }
+    unsigned local = 4;
+    for (unsigned i = 4; i-- > 0;)
+      if (r[i] == node) local = i;
+    b.locals[j] = local;
+    if (j >= 2) count = mark_row(b, r, count);
+  }
+  return count;
+}
 
 bool sized_edge_fit(const double* p, double hp, const double* const* ends, const double* sizes,
                     unsigned count, double* lengths, double* floors, double& s) noexcept {

@@ -1,6 +1,8 @@
 // Four-lane geometry of the node smoothing.
 #pragma once
 
+#include <cstddef>
+
 namespace kelvo::voxfill {
 
 // Bit l set when P lies in the tet of the points t[l][0] to t[l][3] as locate_side(.., tol, ..)
@@ -48,5 +50,27 @@ void ball_edge_terms(const double* p, double h, const double* const* ends, const
 // entries past count, repeating the last; lengths and floors take count + 3 entries.
 bool sized_edge_fit(const double* p, double hp, const double* const* ends, const double* sizes,
                     unsigned count, double* lengths, double* floors, double& s) noexcept;
+
+// What gather_ball reads and writes: the row table (tets, its leading dimension), the
+// coordinate table (xyz, ld), the visit marks, and the lists it fills.
+struct ball_gather {
+  const unsigned* tets;
+  std::size_t tets_ld;
+  const double* xyz;
+  std::size_t ld;
+  unsigned* marks;
+  unsigned marks_size;
+  unsigned mark;
+  bool covered;           // marks_size covers every node
+  unsigned* rows;         // row j at rows + 4 j
+  const double** points;  // four per tet
+  unsigned* locals;       // the node's place in each row, 4 when absent
+  unsigned* out;          // room for four per tet
+};
+
+// One pass over the tets t[0..n) of a node's ball: their rows, the addresses of their points,
+// the node's place in each, and from the third tet on every node not yet marked, listed in `out`
+// and marked (every node of a closed ball's first two tets is in a later one). The count listed.
+unsigned gather_ball(const ball_gather& b, const unsigned* t, unsigned n, unsigned node) noexcept;
 
 }  // namespace kelvo::voxfill
