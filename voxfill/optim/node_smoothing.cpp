@@ -358,6 +358,8 @@ double search_step(regularizer& g, unsigned node, double weight, const dense1D<u
                         points,
                         locals,
                         sm.ball_neighbors.begin()};
+    // ball_rows was sized to four rows, which makes its leading dimension 4, as gather_ball
+    // takes it.
     sm.ball_neighbors.size = gather_ball(b, ball.begin(), n, node);
   }
   // The last tet's points three more times, so that the line search's last group of four is full.
