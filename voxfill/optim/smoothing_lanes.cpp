@@ -70,21 +70,36 @@ inline unsigned mark_row(const ball_gather& b, const unsigned* v, unsigned count
 
 // gather_ball with each row copied whole and its four addresses made in the lanes of one
 // register (node times the row stride in bytes, which fits 32 bits, plus the table's start).
-VOXFILL_AVX2 unsigned gather_quad(const ball_gather& b, const unsigned* t, unsigned n,
+// The fields are read once: the stores could alias them.
+template <bool covered>
+VOXFILL_AVX2 unsigned gather_rows(const ball_gather& b, const unsigned* t, unsigned n,
                                   unsigned node) noexcept {
+  const unsigned* tets = b.tets;
+  unsigned* rows = b.rows;
+  const double** points = b.points;
+  unsigned* locals = b.locals;
+  unsigned* marks = b.marks;
+  unsigned* out = b.out;
+  const unsigned marks_size = b.marks_size, mark = b.mark;
   const __m128i self = _mm_set1_epi32(int(node));
   const __m256i stride = _mm256_set1_epi64x(std::int64_t(b.ld * sizeof(double)));
   const __m256i start = _mm256_set1_epi64x(std::int64_t(reinterpret_cast<std::uintptr_t>(b.xyz)));
   unsigned count = 0;
   for (unsigned j = 0; j < n; ++j) {
-    const unsigned* src = b.tets + b.tets_ld * t[j];
-    const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(src));
-    _mm_storeu_si128(reinterpret_cast<__m128i*>(b.rows + 4 * j), v);
+    const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(tets + 4 * t[j]));
+    unsigned* r = rows + 4 * j;
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(r), v);
     const __m256i at = _mm256_add_epi64(_mm256_mul_epu32(_mm256_cvtepu32_epi64(v), stride), start);
-    _mm256_storeu_si256(reinterpret_cast<__m256i*>(b.points + 4 * j), at);
+    _mm256_storeu_si256(reinterpret_cast<__m256i*>(points + 4 * j), at);
     const int same = _mm_movemask_ps(_mm_castsi128_ps(_mm_cmpeq_epi32(v, self)));
-    b.locals[j] = same ? unsigned(__builtin_ctz(unsigned(same))) : 4u;
-    if (j >= 2) count = mark_row(b, b.rows + 4 * j, count);
+    locals[j] = same ? unsigned(__builtin_ctz(unsigned(same))) : 4u;
+    if (j < 2) continue;
+    for (unsigned i = 0; i < 4; ++i) {
+      const unsigned x = r[i];
+      if ((covered || x < marks_size) && marks[x] == mark) continue;
+      marks[x] = mark;
+      out[count++] = x;
+    }
   }
   return count;
 }
@@ -372,7 +387,8 @@ double fit_from_floors(const double* lengths, const double* floors, const double
 
 unsigned gather_ball(const ball_gather& b, const unsigned* t, unsigned n, unsigned node) noexcept {
 #if VOXFILL_LANES_AVX
-  if (has_avx2 && b.tets_ld == 4 && b.ld <= 0x0FFFFFFF) return gather_quad(b, t, n, node);
+  if (has_avx2 && b.tets_ld == 4 && b.ld <= 0x0FFFFFFF)
+    return b.covered ? gather_rows<true>(b, t, n, node) : gather_rows<false>(b, t, n, node);
 #endif
   unsigned count = 0;
   for (unsigned j = 0; j < n; ++j) {
