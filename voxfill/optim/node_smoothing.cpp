@@ -205,7 +205,10 @@ void walk_line(line_search& w) noexcept {
   const unsigned edges = sm.ball_neighbors.size;
   const double* const* ends = sm.neighbor_points.begin();  // made by the vote
   sm.trial_qualities.resize(n);
+  // A trial's qualities go to one list and the best trial's stay in the other: an improvement
+  // swaps their roles instead of copying.
   double* trial_qualities = sm.trial_qualities.begin();
+  double* kept_qualities = sm.best_qualities.begin();
   const double* const* points = sm.ball_points.begin();  // made by the vote
   unsigned* order = sm.trial_order.begin();
   const double* const** ordered = sm.trial_points.begin();
@@ -310,7 +313,7 @@ void walk_line(line_search& w) noexcept {
     if (improved) {
       std::copy_n(trial, 3, w.best_position);
       w.best_size = size;
-      std::copy_n(trial_qualities, n, sm.best_qualities.begin());
+      std::swap(trial_qualities, kept_qualities);
       w.best = merit;
       w.worst = worst;
       k += 1.0;
@@ -319,6 +322,8 @@ void walk_line(line_search& w) noexcept {
     m.node_sizes[w.node] = old_size;
     if (!improved) break;
   }
+  if (kept_qualities != sm.best_qualities.begin())
+    std::copy_n(kept_qualities, n, sm.best_qualities.begin());
 }
 
 // The vote of the ball and the line search along it: the gain, and the best place.
