@@ -197,7 +197,10 @@ VOXFILL_AVX bool trial_blocks(const double* const* p, unsigned n, unsigned first
       _mm256_storeu_pd(out + j0, v);
       least = _mm256_min_pd(least, v);
     } else {
-      for (unsigned l = 0; j0 + l < n; ++l) out[j0 + l] = vs[l];
+      // The lanes in use only: a masked store, where a short loop becomes a call to memcpy.
+      const __m256i lanes = _mm256_castpd_si256(_mm256_cmp_pd(
+          _mm256_set_pd(3.0, 2.0, 1.0, 0.0), _mm256_set1_pd(double(n - j0)), _CMP_LT_OQ));
+      _mm256_maskstore_pd(out + j0, lanes, v);
     }
   }
   const __m128d half = _mm_min_pd(_mm256_castpd256_pd128(least), _mm256_extractf128_pd(least, 1));
