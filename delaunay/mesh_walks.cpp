@@ -335,13 +335,28 @@ struct flat_table {
   const T* col(unsigned j) const noexcept { return base + ld * j; }
 };
 
+// first_face by a table, at mask << 2 | start (a walk step only asks for a non-empty mask).
+struct face_table {
+  unsigned char face[64];
+  constexpr face_table() noexcept : face() {
+    for (unsigned mask = 1; mask < 16; ++mask)
+      for (unsigned start = 0; start < 4; ++start) {
+        unsigned f = (start + 1) & 3;
+        while (!(mask >> f & 1)) f = (f + 1) & 3;
+        face[mask << 2 | start] = static_cast<unsigned char>(f);
+      }
+  }
+};
+constexpr face_table exit_faces;
+
 // The neighbour through which a walk beyond the faces of `mask` leaves. Beyond a hull face: a
 // point beyond two faces leaves by the one that is not on the hull.
 inline unsigned leave_by(const unsigned* nbs, int mask, unsigned start) noexcept {
-  unsigned nb = nbs[first_face(mask, start)];
+  const unsigned m4 = unsigned(mask) << 2;
+  unsigned nb = nbs[exit_faces.face[m4 | start]];
   for (unsigned r = 0; nb == NONE && r < 3; ++r) {
     start = (start + 1) & 3;
-    nb = nbs[first_face(mask, start)];
+    nb = nbs[exit_faces.face[m4 | start]];
   }
   return nb;
 }
@@ -492,24 +507,39 @@ VOXFILL_AVX2 int walk_avx2(const flat_table<double>& xyz_in, const flat_table<un
       tet_face_nodes[3][0] == 2 && tet_face_nodes[3][1] == 1 && tet_face_nodes[3][2] == 0);
   const __m256d p[3] = {_mm256_set1_pd(P[0]), _mm256_set1_pd(P[1]), _mm256_set1_pd(P[2])};
   const __m256d turn = _mm256_set_pd(0.0, -0.0, 0.0, 0.0);
-  while (t != NONE && steps) {
+  // The tet and the bit source's state in locals, which the stores of the step can't alias: they
+  // stay in registers and go back at each exit. The draws are bits.next()'s, in the same order.
+  unsigned cur = t, left = bits.count_left, word = bits.word_left;
+  auto leave = [&](unsigned tet) {
+    t = tet;
+    bits.count_left = left;
+    bits.word_left = word;
+  };
+  while (cur != NONE && steps) {
     --steps;
-    const unsigned start = bits.next();
-    const unsigned* n = tets.col(t);
+    if (left == 0) {
+      word = unsigned(bits.generator());
+      left = bit_source::draws_per_word;
+    }
+    const unsigned start = word & bit_source::mask;
+    word >>= bit_source::bits_per_draw;
+    --left;
+    const unsigned* n = tets.col(cur);
     const double* q[4] = {xyz.col(n[0]), xyz.col(n[1]), xyz.col(n[2]), xyz.col(n[3])};
     __m256d r[4], a, b, c;
     node_rows(q, r);
     const double V = lane_volume(r, a, b, c);
     if (!(V > 0.0 && std::isfinite(V))) {
-      t = NONE;
+      leave(NONE);
       return -1;
     }
     __m256d x, y, z;
     node_lanes(r, x, y, z);
     const int mask = beyond_faces_lanes(x, y, z, p, _mm256_set1_pd(V * tol), turn);
     if (mask == 0) {
+      leave(cur);
       if (memo) {
-        memo->tet = t;
+        memo->tet = cur;
         memo->q3 = q[3];
         _mm256_store_pd(memo->nodes[0], x);
         _mm256_store_pd(memo->nodes[1], y);
@@ -526,11 +556,10 @@ VOXFILL_AVX2 int walk_avx2(const flat_table<double>& xyz_in, const flat_table<un
       }
       return 1;
     }
-    t = leave_by(neighbors.col(t), mask, start);
+    cur = leave_by(neighbors.col(cur), mask, start);
   }
-  if (t == NONE) return 0;
-  t = NONE;
-  return -2;
+  leave(NONE);
+  return cur == NONE ? 0 : -2;
 }
 #endif
 
@@ -545,10 +574,20 @@ inline bool start_tet(node_locator& loc, const double* P, unsigned& t) noexcept 
 }
 
 #if VOXFILL_WALK_AVX2
-// locate_tet through the memo in one call: a walk that starts in the memo's tet takes its first
-// step from the memo's nodes and frame, whose volume passed the test when it was kept.
-VOXFILL_AVX2 bool locate_memo_avx2(node_locator& loc, const double* P, unsigned& t, double tol,
-                                   bit_source& bits, double* w, walk_memo& memo) noexcept {
+// The face tests of P in the memo's tet, from the nodes kept by lanes.
+[[gnu::always_inline]] VOXFILL_AVX2 inline int memo_faces(const walk_memo& memo, const double* P,
+                                                          double tol) noexcept {
+  const __m256d p[3] = {_mm256_set1_pd(P[0]), _mm256_set1_pd(P[1]), _mm256_set1_pd(P[2])};
+  return beyond_faces_lanes(_mm256_load_pd(memo.nodes[0]), _mm256_load_pd(memo.nodes[1]),
+                            _mm256_load_pd(memo.nodes[2]), p, _mm256_set1_pd(memo.V * tol),
+                            _mm256_set_pd(0.0, -0.0, 0.0, 0.0));
+}
+
+// locate_tet through the memo: a walk that starts in the memo's tet takes its first step from the
+// memo's nodes and frame, whose volume passed the test when it was kept.
+[[gnu::noinline]] VOXFILL_AVX2 bool locate_memo_walk(node_locator& loc, const double* P,
+                                                     unsigned& t, double tol, bit_source& bits,
+                                                     double* w, walk_memo& memo) noexcept {
   if (!start_tet(loc, P, t)) return false;
   if (!loc.nodes || !loc.tets || !loc.neighbors) {
     t = NONE;
@@ -557,10 +596,7 @@ VOXFILL_AVX2 bool locate_memo_avx2(node_locator& loc, const double* P, unsigned&
   unsigned steps = loc.tets->cols();
   if (t == memo.tet && steps) {
     const unsigned start = bits.next();
-    const __m256d p[3] = {_mm256_set1_pd(P[0]), _mm256_set1_pd(P[1]), _mm256_set1_pd(P[2])};
-    const int mask = beyond_faces_lanes(
-        _mm256_load_pd(memo.nodes[0]), _mm256_load_pd(memo.nodes[1]), _mm256_load_pd(memo.nodes[2]),
-        p, _mm256_set1_pd(memo.V * tol), _mm256_set_pd(0.0, -0.0, 0.0, 0.0));
+    const int mask = memo_faces(memo, P, tol);
     if (mask == 0) {
       if (w) memo_weights(memo, P, w);
       return true;
@@ -573,6 +609,28 @@ VOXFILL_AVX2 bool locate_memo_avx2(node_locator& loc, const double* P, unsigned&
   if (walk_avx2(xyz, tets, neighbors, steps, P, t, tol, bits, w, &memo) == 1) return true;
   t = NONE;
   return false;
+}
+
+// A new word for a bit source whose word is used up, as bits.next() draws it.
+[[gnu::noinline]] void refill(bit_source& bits) noexcept {
+  bits.word_left = unsigned(bits.generator());
+  bits.count_left = bit_source::draws_per_word;
+}
+
+// locate_memo_walk, with the common case first: P in the memo's tet, where the look-up draws its
+// bit and ends without a step. Everything else goes to the walk, which tests the memo again.
+VOXFILL_AVX2 bool locate_memo_avx2(node_locator& loc, const double* P, unsigned& t, double tol,
+                                   bit_source& bits, double* w, walk_memo& memo) noexcept {
+  if (t == memo.tet && t != NONE && loc.ancestors && loc.nodes && loc.tets && loc.neighbors &&
+      loc.tets->cols() && memo_faces(memo, P, tol) == 0) {
+    // The step's draw, which a walk that ends where it starts never reads.
+    if (bits.count_left == 0) refill(bits);
+    bits.word_left >>= bit_source::bits_per_draw;
+    --bits.count_left;
+    if (w) memo_weights(memo, P, w);
+    return true;
+  }
+  return locate_memo_walk(loc, P, t, tol, bits, w, memo);
 }
 #endif
 
@@ -632,14 +690,21 @@ int walk_to_point(const node_locator& loc, const double* P, unsigned& t, double 
   return walk_tables(loc.nodes->data, *loc.tets, *loc.neighbors, P, t, tol, bits);
 }
 
-bool locate_tet(node_locator& loc, const double* P, unsigned& t, double tol, bit_source& bits,
-                double* w) noexcept {
+namespace {
+[[gnu::noinline]] bool locate_plain(node_locator& loc, const double* P, unsigned& t, double tol,
+                                    bit_source& bits, double* w) noexcept {
   if (!start_tet(loc, P, t)) return false;
   if (loc.nodes && loc.tets && loc.neighbors &&
       walk_tables(loc.nodes->data, *loc.tets, *loc.neighbors, P, t, tol, bits, w) == 1)
     return true;
   t = NONE;
   return false;
+}
+}  // namespace
+
+bool locate_tet(node_locator& loc, const double* P, unsigned& t, double tol, bit_source& bits,
+                double* w) noexcept {
+  return locate_plain(loc, P, t, tol, bits, w);
 }
 
 bool locate_tet(node_locator& loc, const double* P, unsigned& t, double tol, bit_source& bits,
@@ -649,15 +714,9 @@ bool locate_tet(node_locator& loc, const double* P, unsigned& t, double tol, bit
 #else
   (void)memo;
 #endif
-  // Without the lanes the memo is neither read nor filled.
-  if (!start_tet(loc, P, t)) return false;
-  if (!loc.nodes || !loc.tets || !loc.neighbors) {
-    t = NONE;
-    return false;
-  }
-  if (walk_tables(loc.nodes->data, *loc.tets, *loc.neighbors, P, t, tol, bits, w) == 1) return true;
-  t = NONE;
-  return false;
+  // Without the lanes the memo is neither read nor filled: the plain look-up, out of line so that
+  // the lanes' entry is a jump.
+  return locate_plain(loc, P, t, tol, bits, w);
 }
 
 bool locate_tet(node_locator& loc, const double* P, unsigned& t, double tol,
