@@ -441,6 +441,34 @@ VOXFILL_AVX2 inline int beyond_faces_lanes(__m256d x, __m256d y, __m256d z, cons
   return _mm256_movemask_pd(_mm256_cmp_pd(D, limit, _CMP_GT_OQ));
 }
 
+// beyond_faces_lanes from the rows of the nodes (x, y and z in lanes 0 to 2, lane 3 0.0) and P's
+// row: the products of beyond_faces one for one, the cross products by lanes as cross3 forms them
+// and the dot products summed across lanes by pairs. The z term is summed with lane 3's 0.0 first,
+// which changes only the sign of a zero, and a zero is never beyond the positive limit: the mask
+// has the same bits.
+VOXFILL_AVX2 inline int beyond_faces_rows(const __m256d* r, __m256d p, __m256d limit,
+                                          __m256d turn) noexcept {
+  constexpr int YZX = 1 | 2 << 2 | 0 << 4 | 3 << 6, ZXY = 2 | 0 << 2 | 1 << 4 | 3 << 6;
+  const __m256d d3 = _mm256_sub_pd(r[3], p), d0 = _mm256_sub_pd(r[0], p);
+  const __m256d y3 = _mm256_permute4x64_pd(d3, YZX), z3 = _mm256_permute4x64_pd(d3, ZXY);
+  const __m256d y0 = _mm256_permute4x64_pd(d0, YZX), z0 = _mm256_permute4x64_pd(d0, ZXY);
+  // c03 = d0 x d3 serves faces 1 and 2.
+  const __m256d c03 = _mm256_sub_pd(_mm256_mul_pd(y0, z3), _mm256_mul_pd(z0, y3));
+  const __m256d d1 = _mm256_sub_pd(r[1], p), d2 = _mm256_sub_pd(r[2], p);
+  const __m256d y2 = _mm256_permute4x64_pd(d2, YZX), z2 = _mm256_permute4x64_pd(d2, ZXY);
+  const __m256d c23 = _mm256_sub_pd(_mm256_mul_pd(y2, z3), _mm256_mul_pd(z2, y3));
+  const __m256d y1 = _mm256_permute4x64_pd(d1, YZX), z1 = _mm256_permute4x64_pd(d1, ZXY);
+  const __m256d c10 = _mm256_sub_pd(_mm256_mul_pd(y1, z0), _mm256_mul_pd(z1, y0));
+  // Lanes of h01: d1.c23's x + y, d2.c03's x + y, then their z + 0.0; likewise h23 for d1.c03
+  // and d2.c10.
+  const __m256d h01 = _mm256_hadd_pd(_mm256_mul_pd(d1, c23), _mm256_mul_pd(d2, c03));
+  const __m256d h23 = _mm256_hadd_pd(_mm256_mul_pd(d1, c03), _mm256_mul_pd(d2, c10));
+  const __m256d D = _mm256_xor_pd(
+      _mm256_add_pd(_mm256_permute2f128_pd(h01, h23, 0x20), _mm256_permute2f128_pd(h01, h23, 0x31)),
+      turn);
+  return _mm256_movemask_pd(_mm256_cmp_pd(D, limit, _CMP_GT_OQ));
+}
+
 using avx_lanes::inverse_rows;
 using avx_lanes::load3;
 using avx_lanes::refined_solution;
@@ -494,10 +522,13 @@ VOXFILL_AVX2 inline double lane_volume(const __m256d* r, __m256d& a, __m256d& b,
          _mm_cvtsd_f64(_mm256_extractf128_pd(abc, 1));
 }
 
+// The walk; with `keep`, the tet found is kept in `memo` when there is one and P's weights go to
+// `w` when it is not null; without, both are null.
+template <bool keep>
 VOXFILL_AVX2 int walk_avx2(const flat_table<double>& xyz_in, const flat_table<unsigned>& tets_in,
                            const flat_table<unsigned>& neighbors_in, unsigned steps,
                            const double* P, unsigned& t, double tol, bit_source& bits, double* w,
-                           walk_memo* memo = nullptr) noexcept {
+                           walk_memo* memo) noexcept {
   const flat_table<double> xyz = xyz_in;
   const flat_table<unsigned> tets = tets_in, neighbors = neighbors_in;
   static_assert(
@@ -506,6 +537,7 @@ VOXFILL_AVX2 int walk_avx2(const flat_table<double>& xyz_in, const flat_table<un
       tet_face_nodes[2][0] == 1 && tet_face_nodes[2][1] == 3 && tet_face_nodes[2][2] == 0 &&
       tet_face_nodes[3][0] == 2 && tet_face_nodes[3][1] == 1 && tet_face_nodes[3][2] == 0);
   const __m256d p[3] = {_mm256_set1_pd(P[0]), _mm256_set1_pd(P[1]), _mm256_set1_pd(P[2])};
+  const __m256d prow = avx_lanes::load3(P);
   const __m256d turn = _mm256_set_pd(0.0, -0.0, 0.0, 0.0);
   // The tet and the bit source's state in locals, which the stores of the step can't alias: they
   // stay in registers and go back at each exit. The draws are bits.next()'s, in the same order.
@@ -525,34 +557,47 @@ VOXFILL_AVX2 int walk_avx2(const flat_table<double>& xyz_in, const flat_table<un
     word >>= bit_source::bits_per_draw;
     --left;
     const unsigned* n = tets.col(cur);
-    const double* q[4] = {xyz.col(n[0]), xyz.col(n[1]), xyz.col(n[2]), xyz.col(n[3])};
-    __m256d r[4], a, b, c;
-    node_rows(q, r);
+    __m256d r[4];
+    {
+      const double* q[4] = {xyz.col(n[0]), xyz.col(n[1]), xyz.col(n[2]), xyz.col(n[3])};
+      node_rows(q, r);
+    }
+    __m256d a, b, c;
     const double V = lane_volume(r, a, b, c);
     if (!(V > 0.0 && std::isfinite(V))) {
       leave(NONE);
       return -1;
     }
-    __m256d x, y, z;
-    node_lanes(r, x, y, z);
-    const int mask = beyond_faces_lanes(x, y, z, p, _mm256_set1_pd(V * tol), turn);
+    // A walk that keeps its tet keeps the nodes by lanes too, which its face tests take; the
+    // other walks test the faces from the rows, without the transpose.
+    [[maybe_unused]] __m256d x, y, z;
+    int mask;
+    if constexpr (keep) {
+      node_lanes(r, x, y, z);
+      mask = beyond_faces_lanes(x, y, z, p, _mm256_set1_pd(V * tol), turn);
+    } else {
+      mask = beyond_faces_rows(r, prow, _mm256_set1_pd(V * tol), turn);
+    }
     if (mask == 0) {
       leave(cur);
-      if (memo) {
-        memo->tet = cur;
-        memo->q3 = q[3];
-        _mm256_store_pd(memo->nodes[0], x);
-        _mm256_store_pd(memo->nodes[1], y);
-        _mm256_store_pd(memo->nodes[2], z);
-        memo->V = V;
-        memo_frame(a, b, c, *memo);
-        if (w) memo_weights(*memo, P, w);
-      } else if (w) {
-        alignas(32) double ea[4], eb[4], ec[4];
-        _mm256_store_pd(ea, a);
-        _mm256_store_pd(eb, b);
-        _mm256_store_pd(ec, c);
-        tet_barycentric_prepared_avx2(ea, eb, ec, q[3], P, w);
+      if constexpr (keep) {
+        const double* q3 = xyz.col(n[3]);
+        if (memo) {
+          memo->tet = cur;
+          memo->q3 = q3;
+          _mm256_store_pd(memo->nodes[0], x);
+          _mm256_store_pd(memo->nodes[1], y);
+          _mm256_store_pd(memo->nodes[2], z);
+          memo->V = V;
+          memo_frame(a, b, c, *memo);
+          if (w) memo_weights(*memo, P, w);
+        } else if (w) {
+          alignas(32) double ea[4], eb[4], ec[4];
+          _mm256_store_pd(ea, a);
+          _mm256_store_pd(eb, b);
+          _mm256_store_pd(ec, c);
+          tet_barycentric_prepared_avx2(ea, eb, ec, q3, P, w);
+        }
       }
       return 1;
     }
@@ -606,7 +651,7 @@ inline bool start_tet(node_locator& loc, const double* P, unsigned& t) noexcept 
   }
   const flat_table<double> xyz(loc.nodes->data);
   const flat_table<unsigned> tets(loc.tets->data), neighbors(loc.neighbors->data);
-  if (walk_avx2(xyz, tets, neighbors, steps, P, t, tol, bits, w, &memo) == 1) return true;
+  if (walk_avx2<true>(xyz, tets, neighbors, steps, P, t, tol, bits, w, &memo) == 1) return true;
   t = NONE;
   return false;
 }
@@ -658,7 +703,9 @@ int walk_tables(const dense2D<double>& xyz_table, const slot_table<unsigned>& te
   const flat_table<unsigned> tets(tets_table.data), neighbors(neighbors_table.data);
   const unsigned steps = tets_table.cols();
 #if VOXFILL_WALK_AVX2
-  if (has_avx2) return walk_avx2(xyz, tets, neighbors, steps, P, t, tol, bits, w);
+  if (has_avx2)
+    return w ? walk_avx2<true>(xyz, tets, neighbors, steps, P, t, tol, bits, w, nullptr)
+             : walk_avx2<false>(xyz, tets, neighbors, steps, P, t, tol, bits, nullptr, nullptr);
 #endif
   return walk_scalar(xyz, tets, neighbors, steps, P, t, tol, bits, w);
 }
