@@ -525,10 +525,12 @@ VOXFILL_AVX2 inline double lane_volume(const __m256d* r, __m256d& a, __m256d& b,
 // The walk; with `keep`, the tet found is kept in `memo` when there is one and P's weights go to
 // `w` when it is not null; without, both are null.
 template <bool keep>
-VOXFILL_AVX2 int walk_avx2(const flat_table<double>& xyz_in, const flat_table<unsigned>& tets_in,
-                           const flat_table<unsigned>& neighbors_in, unsigned steps,
-                           const double* P, unsigned& t, double tol, bit_source& bits, double* w,
-                           walk_memo* memo) noexcept {
+[[gnu::always_inline]] VOXFILL_AVX2 inline int walk_avx2(const flat_table<double>& xyz_in,
+                                                         const flat_table<unsigned>& tets_in,
+                                                         const flat_table<unsigned>& neighbors_in,
+                                                         unsigned steps, const double* P,
+                                                         unsigned& t, double tol, bit_source& bits,
+                                                         double* w, walk_memo* memo) noexcept {
   const flat_table<double> xyz = xyz_in;
   const flat_table<unsigned> tets = tets_in, neighbors = neighbors_in;
   static_assert(
@@ -680,6 +682,15 @@ VOXFILL_AVX2 bool locate_memo_avx2(node_locator& loc, const double* P, unsigned&
 #endif
 
 #if VOXFILL_WALK_AVX2
+// The walks of walk_tables, with the weights or without.
+VOXFILL_AVX2 int walk_tables_avx2(const flat_table<double>& xyz, const flat_table<unsigned>& tets,
+                                  const flat_table<unsigned>& neighbors, unsigned steps,
+                                  const double* P, unsigned& t, double tol, bit_source& bits,
+                                  double* w) noexcept {
+  return w ? walk_avx2<true>(xyz, tets, neighbors, steps, P, t, tol, bits, w, nullptr)
+           : walk_avx2<false>(xyz, tets, neighbors, steps, P, t, tol, bits, nullptr, nullptr);
+}
+
 // locate_side by the tests of a walk step, which give the scalar bits.
 VOXFILL_AVX2 int locate_side_avx2(const double* const* q, const double* P, double tol,
                                   unsigned start) noexcept {
@@ -703,9 +714,7 @@ int walk_tables(const dense2D<double>& xyz_table, const slot_table<unsigned>& te
   const flat_table<unsigned> tets(tets_table.data), neighbors(neighbors_table.data);
   const unsigned steps = tets_table.cols();
 #if VOXFILL_WALK_AVX2
-  if (has_avx2)
-    return w ? walk_avx2<true>(xyz, tets, neighbors, steps, P, t, tol, bits, w, nullptr)
-             : walk_avx2<false>(xyz, tets, neighbors, steps, P, t, tol, bits, nullptr, nullptr);
+  if (has_avx2) return walk_tables_avx2(xyz, tets, neighbors, steps, P, t, tol, bits, w);
 #endif
   return walk_scalar(xyz, tets, neighbors, steps, P, t, tol, bits, w);
 }
