@@ -10,6 +10,10 @@
 #include "delaunay/lanes_avx.h"
 #include "delaunay/tet_tables.h"
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 // The four face tests of a walk step in four lanes where the processor has AVX2, chosen when the
 // program runs.
 #if defined(__x86_64__) && (defined(__GNUC__) || defined(__clang__))
@@ -100,20 +104,29 @@ bool walk_ball(const mesh_store& m, unsigned node, unsigned start, dense1D<unsig
 
 }  // namespace
 
-bool ball_of_node(mesh_store& m, unsigned node, unsigned start, dense1D<unsigned>& out) noexcept {
-  out.clear();
-  if (start == NONE && node < m.ancestors.size) start = m.ancestors[node];
-  if (start == NONE) return false;
-  const unsigned mv = m.bump_marks();
-  // The walk of walk_ball over raw views: room for a tet's pushes is made before it is visited,
-  // so that the pushes themselves need no checks. The order and the marks are walk_ball's.
-  dense1D<unsigned>& stack = m.work_stack;
-  stack.clear();
-  unsigned* mk = m.marks.data();
-  const unsigned msize = m.marks.size;
-  const unsigned* tets = m.tets.data.vec->data + m.tets.data.offset;
-  const unsigned* nbs = m.neighbors.data.vec->data + m.neighbors.data.offset;
-  const std::size_t tld = m.tets.data.ld, nld = m.neighbors.data.ld;
+namespace {
+
+// Bit i set when node i of the tet `n` is `node`.
+inline unsigned node_bits(const unsigned* n, unsigned node) noexcept {
+#if defined(__SSE2__)
+  const __m128i eq = _mm_cmpeq_epi32(_mm_loadu_si128(reinterpret_cast<const __m128i*>(n)),
+                                     _mm_set1_epi32(int(node)));
+  return unsigned(_mm_movemask_ps(_mm_castsi128_ps(eq)));
+#else
+  return unsigned(n[0] == node) | unsigned(n[1] == node) << 1 | unsigned(n[2] == node) << 2 |
+         unsigned(n[3] == node) << 3;
+#endif
+}
+
+// The walk of ball_of_node over raw views, rows `stride` apart in both tables (0: tld and nld).
+// Room for a tet's pushes is made before it is visited, so that the pushes themselves need no
+// checks. Every tet has its mark entry (the store covers the marks of each tet it makes), so a
+// mark is read without a bound. A tet that holds the node once leaves by the three faces at the
+// node, from the last down, as the scan over its four faces does.
+template <unsigned stride>
+bool ball_walk(const unsigned* tets, std::size_t tld, const unsigned* nbs, std::size_t nld,
+               unsigned* mk, unsigned mv, unsigned node, unsigned start, dense1D<unsigned>& stack,
+               dense1D<unsigned>& out) noexcept {
   if (!stack.reserve(8) || !out.reserve(8)) return false;
   unsigned* st = stack.data();
   unsigned* o = out.data();
@@ -133,15 +146,29 @@ bool ball_of_node(mesh_store& m, unsigned node, unsigned start, dense1D<unsigned
       room_s = stack.vec->capacity - stack.offset;
       room_o = out.vec->capacity - out.offset;
     }
-    const unsigned* n = tets + tld * t;
-    const unsigned* nb4 = nbs + nld * t;
+    const unsigned* n = tets + (stride ? std::size_t(stride) * t : tld * t);
+    const unsigned* nb4 = nbs + (stride ? std::size_t(stride) * t : nld * t);
     o[no++] = t;
+    const unsigned at = node_bits(n, node);
+    if (at == 1 || at == 2 || at == 4 || at == 8) {
+      for (unsigned k = 4; k-- > 0;) {
+        if (at >> k & 1) continue;
+        const unsigned nb = nb4[k];
+        if (nb == NONE) {
+          closed = false;
+        } else if (mk[nb] != mv) {
+          mk[nb] = mv;
+          st[ns++] = nb;
+        }
+      }
+      continue;
+    }
     for (unsigned k = 4; k-- > 0;) {
       if (n[k] == node) continue;
       const unsigned nb = nb4[k];
-      if (nb == NONE)
+      if (nb == NONE) {
         closed = false;
-      else if (!(nb < msize && mk[nb] == mv)) {
+      } else if (mk[nb] != mv) {
         mk[nb] = mv;
         st[ns++] = nb;
       }
@@ -150,6 +177,24 @@ bool ball_of_node(mesh_store& m, unsigned node, unsigned start, dense1D<unsigned
   stack.size = 0;
   out.size = no;
   return closed;
+}
+
+}  // namespace
+
+bool ball_of_node(mesh_store& m, unsigned node, unsigned start, dense1D<unsigned>& out) noexcept {
+  out.clear();
+  if (start == NONE && node < m.ancestors.size) start = m.ancestors[node];
+  if (start == NONE) return false;
+  const unsigned mv = m.bump_marks();
+  dense1D<unsigned>& stack = m.work_stack;
+  stack.clear();
+  unsigned* mk = m.marks.data();
+  const unsigned* tets = m.tets.data.vec->data + m.tets.data.offset;
+  const unsigned* nbs = m.neighbors.data.vec->data + m.neighbors.data.offset;
+  const std::size_t tld = m.tets.data.ld, nld = m.neighbors.data.ld;
+  if (tld == 4 && nld == 4)
+    return ball_walk<4>(tets, tld, nbs, nld, mk, mv, node, start, stack, out);
+  return ball_walk<0>(tets, tld, nbs, nld, mk, mv, node, start, stack, out);
 }
 
 bool ball_of_node_unmarked(const mesh_store& m, unsigned node, unsigned start,
