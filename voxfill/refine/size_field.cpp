@@ -58,11 +58,14 @@ bool in_domain(const size_field& field, unsigned t) noexcept {
 
 // The tet holding P over the field's own tables and with its own random bits, so that a
 // background mesh is walked like the mesh itself. With `w`, also P's weights in it.
+// The look-up checks the tables itself; a field whose tables are not all bound leaves t as it was.
 bool locate_in_field(size_field& field, const double* P, unsigned& t, double* w = nullptr,
                      walk_memo* memo = nullptr) noexcept {
-  if (!bound(field.locator)) return false;
-  if (memo) return locate_tet(field.locator, P, t, LOCATE_TOL, field.walk_bits, w, *memo);
-  return locate_tet(field.locator, P, t, LOCATE_TOL, field.walk_bits, w);
+  const unsigned t0 = t;
+  const bool found = memo ? locate_tet(field.locator, P, t, LOCATE_TOL, field.walk_bits, w, *memo)
+                          : locate_tet(field.locator, P, t, LOCATE_TOL, field.walk_bits, w);
+  if (!found && !bound(field.locator)) t = t0;
+  return found;
 }
 
 // The tets around `node` into field.ball, depth first from its ancestor.
