@@ -231,8 +231,9 @@ namespace {
     tet_barycentric(field.locator.nodes->data, n[0], n[1], n[2], n[3], P, w);
   }
   if (!sized) return false;
-  const dense1D<double>& s = field.sizes;
-  if (n[0] >= s.size || n[1] >= s.size || n[2] >= s.size || n[3] >= s.size) return false;
+  const unsigned count = field.sizes.size;
+  if (n[0] >= count || n[1] >= count || n[2] >= count || n[3] >= count) return false;
+  const double* s = field.sizes.data();
   const double s3 = s[n[3]];
   h = s3 + (s[n[2]] - s3) * w[2] + (s[n[1]] - s3) * w[1] + (s[n[0]] - s3) * w[0];
   return h > 0.0 && h < DBL_MAX;
