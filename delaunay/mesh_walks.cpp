@@ -631,6 +631,7 @@ template <bool keep>
         const double* q3 = xyz.col(n[3]);
         if (memo) {
           memo->tet = cur;
+          memo->row = n;
           memo->q3 = q3;
           _mm256_store_pd(memo->nodes[0], x);
           _mm256_store_pd(memo->nodes[1], y);

@@ -80,14 +80,15 @@ bool locate_tet(node_locator& loc, const double* P, unsigned& t, double tol,
 bool locate_tet(node_locator& loc, const double* P, unsigned& t, double tol, bit_source& bits,
                 double* w) noexcept;
 
-// What a walk keeps of the tet it ended in, for the next look-up nearby: the tet, its nodes, its
-// determinant and the rows of its inverse. A walk that starts in that tet again tests its faces
-// and solves for the weights without working these out anew, with the same bits and the same
-// random draws. Filled only by the AVX2 walk; valid only while the mesh and its coordinates stay
-// as they are; `tet` is NONE for an empty memo.
+// What a walk keeps of the tet it ended in, for the next look-up nearby: the tet, its row of nodes,
+// their coordinates, its determinant and the rows of its inverse. A walk that starts in that tet
+// again tests its faces and solves for the weights without working these out anew, with the same
+// bits and the same random draws. Filled only by the AVX2 walk; valid only while the mesh and its
+// coordinates stay as they are; `tet` is NONE for an empty memo.
 struct walk_memo {
   unsigned tet = NONE;
-  const double* q3 = nullptr;  // the tet's fourth node
+  const unsigned* row = nullptr;  // the tet's nodes, in the table of tets
+  const double* q3 = nullptr;     // the tet's fourth node
   double V = 0.0, det = 0.0;
   alignas(32) double nodes[3][4];  // x, y and z of the tet's nodes, node i in lane i
   alignas(32) double cols[3][4];

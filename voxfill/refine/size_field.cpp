@@ -218,7 +218,8 @@ namespace {
   h = 0.0;
   double w[3];
   if (!locate_in_field(field, P, tet, sized ? w : nullptr, memo)) return false;
-  const unsigned* n = field.locator.tets->row(tet);
+  // A look-up through the memo ends in the memo's tet, whose row it keeps.
+  const unsigned* n = memo && tet == memo->tet ? memo->row : field.locator.tets->row(tet);
   if (!in_domain(field, tet)) {
     if (!sized) tet_barycentric(field.locator.nodes->data, n[0], n[1], n[2], n[3], P, w);
     // Clearly inside an outside tet: no size here. On its skin: the tet of the domain beside it.
