@@ -704,23 +704,24 @@ inline bool start_tet(node_locator& loc, const double* P, unsigned& t) noexcept 
   return false;
 }
 
-// A new word for a bit source whose word is used up, as bits.next() draws it.
-[[gnu::noinline]] void refill(bit_source& bits) noexcept {
-  bits.word_left = unsigned(bits.generator());
-  bits.count_left = bit_source::draws_per_word;
+// memo_weights out of line, for a tail call that keeps the look-up's common case without a frame.
+[[gnu::noinline]] VOXFILL_AVX2 bool memo_hit_weights(const walk_memo& memo, const double* P,
+                                                     double* w) noexcept {
+  memo_weights(memo, P, w);
+  return true;
 }
 
 // locate_memo_walk, with the common case first: P in the memo's tet, where the look-up draws its
-// bit and ends without a step. Everything else goes to the walk, which tests the memo again.
+// bit and ends without a step. Everything else goes to the walk, which tests the memo again, and
+// so does a look-up whose bit needs a new word.
 VOXFILL_AVX2 bool locate_memo_avx2(node_locator& loc, const double* P, unsigned& t, double tol,
                                    bit_source& bits, double* w, walk_memo& memo) noexcept {
   if (t == memo.tet && t != NONE && loc.ancestors && loc.nodes && loc.tets && loc.neighbors &&
-      loc.tets->cols() && memo_faces(memo, P, tol) == 0) {
+      loc.tets->cols() && bits.count_left != 0 && memo_faces(memo, P, tol) == 0) {
     // The step's draw, which a walk that ends where it starts never reads.
-    if (bits.count_left == 0) refill(bits);
     bits.word_left >>= bit_source::bits_per_draw;
     --bits.count_left;
-    if (w) memo_weights(memo, P, w);
+    if (w) return memo_hit_weights(memo, P, w);
     return true;
   }
   return locate_memo_walk(loc, P, t, tol, bits, w, memo);
