@@ -394,8 +394,12 @@ bool adjust_apex(size_field& field, const refine_context& c, apex_frame& frame, 
                           quality, memo);
 }
 
-double front_point(th4_engine& e, refine_context& c, unsigned f0, unsigned f1, unsigned f2,
-                   double* P, double& h, unsigned start) noexcept {
+namespace {
+
+// front_point through `memo`, which may hold a tet of the field's mesh from an earlier face: the
+// mesh stays as it is over all faces of a front.
+double front_point_memo(th4_engine& e, refine_context& c, unsigned f0, unsigned f1, unsigned f2,
+                        double* P, double& h, unsigned start, walk_memo& memo) noexcept {
   h = 0.0;
   size_field& field = e.size_field ? *e.size_field : *e.own_size_field;
   const node_locator& loc = field.locator;
@@ -413,8 +417,6 @@ double front_point(th4_engine& e, refine_context& c, unsigned f0, unsigned f1, u
       locate_tet(field.locator, frame.col(i), frame_tets[i], LOCATE_TOL, field.walk_bits);
   }
   frame_tets[3] = start != NONE ? start : frame_tets[2];
-  // The mesh stays as it is over all heights of the face.
-  walk_memo memo;
   double height_factor = 1.0;
   double quality = 0.0;
   bool found = false;
@@ -427,6 +429,14 @@ double front_point(th4_engine& e, refine_context& c, unsigned f0, unsigned f1, u
   for (unsigned k = 0; k < 3; ++k) P[k] = frame(k, 3);
   h = frame_sizes[3];
   return -orient_det(frame.col(0), frame.col(1), frame.col(2), frame.col(3));
+}
+
+}  // namespace
+
+double front_point(th4_engine& e, refine_context& c, unsigned f0, unsigned f1, unsigned f2,
+                   double* P, double& h, unsigned start) noexcept {
+  walk_memo memo;
+  return front_point_memo(e, c, f0, f1, f2, P, h, start, memo);
 }
 
 void place_candidates(th4_engine& e, refine_context& c, dense2D<double>& points,
@@ -442,13 +452,15 @@ void place_candidates(th4_engine& e, refine_context& c, dense2D<double>& points,
   const size_field& field = e.size_field ? *e.size_field : *e.own_size_field;
   const bool own_mesh = &field.locator == &e.locator;
   unsigned count = 0;
+  walk_memo memo;
   for (unsigned k = 0; k < n; ++k) {
     const unsigned code = c.front_faces[k];
     const unsigned t = code >> 2, i = code & 3;
     const unsigned* row = e.tets.row(t);
     const unsigned* fn = tet_face_nodes[i];
     double P[3], h;
-    if (!(front_point(e, c, row[fn[0]], row[fn[1]], row[fn[2]], P, h, own_mesh ? t : NONE) > 0.0))
+    if (!(front_point_memo(e, c, row[fn[0]], row[fn[1]], row[fn[2]], P, h, own_mesh ? t : NONE,
+                           memo) > 0.0))
       continue;
     // A point in a good tet, in another subdomain or out of the mesh is no candidate.
     unsigned u = t;
