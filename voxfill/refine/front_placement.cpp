@@ -198,12 +198,42 @@ void fill_face_lanes(const apex_frame& frame, face_lanes& f) noexcept {
   }
 }
 
-// direct_pulls_avx2 and the quality that tet_quality_wide gives the tet (p0, p1, p2, apex), from
-// the same differences: the squared lengths of the pulls are the quality's first dot products,
-// summed in the same order. The quality is that of tet_quality_wide bit for bit, its doubtful
-// cases by the scalar routine.
-VOXFILL_AVX2 double direct_trial_avx2(const apex_frame& frame, const face_lanes& f, const double* h,
+// log_mean(s[i], s[3]) in lane i for i = 0, 1, 2 with the same operations in the same order;
+// lane 3 comes out as s[3]'s mean with itself, without a logarithm.
+VOXFILL_AVX2 inline __m256d log_means(const double* s) noexcept {
+  const __m256d a = _mm256_loadu_pd(s), b = _mm256_set1_pd(s[3]);
+  const __m256d less = _mm256_cmp_pd(a, b, _CMP_LT_OQ);
+  const __m256d lo = _mm256_blendv_pd(b, a, less), hi = _mm256_blendv_pd(a, b, less);
+  const __m256d r = _mm256_div_pd(_mm256_sub_pd(hi, lo), lo);
+  // The series; halving is exact, as the division by 2.
+  const __m256d x = _mm256_mul_pd(r, _mm256_set1_pd(0.5)), one = _mm256_set1_pd(1.0),
+                third = _mm256_set1_pd(1.0 / 3);
+  __m256d t = _mm256_sub_pd(third, _mm256_mul_pd(_mm256_set1_pd(0.42222222222222217), x));
+  t = _mm256_sub_pd(one, _mm256_mul_pd(_mm256_sub_pd(third, _mm256_mul_pd(t, x)), x));
+  __m256d mean = _mm256_mul_pd(lo, _mm256_add_pd(one, _mm256_mul_pd(x, t)));
+  const int far = _mm256_movemask_pd(_mm256_cmp_pd(r, _mm256_set1_pd(0.1), _CMP_GE_OQ)) & 7;
+  if (far) {
+    // The lanes whose ratio is not near 1 take the logarithm.
+    alignas(32) double rs[4], los[4], out[4];
+    _mm256_store_pd(rs, r);
+    _mm256_store_pd(los, lo);
+    _mm256_store_pd(out, mean);
+    for (unsigned i = 0; i < 3; ++i)
+      if (far >> i & 1) out[i] = los[i] * rs[i] / std::log(1.0 + rs[i]);
+    mean = _mm256_load_pd(out);
+  }
+  return mean;
+}
+
+// The pulls with the lengths over the log means of the sizes of `s` (face nodes, then the apex),
+// and the quality that tet_quality_wide gives the tet (p0, p1, p2, apex), from the same
+// differences: the squared lengths of the pulls are the quality's first dot products, summed in
+// the same order. The quality is that of tet_quality_wide bit for bit, its doubtful cases by the
+// scalar routine.
+VOXFILL_AVX2 double direct_trial_avx2(const apex_frame& frame, const face_lanes& f, const double* s,
                                       double& worst, double& deviation, double* step) noexcept {
+  // The means first: no lanes are live across their calls of the logarithm.
+  const __m256d hv = log_means(s);
   const double* P = frame.col(3);
   const __m256d x = _mm256_sub_pd(_mm256_load_pd(f.x), _mm256_set1_pd(P[0]));
   const __m256d y = _mm256_sub_pd(_mm256_load_pd(f.y), _mm256_set1_pd(P[1]));
@@ -215,7 +245,7 @@ VOXFILL_AVX2 double direct_trial_avx2(const apex_frame& frame, const face_lanes&
                       _mm256_permute4x64_pd(z, ABCB));
   {
     // The pulls: lane 3 only pads, its length taken as 1.
-    const __m256d hv = _mm256_set_pd(1.0, h[2], h[1], h[0]), zero = _mm256_setzero_pd();
+    const __m256d zero = _mm256_setzero_pd();
     const __m256d l = _mm256_blendv_pd(zero, _mm256_div_pd(_mm256_sqrt_pd(S1), hv),
                                        _mm256_cmp_pd(hv, zero, _CMP_GT_OQ));
     pulls_of_lengths(frame, _mm256_blend_pd(l, _mm256_set1_pd(1.0), 8), worst, deviation, step);
@@ -329,15 +359,15 @@ bool adjust_apex_memo(size_field& field, const refine_context& c, apex_frame& fr
     // The frame's tet turns the other way from the bad tet's: the apex stands on its side.
     double q;
     if (field.direct_lengths) {
-      // Over the mesh itself a length is the distance over the log mean of the end sizes.
-      double h[3];
-      for (unsigned i = 0; i < 3; ++i) h[i] = log_mean(frame_sizes[i], frame_sizes[3]);
 #if VOXFILL_PLACE_AVX2
-      if (fused)
-        q = -direct_trial_avx2(frame, lanes, h, worst, deviation, step);
-      else
+      if (fused) {
+        q = -direct_trial_avx2(frame, lanes, frame_sizes, worst, deviation, step);
+      } else
 #endif
       {
+        // Over the mesh itself a length is the distance over the log mean of the end sizes.
+        double h[3];
+        for (unsigned i = 0; i < 3; ++i) h[i] = log_mean(frame_sizes[i], frame_sizes[3]);
         direct_pulls(frame, h, worst, deviation, step);
         q = -tet_quality_wide(frame.col(o[0]), frame.col(o[1]), frame.col(o[2]), frame.col(o[3]));
       }
