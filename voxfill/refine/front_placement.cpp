@@ -3,6 +3,9 @@
 
 #include <cfloat>
 #include <cmath>
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
 
 #include "delaunay/cpu_lanes.h"
 #include "delaunay/geometry.h"
@@ -55,6 +58,7 @@ struct lazy_merit {
   }
 };
 
+#if !defined(__SSE2__)
 // ln(r) for r near 1 by 2 atanh((r - 1) / (r + 1)) to the fifth power; `err` gets a bound on
 // the terms left off and the rounding. False when r is too far from 1 for the bound to be tight.
 bool log_near_one(double r, double& value, double& err) noexcept {
@@ -66,6 +70,27 @@ bool log_near_one(double r, double& value, double& err) noexcept {
   err = 0.31 * std::fabs(u) * (u2 * u2 * u2) + 1e-15 * std::fabs(value) + 1e-15;
   return true;
 }
+#endif
+
+#if defined(__SSE2__)
+// log_near_one of r0 and r1 in the two lanes of one register, the same operations in the same
+// order; false unless both ratios are near enough to 1.
+inline bool log_near_one_pair(__m128d r, __m128d& value, __m128d& err) noexcept {
+  const __m128d one = _mm_set1_pd(1.0), sign = _mm_set1_pd(-0.0);
+  const __m128d u = _mm_div_pd(_mm_sub_pd(r, one), _mm_add_pd(r, one));
+  const __m128d au = _mm_andnot_pd(sign, u);
+  if (_mm_movemask_pd(_mm_cmple_pd(au, _mm_set1_pd(0.25))) != 3) return false;
+  const __m128d u2 = _mm_mul_pd(u, u);
+  value = _mm_mul_pd(_mm_mul_pd(_mm_set1_pd(2.0), u),
+                     _mm_add_pd(one, _mm_mul_pd(u2, _mm_add_pd(_mm_set1_pd(1.0 / 3.0),
+                                                               _mm_mul_pd(u2, _mm_set1_pd(0.2))))));
+  err = _mm_add_pd(
+      _mm_add_pd(_mm_mul_pd(_mm_mul_pd(_mm_set1_pd(0.31), au), _mm_mul_pd(_mm_mul_pd(u2, u2), u2)),
+                 _mm_mul_pd(_mm_set1_pd(1e-15), _mm_andnot_pd(sign, value))),
+      _mm_set1_pd(1e-15));
+  return true;
+}
+#endif
 
 // Whether blend(worst, q) < blend(b.worst, b.q). The blend is worst^(1 - w) q^w, so the sign of
 // (1 - w) ln(worst / b.worst) + w ln(q / b.q) decides it wherever that stands clear of the
@@ -74,6 +99,18 @@ bool log_near_one(double r, double& value, double& err) noexcept {
 bool merit_below(double worst, double q, lazy_merit& b, double w, lazy_merit& m) noexcept {
   if (w > 0.0 && w < 1.0 && worst > 0.0 && b.worst > 0.0 && q > 0.0 && b.q > 0.0 && worst <= 1.0 &&
       b.worst <= 1.0 && q <= 1.0 && b.q <= 1.0) {
+#if defined(__SSE2__)
+    // Both logarithms in two lanes; the weighted sums as the scalar terms, lane 0 first.
+    __m128d l, e;
+    if (log_near_one_pair(_mm_div_pd(_mm_set_pd(q, worst), _mm_set_pd(b.q, b.worst)), l, e)) {
+      const __m128d wv = _mm_set_pd(w, 1.0 - w);
+      const __m128d dl = _mm_mul_pd(wv, l), de = _mm_mul_pd(wv, e);
+      const double d = _mm_cvtsd_f64(dl) + _mm_cvtsd_f64(_mm_unpackhi_pd(dl, dl));
+      const double err = (_mm_cvtsd_f64(de) + _mm_cvtsd_f64(_mm_unpackhi_pd(de, de))) + 1e-13;
+      if (d > err) return false;
+      if (d < -err) return true;
+    }
+#else
     double l1, e1, l2, e2;
     if (log_near_one(worst / b.worst, l1, e1) && log_near_one(q / b.q, l2, e2)) {
       const double d = (1.0 - w) * l1 + w * l2;
@@ -81,6 +118,7 @@ bool merit_below(double worst, double q, lazy_merit& b, double w, lazy_merit& m)
       if (d > e) return false;
       if (d < -e) return true;
     }
+#endif
   }
   m.value = blend(worst, q, w);
   m.known = true;
