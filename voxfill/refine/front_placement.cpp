@@ -75,7 +75,8 @@ bool log_near_one(double r, double& value, double& err) noexcept {
 #if defined(__SSE2__)
 // log_near_one of r0 and r1 in the two lanes of one register, the same operations in the same
 // order; false unless both ratios are near enough to 1.
-inline bool log_near_one_pair(__m128d r, __m128d& value, __m128d& err) noexcept {
+[[gnu::always_inline]] inline bool log_near_one_pair(__m128d r, __m128d& value,
+                                                     __m128d& err) noexcept {
   const __m128d one = _mm_set1_pd(1.0), sign = _mm_set1_pd(-0.0);
   const __m128d u = _mm_div_pd(_mm_sub_pd(r, one), _mm_add_pd(r, one));
   const __m128d au = _mm_andnot_pd(sign, u);
@@ -96,7 +97,8 @@ inline bool log_near_one_pair(__m128d r, __m128d& value, __m128d& err) noexcept 
 // (1 - w) ln(worst / b.worst) + w ln(q / b.q) decides it wherever that stands clear of the
 // rounding of both blends (a few units in the last place); elsewhere the powers are taken. `m`
 // gets the merit of (worst, q) when it was worked out.
-bool merit_below(double worst, double q, lazy_merit& b, double w, lazy_merit& m) noexcept {
+[[gnu::always_inline]] inline bool merit_below(double worst, double q, lazy_merit& b, double w,
+                                               lazy_merit& m) noexcept {
   if (w > 0.0 && w < 1.0 && worst > 0.0 && b.worst > 0.0 && q > 0.0 && b.q > 0.0 && worst <= 1.0 &&
       b.worst <= 1.0 && q <= 1.0 && b.q <= 1.0) {
 #if defined(__SSE2__)
@@ -368,55 +370,26 @@ double first_apex(const apex_frame& frame, const double* frame_sizes, const unsi
 
 namespace {
 
-// adjust_apex with the memo of the apex's walks, kept over the heights of one face.
-bool adjust_apex_memo(size_field& field, const refine_context& c, apex_frame& frame,
-                      double* frame_sizes, unsigned* frame_tets, double height_factor,
-                      double shape_weight, double& quality, walk_memo& memo) noexcept {
+// The moves of the apex from its first position, whose size the frame holds: `trial` gives the
+// quality of the frame's tet, the worst size fit, the largest deviation and the move, or false
+// when the lengths can't be traced. Written once for the plain trials and the lanes.
+template <class Trial>
+[[gnu::always_inline]] inline bool move_apex(size_field& field, apex_frame& frame,
+                                             double* frame_sizes, unsigned* frame_tets,
+                                             double shape_weight, double& quality, walk_memo& memo,
+                                             Trial& trial) noexcept {
   double* P = frame.col(3);
-  first_apex(frame, frame_sizes, c.face_order, height_factor, shape_weight, P);
-  // A walk from beside the face is short; without a start the locator's tree is searched.
-  if (frame_tets[3] == NONE) frame_tets[3] = frame_tets[2];
-  if (!field_size_at(field, P, frame_tets[3], frame_sizes[3], memo)) return false;
-  const unsigned* o = c.tet_order;
   lazy_merit best;
   double best_worst = 0.0;
   // Only the apex moves: the face and its sizes stay as they are.
   double saved[3] = {0.0, 0.0, 0.0}, saved_size = 0.0;
   bool kept = false;
   bool go = true;
-#if VOXFILL_PLACE_AVX2
-  // In the plain order of the frame the face's lanes serve every trial.
-  const bool fused =
-      has_avx2 && field.direct_lengths && o[0] == 0 && o[1] == 1 && o[2] == 2 && o[3] == 3;
-  face_lanes lanes;
-  if (fused) fill_face_lanes(frame, lanes);
-#endif
   for (unsigned k = 0; k < ITERATIONS && go; ++k) {
-    double L[3];
     double worst, deviation, step[3];
     // The frame's tet turns the other way from the bad tet's: the apex stands on its side.
     double q;
-    if (field.direct_lengths) {
-#if VOXFILL_PLACE_AVX2
-      if (fused) {
-        q = -direct_trial_avx2(frame, lanes, frame_sizes, worst, deviation, step);
-      } else
-#endif
-      {
-        // Over the mesh itself a length is the distance over the log mean of the end sizes.
-        double h[3];
-        for (unsigned i = 0; i < 3; ++i) h[i] = log_mean(frame_sizes[i], frame_sizes[3]);
-        direct_pulls(frame, h, worst, deviation, step);
-        q = -tet_quality_wide(frame.col(o[0]), frame.col(o[1]), frame.col(o[2]), frame.col(o[3]));
-      }
-    } else {
-      bool traced = true;
-      for (unsigned i = 0; i < 3 && traced; ++i)
-        traced = apex_edge_length(field, frame, frame_sizes, frame_tets, i, L[i]);
-      if (!traced) break;
-      edge_pulls(frame, L, worst, deviation, step);
-      q = -tet_quality_wide(frame.col(o[0]), frame.col(o[1]), frame.col(o[2]), frame.col(o[3]));
-    }
+    if (!trial(q, worst, deviation, step)) break;
     if (q < FLAT) break;
     // While the size fit is poor and getting better, better size beats merit: a new start, which
     // keeps this position whatever its merit.
@@ -450,6 +423,71 @@ bool adjust_apex_memo(size_field& field, const refine_context& c, apex_frame& fr
   for (unsigned d = 0; d < 3; ++d) P[d] = saved[d];
   frame_sizes[3] = saved_size;
   return true;
+}
+
+// A trial by the lengths in the field and tet_quality_wide in the order of the context.
+struct plain_trial {
+  size_field& field;
+  apex_frame& frame;
+  double* frame_sizes;
+  unsigned* frame_tets;
+  const unsigned* o;
+  bool operator()(double& q, double& worst, double& deviation, double* step) noexcept {
+    if (field.direct_lengths) {
+      // Over the mesh itself a length is the distance over the log mean of the end sizes.
+      double h[3];
+      for (unsigned i = 0; i < 3; ++i) h[i] = log_mean(frame_sizes[i], frame_sizes[3]);
+      direct_pulls(frame, h, worst, deviation, step);
+    } else {
+      double L[3];
+      for (unsigned i = 0; i < 3; ++i)
+        if (!apex_edge_length(field, frame, frame_sizes, frame_tets, i, L[i])) return false;
+      edge_pulls(frame, L, worst, deviation, step);
+    }
+    q = -tet_quality_wide(frame.col(o[0]), frame.col(o[1]), frame.col(o[2]), frame.col(o[3]));
+    return true;
+  }
+};
+
+#if VOXFILL_PLACE_AVX2
+// A trial of the direct lengths by the face's lanes, in the plain order of the frame.
+struct lane_trial {
+  const apex_frame& frame;
+  const double* frame_sizes;
+  face_lanes lanes;
+  VOXFILL_AVX2 bool operator()(double& q, double& worst, double& deviation, double* step) noexcept {
+    q = -direct_trial_avx2(frame, lanes, frame_sizes, worst, deviation, step);
+    return true;
+  }
+};
+
+// move_apex with the lane trials, the whole loop in one body with the lanes.
+VOXFILL_AVX2 bool move_apex_lanes(size_field& field, apex_frame& frame, double* frame_sizes,
+                                  unsigned* frame_tets, double shape_weight, double& quality,
+                                  walk_memo& memo) noexcept {
+  lane_trial trial{frame, frame_sizes, {}};
+  fill_face_lanes(frame, trial.lanes);
+  return move_apex(field, frame, frame_sizes, frame_tets, shape_weight, quality, memo, trial);
+}
+#endif
+
+// adjust_apex with the memo of the apex's walks, kept over the heights of one face.
+bool adjust_apex_memo(size_field& field, const refine_context& c, apex_frame& frame,
+                      double* frame_sizes, unsigned* frame_tets, double height_factor,
+                      double shape_weight, double& quality, walk_memo& memo) noexcept {
+  double* P = frame.col(3);
+  first_apex(frame, frame_sizes, c.face_order, height_factor, shape_weight, P);
+  // A walk from beside the face is short; without a start the locator's tree is searched.
+  if (frame_tets[3] == NONE) frame_tets[3] = frame_tets[2];
+  if (!field_size_at(field, P, frame_tets[3], frame_sizes[3], memo)) return false;
+  const unsigned* o = c.tet_order;
+#if VOXFILL_PLACE_AVX2
+  // In the plain order of the frame the face's lanes serve every trial.
+  if (has_avx2 && field.direct_lengths && o[0] == 0 && o[1] == 1 && o[2] == 2 && o[3] == 3)
+    return move_apex_lanes(field, frame, frame_sizes, frame_tets, shape_weight, quality, memo);
+#endif
+  plain_trial trial{field, frame, frame_sizes, frame_tets, o};
+  return move_apex(field, frame, frame_sizes, frame_tets, shape_weight, quality, memo, trial);
 }
 
 }  // namespace
