@@ -99,12 +99,16 @@ bool log_near_one(double r, double& value, double& err) noexcept {
 // gets the merit of (worst, q) when it was worked out.
 [[gnu::always_inline]] inline bool merit_below(double worst, double q, lazy_merit& b, double w,
                                                lazy_merit& m) noexcept {
-  if (w > 0.0 && w < 1.0 && worst > 0.0 && b.worst > 0.0 && q > 0.0 && b.q > 0.0 && worst <= 1.0 &&
-      b.worst <= 1.0 && q <= 1.0 && b.q <= 1.0) {
 #if defined(__SSE2__)
-    // Both logarithms in two lanes; the weighted sums as the scalar terms, lane 0 first.
+  // The new pair and the best in two lanes each: the range tests by four compares, then both
+  // logarithms; the weighted sums as the scalar terms, lane 0 first.
+  const __m128d a = _mm_set_pd(q, worst), c = _mm_set_pd(b.q, b.worst);
+  const __m128d zero = _mm_setzero_pd(), one = _mm_set1_pd(1.0);
+  const __m128d in = _mm_and_pd(_mm_and_pd(_mm_cmpgt_pd(a, zero), _mm_cmple_pd(a, one)),
+                                _mm_and_pd(_mm_cmpgt_pd(c, zero), _mm_cmple_pd(c, one)));
+  if (w > 0.0 && w < 1.0 && _mm_movemask_pd(in) == 3) {
     __m128d l, e;
-    if (log_near_one_pair(_mm_div_pd(_mm_set_pd(q, worst), _mm_set_pd(b.q, b.worst)), l, e)) {
+    if (log_near_one_pair(_mm_div_pd(a, c), l, e)) {
       const __m128d wv = _mm_set_pd(w, 1.0 - w);
       const __m128d dl = _mm_mul_pd(wv, l), de = _mm_mul_pd(wv, e);
       const double d = _mm_cvtsd_f64(dl) + _mm_cvtsd_f64(_mm_unpackhi_pd(dl, dl));
@@ -112,7 +116,10 @@ bool log_near_one(double r, double& value, double& err) noexcept {
       if (d > err) return false;
       if (d < -err) return true;
     }
+  }
 #else
+  if (w > 0.0 && w < 1.0 && worst > 0.0 && b.worst > 0.0 && q > 0.0 && b.q > 0.0 && worst <= 1.0 &&
+      b.worst <= 1.0 && q <= 1.0 && b.q <= 1.0) {
     double l1, e1, l2, e2;
     if (log_near_one(worst / b.worst, l1, e1) && log_near_one(q / b.q, l2, e2)) {
       const double d = (1.0 - w) * l1 + w * l2;
@@ -120,8 +127,8 @@ bool log_near_one(double r, double& value, double& err) noexcept {
       if (d > e) return false;
       if (d < -e) return true;
     }
-#endif
   }
+#endif
   m.value = blend(worst, q, w);
   m.known = true;
   return m.value < b.get(w);
