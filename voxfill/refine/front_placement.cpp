@@ -190,10 +190,9 @@ VOXFILL_AVX2 inline __m256d load3(const double* p) noexcept {
   return _mm256_insertf128_pd(_mm256_castpd128_pd256(_mm_loadu_pd(p)), _mm_load_sd(p + 2), 1);
 }
 
-// edge_pulls_scalar with edge i in lane i, then with coordinate d in lane d for the move: the
-// scalar operations one for one and in the same order (nothing fused).
-VOXFILL_AVX2 inline void pulls_of_lengths(const apex_frame& frame, __m256d l, double& worst,
-                                          double& deviation, double* step) noexcept {
+// edge_pulls_scalar with edge i in lane i: the worst fit, the largest deviation and the pull
+// factors by lanes, the scalar operations one for one and in the same order (nothing fused).
+VOXFILL_AVX2 inline __m256d pull_factors(__m256d l, double& worst, double& deviation) noexcept {
   const __m256d one = _mm256_set1_pd(1.0);
   const __m256d inv = _mm256_div_pd(one, l);
   const __m256d r = _mm256_blendv_pd(inv, l, _mm256_cmp_pd(l, one, _CMP_LE_OQ));
@@ -215,6 +214,13 @@ VOXFILL_AVX2 inline void pulls_of_lengths(const apex_frame& frame, __m256d l, do
     x = _mm_max_sd(_mm_unpackhi_pd(d01, d01), x);
     deviation = _mm_cvtsd_f64(_mm_max_sd(d2, x));
   }
+  return ci;
+}
+
+// The same with the move, coordinate d in lane d.
+VOXFILL_AVX2 inline void pulls_of_lengths(const apex_frame& frame, __m256d l, double& worst,
+                                          double& deviation, double* step) noexcept {
+  const __m256d ci = pull_factors(l, worst, deviation);
   const __m256d P = load3(frame.col(3));
   __m256d s = _mm256_setzero_pd();
   s = _mm256_add_pd(
@@ -282,20 +288,35 @@ VOXFILL_AVX2 double direct_trial_avx2(const apex_frame& frame, const face_lanes&
   // The means first: no lanes are live across their calls of the logarithm.
   const __m256d hv = log_means(s);
   const double* P = frame.col(3);
-  const __m256d x = _mm256_sub_pd(_mm256_load_pd(f.x), _mm256_set1_pd(P[0]));
-  const __m256d y = _mm256_sub_pd(_mm256_load_pd(f.y), _mm256_set1_pd(P[1]));
-  const __m256d z = _mm256_sub_pd(_mm256_load_pd(f.z), _mm256_set1_pd(P[2]));
+  const __m256d fx = _mm256_load_pd(f.x), fy = _mm256_load_pd(f.y), fz = _mm256_load_pd(f.z);
+  const __m256d Px = _mm256_set1_pd(P[0]), Py = _mm256_set1_pd(P[1]), Pz = _mm256_set1_pd(P[2]);
+  const __m256d x = _mm256_sub_pd(fx, Px), y = _mm256_sub_pd(fy, Py), z = _mm256_sub_pd(fz, Pz);
   constexpr int ABCB = 0 | 1 << 2 | 2 << 4 | 1 << 6;
   // S1 = (L0, L1, L2, dab).
   const __m256d S1 =
       avx_lanes::dot4(x, y, z, _mm256_permute4x64_pd(x, ABCB), _mm256_permute4x64_pd(y, ABCB),
                       _mm256_permute4x64_pd(z, ABCB));
   {
-    // The pulls: lane 3 only pads, its length taken as 1.
+    // The pulls: lane 3 only pads, its length taken as 1, which gives it no pull.
     const __m256d zero = _mm256_setzero_pd();
     const __m256d l = _mm256_blendv_pd(zero, _mm256_div_pd(_mm256_sqrt_pd(S1), hv),
                                        _mm256_cmp_pd(hv, zero, _CMP_GT_OQ));
-    pulls_of_lengths(frame, _mm256_blend_pd(l, _mm256_set1_pd(1.0), 8), worst, deviation, step);
+    const __m256d ci = pull_factors(_mm256_blend_pd(l, _mm256_set1_pd(1.0), 8), worst, deviation);
+    // The move: ci (P - p_i) of edge i in lane i, turned into one row per edge and summed from
+    // 0.0 edge by edge, as the scalar loop sums it.
+    const __m256d mx = _mm256_mul_pd(ci, _mm256_sub_pd(Px, fx));
+    const __m256d my = _mm256_mul_pd(ci, _mm256_sub_pd(Py, fy));
+    const __m256d mz = _mm256_mul_pd(ci, _mm256_sub_pd(Pz, fz));
+    const __m256d xy02 = _mm256_unpacklo_pd(mx, my), xy13 = _mm256_unpackhi_pd(mx, my);
+    const __m256d z02 = _mm256_unpacklo_pd(mz, zero), z13 = _mm256_unpackhi_pd(mz, zero);
+    __m256d m = _mm256_add_pd(zero, _mm256_permute2f128_pd(xy02, z02, 0x20));
+    m = _mm256_add_pd(m, _mm256_permute2f128_pd(xy13, z13, 0x20));
+    m = _mm256_add_pd(m, _mm256_permute2f128_pd(xy02, z02, 0x31));
+    alignas(32) double out[4];
+    _mm256_store_pd(out, m);
+    step[0] = out[0];
+    step[1] = out[1];
+    step[2] = out[2];
   }
   const double q = avx_lanes::tet_quality_of_edges(x, y, z, S1);
   if (q <= 1.0) return q;
