@@ -139,6 +139,16 @@ bool walkable(const size_field& f) noexcept {
   return loc.nodes && loc.tets && loc.neighbors && loc.ancestors;
 }
 
+// The memo of the apex's walks, and what a size in the memo's tet needs besides: whether the
+// field's walks can start there and the tet is in the domain, and its nodes' sizes. Valid while
+// the field's mesh and sizes stay as they are, like the memo.
+struct apex_memo {
+  walk_memo walk;
+  unsigned tet = NONE;  // the tet the fields below describe
+  bool walks = false, in_domain = false, sized = false;
+  double sizes[4] = {0.0, 0.0, 0.0, 0.0};
+};
+
 // Length of the edge from face node i to the apex in the field; false when it can't be traced.
 bool apex_edge_length(size_field& f, const apex_frame& frame, const double* frame_sizes,
                       unsigned* frame_tets, unsigned i, double& L) noexcept {
@@ -400,11 +410,12 @@ namespace {
 
 // The moves of the apex from its first position, whose size the frame holds: `trial` gives the
 // quality of the frame's tet, the worst size fit, the largest deviation and the move, or false
-// when the lengths can't be traced. Written once for the plain trials and the lanes.
+// when the lengths can't be traced; it also makes the apex's look-ups in the field. Written once
+// for the plain trials and the lanes.
 template <class Trial>
-[[gnu::always_inline]] inline bool move_apex(size_field& field, apex_frame& frame,
-                                             double* frame_sizes, unsigned* frame_tets,
-                                             double shape_weight, double& quality, walk_memo& memo,
+[[gnu::always_inline]] inline bool move_apex(apex_frame& frame, double* frame_sizes,
+                                             unsigned* frame_tets, double shape_weight,
+                                             double& quality, apex_memo& memo,
                                              Trial& trial) noexcept {
   double* P = frame.col(3);
   lazy_merit best;
@@ -438,8 +449,8 @@ template <class Trial>
         if (frame_tets[3] == NONE) frame_tets[3] = frame_tets[2];
         // The last move is never measured, but its walk draws the same random bits.
         if (k + 1 == ITERATIONS || !(deviation > 0.02))
-          field_walk(field, P, frame_tets[3], memo);
-        else if (!field_size_at(field, P, frame_tets[3], frame_sizes[3], memo))
+          trial.walk(P, frame_tets[3], memo);
+        else if (!trial.size_at(P, frame_tets[3], frame_sizes[3], memo))
           go = false;
       }
     } else {
@@ -475,11 +486,90 @@ struct plain_trial {
     q = -tet_quality_wide(frame.col(o[0]), frame.col(o[1]), frame.col(o[2]), frame.col(o[3]));
     return true;
   }
+  void walk(const double* P, unsigned& tet, apex_memo& memo) noexcept {
+    field_walk(field, P, tet, memo.walk);
+  }
+  bool size_at(const double* P, unsigned& tet, double& h, apex_memo& memo) noexcept {
+    return field_size_at(field, P, tet, h, memo.walk);
+  }
 };
 
 #if VOXFILL_PLACE_AVX2
-// A trial of the direct lengths by the face's lanes, in the plain order of the frame.
+// The first step of a walk that starts in the memo's tet, as the walk takes it: the face tests
+// of its nodes by lanes (face f in lane f, the same operations in the same order), whose mask is
+// 0 when P lies in the tet.
+VOXFILL_AVX2 inline int memo_faces(const walk_memo& memo, const double* P) noexcept {
+  const __m256d d[3] = {_mm256_sub_pd(_mm256_load_pd(memo.nodes[0]), _mm256_set1_pd(P[0])),
+                        _mm256_sub_pd(_mm256_load_pd(memo.nodes[1]), _mm256_set1_pd(P[1])),
+                        _mm256_sub_pd(_mm256_load_pd(memo.nodes[2]), _mm256_set1_pd(P[2]))};
+  // Lanes: w = (d1, d2, d1, d2), u = (d2, d0, d0, d1), v = (d3, d3, d3, d0); face 2 takes the
+  // sign turned.
+  constexpr int W = 1 | 2 << 2 | 1 << 4 | 2 << 6;
+  constexpr int U = 2 | 0 << 2 | 0 << 4 | 1 << 6;
+  constexpr int V = 3 | 3 << 2 | 3 << 4 | 0 << 6;
+  __m256d w[3], u[3], v[3];
+  for (unsigned k = 0; k < 3; ++k) {
+    w[k] = _mm256_permute4x64_pd(d[k], W);
+    u[k] = _mm256_permute4x64_pd(d[k], U);
+    v[k] = _mm256_permute4x64_pd(d[k], V);
+  }
+  const __m256d c0 = _mm256_sub_pd(_mm256_mul_pd(u[1], v[2]), _mm256_mul_pd(u[2], v[1]));
+  const __m256d c1 = _mm256_sub_pd(_mm256_mul_pd(u[2], v[0]), _mm256_mul_pd(u[0], v[2]));
+  const __m256d c2 = _mm256_sub_pd(_mm256_mul_pd(u[0], v[1]), _mm256_mul_pd(u[1], v[0]));
+  const __m256d D =
+      _mm256_xor_pd(_mm256_add_pd(_mm256_add_pd(_mm256_mul_pd(w[0], c0), _mm256_mul_pd(w[1], c1)),
+                                  _mm256_mul_pd(w[2], c2)),
+                    _mm256_set_pd(0.0, -0.0, 0.0, 0.0));
+  return _mm256_movemask_pd(_mm256_cmp_pd(D, _mm256_set1_pd(memo.V * LOCATE_TOL), _CMP_GT_OQ));
+}
+
+// A look-up of the field at P from `tet` that the walk would answer in the memo's tet at its
+// first step: then the size there (with `sized`), and the one random draw of that step. False,
+// nothing drawn, where the look-up must be left to the field (another start, a step out of the
+// tet, no size there, or a draw that refills the bits).
+VOXFILL_AVX2 bool memo_look_up(size_field& field, const double* P, unsigned tet, apex_memo& m,
+                               bool sized, double& h) noexcept {
+  const walk_memo& memo = m.walk;
+  if (tet == NONE || tet != memo.tet || field.walk_bits.count_left == 0) return false;
+  if (m.tet != tet) {
+    const node_locator& loc = field.locator;
+    m.tet = tet;
+    m.walks = walkable(field) && loc.tets->cols() != 0;
+    m.in_domain = tet < field.colors.size && color_in_domain(field.colors[tet]);
+    m.sized = false;
+    if (m.walks) {
+      const unsigned* n = loc.tets->row(tet);
+      const dense1D<double>& s = field.sizes;
+      m.sized = n[0] < s.size && n[1] < s.size && n[2] < s.size && n[3] < s.size;
+      if (m.sized)
+        for (unsigned i = 0; i < 4; ++i) m.sizes[i] = s[n[i]];
+    }
+  }
+  if (!m.walks || !m.in_domain || (sized && !m.sized) || memo_faces(memo, P) != 0) return false;
+  if (sized) {
+    // The weights as the walk solves them in the memo's tet, and the interpolation of the field.
+    double w[3] = {0.0, 0.0, 0.0};
+    if (memo.det != 0.0) {
+      const __m256d B = _mm256_sub_pd(avx_lanes::load3(P), avx_lanes::load3(memo.q3));
+      avx_lanes::refined_solution(_mm256_load_pd(memo.cols[0]), _mm256_load_pd(memo.cols[1]),
+                                  _mm256_load_pd(memo.cols[2]), _mm256_load_pd(memo.rows[0]),
+                                  _mm256_load_pd(memo.rows[1]), _mm256_load_pd(memo.rows[2]),
+                                  _mm256_load_pd(memo.inv), B, 2, w);
+    }
+    const double* s = m.sizes;
+    const double s3 = s[3];
+    const double v = s3 + (s[2] - s3) * w[2] + (s[1] - s3) * w[1] + (s[0] - s3) * w[0];
+    if (!(v > 0.0 && v < DBL_MAX)) return false;
+    h = v;
+  }
+  field.walk_bits.next();
+  return true;
+}
+
+// A trial of the direct lengths by the face's lanes, in the plain order of the frame; the apex's
+// look-ups by the memo where its tet answers them.
 struct lane_trial {
+  size_field& field;
   const apex_frame& frame;
   const double* frame_sizes;
   face_lanes lanes;
@@ -487,27 +577,37 @@ struct lane_trial {
     q = -direct_trial_avx2(frame, lanes, frame_sizes, worst, deviation, step);
     return true;
   }
+  // Without a parent a walk that ends in the domain is all that field_walk does.
+  VOXFILL_AVX2 void walk(const double* P, unsigned& tet, apex_memo& memo) noexcept {
+    double h;
+    if (!field.parent_field && memo_look_up(field, P, tet, memo, false, h)) return;
+    field_walk(field, P, tet, memo.walk);
+  }
+  VOXFILL_AVX2 bool size_at(const double* P, unsigned& tet, double& h, apex_memo& memo) noexcept {
+    if (memo_look_up(field, P, tet, memo, true, h)) return true;
+    return field_size_at(field, P, tet, h, memo.walk);
+  }
 };
 
 // move_apex with the lane trials, the whole loop in one body with the lanes.
 VOXFILL_AVX2 bool move_apex_lanes(size_field& field, apex_frame& frame, double* frame_sizes,
                                   unsigned* frame_tets, double shape_weight, double& quality,
-                                  walk_memo& memo) noexcept {
-  lane_trial trial{frame, frame_sizes, {}};
+                                  apex_memo& memo) noexcept {
+  lane_trial trial{field, frame, frame_sizes, {}};
   fill_face_lanes(frame, trial.lanes);
-  return move_apex(field, frame, frame_sizes, frame_tets, shape_weight, quality, memo, trial);
+  return move_apex(frame, frame_sizes, frame_tets, shape_weight, quality, memo, trial);
 }
 #endif
 
 // adjust_apex with the memo of the apex's walks, kept over the heights of one face.
 bool adjust_apex_memo(size_field& field, const refine_context& c, apex_frame& frame,
                       double* frame_sizes, unsigned* frame_tets, double height_factor,
-                      double shape_weight, double& quality, walk_memo& memo) noexcept {
+                      double shape_weight, double& quality, apex_memo& memo) noexcept {
   double* P = frame.col(3);
   first_apex(frame, frame_sizes, c.face_order, height_factor, shape_weight, P);
   // A walk from beside the face is short; without a start the locator's tree is searched.
   if (frame_tets[3] == NONE) frame_tets[3] = frame_tets[2];
-  if (!field_size_at(field, P, frame_tets[3], frame_sizes[3], memo)) return false;
+  if (!field_size_at(field, P, frame_tets[3], frame_sizes[3], memo.walk)) return false;
   const unsigned* o = c.tet_order;
 #if VOXFILL_PLACE_AVX2
   // In the plain order of the frame the face's lanes serve every trial.
@@ -515,7 +615,7 @@ bool adjust_apex_memo(size_field& field, const refine_context& c, apex_frame& fr
     return move_apex_lanes(field, frame, frame_sizes, frame_tets, shape_weight, quality, memo);
 #endif
   plain_trial trial{field, frame, frame_sizes, frame_tets, o};
-  return move_apex(field, frame, frame_sizes, frame_tets, shape_weight, quality, memo, trial);
+  return move_apex(frame, frame_sizes, frame_tets, shape_weight, quality, memo, trial);
 }
 
 }  // namespace
@@ -523,7 +623,7 @@ bool adjust_apex_memo(size_field& field, const refine_context& c, apex_frame& fr
 bool adjust_apex(size_field& field, const refine_context& c, apex_frame& frame, double* frame_sizes,
                  unsigned* frame_tets, double height_factor, double shape_weight,
                  double& quality) noexcept {
-  walk_memo memo;
+  apex_memo memo;
   return adjust_apex_memo(field, c, frame, frame_sizes, frame_tets, height_factor, shape_weight,
                           quality, memo);
 }
@@ -533,7 +633,7 @@ namespace {
 // front_point through `memo`, which may hold a tet of the field's mesh from an earlier face: the
 // mesh stays as it is over all faces of a front.
 double front_point_memo(th4_engine& e, refine_context& c, unsigned f0, unsigned f1, unsigned f2,
-                        double* P, double& h, unsigned start, walk_memo& memo) noexcept {
+                        double* P, double& h, unsigned start, apex_memo& memo) noexcept {
   h = 0.0;
   size_field& field = e.size_field ? *e.size_field : *e.own_size_field;
   const node_locator& loc = field.locator;
@@ -569,7 +669,7 @@ double front_point_memo(th4_engine& e, refine_context& c, unsigned f0, unsigned 
 
 double front_point(th4_engine& e, refine_context& c, unsigned f0, unsigned f1, unsigned f2,
                    double* P, double& h, unsigned start) noexcept {
-  walk_memo memo;
+  apex_memo memo;
   return front_point_memo(e, c, f0, f1, f2, P, h, start, memo);
 }
 
@@ -586,7 +686,7 @@ void place_candidates(th4_engine& e, refine_context& c, dense2D<double>& points,
   const size_field& field = e.size_field ? *e.size_field : *e.own_size_field;
   const bool own_mesh = &field.locator == &e.locator;
   unsigned count = 0;
-  walk_memo memo;
+  apex_memo memo;
   for (unsigned k = 0; k < n; ++k) {
     const unsigned code = c.front_faces[k];
     const unsigned t = code >> 2, i = code & 3;
