@@ -498,7 +498,8 @@ struct plain_trial {
 // The first step of a walk that starts in the memo's tet, as the walk takes it: the face tests
 // of its nodes by lanes (face f in lane f, the same operations in the same order), whose mask is
 // 0 when P lies in the tet.
-VOXFILL_AVX2 inline int memo_faces(const walk_memo& memo, const double* P) noexcept {
+[[gnu::always_inline]] VOXFILL_AVX2 inline int memo_faces(const walk_memo& memo,
+                                                          const double* P) noexcept {
   const __m256d d[3] = {_mm256_sub_pd(_mm256_load_pd(memo.nodes[0]), _mm256_set1_pd(P[0])),
                         _mm256_sub_pd(_mm256_load_pd(memo.nodes[1]), _mm256_set1_pd(P[1])),
                         _mm256_sub_pd(_mm256_load_pd(memo.nodes[2]), _mm256_set1_pd(P[2]))};
@@ -527,8 +528,9 @@ VOXFILL_AVX2 inline int memo_faces(const walk_memo& memo, const double* P) noexc
 // first step: then the size there (with `sized`), and the one random draw of that step. False,
 // nothing drawn, where the look-up must be left to the field (another start, a step out of the
 // tet, no size there, or a draw that refills the bits).
-VOXFILL_AVX2 bool memo_look_up(size_field& field, const double* P, unsigned tet, apex_memo& m,
-                               bool sized, double& h) noexcept {
+[[gnu::always_inline]] VOXFILL_AVX2 inline bool memo_look_up(size_field& field, const double* P,
+                                                             unsigned tet, apex_memo& m, bool sized,
+                                                             double& h) noexcept {
   const walk_memo& memo = m.walk;
   if (tet == NONE || tet != memo.tet || field.walk_bits.count_left == 0) return false;
   if (m.tet != tet) {
