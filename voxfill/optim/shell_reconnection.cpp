@@ -42,6 +42,41 @@ constexpr shell_pattern patterns[] = {
 constexpr unsigned first_pattern[7] = {0, 0, 0, 0, 1, 3, 8};
 constexpr unsigned counts[7] = {0, 0, 0, 1, 2, 5, 14};
 
+// The patterns of one ring size share triangles, and a triangle (in its order of nodes) gives the
+// same two tets in each. Each distinct (triangle, side) is a slot, numbered as the patterns first
+// meet them; a pattern's rows name their slots, so that a search keeps a quality per slot.
+struct ring_slots {
+  unsigned count = 0;
+  unsigned char nodes[112][4] = {};  // ring positions of the row, then 0 for a or 1 for b
+  unsigned char rows[14][8] = {};    // per pattern of this size and row: its slot
+};
+
+constexpr ring_slots make_slots(unsigned r) {
+  ring_slots t;
+  for (unsigned p = 0; p < counts[r]; ++p) {
+    const shell_pattern& pat = patterns[first_pattern[r] + p];
+    for (unsigned row = 0; row < 2 * r - 4; ++row) {
+      const unsigned char* tri = pat.triangles[row / 2];
+      const unsigned side = row % 2;
+      unsigned s = 0;
+      while (s < t.count && !(t.nodes[s][0] == tri[0] && t.nodes[s][1] == tri[1] &&
+                              t.nodes[s][2] == tri[2] && t.nodes[s][3] == side))
+        ++s;
+      if (s == t.count) {
+        t.nodes[s][0] = tri[0], t.nodes[s][1] = tri[1], t.nodes[s][2] = tri[2];
+        t.nodes[s][3] = static_cast<unsigned char>(side);
+        ++t.count;
+      }
+      t.rows[p][row] = static_cast<unsigned char>(s);
+    }
+  }
+  return t;
+}
+
+constexpr ring_slots slots_of[7] = {
+    {}, {}, {}, make_slots(3), make_slots(4), make_slots(5), make_slots(6)};
+static_assert(slots_of[6].count <= 112);
+
 // Quality of each row in order, stopping at the first at or under `limit`: the smallest, or
 // -1.0 when the pattern gave up.
 double qualities_above(const mesh_store& m, const dense2D<unsigned>& rows, double limit,
@@ -121,52 +156,51 @@ void reconnect_patterns(move_record& mr, unsigned a, unsigned b, const dense1D<u
   const unsigned r = ring.size;
   const mesh_store& m = mr.store;
   move_merit& merit = mr.merit;
-  // The patterns share triangles, and a triangle (in its order of nodes) gives the same two tets
-  // in each: their qualities are kept by the triangle's ring positions, for up (a) and down (b).
-  double known[216][2];
-  bool seen[216][2] = {};
-  const unsigned count = pattern_count(r);
-  if (count && !mr.trial_qualities.reserve(2 * r - 4)) return;
+  // Each slot's quality once it is known, for up (a) and down (b); `seen` has a bit per slot.
+  const ring_slots& slots = slots_of[r < 7 ? r : 0];
+  double known[112];
+  std::uint64_t seen[2] = {0, 0};
+  const unsigned count = pattern_count(r), rows = 2 * r - 4;
   for (unsigned p = 0; p < count; ++p) {
+    // A winner's list is swapped out for the old outputs, which may be shorter.
+    if (!mr.trial_qualities.reserve(rows)) return;
     // Qualities first, in the order of the pattern's rows, given up at the first at or under
     // `limit`: most patterns stop at a tet, and then no row, logarithm or topology is needed.
-    const shell_pattern& pat = pattern_of(r, p);
-    dense1D<double>& out = mr.trial_qualities;
-    out.clear();
+    const unsigned char* row_slots = slots.rows[p];
+    double* out = mr.trial_qualities.data();
+    unsigned made = 0;
     double q = 1.0;
-    const unsigned rows = 2 * r - 4;
     for (unsigned row = 0; row < rows && q > limit; ++row) {
-      const unsigned char* tri = pat.triangles[row / 2];
-      const unsigned id = (tri[0] * 6u + tri[1]) * 6u + tri[2], side = row % 2;
-      if (!seen[id][side]) {
+      const unsigned id = row_slots[row];
+      if (!(seen[id >> 6] >> (id & 63) & 1)) {
         // This row and the next unknown ones of the pattern, four at a time (the last repeated
         // to fill the lanes): a quality depends on its nodes alone, so one worked out ahead
         // serves whichever pattern meets it.
-        unsigned n[16], ids[4], sides[4], lanes = 0;
+        unsigned n[16], ids[4], lanes = 0;
         for (unsigned next = row; next < rows && lanes < 4; ++next) {
-          const unsigned char* t = pat.triangles[next / 2];
-          const unsigned d = (t[0] * 6u + t[1]) * 6u + t[2], e = next % 2;
-          if (seen[d][e]) continue;
+          const unsigned d = row_slots[next];
+          if (seen[d >> 6] >> (d & 63) & 1) continue;
+          const unsigned char* t = slots.nodes[d];
           const unsigned i = ring[t[0]], j = ring[t[1]], k = ring[t[2]];
           unsigned* w = n + 4 * lanes;
-          if (e == 0)
+          if (t[3] == 0)
             w[0] = i, w[1] = j, w[2] = k, w[3] = a;
           else
             w[0] = k, w[1] = j, w[2] = i, w[3] = b;
-          ids[lanes] = d, sides[lanes] = e;
-          ++lanes;
+          ids[lanes++] = d;
         }
         for (unsigned l = lanes; l < 4; ++l) std::copy_n(n + 4 * (lanes - 1), 4, n + 4 * l);
         double v[4];
         tet_quality_lanes(m.nodes.data, n, v);
         for (unsigned l = 0; l < lanes; ++l) {
-          known[ids[l]][sides[l]] = v[l];
-          seen[ids[l]][sides[l]] = true;
+          known[ids[l]] = v[l];
+          seen[ids[l] >> 6] |= std::uint64_t(1) << (ids[l] & 63);
         }
       }
-      out.push_back(known[id][side]);
-      q = std::min(q, known[id][side]);
+      out[made++] = known[id];
+      q = std::min(q, known[id]);
     }
+    mr.trial_qualities.size = made;
     if (!(q > limit)) continue;
     if (reference) {
       merit.merit_reference(*reference);
