@@ -75,8 +75,8 @@ double worst_quality(const mesh_store& m, const dense1D<unsigned>& tets) noexcep
 }
 
 bool rows_of(const mesh_store& m, const dense1D<unsigned>& tets, dense2D<unsigned>& rows) noexcept {
-  if (!rows.resize(4, tets.size)) {
-    rows.resize(4, 0);
+  if (!reshape(rows, 4, tets.size)) {
+    reshape(rows, 4, 0);
     return false;
   }
   for (unsigned k = 0; k < tets.size; ++k) std::copy_n(m.tets.row(tets[k]), 4, rows.col(k));
@@ -85,8 +85,8 @@ bool rows_of(const mesh_store& m, const dense1D<unsigned>& tets, dense2D<unsigne
 
 void clear_candidate(contraction_candidate& out) noexcept {
   out.old_tets.clear();
-  out.old_rows.resize(4, 0);
-  out.new_rows.resize(4, 0);
+  reshape(out.old_rows, 4, 0);
+  reshape(out.new_rows, 4, 0);
   out.new_qualities.clear();
   out.kept_node = NONE;
   out.made_node = false;
@@ -101,7 +101,7 @@ bool collapse_onto(move_record& mr, unsigned a, unsigned b, unsigned c,
   const mesh_store& m = mr.store;
   merit = 0.0;
   qualities.clear();
-  if (!rows.resize(4, old_rows.cols)) return false;
+  if (!reshape(rows, 4, old_rows.cols)) return false;
   unsigned kept = 0, rated = 0;
   double q = 1.0;
   // The rows made so far from `rated` on, four at a time (the last repeated to fill the lanes),
@@ -154,7 +154,7 @@ bool collapse_onto(move_record& mr, unsigned a, unsigned b, unsigned c,
       if (kept - rated == 4 && !rate(false)) return false;
     }
   }
-  rows.resize(4, kept);
+  reshape(rows, 4, kept);
   if (!rate(true)) return false;
   double s = 1.0;
   if (kept >= 3 && mr.merit.shape_weight < 1.0) {
@@ -200,7 +200,7 @@ bool contract_node(move_record& mr, unsigned node, const dense1D<unsigned>& neig
                    dense2D<unsigned>& rows, dense1D<double>& qualities, double& merit,
                    unsigned& kept_node, const dense1D<double>* lengths) noexcept {
   const mesh_store& m = mr.store;
-  rows.resize(4, 0);
+  reshape(rows, 4, 0);
   qualities.clear();
   kept_node = NONE;
   if (!old_rows.cols) return true;

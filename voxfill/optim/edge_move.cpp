@@ -83,7 +83,7 @@ bool edge_move(regularizer& g, unsigned t, unsigned k, double short_limit, doubl
   double best = std::max(m0 * merit_factor, 1e-12);
   double floor = std::max(q0 * quality_factor, 1e-12);
 
-  if (!g.old_rows.resize(4, g.shell_tets.size)) return false;
+  if (!reshape(g.old_rows, 4, g.shell_tets.size)) return false;
   for (unsigned i = 0; i < g.shell_tets.size; ++i)
     std::copy_n(m.tets.row(g.shell_tets[i]), 4, g.old_rows.col(i));
   // Two hard nodes joined by an edge: the split is wanted whatever the merit says.
@@ -96,7 +96,7 @@ bool edge_move(regularizer& g, unsigned t, unsigned k, double short_limit, doubl
   const bool defer =
       reconnect && !split && count_factor_passes(mm, g.shell_tets.size, g.ring_nodes.size, best);
   if ((reconnect || split) && !defer) mm.merit_reference(g.old_rows);
-  g.new_rows.resize(4, 0);
+  reshape(g.new_rows, 4, 0);
   g.new_qualities.clear();
 
   if (reconnect && (defer || reconnection_bound(mm, g.ring_nodes.size, best) > best)) {
@@ -107,7 +107,7 @@ bool edge_move(regularizer& g, unsigned t, unsigned k, double short_limit, doubl
     if (pattern != NONE && value > best) {
       best = value;
     } else {
-      g.new_rows.resize(4, 0);
+      reshape(g.new_rows, 4, 0);
       g.new_qualities.clear();
     }
   }

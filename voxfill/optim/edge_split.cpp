@@ -51,9 +51,9 @@ void split_point(move_record& mr, unsigned a, unsigned b, double* point, double&
 
 bool copy_candidate(const dense2D<unsigned>& rows, const dense1D<double>& qualities,
                     dense2D<unsigned>& to_rows, dense1D<double>& to_qualities) noexcept {
-  if (!to_rows.resize(4, rows.cols) || !to_qualities.resize(qualities.size)) {
+  if (!reshape(to_rows, 4, rows.cols) || !to_qualities.resize(qualities.size)) {
     // Half a copy must not pass for a candidate.
-    to_rows.resize(4, 0);
+    reshape(to_rows, 4, 0);
     to_qualities.clear();
     return false;
   }
@@ -69,11 +69,11 @@ bool star_split(move_record& mr, unsigned a, unsigned b, unsigned n, double floo
   merit = 0.0;
   qualities.clear();
   auto fail = [&] {
-    rows.resize(4, 0);
+    reshape(rows, 4, 0);
     qualities.clear();
     return false;
   };
-  if (!rows.resize(4, 2 * old_rows.cols) || !qualities.reserve(2 * old_rows.cols)) return fail();
+  if (!reshape(rows, 4, 2 * old_rows.cols) || !qualities.reserve(2 * old_rows.cols)) return fail();
   double q = 1.0;
   for (unsigned c = 0; c < old_rows.cols; ++c) {
     const unsigned* row = old_rows.col(c);

@@ -146,7 +146,7 @@ void move_merit::merit_reference(const dense2D<unsigned>& old_rows) noexcept {
     // Into the buffer it already has, so that warm moves allocate nothing. A failed growth
     // leaves no old rows to take off: the trial counts then only grow, which makes the move look
     // worse, never better.
-    if (old_rows_copy.resize(4, old_rows.cols))
+    if (reshape(old_rows_copy, 4, old_rows.cols))
       for (unsigned j = 0; j < old_rows.cols; ++j)
         std::copy_n(old_rows.col(j), 4, old_rows_copy.col(j));
     else

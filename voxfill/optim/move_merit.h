@@ -25,6 +25,20 @@ inline void add_unmarked_sorted(const unsigned* row, unsigned* marks, unsigned m
   }
 }
 
+// m.resize(r, c) with its usual case inline: the row count stays and the columns are packed, so
+// that only the shape changes. The moves reshape their small lists many times per edge.
+template <class T>
+inline bool reshape(dense2D<T>& m, unsigned r, unsigned c) noexcept {
+  if (r == m.rows && (m.ld == r || m.cols <= 1) && r) {
+    if (!m.reserve(r, c, 1)) return false;
+    m.ld = r;
+    m.cols = c;
+    m.size = r * c;
+    return true;
+  }
+  return m.resize(r, c);
+}
+
 inline constexpr double PI_OVER_5 = 0.6283185307179586;
 
 // Per node: the solid angle round it (4 pi inside, less on the boundary), its tet count times

@@ -95,15 +95,15 @@ double qualities_above(const mesh_store& m, const dense2D<unsigned>& rows, doubl
 
 void clear_outputs(dense2D<unsigned>& rows, dense2D<unsigned>& edges,
                    dense1D<double>& qualities) noexcept {
-  rows.resize(4, 0);
-  edges.resize(2, 0);
+  reshape(rows, 4, 0);
+  reshape(edges, 2, 0);
   qualities.clear();
 }
 
 bool take(const dense2D<unsigned>& rows, const dense2D<unsigned>& edges,
           const dense1D<double>& qualities, dense2D<unsigned>& new_rows,
           dense2D<unsigned>& new_edges, dense1D<double>& new_qualities) noexcept {
-  if (!new_rows.resize(4, rows.cols) || !new_edges.resize(2, edges.cols) ||
+  if (!reshape(new_rows, 4, rows.cols) || !reshape(new_edges, 2, edges.cols) ||
       !new_qualities.resize(qualities.size)) {
     clear_outputs(new_rows, new_edges, new_qualities);
     return false;
@@ -129,7 +129,7 @@ bool pattern_rows(unsigned a, unsigned b, const dense1D<unsigned>& ring, unsigne
   const unsigned r = ring.size;
   if (p >= pattern_count(r)) return false;
   const shell_pattern& pat = pattern_of(r, p);
-  if (!rows.resize(4, 2 * r - 4) || !edges.resize(2, r - 3)) return false;
+  if (!reshape(rows, 4, 2 * r - 4) || !reshape(edges, 2, r - 3)) return false;
   for (unsigned t = 0; t + 2 < r; ++t) {
     const unsigned i = ring[pat.triangles[t][0]], j = ring[pat.triangles[t][1]],
                    k = ring[pat.triangles[t][2]];
