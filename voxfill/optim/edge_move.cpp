@@ -54,6 +54,16 @@ bool node_gone(const mesh_store& m, unsigned n) noexcept {
   return n >= m.ancestors.size || m.ancestors[n] == NONE;
 }
 
+// An end of the edge that no tet holds any more has its record cleared and gives its node back.
+void settle_ends(move_merit& mm, const mesh_store& m, unsigned a, unsigned b,
+                 unsigned& nodes_left) noexcept {
+  for (const unsigned e : {a, b}) {
+    if (!node_gone(m, e)) continue;
+    mm.clear_valence_record(e);
+    if (nodes_left != NONE) ++nodes_left;
+  }
+}
+
 }  // namespace
 
 bool edge_move(regularizer& g, unsigned t, unsigned k, double short_limit, double long_limit,
@@ -78,6 +88,16 @@ bool edge_move(regularizer& g, unsigned t, unsigned k, double short_limit, doubl
   const double L =
       mm.shape_weight < 1.0 ? metric_length(m, a, b) : std::sqrt(edge_length2(m.nodes.data, a, b));
   if (!(q0 >= 1e-12) || L == 0.0 || !(L < DBL_MAX)) return false;
+  // Two hard nodes joined by an edge: the split is wanted whatever the merit says.
+  const bool hard_pair = hard_links && m.hard_set.has_node(a) && m.hard_set.has_node(b);
+  const bool split = insert && L > (hard_pair ? 0.0 : long_limit);
+  const bool reconnect = g.shell_tets.size <= shell_limit;
+  // A hard pair is not contracted (its short limit becomes 0 below). With no move in reach, the
+  // rows and the merit are not needed: about a quarter of the edges end here.
+  if (!reconnect && !split && !(hard_pair ? L < 0.0 : L < short_limit)) {
+    settle_ends(mm, m, a, b, nodes_left);
+    return false;
+  }
   const double s = std::min(L, 1.0 / L);
   const double m0 = mm.merit_blend(s, q0);
   double best = std::max(m0 * merit_factor, 1e-12);
@@ -86,13 +106,9 @@ bool edge_move(regularizer& g, unsigned t, unsigned k, double short_limit, doubl
   if (!reshape(g.old_rows, 4, g.shell_tets.size)) return false;
   for (unsigned i = 0; i < g.shell_tets.size; ++i)
     std::copy_n(m.tets.row(g.shell_tets[i]), 4, g.old_rows.col(i));
-  // Two hard nodes joined by an edge: the split is wanted whatever the merit says.
-  const bool hard_pair = hard_links && m.hard_set.has_node(a) && m.hard_set.has_node(b);
-  const bool split = insert && L > (hard_pair ? 0.0 : long_limit);
   // Only a reconnection or a split is rated against this reference; a contraction takes its own.
   // A reconnection whose count factor passes the bound takes it only once one of its patterns
   // passes the quality limit, which most often none does.
-  const bool reconnect = g.shell_tets.size <= shell_limit;
   const bool defer =
       reconnect && !split && count_factor_passes(mm, g.shell_tets.size, g.ring_nodes.size, best);
   if ((reconnect || split) && !defer) mm.merit_reference(g.old_rows);
@@ -156,11 +172,7 @@ bool edge_move(regularizer& g, unsigned t, unsigned k, double short_limit, doubl
   settle(n2);
   if ((n1 != NONE || n2 != NONE) && nodes_left != NONE) --nodes_left;
   if (n1 != NONE) new_nodes.push_back(n1);
-  for (const unsigned e : {a, b}) {
-    if (!node_gone(m, e)) continue;
-    mm.clear_valence_record(e);
-    if (nodes_left != NONE) ++nodes_left;
-  }
+  settle_ends(mm, m, a, b, nodes_left);
   return done;
 }
 
