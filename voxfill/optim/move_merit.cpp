@@ -157,7 +157,8 @@ void move_merit::merit_reference(const dense2D<unsigned>& old_rows) noexcept {
   if (hard_base != 1.0) old_hard_share = hard_share(old_rows);
 }
 
-double move_merit::topology_factor(const dense2D<unsigned>& new_rows, bool same_nodes) noexcept {
+double move_merit::topology_factor(const dense2D<unsigned>& new_rows, bool same_nodes,
+                                   double share) noexcept {
   const unsigned c = std::clamp<long>(long(new_rows.cols), long(old_count) - long(count_window),
                                       long(old_count) + long(count_window));
   double factor = count_factors[8 + int(c) - int(old_count)];
@@ -191,7 +192,7 @@ double move_merit::topology_factor(const dense2D<unsigned>& new_rows, bool same_
       factor *= std::pow(worst / old_worst_fit, worst_exponent);
   }
   if (hard_base != 1.0) {
-    const double change = hard_share(new_rows) - old_hard_share;
+    const double change = (share >= 0.0 ? share : hard_share(new_rows)) - old_hard_share;
     if (change != 0.0) factor *= std::pow(hard_base, change);
   }
   return factor;

@@ -121,8 +121,10 @@ struct move_merit {
   void merit_reference(const dense2D<unsigned>& old_rows) noexcept;
   // Count term x valence term x hard term of a candidate; 1.0 with the terms off. With
   // `same_nodes` the caller knows that the candidate has the nodes of the old rows of the last
-  // merit_reference, whose list is then taken as it is (a reconnection of a shell).
-  double topology_factor(const dense2D<unsigned>& new_rows, bool same_nodes = false) noexcept;
+  // merit_reference, whose list is then taken as it is (a reconnection of a shell). A `share`
+  // of 0 or more is hard_share(new_rows), known to the caller.
+  double topology_factor(const dense2D<unsigned>& new_rows, bool same_nodes = false,
+                         double share = -1.0) noexcept;
 
   // One record per node column from the live classified tets. False when memory ran out (the
   // records are then empty, and the valence term is off).

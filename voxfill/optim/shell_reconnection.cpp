@@ -161,6 +161,11 @@ void reconnect_patterns(move_record& mr, unsigned a, unsigned b, const dense1D<u
   double known[112];
   std::uint64_t seen[2] = {0, 0};
   const unsigned count = pattern_count(r), rows = 2 * r - 4;
+  // Hard nodes by ring position (a bit each), and whether an end is one: a pattern's rows are a
+  // triangle and an end each, so the most hard nodes of a row come from its triangles. Looked
+  // up once the first pattern passes the quality limit; most rings have none.
+  unsigned hard = 0, hard_ends = 0;
+  bool hard_known = false;
   for (unsigned p = 0; p < count; ++p) {
     // A winner's list is swapped out for the old outputs, which may be shorter.
     if (!mr.trial_qualities.reserve(rows)) return;
@@ -212,7 +217,25 @@ void reconnect_patterns(move_record& mr, unsigned a, unsigned b, const dense1D<u
       for (unsigned d = 0; d < mr.trial_edges.cols; ++d)
         s = std::min(s, symmetric_length(m, mr.trial_edges(0, d), mr.trial_edges(1, d)));
     // Every triangulation of the ring has the shell's nodes, those of the merit's reference.
-    const double value = merit.merit_blend(s, q) * merit.topology_factor(mr.trial_rows, true);
+    double share = -1.0;
+    if (merit.hard_base != 1.0 && r <= 6) {
+      if (!hard_known) {
+        for (unsigned i = 0; i < r; ++i) hard |= unsigned(m.hard_set.has_node(ring[i])) << i;
+        hard_ends = std::max(unsigned(m.hard_set.has_node(a)), unsigned(m.hard_set.has_node(b)));
+        hard_known = true;
+      }
+      unsigned most = 0;
+      if (hard) {
+        const shell_pattern& pat = pattern_of(r, p);
+        for (unsigned t = 0; t + 2 < r; ++t) {
+          const unsigned char* tri = pat.triangles[t];
+          most = std::max(most, (hard >> tri[0] & 1) + (hard >> tri[1] & 1) + (hard >> tri[2] & 1));
+        }
+      }
+      share = 0.25 * (most + hard_ends);
+    }
+    const double value =
+        merit.merit_blend(s, q) * merit.topology_factor(mr.trial_rows, true, share);
     if (value > best + 1e-12) {
       // The trial's lists become the outputs, and the old outputs serve the next trials.
       std::swap(mr.trial_rows, new_rows);
