@@ -47,8 +47,9 @@ constexpr unsigned counts[7] = {0, 0, 0, 1, 2, 5, 14};
 // meet them; a pattern's rows name their slots, so that a search keeps a quality per slot.
 struct ring_slots {
   unsigned count = 0;
-  unsigned char nodes[112][4] = {};  // ring positions of the row, then 0 for a or 1 for b
-  unsigned char rows[14][8] = {};    // per pattern of this size and row: its slot
+  unsigned char nodes[112][4] = {};   // ring positions of the row, then 0 for a or 1 for b
+  unsigned char rows[14][8] = {};     // per pattern of this size and row: its slot
+  unsigned short patterns[112] = {};  // per slot: a bit for each pattern that has it
 };
 
 constexpr ring_slots make_slots(unsigned r) {
@@ -68,6 +69,7 @@ constexpr ring_slots make_slots(unsigned r) {
         ++t.count;
       }
       t.rows[p][row] = static_cast<unsigned char>(s);
+      t.patterns[s] = static_cast<unsigned short>(t.patterns[s] | 1u << p);
     }
   }
   return t;
@@ -166,7 +168,10 @@ void reconnect_patterns(move_record& mr, unsigned a, unsigned b, const dense1D<u
   // up once the first pattern passes the quality limit; most rings have none.
   unsigned hard = 0, hard_ends = 0;
   bool hard_known = false;
+  // Patterns that have a slot at or under the limit: they fail whatever their other rows give.
+  unsigned dead = 0;
   for (unsigned p = 0; p < count; ++p) {
+    if (dead >> p & 1) continue;
     // A winner's list is swapped out for the old outputs, which may be shorter.
     if (!mr.trial_qualities.reserve(rows)) return;
     // Qualities first, in the order of the pattern's rows, given up at the first at or under
@@ -199,6 +204,7 @@ void reconnect_patterns(move_record& mr, unsigned a, unsigned b, const dense1D<u
         tet_quality_lanes(m.nodes.data, n, v);
         for (unsigned l = 0; l < lanes; ++l) {
           known[ids[l]] = v[l];
+          if (v[l] <= limit) dead |= slots.patterns[ids[l]];
           seen[ids[l] >> 6] |= std::uint64_t(1) << (ids[l] & 63);
         }
       }
