@@ -111,7 +111,7 @@ bool edge_move(regularizer& g, unsigned t, unsigned k, double short_limit, doubl
   // passes the quality limit, which most often none does.
   const bool defer =
       reconnect && !split && count_factor_passes(mm, g.shell_tets.size, g.ring_nodes.size, best);
-  if ((reconnect || split) && !defer) mm.merit_reference(g.old_rows);
+  if ((reconnect || split) && !defer) mm.shell_reference(g.old_rows, a, b, g.ring_nodes);
   reshape(g.new_rows, 4, 0);
   g.new_qualities.clear();
 

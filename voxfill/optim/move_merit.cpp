@@ -157,6 +157,39 @@ void move_merit::merit_reference(const dense2D<unsigned>& old_rows) noexcept {
   if (hard_base != 1.0) old_hard_share = hard_share(old_rows);
 }
 
+void move_merit::shell_reference(const dense2D<unsigned>& old_rows, unsigned a, unsigned b,
+                                 const dense1D<unsigned>& ring) noexcept {
+  if (!valence_records.size || (worst_exponent == 0.0 && mean_exponent == 0.0) || !old_rows.cols ||
+      !fit_nodes.reserve(ring.size + 2)) {
+    merit_reference(old_rows);
+    return;
+  }
+  old_count = old_rows.cols;
+  if (reshape(old_rows_copy, 4, old_rows.cols))
+    for (unsigned j = 0; j < old_rows.cols; ++j)
+      std::copy_n(old_rows.col(j), 4, old_rows_copy.col(j));
+  else
+    old_rows_copy.clear();
+  // Each row of the shell is (a, b) and two ring nodes, and each ring node is in a row: the
+  // distinct nodes of the rows, sorted, are those of this short list.
+  unsigned* list = fit_nodes.begin();
+  unsigned size = 0;
+  auto add = [&](unsigned v) {
+    unsigned j = size;
+    while (j > 0 && list[j - 1] > v) --j;
+    if (j > 0 && list[j - 1] == v) return;
+    for (unsigned i = size; i > j; --i) list[i] = list[i - 1];
+    list[j] = v;
+    ++size;
+  };
+  add(a);
+  add(b);
+  for (unsigned i = 0; i < ring.size; ++i) add(ring[i]);
+  fit_nodes.size = size;
+  fits(false, old_worst_fit, old_mean_fit);
+  if (hard_base != 1.0) old_hard_share = hard_share(old_rows);
+}
+
 double move_merit::topology_factor(const dense2D<unsigned>& new_rows, bool same_nodes,
                                    double share) noexcept {
   const unsigned c = std::clamp<long>(long(new_rows.cols), long(old_count) - long(count_window),

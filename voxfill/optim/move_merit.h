@@ -119,6 +119,10 @@ struct move_merit {
   double hard_share(const dense2D<unsigned>& rows) const noexcept;
   // Remembers the old state that candidates are compared to.
   void merit_reference(const dense2D<unsigned>& old_rows) noexcept;
+  // merit_reference of the closed shell of (a, b) on `ring`, whose rows are `old_rows`: their
+  // nodes are the ends and the ring's, listed here without a pass over the rows.
+  void shell_reference(const dense2D<unsigned>& old_rows, unsigned a, unsigned b,
+                       const dense1D<unsigned>& ring) noexcept;
   // Count term x valence term x hard term of a candidate; 1.0 with the terms off. With
   // `same_nodes` the caller knows that the candidate has the nodes of the old rows of the last
   // merit_reference, whose list is then taken as it is (a reconnection of a shell). A `share`

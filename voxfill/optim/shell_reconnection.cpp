@@ -214,7 +214,7 @@ void reconnect_patterns(move_record& mr, unsigned a, unsigned b, const dense1D<u
     mr.trial_qualities.size = made;
     if (!(q > limit)) continue;
     if (reference) {
-      merit.merit_reference(*reference);
+      merit.shell_reference(*reference, a, b, ring);
       reference = nullptr;
     }
     if (!pattern_rows(a, b, ring, p, mr.trial_rows, mr.trial_edges)) return;
