@@ -97,7 +97,8 @@ void clear_candidate(contraction_candidate& out) noexcept {
 bool collapse_onto(move_record& mr, unsigned a, unsigned b, unsigned c,
                    const dense1D<unsigned>& neighbours, double floor,
                    const dense2D<unsigned>& old_rows, dense2D<unsigned>& rows,
-                   dense1D<double>& qualities, double& merit, bool* reference) noexcept {
+                   dense1D<double>& qualities, double& merit, bool* reference,
+                   double bar) noexcept {
   const mesh_store& m = mr.store;
   merit = 0.0;
   qualities.clear();
@@ -156,6 +157,14 @@ bool collapse_onto(move_record& mr, unsigned a, unsigned b, unsigned c,
   }
   reshape(rows, 4, kept);
   if (!rate(true)) return false;
+  if (reference && *reference) {
+    mr.merit.merit_reference(old_rows);
+    *reference = false;
+  }
+  // The topology first: the worst length only lowers the blend, so that a collapse that cannot
+  // beat the bar at a length of 1 (a little over, for rounding) needs no lengths.
+  const double topology = mr.merit.topology_factor(rows);
+  if (bar >= 0.0 && mr.merit.merit_blend(1.0, q) * topology * (1.0 + 1e-9) <= bar) return false;
   double s = 1.0;
   if (kept >= 3 && mr.merit.shape_weight < 1.0) {
     // A node met again gives the same length: where the marks can be had, each is measured once.
@@ -187,11 +196,7 @@ bool collapse_onto(move_record& mr, unsigned a, unsigned b, unsigned c,
           for (unsigned i = 0; i < 4; ++i) visit(r[i]);
       }
   }
-  if (reference && *reference) {
-    mr.merit.merit_reference(old_rows);
-    *reference = false;
-  }
-  merit = mr.merit.merit_blend(s, q) * mr.merit.topology_factor(rows);
+  merit = mr.merit.merit_blend(s, q) * topology;
   return merit > 1e-12;
 }
 
@@ -229,7 +234,7 @@ bool contract_node(move_record& mr, unsigned node, const dense1D<unsigned>& neig
     const unsigned n = neighbours[order[k]];
     double value = 0.0;
     if (collapse_onto(mr, node, n, n, neighbours, floor, old_rows, mr.trial_rows,
-                      mr.trial_qualities, value, &reference) &&
+                      mr.trial_qualities, value, &reference, merit) &&
         value > merit && copy_candidate(mr.trial_rows, mr.trial_qualities, rows, qualities)) {
       merit = value;
       kept_node = n;
@@ -297,7 +302,7 @@ bool try_contract(move_record& mr, unsigned t, unsigned k, double s, double qual
       bool reference = true;
       double value = 0.0;
       if (collapse_onto(mr, a, b, c, mr.near, floor, out.old_rows, mr.trial_rows,
-                        mr.trial_qualities, value, &reference) &&
+                        mr.trial_qualities, value, &reference, m0 * gain) &&
           value > m0 * gain &&
           copy_candidate(mr.trial_rows, mr.trial_qualities, out.new_rows, out.new_qualities)) {
         gain = value / m0;

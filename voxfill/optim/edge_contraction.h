@@ -38,10 +38,13 @@ bool contract_node(move_record& mr, unsigned node, const dense1D<unsigned>& neig
 // The rows of `old_rows` with a (and b) put onto c (b == c: a onto its neighbour b); rows that
 // hold two of them drop out. True when every row is above `floor` and the merit is positive.
 // With `reference` set, the merit's reference is taken from `old_rows` (and `reference` cleared)
-// once the rows pass the floor, before the merit is rated.
+// once the rows pass the floor, before the merit is rated. With a `bar` of 0 or more, a collapse
+// whose merit cannot beat it, whatever its lengths, is false without them: the caller takes only
+// a merit over the bar.
 bool collapse_onto(move_record& mr, unsigned a, unsigned b, unsigned c,
                    const dense1D<unsigned>& neighbours, double floor,
                    const dense2D<unsigned>& old_rows, dense2D<unsigned>& rows,
-                   dense1D<double>& qualities, double& merit, bool* reference = nullptr) noexcept;
+                   dense1D<double>& qualities, double& merit, bool* reference = nullptr,
+                   double bar = -1.0) noexcept;
 
 }  // namespace kelvo::voxfill
