@@ -97,8 +97,8 @@ void clear_candidate(contraction_candidate& out) noexcept {
 bool collapse_onto(move_record& mr, unsigned a, unsigned b, unsigned c,
                    const dense1D<unsigned>& neighbours, double floor,
                    const dense2D<unsigned>& old_rows, dense2D<unsigned>& rows,
-                   dense1D<double>& qualities, double& merit, bool* reference,
-                   double bar) noexcept {
+                   dense1D<double>& qualities, double& merit, bool* reference, double bar,
+                   const dense1D<unsigned>* nodes) noexcept {
   const mesh_store& m = mr.store;
   merit = 0.0;
   qualities.clear();
@@ -158,7 +158,10 @@ bool collapse_onto(move_record& mr, unsigned a, unsigned b, unsigned c,
   reshape(rows, 4, kept);
   if (!rate(true)) return false;
   if (reference && *reference) {
-    mr.merit.merit_reference(old_rows);
+    if (nodes)
+      mr.merit.merit_reference(old_rows, *nodes, a);
+    else
+      mr.merit.merit_reference(old_rows);
     *reference = false;
   }
   // The topology first: the worst length only lowers the blend, so that a collapse that cannot
@@ -203,7 +206,7 @@ bool collapse_onto(move_record& mr, unsigned a, unsigned b, unsigned c,
 bool contract_node(move_record& mr, unsigned node, const dense1D<unsigned>& neighbours,
                    unsigned tries, double floor, const dense2D<unsigned>& old_rows,
                    dense2D<unsigned>& rows, dense1D<double>& qualities, double& merit,
-                   unsigned& kept_node, const dense1D<double>* lengths) noexcept {
+                   unsigned& kept_node, const dense1D<double>* lengths, bool ball) noexcept {
   const mesh_store& m = mr.store;
   reshape(rows, 4, 0);
   qualities.clear();
@@ -234,7 +237,7 @@ bool contract_node(move_record& mr, unsigned node, const dense1D<unsigned>& neig
     const unsigned n = neighbours[order[k]];
     double value = 0.0;
     if (collapse_onto(mr, node, n, n, neighbours, floor, old_rows, mr.trial_rows,
-                      mr.trial_qualities, value, &reference, merit) &&
+                      mr.trial_qualities, value, &reference, merit, ball ? &neighbours : nullptr) &&
         value > merit && copy_candidate(mr.trial_rows, mr.trial_qualities, rows, qualities)) {
       merit = value;
       kept_node = n;
@@ -302,7 +305,7 @@ bool try_contract(move_record& mr, unsigned t, unsigned k, double s, double qual
       bool reference = true;
       double value = 0.0;
       if (collapse_onto(mr, a, b, c, mr.near, floor, out.old_rows, mr.trial_rows,
-                        mr.trial_qualities, value, &reference, m0 * gain) &&
+                        mr.trial_qualities, value, &reference, m0 * gain, &mr.near) &&
           value > m0 * gain &&
           copy_candidate(mr.trial_rows, mr.trial_qualities, out.new_rows, out.new_qualities)) {
         gain = value / m0;
@@ -326,7 +329,7 @@ bool try_contract(move_record& mr, unsigned t, unsigned k, double s, double qual
     const double m0 = merit.merit_blend(s_e, q_e);
     double value = m0 * gain;
     if (contract_node(mr, e, near, tries, floor, out.old_rows, out.new_rows, out.new_qualities,
-                      value, out.kept_node, lengths.size ? &lengths : nullptr) &&
+                      value, out.kept_node, lengths.size ? &lengths : nullptr, true) &&
         out.new_rows.cols) {
       gain = value / m0;
       return true;

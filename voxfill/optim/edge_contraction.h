@@ -29,22 +29,25 @@ bool try_contract(move_record& mr, unsigned t, unsigned k, double s, double qual
 
 // `node` onto the best of its `tries` nearest `neighbours` whose collapse beats `merit` (in: the
 // bar; out: the merit reached). True when rows were produced. `lengths`, when given, holds
-// metric_length from `node` to each neighbour, in their order.
+// metric_length from `node` to each neighbour, in their order. With `ball`, the neighbours are
+// the other nodes of `old_rows`, ascending, each once (as the contraction lists them).
 bool contract_node(move_record& mr, unsigned node, const dense1D<unsigned>& neighbours,
                    unsigned tries, double floor, const dense2D<unsigned>& old_rows,
                    dense2D<unsigned>& rows, dense1D<double>& qualities, double& merit,
-                   unsigned& kept_node, const dense1D<double>* lengths = nullptr) noexcept;
+                   unsigned& kept_node, const dense1D<double>* lengths = nullptr,
+                   bool ball = false) noexcept;
 
 // The rows of `old_rows` with a (and b) put onto c (b == c: a onto its neighbour b); rows that
 // hold two of them drop out. True when every row is above `floor` and the merit is positive.
 // With `reference` set, the merit's reference is taken from `old_rows` (and `reference` cleared)
 // once the rows pass the floor, before the merit is rated. With a `bar` of 0 or more, a collapse
 // whose merit cannot beat it, whatever its lengths, is false without them: the caller takes only
-// a merit over the bar.
+// a merit over the bar. With `nodes`, the reference's nodes are those listed and `a`: the
+// distinct nodes of `old_rows`, ascending, with or without `a`.
 bool collapse_onto(move_record& mr, unsigned a, unsigned b, unsigned c,
                    const dense1D<unsigned>& neighbours, double floor,
                    const dense2D<unsigned>& old_rows, dense2D<unsigned>& rows,
                    dense1D<double>& qualities, double& merit, bool* reference = nullptr,
-                   double bar = -1.0) noexcept;
+                   double bar = -1.0, const dense1D<unsigned>* nodes = nullptr) noexcept;
 
 }  // namespace kelvo::voxfill

@@ -157,6 +157,37 @@ void move_merit::merit_reference(const dense2D<unsigned>& old_rows) noexcept {
   if (hard_base != 1.0) old_hard_share = hard_share(old_rows);
 }
 
+void move_merit::merit_reference(const dense2D<unsigned>& old_rows, const dense1D<unsigned>& nodes,
+                                 unsigned extra) noexcept {
+  if (!valence_records.size || (worst_exponent == 0.0 && mean_exponent == 0.0) || !old_rows.cols ||
+      !fit_nodes.reserve(nodes.size + 1)) {
+    merit_reference(old_rows);
+    return;
+  }
+  old_count = old_rows.cols;
+  if (reshape(old_rows_copy, 4, old_rows.cols))
+    for (unsigned j = 0; j < old_rows.cols; ++j)
+      std::copy_n(old_rows.col(j), 4, old_rows_copy.col(j));
+  else
+    old_rows_copy.clear();
+  // The list as it is, with `extra` put in its place unless it is there.
+  unsigned* out = fit_nodes.begin();
+  unsigned size = 0;
+  bool placed = extra == NONE;
+  for (unsigned k = 0; k < nodes.size; ++k) {
+    const unsigned v = nodes[k];
+    if (!placed && extra <= v) {
+      if (extra < v) out[size++] = extra;
+      placed = true;
+    }
+    out[size++] = v;
+  }
+  if (!placed) out[size++] = extra;
+  fit_nodes.size = size;
+  fits(false, old_worst_fit, old_mean_fit);
+  if (hard_base != 1.0) old_hard_share = hard_share(old_rows);
+}
+
 void move_merit::shell_reference(const dense2D<unsigned>& old_rows, unsigned a, unsigned b,
                                  const dense1D<unsigned>& ring) noexcept {
   if (!valence_records.size || (worst_exponent == 0.0 && mean_exponent == 0.0) || !old_rows.cols ||

@@ -119,6 +119,10 @@ struct move_merit {
   double hard_share(const dense2D<unsigned>& rows) const noexcept;
   // Remembers the old state that candidates are compared to.
   void merit_reference(const dense2D<unsigned>& old_rows) noexcept;
+  // merit_reference of rows whose distinct nodes are `nodes` (ascending) and `extra` (NONE:
+  // none), known to the caller: the list is taken without a pass over the rows.
+  void merit_reference(const dense2D<unsigned>& old_rows, const dense1D<unsigned>& nodes,
+                       unsigned extra) noexcept;
   // merit_reference of the closed shell of (a, b) on `ring`, whose rows are `old_rows`: their
   // nodes are the ends and the ring's, listed here without a pass over the rows.
   void shell_reference(const dense2D<unsigned>& old_rows, unsigned a, unsigned b,
