@@ -168,6 +168,9 @@ void reconnect_patterns(move_record& mr, unsigned a, unsigned b, const dense1D<u
   // up once the first pattern passes the quality limit; most rings have none.
   unsigned hard = 0, hard_ends = 0;
   bool hard_known = false;
+  // The ring's nodes in a local array, which the stores of the rows cannot alias.
+  unsigned nodes[6] = {};
+  if (r <= 6) std::copy_n(ring.begin(), r, nodes);
   // Patterns that have a slot at or under the limit: they fail whatever their other rows give.
   unsigned dead = 0;
   for (unsigned p = 0; p < count; ++p) {
@@ -191,7 +194,7 @@ void reconnect_patterns(move_record& mr, unsigned a, unsigned b, const dense1D<u
           const unsigned d = row_slots[next];
           if (seen[d >> 6] >> (d & 63) & 1) continue;
           const unsigned char* t = slots.nodes[d];
-          const unsigned i = ring[t[0]], j = ring[t[1]], k = ring[t[2]];
+          const unsigned i = nodes[t[0]], j = nodes[t[1]], k = nodes[t[2]];
           unsigned* w = n + 4 * lanes;
           if (t[3] == 0)
             w[0] = i, w[1] = j, w[2] = k, w[3] = a;
