@@ -132,17 +132,22 @@ bool pattern_rows(unsigned a, unsigned b, const dense1D<unsigned>& ring, unsigne
   if (p >= pattern_count(r)) return false;
   const shell_pattern& pat = pattern_of(r, p);
   if (!reshape(rows, 4, 2 * r - 4) || !reshape(edges, 2, r - 3)) return false;
-  for (unsigned t = 0; t + 2 < r; ++t) {
-    const unsigned i = ring[pat.triangles[t][0]], j = ring[pat.triangles[t][1]],
-                   k = ring[pat.triangles[t][2]];
-    unsigned* up = rows.col(2 * t);
-    up[0] = i, up[1] = j, up[2] = k, up[3] = a;
-    unsigned* down = rows.col(2 * t + 1);
-    down[0] = k, down[1] = j, down[2] = i, down[3] = b;
+  // The nodes in a local array, which the stores of the rows cannot alias; both lists packed.
+  unsigned nodes[6];
+  std::copy_n(ring.begin(), r, nodes);
+  unsigned* w = rows.col(0);
+  for (unsigned t = 0; t + 2 < r; ++t, w += 8) {
+    const unsigned i = nodes[pat.triangles[t][0]], j = nodes[pat.triangles[t][1]],
+                   k = nodes[pat.triangles[t][2]];
+    w[0] = i, w[1] = j, w[2] = k, w[3] = a;
+    w[4] = k, w[5] = j, w[6] = i, w[7] = b;
   }
-  for (unsigned d = 0; d + 3 < r; ++d) {
-    edges(0, d) = ring[pat.diagonals[d][0]];
-    edges(1, d) = ring[pat.diagonals[d][1]];
+  if (r > 3) {
+    unsigned* e = edges.col(0);
+    for (unsigned d = 0; d + 3 < r; ++d, e += 2) {
+      e[0] = nodes[pat.diagonals[d][0]];
+      e[1] = nodes[pat.diagonals[d][1]];
+    }
   }
   return true;
 }
