@@ -198,6 +198,34 @@ VOXFILL_AVX2 inline void refined_solution(__m256d C0, __m256d C1, __m256d C2, __
   out3[2] = out[2];
 }
 
+// The walks' face tests of P (broadcast in p) in a tet, face f in lane f, from the nodes by lanes;
+// bit f of the result: P is beyond face f by more than `limit`. The lanes do the scalar operations
+// one for one and in the same order (nothing fused), so the mask has the same bits. Face f is
+// D_f = w . (u x v) with w, u, v the rows of the table below, the nodes seen from P permuted, and
+// face 2 takes the sign turned.
+VOXFILL_AVX2 inline int beyond_faces_lanes(__m256d x, __m256d y, __m256d z, const __m256d* p,
+                                           __m256d limit, __m256d turn) noexcept {
+  const __m256d d[3] = {_mm256_sub_pd(x, p[0]), _mm256_sub_pd(y, p[1]), _mm256_sub_pd(z, p[2])};
+  // Lanes: w = (d1, d2, d1, d2), u = (d2, d0, d0, d1), v = (d3, d3, d3, d0).
+  constexpr int W = 1 | 2 << 2 | 1 << 4 | 2 << 6;
+  constexpr int U = 2 | 0 << 2 | 0 << 4 | 1 << 6;
+  constexpr int V = 3 | 3 << 2 | 3 << 4 | 0 << 6;
+  __m256d w[3], u[3], v[3];
+  for (unsigned k = 0; k < 3; ++k) {
+    w[k] = _mm256_permute4x64_pd(d[k], W);
+    u[k] = _mm256_permute4x64_pd(d[k], U);
+    v[k] = _mm256_permute4x64_pd(d[k], V);
+  }
+  const __m256d c0 = _mm256_sub_pd(_mm256_mul_pd(u[1], v[2]), _mm256_mul_pd(u[2], v[1]));
+  const __m256d c1 = _mm256_sub_pd(_mm256_mul_pd(u[2], v[0]), _mm256_mul_pd(u[0], v[2]));
+  const __m256d c2 = _mm256_sub_pd(_mm256_mul_pd(u[0], v[1]), _mm256_mul_pd(u[1], v[0]));
+  const __m256d D =
+      _mm256_xor_pd(_mm256_add_pd(_mm256_add_pd(_mm256_mul_pd(w[0], c0), _mm256_mul_pd(w[1], c1)),
+                                  _mm256_mul_pd(w[2], c2)),
+                    turn);
+  return _mm256_movemask_pd(_mm256_cmp_pd(D, limit, _CMP_GT_OQ));
+}
+
 // tet_quality of the tet whose edge vectors a, b, c from its fourth point are lanes 0 to 2 of x,
 // y and z (lane 3 is a again), given S1 = (L0, L1, L2, dab), their first dot products: its dot
 // products, Gram determinants and square roots in lanes, the scalar operations one for one and in

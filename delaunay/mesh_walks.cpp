@@ -459,33 +459,6 @@ VOXFILL_AVX2 inline void node_lanes(const __m256d* r, __m256d& x, __m256d& y, __
   z = _mm256_permute2f128_pd(lo01, lo23, 0x31);
 }
 
-// beyond_faces with face f in lane f, from the nodes by lanes. The lanes do the scalar operations
-// one for one and in the same order (nothing fused), so the mask has the same bits. Face f is
-// D_f = w . (u x v) with w, u, v the rows of the table below, the nodes seen from P permuted, and
-// face 2 takes the sign turned.
-VOXFILL_AVX2 inline int beyond_faces_lanes(__m256d x, __m256d y, __m256d z, const __m256d* p,
-                                           __m256d limit, __m256d turn) noexcept {
-  const __m256d d[3] = {_mm256_sub_pd(x, p[0]), _mm256_sub_pd(y, p[1]), _mm256_sub_pd(z, p[2])};
-  // Lanes: w = (d1, d2, d1, d2), u = (d2, d0, d0, d1), v = (d3, d3, d3, d0).
-  constexpr int W = 1 | 2 << 2 | 1 << 4 | 2 << 6;
-  constexpr int U = 2 | 0 << 2 | 0 << 4 | 1 << 6;
-  constexpr int V = 3 | 3 << 2 | 3 << 4 | 0 << 6;
-  __m256d w[3], u[3], v[3];
-  for (unsigned k = 0; k < 3; ++k) {
-    w[k] = _mm256_permute4x64_pd(d[k], W);
-    u[k] = _mm256_permute4x64_pd(d[k], U);
-    v[k] = _mm256_permute4x64_pd(d[k], V);
-  }
-  const __m256d c0 = _mm256_sub_pd(_mm256_mul_pd(u[1], v[2]), _mm256_mul_pd(u[2], v[1]));
-  const __m256d c1 = _mm256_sub_pd(_mm256_mul_pd(u[2], v[0]), _mm256_mul_pd(u[0], v[2]));
-  const __m256d c2 = _mm256_sub_pd(_mm256_mul_pd(u[0], v[1]), _mm256_mul_pd(u[1], v[0]));
-  const __m256d D =
-      _mm256_xor_pd(_mm256_add_pd(_mm256_add_pd(_mm256_mul_pd(w[0], c0), _mm256_mul_pd(w[1], c1)),
-                                  _mm256_mul_pd(w[2], c2)),
-                    turn);
-  return _mm256_movemask_pd(_mm256_cmp_pd(D, limit, _CMP_GT_OQ));
-}
-
 // beyond_faces_lanes from the rows of the nodes (x, y and z in lanes 0 to 2, lane 3 0.0) and P's
 // row: the products of beyond_faces one for one, the cross products by lanes as cross3 forms them
 // and the dot products summed across lanes by pairs. The z term is summed with lane 3's 0.0 first,
@@ -621,7 +594,7 @@ template <bool keep>
     int mask;
     if constexpr (keep) {
       node_lanes(r, x, y, z);
-      mask = beyond_faces_lanes(x, y, z, p, _mm256_set1_pd(V * tol), turn);
+      mask = avx_lanes::beyond_faces_lanes(x, y, z, p, _mm256_set1_pd(V * tol), turn);
     } else {
       mask = beyond_faces_rows(r, prow, _mm256_set1_pd(V * tol), turn);
     }
@@ -671,9 +644,9 @@ inline bool start_tet(node_locator& loc, const double* P, unsigned& t) noexcept 
 [[gnu::always_inline]] VOXFILL_AVX2 inline int memo_faces(const walk_memo& memo, const double* P,
                                                           double tol) noexcept {
   const __m256d p[3] = {_mm256_set1_pd(P[0]), _mm256_set1_pd(P[1]), _mm256_set1_pd(P[2])};
-  return beyond_faces_lanes(_mm256_load_pd(memo.nodes[0]), _mm256_load_pd(memo.nodes[1]),
-                            _mm256_load_pd(memo.nodes[2]), p, _mm256_set1_pd(memo.V * tol),
-                            _mm256_set_pd(0.0, -0.0, 0.0, 0.0));
+  return avx_lanes::beyond_faces_lanes(
+      _mm256_load_pd(memo.nodes[0]), _mm256_load_pd(memo.nodes[1]), _mm256_load_pd(memo.nodes[2]),
+      p, _mm256_set1_pd(memo.V * tol), _mm256_set_pd(0.0, -0.0, 0.0, 0.0));
 }
 
 // locate_tet through the memo: a walk that starts in the memo's tet takes its first step from the
@@ -748,8 +721,8 @@ VOXFILL_AVX2 int locate_side_avx2(const double* const* q, const double* P, doubl
   const __m256d p[3] = {_mm256_set1_pd(P[0]), _mm256_set1_pd(P[1]), _mm256_set1_pd(P[2])};
   __m256d x, y, z;
   node_lanes(r, x, y, z);
-  const int mask =
-      beyond_faces_lanes(x, y, z, p, _mm256_set1_pd(V * tol), _mm256_set_pd(0.0, -0.0, 0.0, 0.0));
+  const int mask = avx_lanes::beyond_faces_lanes(x, y, z, p, _mm256_set1_pd(V * tol),
+                                                 _mm256_set_pd(0.0, -0.0, 0.0, 0.0));
   return first_face(mask, start);
 }
 #endif

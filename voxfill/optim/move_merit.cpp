@@ -157,12 +157,13 @@ void move_merit::merit_reference(const dense2D<unsigned>& old_rows) noexcept {
   if (hard_base != 1.0) old_hard_share = hard_share(old_rows);
 }
 
-void move_merit::merit_reference(const dense2D<unsigned>& old_rows, const dense1D<unsigned>& nodes,
-                                 unsigned extra) noexcept {
+// The start of a reference whose fit nodes the caller lists: false, after the plain reference,
+// where there is nothing to list or no room for `room` nodes.
+bool move_merit::start_listed_reference(const dense2D<unsigned>& old_rows, unsigned room) noexcept {
   if (!valence_records.size || (worst_exponent == 0.0 && mean_exponent == 0.0) || !old_rows.cols ||
-      !fit_nodes.reserve(nodes.size + 1)) {
+      !fit_nodes.reserve(room)) {
     merit_reference(old_rows);
-    return;
+    return false;
   }
   old_count = old_rows.cols;
   if (reshape(old_rows_copy, 4, old_rows.cols))
@@ -170,6 +171,17 @@ void move_merit::merit_reference(const dense2D<unsigned>& old_rows, const dense1
       std::copy_n(old_rows.col(j), 4, old_rows_copy.col(j));
   else
     old_rows_copy.clear();
+  return true;
+}
+
+void move_merit::end_listed_reference(const dense2D<unsigned>& old_rows) noexcept {
+  fits(false, old_worst_fit, old_mean_fit);
+  if (hard_base != 1.0) old_hard_share = hard_share(old_rows);
+}
+
+void move_merit::merit_reference(const dense2D<unsigned>& old_rows, const dense1D<unsigned>& nodes,
+                                 unsigned extra) noexcept {
+  if (!start_listed_reference(old_rows, nodes.size + 1)) return;
   // The list as it is, with `extra` put in its place unless it is there.
   unsigned* out = fit_nodes.begin();
   unsigned size = 0;
@@ -184,23 +196,12 @@ void move_merit::merit_reference(const dense2D<unsigned>& old_rows, const dense1
   }
   if (!placed) out[size++] = extra;
   fit_nodes.size = size;
-  fits(false, old_worst_fit, old_mean_fit);
-  if (hard_base != 1.0) old_hard_share = hard_share(old_rows);
+  end_listed_reference(old_rows);
 }
 
 void move_merit::shell_reference(const dense2D<unsigned>& old_rows, unsigned a, unsigned b,
                                  const dense1D<unsigned>& ring) noexcept {
-  if (!valence_records.size || (worst_exponent == 0.0 && mean_exponent == 0.0) || !old_rows.cols ||
-      !fit_nodes.reserve(ring.size + 2)) {
-    merit_reference(old_rows);
-    return;
-  }
-  old_count = old_rows.cols;
-  if (reshape(old_rows_copy, 4, old_rows.cols))
-    for (unsigned j = 0; j < old_rows.cols; ++j)
-      std::copy_n(old_rows.col(j), 4, old_rows_copy.col(j));
-  else
-    old_rows_copy.clear();
+  if (!start_listed_reference(old_rows, ring.size + 2)) return;
   // Each row of the shell is (a, b) and two ring nodes, and each ring node is in a row: the
   // distinct nodes of the rows, sorted, are those of this short list.
   unsigned* list = fit_nodes.begin();
@@ -217,8 +218,7 @@ void move_merit::shell_reference(const dense2D<unsigned>& old_rows, unsigned a, 
   add(b);
   for (unsigned i = 0; i < ring.size; ++i) add(ring[i]);
   fit_nodes.size = size;
-  fits(false, old_worst_fit, old_mean_fit);
-  if (hard_base != 1.0) old_hard_share = hard_share(old_rows);
+  end_listed_reference(old_rows);
 }
 
 double move_merit::topology_factor(const dense2D<unsigned>& new_rows, bool same_nodes,

@@ -149,6 +149,8 @@ struct move_merit {
   void fits(bool trial, double& worst, double& mean) const noexcept;
   // fit_nodes = the sorted distinct nodes of the rows.
   void collect_fit_nodes(const dense2D<unsigned>& rows) noexcept;
+  bool start_listed_reference(const dense2D<unsigned>& old_rows, unsigned room) noexcept;
+  void end_listed_reference(const dense2D<unsigned>& old_rows) noexcept;
   // The same by a sort of all entries: without room for the marks.
   void fit_nodes_by_sort(const dense2D<unsigned>& rows) noexcept;
 };

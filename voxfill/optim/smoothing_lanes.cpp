@@ -249,6 +249,20 @@ VOXFILL_AVX inline double least_lane(__m256d a) noexcept {
   return std::min(_mm_cvtsd_f64(half), _mm_cvtsd_f64(_mm_unpackhi_pd(half, half)));
 }
 
+// The squared lengths from p (broadcast) to four edge ends, each lane summed from 0.0 as dist2
+// sums it.
+VOXFILL_AVX inline __m256d squared_lengths(__m256d px, __m256d py, __m256d pz,
+                                           const double* const* ends) noexcept {
+  __m256d x, y, z;
+  gather_points(ends[0], ends[1], ends[2], ends[3], x, y, z);
+  x = _mm256_sub_pd(px, x);
+  y = _mm256_sub_pd(py, y);
+  z = _mm256_sub_pd(pz, z);
+  return _mm256_add_pd(
+      _mm256_add_pd(_mm256_add_pd(_mm256_setzero_pd(), _mm256_mul_pd(x, x)), _mm256_mul_pd(y, y)),
+      _mm256_mul_pd(z, z));
+}
+
 // cached_edge_fit four edges at a time, each lane as the scalar code rounds it; the minimum of
 // values that are never NaN does not hang on the order they are met in.
 VOXFILL_AVX double edge_fit_quad(const double* p, const double* const* ends, const double* means,
@@ -257,14 +271,7 @@ VOXFILL_AVX double edge_fit_quad(const double* p, const double* const* ends, con
   const __m256d zero = _mm256_setzero_pd();
   __m256d s = _mm256_set1_pd(1.0);
   for (unsigned e0 = 0; e0 < count; e0 += 4) {
-    __m256d x, y, z;
-    gather_points(ends[e0], ends[e0 + 1], ends[e0 + 2], ends[e0 + 3], x, y, z);
-    x = _mm256_sub_pd(px, x);
-    y = _mm256_sub_pd(py, y);
-    z = _mm256_sub_pd(pz, z);
-    const __m256d d2 =
-        _mm256_add_pd(_mm256_add_pd(_mm256_add_pd(zero, _mm256_mul_pd(x, x)), _mm256_mul_pd(y, y)),
-                      _mm256_mul_pd(z, z));
+    const __m256d d2 = squared_lengths(px, py, pz, ends + e0);
     const __m256d d = _mm256_sqrt_pd(d2), mean = _mm256_loadu_pd(means + e0);
     const __m256d inner =
         _mm256_and_pd(_mm256_cmp_pd(mean, zero, _CMP_GT_OQ), _mm256_div_pd(d, mean));
@@ -288,14 +295,7 @@ VOXFILL_AVX void edge_terms_quad(const double* p, double h, const double* const*
   const bool sized = ratios && h > 0.0;
   double sum = d2_sum;
   for (unsigned e0 = 0; e0 < count; e0 += 4) {
-    __m256d x, y, z;
-    gather_points(ends[e0], ends[e0 + 1], ends[e0 + 2], ends[e0 + 3], x, y, z);
-    x = _mm256_sub_pd(px, x);
-    y = _mm256_sub_pd(py, y);
-    z = _mm256_sub_pd(pz, z);
-    const __m256d d2 =
-        _mm256_add_pd(_mm256_add_pd(_mm256_add_pd(zero, _mm256_mul_pd(x, x)), _mm256_mul_pd(y, y)),
-                      _mm256_mul_pd(z, z));
+    const __m256d d2 = squared_lengths(px, py, pz, ends + e0);
     low = _mm256_min_pd(d2, low);
     alignas(32) double v[4];
     _mm256_store_pd(v, d2);

@@ -500,28 +500,10 @@ struct plain_trial {
 // 0 when P lies in the tet.
 [[gnu::always_inline]] VOXFILL_AVX2 inline int memo_faces(const walk_memo& memo,
                                                           const double* P) noexcept {
-  const __m256d d[3] = {_mm256_sub_pd(_mm256_load_pd(memo.nodes[0]), _mm256_set1_pd(P[0])),
-                        _mm256_sub_pd(_mm256_load_pd(memo.nodes[1]), _mm256_set1_pd(P[1])),
-                        _mm256_sub_pd(_mm256_load_pd(memo.nodes[2]), _mm256_set1_pd(P[2]))};
-  // Lanes: w = (d1, d2, d1, d2), u = (d2, d0, d0, d1), v = (d3, d3, d3, d0); face 2 takes the
-  // sign turned.
-  constexpr int W = 1 | 2 << 2 | 1 << 4 | 2 << 6;
-  constexpr int U = 2 | 0 << 2 | 0 << 4 | 1 << 6;
-  constexpr int V = 3 | 3 << 2 | 3 << 4 | 0 << 6;
-  __m256d w[3], u[3], v[3];
-  for (unsigned k = 0; k < 3; ++k) {
-    w[k] = _mm256_permute4x64_pd(d[k], W);
-    u[k] = _mm256_permute4x64_pd(d[k], U);
-    v[k] = _mm256_permute4x64_pd(d[k], V);
-  }
-  const __m256d c0 = _mm256_sub_pd(_mm256_mul_pd(u[1], v[2]), _mm256_mul_pd(u[2], v[1]));
-  const __m256d c1 = _mm256_sub_pd(_mm256_mul_pd(u[2], v[0]), _mm256_mul_pd(u[0], v[2]));
-  const __m256d c2 = _mm256_sub_pd(_mm256_mul_pd(u[0], v[1]), _mm256_mul_pd(u[1], v[0]));
-  const __m256d D =
-      _mm256_xor_pd(_mm256_add_pd(_mm256_add_pd(_mm256_mul_pd(w[0], c0), _mm256_mul_pd(w[1], c1)),
-                                  _mm256_mul_pd(w[2], c2)),
-                    _mm256_set_pd(0.0, -0.0, 0.0, 0.0));
-  return _mm256_movemask_pd(_mm256_cmp_pd(D, _mm256_set1_pd(memo.V * LOCATE_TOL), _CMP_GT_OQ));
+  const __m256d p[3] = {_mm256_set1_pd(P[0]), _mm256_set1_pd(P[1]), _mm256_set1_pd(P[2])};
+  return avx_lanes::beyond_faces_lanes(
+      _mm256_load_pd(memo.nodes[0]), _mm256_load_pd(memo.nodes[1]), _mm256_load_pd(memo.nodes[2]),
+      p, _mm256_set1_pd(memo.V * LOCATE_TOL), _mm256_set_pd(0.0, -0.0, 0.0, 0.0));
 }
 
 // A look-up of the field at P from `tet` that the walk would answer in the memo's tet at its

@@ -259,18 +259,8 @@ bool field_length(size_field& f, const double* P, unsigned tP, double hP, const 
 bool longer_than(size_field& f, const double* P, unsigned tP, double hP, const double* Q,
                  unsigned tQ, double hQ, double limit) noexcept {
   if (f.direct_lengths) {
-    // The logarithmic mean lies between the geometric and the arithmetic means of the sizes
-    // (log_mean's series keeps to that far within the margins): the logarithm is needed only
-    // when the distance lies between the limit times those. The margins keep the rounding of
-    // the mean from turning an answer; the bounds keep the squares normal.
-    const double lo = hP < hQ ? hP : hQ, hi = hP < hQ ? hQ : hP;
-    const double near = limit * lo, far = limit * hi;
-    if (near > 1e-150 && far < 1e150) {
-      const double d2 = geometry_detail::dist2<3>(P, Q);
-      const double mean = 0.5 * (near + far);
-      if (d2 > mean * mean * (1.0 + 1e-9)) return true;
-      if (d2 < near * far * (1.0 - 1e-9)) return false;
-    }
+    const unsigned v = edge_verdict(P, hP, Q, hQ, limit);
+    if (v != EDGE_ASK) return v == EDGE_LONG;
     return direct_length(P, hP, Q, hQ) > limit;
   }
   // An edge whose length can't be traced counts as too long.

@@ -3,6 +3,7 @@
 // sampled where the walk can't follow it, into the polyline held by the field's scratch.
 #pragma once
 
+#include "delaunay/geometry.h"
 #include "voxfill/refine/size_field.h"
 
 namespace kelvo::voxfill {
@@ -39,6 +40,26 @@ bool trace_steps(size_field& f, const double* P, const double* Q, unsigned t, do
 // NONE. False (L = 0.0) when the trace failed.
 bool field_length(size_field& f, const double* P, unsigned tP, double hP, const double* Q,
                   unsigned tQ, double hQ, double& L) noexcept;
+
+// Whether P Q is longer than `limit` when its length is the distance over the logarithmic mean of
+// the sizes, decided without the logarithm where it can be: EDGE_LONG, EDGE_SHORT, or EDGE_ASK
+// when only the logarithm tells. That mean lies between the geometric and the arithmetic means of
+// the sizes (log_mean's series keeps to that far within the margins), so the limit times those
+// bound the reach; the margins are far above the rounding of the mean and of the squares, and the
+// bounds keep the squares normal.
+enum : unsigned { EDGE_SHORT = 0, EDGE_LONG = 1, EDGE_ASK = 2 };
+inline unsigned edge_verdict(const double* P, double hP, const double* Q, double hQ,
+                             double limit) noexcept {
+  const double lo = hP < hQ ? hP : hQ, hi = hP < hQ ? hQ : hP;
+  const double near = limit * lo, far = limit * hi;
+  if (near > 1e-150 && far < 1e150) {
+    const double d2 = geometry_detail::dist2<3>(P, Q);
+    const double mean = 0.5 * (near + far);
+    if (d2 > mean * mean * (1.0 + 1e-9)) return EDGE_LONG;
+    if (d2 < near * far * (1.0 - 1e-9)) return EDGE_SHORT;
+  }
+  return EDGE_ASK;
+}
 
 // True when the length of P Q is above `limit`, or can't be traced. Traces little further than
 // the limit, so that the cost does not grow with the segment.

@@ -44,7 +44,6 @@ struct refine_context {
   dense1D<unsigned> local_nodes, local_index;
   dense1D<unsigned> size_stamps;
   dense2D<unsigned> new_tet_rows;
-  dense1D<unsigned> falling_rows;  // the local nodes of each new tet in falling order
   // Soft edges found too long in tets given up, by (smaller node, larger node), with their length
   // in the size field: the last step splits them.
   std::map<std::pair<unsigned, unsigned>, double> long_edges;

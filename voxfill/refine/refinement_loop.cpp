@@ -161,26 +161,6 @@ void next_clear_rows(refine_context& c) noexcept {
   c.clear_rows_known = true;
 }
 
-// The verdicts of one edge over the mesh itself, by bounds of longer_than's mean: the edge is
-// long, short, or needs the logarithm of longer_than. The logarithmic mean of two sizes lies
-// between their geometric and arithmetic means (log_mean's series keeps to that far within the
-// margins), so the limit times those bound the reach; the margins are far above the rounding of
-// the mean and of the squares.
-enum : unsigned { EDGE_SHORT = 0, EDGE_LONG = 1, EDGE_ASK = 2 };
-
-unsigned edge_verdict(const double* P, double hP, const double* Q, double hQ,
-                      double limit) noexcept {
-  const double lo = hP < hQ ? hP : hQ, hi = hP < hQ ? hQ : hP;
-  const double near = limit * lo, far = limit * hi;
-  if (near > 1e-150 && far < 1e150) {
-    const double d2 = geometry_detail::dist2<3>(P, Q);
-    const double mean = 0.5 * (near + far);
-    if (d2 > mean * mean * (1.0 + 1e-9)) return EDGE_LONG;
-    if (d2 < near * far * (1.0 - 1e-9)) return EDGE_SHORT;
-  }
-  return EDGE_ASK;
-}
-
 // The six edges of a tet as pairs of its places, in the order of the lanes below: first each
 // place with the next one round, then the two diagonals.
 constexpr unsigned EDGE_PLACES[6][2] = {{0, 1}, {1, 2}, {2, 3}, {3, 0}, {0, 2}, {1, 3}};
