@@ -149,22 +149,10 @@ bool ball_walk(const unsigned* tets, std::size_t tld, const unsigned* nbs, std::
     const unsigned* n = tets + (stride ? std::size_t(stride) * t : tld * t);
     const unsigned* nb4 = nbs + (stride ? std::size_t(stride) * t : nld * t);
     o[no++] = t;
+    // Every face but those opposite the node's places (one in a proper row).
     const unsigned at = node_bits(n, node);
-    if (at == 1 || at == 2 || at == 4 || at == 8) {
-      for (unsigned k = 4; k-- > 0;) {
-        if (at >> k & 1) continue;
-        const unsigned nb = nb4[k];
-        if (nb == NONE) {
-          closed = false;
-        } else if (mk[nb] != mv) {
-          mk[nb] = mv;
-          st[ns++] = nb;
-        }
-      }
-      continue;
-    }
     for (unsigned k = 4; k-- > 0;) {
-      if (n[k] == node) continue;
+      if (at >> k & 1) continue;
       const unsigned nb = nb4[k];
       if (nb == NONE) {
         closed = false;
